@@ -85,7 +85,7 @@ MereClient* AppState::makeClient() {
     if (m_useMock)
         return new MockClient(m_config.mockTiming, std::nullopt, this);
     const QUrl baseURL(m_baseURLString, QUrl::StrictMode);
-    if (m_baseURLString.isEmpty() || !baseURL.isValid() || baseURL.isRelative() || !m_config.makeRelayClient)
+    if (m_baseURLString.isEmpty() || !baseURL.isValid() || baseURL.isRelative())
         return nullptr;
     return m_config.makeRelayClient(baseURL, m_token, this);
 }
@@ -98,6 +98,17 @@ void AppState::replaceClient(MereClient* client) {
     }
     ++m_clientGeneration;
     m_client = client;
+}
+
+void AppState::connectToRelay(RelayClient* client) {
+    m_relayClient = client;
+    if (!client)
+        return;
+    setBaseURLString(client->baseURL().toString(QUrl::FullyEncoded));
+    setToken(client->token().value_or(QString()));
+    // In demo mode the running demo client stays; the relay is remembered for later.
+    if (!m_useMock)
+        connect();
 }
 
 void AppState::disconnectQueue() {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "QuillmereDesktop/Auth/RelayClient.h"
 #include "QuillmereDesktop/common/PreferencesStore.h"
 #include "QuillmereDesktop/queue/MereClient.h"
+#include "QuillmereDesktop/queue/MereCloudClient.h"
 #include "QuillmereDesktop/queue/MockClient.h"
 #include "QuillmereDesktop/queue/Snapshot.h"
 
@@ -83,6 +85,7 @@ public:
     bool alwaysOnTop() const { return m_alwaysOnTop; }
     const QString& terminalWorkingDirectory() const { return m_terminalWorkingDirectory; }
     MereClient* client() const { return m_client; }
+    RelayClient* relayClient() const { return m_relayClient; }
 
     // The selected interrupt as the present snapshot holds it; absent once it has left.
     std::optional<Interrupt> selectedInterrupt() const;
@@ -97,6 +100,8 @@ public:
 
     // Builds the queue client for the present settings, replacing the one before.
     Q_INVOKABLE void connect();
+    // Adopts the signed-in relay client: its URL and token become the queue's.
+    void connectToRelay(RelayClient* client);
     // Drops the queue client; the last snapshot stays on hand.
     Q_INVOKABLE void disconnectQueue();
     // Moves one screen up: item to queue, queue to home.
@@ -141,6 +146,8 @@ private:
     bool m_alwaysOnTop = true;
     QString m_terminalWorkingDirectory;
     QPointer<MereClient> m_client;
+    // Owned by the sign-in store; only remembered here.
+    QPointer<RelayClient> m_relayClient;
     // Bumped at every client change, so that a callback queued by an old client is dropped.
     quint64 m_clientGeneration = 0;
 };

@@ -165,15 +165,6 @@ private slots:
         QCOMPARE(m_fake->connectCount, 1);
     }
 
-    void relayModeWithoutAFactoryHasNoClientAndIsOffline() {
-        AppStateConfig c = config();
-        c.makeRelayClient = nullptr;
-        AppState state(m_prefs, c);
-        state.connect();
-        QVERIFY(!state.client());
-        QVERIFY(!state.online());
-    }
-
     void anInvalidRelayURLClearsTheClient() {
         AppState state(m_prefs, config());
         state.connect();
