@@ -74,7 +74,7 @@ std::optional<QString> RelayProcessManager::pythonPath() const {
         candidates << QDir(folder).filePath(QStringLiteral("python/bin/python3"));
     for (const QString& folder : m_config.searchPath.split(QLatin1Char(':'), Qt::SkipEmptyParts))
         candidates << QDir(folder).filePath(QStringLiteral("python3"));
-    candidates << QStringLiteral("/usr/bin/python3") << QStringLiteral("/usr/local/bin/python3");
+    candidates << m_config.systemInterpreters;
     return firstExisting(candidates, true);
 }
 

@@ -26,6 +26,8 @@ struct RelayProcessConfig {
     QString sourceRoot;
     // The process's PATH, searched for python3.
     QString searchPath;
+    // The usual places of a system interpreter, tried after PATH.
+    QStringList systemInterpreters{QStringLiteral("/usr/bin/python3"), QStringLiteral("/usr/local/bin/python3")};
     // The per-user data folder that holds the relay's database and settings.
     QString supportDirectory;
     int port = defaultPort;

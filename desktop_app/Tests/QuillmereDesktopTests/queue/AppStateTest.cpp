@@ -223,6 +223,46 @@ private slots:
         QCOMPARE(state.snapshot().interrupts.at(0).id, "fresh");
     }
 
+    void connectToRelayAdoptsItsURLAndToken() {
+        AppState state(m_prefs, config());
+        RelayClient relay(QUrl("http://127.0.0.1:9123/"), QString("tok-9"));
+        state.connectToRelay(&relay);
+        QCOMPARE(state.relayClient(), &relay);
+        QCOMPARE(state.baseURLString(), "http://127.0.0.1:9123/");
+        QCOMPARE(m_prefs.stringValue("baseURL"), QString("http://127.0.0.1:9123/"));
+        QCOMPARE(state.token(), "tok-9");
+        QCOMPARE(state.client(), m_fake.data());
+        RelayClient signedOut(QUrl("http://127.0.0.1:9123/"), std::nullopt);
+        state.connectToRelay(&signedOut);
+        QCOMPARE(state.token(), "");
+    }
+
+    void inDemoModeConnectToRelayStoresButKeepsTheDemoClient() {
+        m_prefs.setBool("standaloneQueueDefaultV1", true);
+        m_prefs.setBool("useMock", true);
+        AppState state(m_prefs, config());
+        MereClient* demo = state.client();
+        RelayClient relay(QUrl("http://127.0.0.1:9123/"), QString("tok-9"));
+        state.connectToRelay(&relay);
+        QCOMPARE(state.baseURLString(), "http://127.0.0.1:9123/");
+        QCOMPARE(state.token(), "tok-9");
+        QCOMPARE(state.client(), demo);
+        QVERIFY(!m_fake);
+    }
+
+    void theDefaultRelayClientIsTheLiveQueue() {
+        AppStateConfig c = config();
+        c.makeRelayClient = AppStateConfig{}.makeRelayClient;
+        AppState state(m_prefs, c);
+        RelayClient relay(QUrl("http://127.0.0.1:9/"), QString("tok"));
+        state.connectToRelay(&relay);
+        auto* live = qobject_cast<MereCloudClient*>(state.client());
+        QVERIFY(live);
+        QCOMPARE(live->baseURL(), QUrl("http://127.0.0.1:9/"));
+        QCOMPARE(live->token(), "tok");
+        state.disconnectQueue();
+    }
+
     void disconnectQueueKeepsTheLastSnapshot() {
         AppState state(m_prefs, config());
         state.connect();

@@ -57,9 +57,10 @@ void ScriptedHttpServer::Exchange::breakStream() {
         m_socket->abort();
 }
 
-ScriptedHttpServer::ScriptedHttpServer(QObject* parent) : QObject(parent) {
+ScriptedHttpServer::ScriptedHttpServer(QObject* parent, const QHostAddress& address)
+    : QObject(parent), m_address(address) {
     connect(&m_server, &QTcpServer::newConnection, this, &ScriptedHttpServer::onConnection);
-    m_server.listen(QHostAddress::LocalHost, 0);
+    m_server.listen(address, 0);
 }
 
 ScriptedHttpServer::~ScriptedHttpServer() {
@@ -72,7 +73,7 @@ ScriptedHttpServer::~ScriptedHttpServer() {
 }
 
 QUrl ScriptedHttpServer::url() const {
-    return QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(m_server.serverPort()));
+    return QUrl(QStringLiteral("http://%1:%2/").arg(m_address.toString()).arg(m_server.serverPort()));
 }
 
 void ScriptedHttpServer::replyAlways(int status, const QByteArray& body) {

@@ -46,7 +46,7 @@ public:
 
     using Handler = std::function<void(const Request&, Exchange&)>;
 
-    explicit ScriptedHttpServer(QObject* parent = nullptr);
+    explicit ScriptedHttpServer(QObject* parent = nullptr, const QHostAddress& address = QHostAddress::LocalHost);
     ~ScriptedHttpServer() override;
 
     // The base URL, ending in a slash.
@@ -68,6 +68,7 @@ private:
     void onReadable(QTcpSocket* socket);
 
     QTcpServer m_server;
+    QHostAddress m_address;
     Handler m_handler;
     QList<Request> m_requests;
     QList<Exchange> m_streams;
