@@ -5,6 +5,7 @@
 #include "QuillmereDesktop/Auth/RelayProcessManager.h"
 #include "QuillmereDesktop/Auth/SecretStore.h"
 #include "QuillmereDesktop/common/PreferencesStore.h"
+#include "QuillmereDesktop/common/QmlSingleton.h"
 
 #include <QObject>
 #include <QPointer>
@@ -31,7 +32,7 @@ struct AuthStoreConfig {
 class AuthStore : public QObject {
     Q_OBJECT
     QML_ELEMENT
-    QML_UNCREATABLE("AuthStore is created once by the application")
+    QML_SINGLETON
     Q_PROPERTY(State state READ state NOTIFY stateChanged)
     Q_PROPERTY(QString authError READ authErrorText NOTIFY authErrorChanged)
     Q_PROPERTY(QString relayURLString READ relayURLString WRITE setRelayURLString NOTIFY relayURLStringChanged)
@@ -39,6 +40,9 @@ class AuthStore : public QObject {
     Q_PROPERTY(QString userEmail READ userEmail NOTIFY stateChanged)
 
 public:
+    // QML sees the one instance the application made.
+    static AuthStore* create(QQmlEngine* qml, QJSEngine* js) { return QmlSingleton<AuthStore>::create(qml, js); }
+
     enum class State { checking, relayUnreachable, needsEmail, codeSent, needsSecondFactor, signedIn };
     Q_ENUM(State)
 

@@ -2,6 +2,7 @@
 
 #include "QuillmereDesktop/Auth/AuthStore.h"
 
+#include <QMetaEnum>
 #include <QObject>
 #include <QPointer>
 #include <QtQml/qqmlregistration.h>
@@ -12,6 +13,7 @@ class LoginViewModel : public QObject {
     QML_ELEMENT
     Q_PROPERTY(AuthStore* auth READ auth WRITE setAuth NOTIFY authChanged)
     Q_PROPERTY(Card card READ card NOTIFY cardChanged)
+    Q_PROPERTY(QString cardName READ cardName NOTIFY cardChanged)
     Q_PROPERTY(QString email READ email WRITE setEmail NOTIFY emailChanged)
     Q_PROPERTY(QString code READ code WRITE setCode NOTIFY codeChanged)
     Q_PROPERTY(bool isRetrying READ isRetrying NOTIFY isRetryingChanged)
@@ -75,6 +77,8 @@ public:
     AuthStore* auth() const { return m_auth; }
     void setAuth(AuthStore* auth);
     Card card() const;
+    // The card's case name, for the screen to compare against.
+    QString cardName() const { return QString::fromLatin1(QMetaEnum::fromType<Card>().valueToKey(int(card()))); }
     const QString& email() const { return m_email; }
     void setEmail(const QString& email);
     const QString& code() const { return m_code; }

@@ -6,8 +6,10 @@
 #include "QuillmereDesktop/queue/MereCloudClient.h"
 #include "QuillmereDesktop/queue/MockClient.h"
 #include "QuillmereDesktop/queue/Snapshot.h"
+#include "QuillmereDesktop/common/QmlSingleton.h"
 
 #include <QDir>
+#include <QMetaEnum>
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -27,9 +29,11 @@ struct AppStateConfig {
     MockClient::Timing mockTiming;
     // The folder under which "Quillmere" is the default working folder.
     QString homeDirectory = QDir::homePath();
-    // Builds the live queue client for a relay URL and token. Without one, relay mode
-    // has no queue source and shows offline.
-    std::function<MereClient*(const QUrl& baseURL, const QString& token, QObject* parent)> makeRelayClient;
+    // Builds the live queue client for a relay URL and token.
+    std::function<MereClient*(const QUrl& baseURL, const QString& token, QObject* parent)> makeRelayClient =
+        [](const QUrl& baseURL, const QString& token, QObject* parent) -> MereClient* {
+        return new MereCloudClient(baseURL, token, parent);
+    };
 };
 
 // The one observable object behind the queue: the last snapshot, the connection flag,
@@ -38,9 +42,10 @@ struct AppStateConfig {
 class AppState : public QObject {
     Q_OBJECT
     QML_ELEMENT
-    QML_UNCREATABLE("AppState is created once by the application")
+    QML_SINGLETON
     Q_PROPERTY(bool online READ online NOTIFY onlineChanged)
     Q_PROPERTY(Screen screen READ screen WRITE setScreen NOTIFY screenChanged)
+    Q_PROPERTY(QString screenName READ screenName NOTIFY screenChanged)
     Q_PROPERTY(QString selectedInterruptId READ selectedInterruptIdText NOTIFY selectedInterruptIdChanged)
     Q_PROPERTY(QString sentToast READ sentToastText NOTIFY sentToastChanged)
     Q_PROPERTY(bool useMock READ useMock WRITE setUseMock NOTIFY useMockChanged)
@@ -50,6 +55,9 @@ class AppState : public QObject {
                    NOTIFY terminalWorkingDirectoryChanged)
 
 public:
+    // QML sees the one instance the application made.
+    static AppState* create(QQmlEngine* qml, QJSEngine* js) { return QmlSingleton<AppState>::create(qml, js); }
+
     enum class Screen { home, queue, item };
     Q_ENUM(Screen)
 
@@ -77,6 +85,8 @@ public:
     const Snapshot& snapshot() const { return m_snapshot; }
     bool online() const { return m_online; }
     Screen screen() const { return m_screen; }
+    // The screen's case name, for the views to compare against.
+    QString screenName() const { return QString::fromLatin1(QMetaEnum::fromType<Screen>().valueToKey(int(m_screen))); }
     const std::optional<QString>& selectedInterruptId() const { return m_selectedInterruptId; }
     const std::optional<QString>& sentToast() const { return m_sentToast; }
     bool useMock() const { return m_useMock; }

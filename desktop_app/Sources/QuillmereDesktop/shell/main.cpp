@@ -1,3 +1,12 @@
+#include "QuillmereDesktop/Auth/AuthStore.h"
+#include "QuillmereDesktop/Auth/KeychainSecretStore.h"
+#include "QuillmereDesktop/Auth/RelayProcessManager.h"
+#include "QuillmereDesktop/common/QmlSingleton.h"
+#include "QuillmereDesktop/common/SettingsPreferencesStore.h"
+#include "QuillmereDesktop/queue/AppState.h"
+#include "QuillmereDesktop/shell/RootController.h"
+#include "QuillmereDesktop/terminal/CLIStatusStore.h"
+
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QtQml/qqmlextensionplugin.h>
@@ -5,12 +14,30 @@
 Q_IMPORT_QML_PLUGIN(QuillmerePlugin)
 
 int main(int argc, char* argv[]) {
-    QGuiApplication app(argc, argv);
+    QGuiApplication application(argc, argv);
     QGuiApplication::setOrganizationName(QStringLiteral("Quillmere"));
     QGuiApplication::setApplicationName(QStringLiteral("Quillmere"));
+    QGuiApplication::setApplicationDisplayName(QStringLiteral("Quillmere"));
+
+    // The long-lived objects, made once and kept for the life of the process.
+    SettingsPreferencesStore preferences;
+    KeychainSecretStore secrets;
+    RelayProcessManager& relay = RelayProcessManager::shared();
+    AppState app(preferences);
+    AuthStore auth(preferences, secrets, &relay);
+    CLIStatusStore cli;
+    RootController root(app, auth, cli);
+
+    QmlSingleton<AppState>::set(&app);
+    QmlSingleton<AuthStore>::set(&auth);
+    QmlSingleton<CLIStatusStore>::set(&cli);
+    QmlSingleton<RootController>::set(&root);
+
+    // A relay this process started ends with it; one that was already running stays.
+    QObject::connect(&application, &QCoreApplication::aboutToQuit, &relay, &RelayProcessManager::terminateOwned);
 
     QQmlApplicationEngine engine;
-    engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/shell/Main.qml")));
+    engine.load(QUrl(qEnvironmentVariableIsSet("QM_ROOT") ? qEnvironmentVariable("QM_ROOT") : QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;
     return QGuiApplication::exec();
