@@ -1,0 +1,39 @@
+"""Time in one place: the epoch seconds the relay stores, and the ISO 8601 text it sends.
+
+Dates leave the relay in whole seconds with the zone letter Z, because the queue
+client refuses a date with fractional seconds.
+"""
+
+import datetime
+import time
+
+
+def now():
+    """Seconds since the epoch; tests replace this module attribute to move time."""
+    return time.time()
+
+
+def iso(seconds):
+    moment = datetime.datetime.fromtimestamp(int(seconds), tz=datetime.timezone.utc)
+    return moment.strftime("%Y-%m-%dT%H:%M:%SZ")
+
+
+def now_iso():
+    return iso(now())
+
+
+def parse_iso(text):
+    """Seconds since the epoch for an ISO 8601 date with a zone, or None."""
+    if not isinstance(text, str) or len(text) < 20 or len(text) > 40:
+        return None
+    candidate = text[:-1] + "+00:00" if text[-1] in "zZ" else text
+    try:
+        moment = datetime.datetime.fromisoformat(candidate)
+    except ValueError:
+        return None
+    if moment.tzinfo is None or "T" not in candidate.upper():
+        return None
+    try:
+        return moment.timestamp()
+    except (OverflowError, OSError, ValueError):
+        return None
