@@ -82,6 +82,8 @@ class StreamClosed(Exception):
 
 class RelayHandler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+    # Answers to unparseable request lines still carry a status line and headers.
+    default_request_version = "HTTP/1.0"
     # A client that stalls mid-request does not hold a thread for ever.
     timeout = 120
 
@@ -168,31 +170,53 @@ class RelayHandler(http.server.BaseHTTPRequestHandler):
         return 200
 
     def _read_body(self, method):
-        if self.headers.get("Transfer-Encoding"):
-            self.close_connection = True
-            raise ApiError(411, "send the body with a Content-Length, not a transfer encoding")
-        text = self.headers.get("Content-Length")
-        if not text:
-            return b""
-        try:
-            length = int(text)
-        except ValueError:
-            self.close_connection = True
-            raise ApiError(400, "Content-Length must be a whole number") from None
-        if length < 0:
-            self.close_connection = True
-            raise ApiError(400, "Content-Length must be a whole number")
-        if length > MAX_BODY_BYTES:
-            # The body is left unread, so this connection cannot carry another request.
-            self.close_connection = True
-            raise ApiError(413, f"request body is larger than {MAX_BODY_BYTES} bytes")
-        body = self.rfile.read(length) if length else b""
-        if len(body) < length:
-            self.close_connection = True
-            raise ApiError(400, "request body ended early")
+        if "chunked" in (self.headers.get("Transfer-Encoding") or "").lower():
+            body = self._read_chunked()
+        else:
+            body = self._read_sized()
         if method not in _BODY_METHODS and body.strip():
             raise ApiError(400, f"a {method} request takes no body")
         return body
+
+    def _refuse(self, status, message):
+        # A body left unread or half read means this connection cannot carry another request.
+        self.close_connection = True
+        return ApiError(status, message)
+
+    def _read_sized(self):
+        text = self.headers.get("Content-Length")
+        if not text:
+            return b""
+        if not text.strip().isdigit() or len(text) > 20:
+            raise self._refuse(400, "Content-Length must be a whole number")
+        length = int(text)
+        if length > MAX_BODY_BYTES:
+            raise self._refuse(413, f"request body is larger than {MAX_BODY_BYTES} bytes")
+        body = self.rfile.read(length) if length else b""
+        if len(body) < length:
+            raise self._refuse(400, "request body ended early")
+        return body
+
+    def _read_chunked(self):
+        parts, total = [], 0
+        while True:
+            line = self.rfile.readline(1024)
+            try:
+                size = int(line.split(b";", 1)[0].strip(), 16)
+            except ValueError:
+                raise self._refuse(400, "malformed chunked body") from None
+            if size == 0:
+                break
+            total += size
+            if total > MAX_BODY_BYTES:
+                raise self._refuse(413, f"request body is larger than {MAX_BODY_BYTES} bytes")
+            chunk = self.rfile.read(size)
+            if len(chunk) < size or self.rfile.readline(3) not in (b"\r\n", b"\n"):
+                raise self._refuse(400, "malformed chunked body")
+            parts.append(chunk)
+        while self.rfile.readline(1024) not in (b"\r\n", b"\n", b""):
+            pass
+        return b"".join(parts)
 
     def _fail(self, error):
         headers = dict(error.headers)
