@@ -159,6 +159,8 @@ class Stream:
     def __init__(self, relay, token):
         self.conn = relay.connection(timeout=30)
         self.conn.request("GET", "/v1/stream", headers={"Authorization": "Bearer " + token})
+        # The response takes the socket over; keep it to cut the stream from the test's thread.
+        self.sock = self.conn.sock
         self.response = self.conn.getresponse()
         self.status = self.response.status
         self.headers = dict(self.response.getheaders())
@@ -193,7 +195,7 @@ class Stream:
 
     def close(self):
         try:
-            self.conn.sock and self.conn.sock.shutdown(2)
+            self.sock.shutdown(2)
         except OSError:
             pass
         self.conn.close()

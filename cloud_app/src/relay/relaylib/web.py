@@ -86,6 +86,9 @@ class RelayHandler(http.server.BaseHTTPRequestHandler):
     default_request_version = "HTTP/1.0"
     # A client that stalls mid-request does not hold a thread for ever.
     timeout = 120
+    # Headers and body go out in separate writes; without this, Nagle's algorithm and the
+    # client's delayed acknowledgement hold every small answer back by tens of milliseconds.
+    disable_nagle_algorithm = True
 
     def do_GET(self):
         self._dispatch("GET")
