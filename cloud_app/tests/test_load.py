@@ -113,7 +113,11 @@ def bad_requests(token, rng):
                    {"source": ["desktop"]}, {"name": None, "root_path": 7},
                    {"chunks": [{"seq": 2**63, "stream": "output", "data": "x", "ts": "t"}]},
                    {"email": "a@b.c", "code": ["123456"]}, {"mfa_ticket": 1, "code": "1"},
-                   {"verdict": "approve", "decided_at": "9999-99-99T99:99:99Z"}]
+                   {"verdict": "approve", "decided_at": "9999-99-99T99:99:99Z"},
+                   {"run_id": "r", "run_name": "n", "kind": "question", "prompt": "p",
+                    "expires_at": "0001-01-01T00:00:00+01:00"},
+                   {"run_id": "r", "run_name": "n", "kind": "question", "prompt": "p",
+                    "expires_at": "9999-12-31T23:59:59-05:00"}]
     requests = []
     for number in range(1000):
         choice = number % 6

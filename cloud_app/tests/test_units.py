@@ -25,6 +25,15 @@ class DefaultsTest(unittest.TestCase):
         self.assertEqual(totp.STEP_SECONDS, 30)
         self.assertEqual(totp.DRIFT_STEPS, 1)
         self.assertEqual(totp.DIGITS, 6)
+        self.assertEqual(config.EXPIRY_SWEEP_SECONDS, 1.0)
+        self.assertEqual(config.CODE_RATE_LIMIT_PER_EMAIL, 5)
+        self.assertEqual(config.CODE_RATE_LIMIT_PER_IP, 20)
+        self.assertEqual(config.CODE_RATE_WINDOW_SECONDS, 600.0)
+        self.assertEqual(config.MFA_TICKET_TTL_SECONDS, 600.0)
+        self.assertEqual(config.MFA_MAX_ATTEMPTS, 5)
+        self.assertEqual(config.SESSION_TTL_SECONDS, 30 * 24 * 3600.0)
+        self.assertEqual(config.HEALTH_WINDOW, 20)
+        self.assertEqual(hub.MAX_BACKLOG, 256)
         self.assertEqual(permission_hook.WAIT_SECONDS, 300.0)
         self.assertEqual(permission_hook.POLL_SECONDS, 60.0)
 
@@ -110,8 +119,13 @@ class ClockTest(unittest.TestCase):
     def test_parse_iso(self):
         self.assertEqual(clock.parse_iso("2026-01-31T09:30:00Z"), 1769851800)
         self.assertEqual(clock.parse_iso("2026-01-31T10:30:00.250+01:00"), 1769851800.25)
-        for bad in ["2026-01-31T09:30:00", "2026-01-31", "yesterday", 5, "2026-13-01T00:00:00Z"]:
+        for bad in ["2026-01-31T09:30:00", "2026-01-31", "yesterday", 5, "2026-13-01T00:00:00Z",
+                    "0001-01-01T00:00:00+01:00", "9999-12-31T23:59:59-05:00", "1969-12-31T23:59:59Z"]:
             self.assertIsNone(clock.parse_iso(bad), bad)
+
+    def test_the_extreme_dates_accepted_can_be_written_out(self):
+        self.assertEqual(clock.iso(clock.parse_iso("9999-12-31T23:59:59Z")), "9999-12-31T23:59:59Z")
+        self.assertEqual(clock.iso(clock.parse_iso("1970-01-01T00:00:00.5Z")), "1970-01-01T00:00:00Z")
 
 
 class RoutingTest(unittest.TestCase):

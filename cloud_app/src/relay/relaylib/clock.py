@@ -13,9 +13,15 @@ def now():
     return time.time()
 
 
+# Dates outside these bounds are refused on the way in, so every stored date can be written out.
+EARLIEST = 0
+LATEST = 253402300799  # 9999-12-31T23:59:59Z
+
+
 def iso(seconds):
     moment = datetime.datetime.fromtimestamp(int(seconds), tz=datetime.timezone.utc)
-    return moment.strftime("%Y-%m-%dT%H:%M:%SZ")
+    return (f"{moment.year:04d}-{moment.month:02d}-{moment.day:02d}"
+            f"T{moment.hour:02d}:{moment.minute:02d}:{moment.second:02d}Z")
 
 
 def now_iso():
@@ -34,6 +40,7 @@ def parse_iso(text):
     if moment.tzinfo is None or "T" not in candidate.upper():
         return None
     try:
-        return moment.timestamp()
+        seconds = moment.timestamp()
     except (OverflowError, OSError, ValueError):
         return None
+    return seconds if EARLIEST <= seconds <= LATEST else None
