@@ -304,3 +304,31 @@ class MailFailureTest(RelayTestCase):
     def test_failed_delivery_is_502(self):
         status, answer, _ = self.call("POST", "v1/auth/request-code", {"email": "x@example.com"}, token=None)
         self.assertError(answer, status, 502, "could not send the sign-in code; try again later")
+
+
+class SessionExpiryTest(RelayTestCase):
+    relay_env = {"MERE_RELAY_SESSION_TTL_SECONDS": "0.5"}
+
+    def test_session_expires(self):
+        token = self.relay.local_token()
+        self.assertEqual(self.call("GET", "v1/me", token=token)[0], 200)
+        time.sleep(0.7)
+        status, answer, _ = self.call("GET", "v1/me", token=token)
+        self.assertError(answer, status, 401, "invalid or expired session token")
+
+
+class TicketExpiryTest(RelayTestCase):
+    relay_env = {"MERE_RELAY_MFA_TICKET_TTL_SECONDS": "0.4"}
+
+    def test_second_factor_ticket_expires(self):
+        result = subprocess.run([sys.executable, support.SERVER, "totp-enable", "slow@example.com",
+                                 "--db", self.relay.db_path], capture_output=True, text=True, check=True)
+        recovery = re.findall(r"^  (\S+)$", result.stdout, re.M)[0]
+        self.call("POST", "v1/auth/request-code", {"email": "slow@example.com"}, token=None)
+        code = outbox_code(self.relay, "slow@example.com")
+        ticket = self.call("POST", "v1/auth/verify-code", {"email": "slow@example.com", "code": code},
+                           token=None)[1]["mfa_ticket"]
+        time.sleep(0.6)
+        status, answer, _ = self.call("POST", "v1/auth/mfa/verify", {"mfa_ticket": ticket, "code": recovery},
+                                      token=None)
+        self.assertError(answer, status, 401, "sign-in ticket expired or unknown; start over")
