@@ -5,7 +5,6 @@ cloud_app/scripts/loadtest.py.
 """
 
 import concurrent.futures
-import http.client
 import json
 import random
 import socket
@@ -13,7 +12,7 @@ import sqlite3
 import threading
 import unittest
 
-import support
+import support  # noqa: F401  (puts the relay on the import path)
 from support import RelayTestCase
 
 QUESTION = {"run_id": "load", "run_name": "codex · workspace edits", "kind": "question", "prompt": "Go on?"}
