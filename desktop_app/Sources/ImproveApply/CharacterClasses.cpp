@@ -8,8 +8,7 @@ namespace {
 // Every member of the three classes lies in the Basic Multilingual Plane and none is a
 // surrogate, so testing UTF-16 code units one by one gives the same answer as decoding
 // code points first: a surrogate half is never a member.
-template <class Predicate>
-QStringView trimBy(QStringView s, Predicate isMember) {
+template <class Predicate> QStringView trimBy(QStringView s, Predicate isMember) {
     qsizetype begin = 0;
     qsizetype end = s.size();
     while (begin < end && isMember(s[begin].unicode()))

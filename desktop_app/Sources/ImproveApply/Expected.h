@@ -8,8 +8,7 @@ namespace improve {
 
 // A value or the error that prevented it. The module reports failures as values
 // rather than exceptions so that callers on Qt's event loop never see one unwind.
-template <class T, class E>
-class [[nodiscard]] Expected {
+template <class T, class E> class [[nodiscard]] Expected {
 public:
     Expected(T value) : m_state(std::in_place_index<0>, std::move(value)) {}
     Expected(E error) : m_state(std::in_place_index<1>, std::move(error)) {}
@@ -30,8 +29,7 @@ private:
 };
 
 // Success that carries nothing; a failure carries the error.
-template <class E>
-class [[nodiscard]] Expected<void, E> {
+template <class E> class [[nodiscard]] Expected<void, E> {
 public:
     Expected() = default;
     Expected(E error) : m_error(std::move(error)) {}

@@ -25,10 +25,7 @@ public:
     const Reason& reason() const { return m_reason; }
 
     // The error of type E, or null when the failure is of another kind.
-    template <class E>
-    const E* as() const {
-        return std::get_if<E>(&m_reason);
-    }
+    template <class E> const E* as() const { return std::get_if<E>(&m_reason); }
 
     // The sentence the person reads: the text of whichever error this is.
     QString message() const {

@@ -68,8 +68,9 @@ Expected<Plan, PlanError> planRule(const std::optional<QString>& existing, const
     const QString heading = text::trimWhiteSpace(section).toString();
     // An empty file is planned exactly as an absent one.
     if (!existing || existing->isEmpty()) {
-        const QString contents = heading.isEmpty() ? *inserted + QChar(u'\n')
-                                                   : heading + QStringLiteral("\n\n") + *inserted + QChar(u'\n');
+        const QString contents = heading.isEmpty()
+                                     ? *inserted + QChar(u'\n')
+                                     : heading + QStringLiteral("\n\n") + *inserted + QChar(u'\n');
         return planWholeFile(contents, *inserted, path);
     }
     const QStringList lines = splitLines(*existing);
@@ -79,12 +80,14 @@ Expected<Plan, PlanError> planRule(const std::optional<QString>& existing, const
         return Plan{*existing, *inserted, true, false, QString()};
 
     const auto h = indexOfHeading(heading, lines);
-    const Insertion insertion = h ? insertIntoSection(lines, *h, heading, block) : appendAtEnd(lines, heading, block);
+    const Insertion insertion =
+        h ? insertIntoSection(lines, *h, heading, block) : appendAtEnd(lines, heading, block);
     QStringList updated = insertion.old;
     for (qsizetype i = 0; i < insertion.added.size(); ++i)
         updated.insert(insertion.index + i, insertion.added[i]);
-    return Plan{joinWithFinalNewline(updated), *inserted, false, false,
-                unifiedDiff(insertion.old, updated, path, insertion.index, insertion.added.size(), kDiffContext)};
+    return Plan{
+        joinWithFinalNewline(updated), *inserted, false, false,
+        unifiedDiff(insertion.old, updated, path, insertion.index, insertion.added.size(), kDiffContext)};
 }
 
 Expected<Plan, PlanError> planSkill(const std::optional<QString>& existing, const QString& body,
@@ -98,7 +101,8 @@ Expected<Plan, PlanError> planSkill(const std::optional<QString>& existing, cons
     return planWholeFile(*inserted + QChar(u'\n'), *inserted, path);
 }
 
-std::optional<QString> undoRule(const QString& contents, const QString& insertedText, const QString& section) {
+std::optional<QString> undoRule(const QString& contents, const QString& insertedText,
+                                const QString& section) {
     const QString block = text::trimNewlines(insertedText).toString();
     const QString heading = text::trimWhiteSpace(section).toString();
     QStringList lines = splitLines(contents);

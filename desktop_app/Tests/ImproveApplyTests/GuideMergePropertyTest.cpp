@@ -74,7 +74,8 @@ bool writeUtf8(const QString& path, const QString& text) {
 
 QString readUtf8(const QString& path) {
     QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QStringLiteral("<unreadable>");
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll())
+                                          : QStringLiteral("<unreadable>");
 }
 
 } // namespace
@@ -178,9 +179,11 @@ TEST(GuideMergePropertyTest, TheSystemPatchToolAppliesEveryDiff) {
     run.setWorkingDirectory(dir.path());
     // --binary keeps carriage returns as they are; --fuzz=0 refuses any inexact context.
     run.start(patch, {QStringLiteral("-p1"), QStringLiteral("-f"), QStringLiteral("--binary"),
-                      QStringLiteral("--fuzz=0"), QStringLiteral("-s"), QStringLiteral("-i"), QStringLiteral("all.diff")});
+                      QStringLiteral("--fuzz=0"), QStringLiteral("-s"), QStringLiteral("-i"),
+                      QStringLiteral("all.diff")});
     ASSERT_TRUE(run.waitForFinished(60000));
-    ASSERT_EQ(run.exitCode(), 0) << run.readAllStandardOutput().toStdString() << run.readAllStandardError().toStdString();
+    ASSERT_EQ(run.exitCode(), 0) << run.readAllStandardOutput().toStdString()
+                                 << run.readAllStandardError().toStdString();
 
     for (const auto& [name, c, plan] : cases)
         ASSERT_EQ(readUtf8(dir.filePath(name)), plan.contents) << describe(c);

@@ -25,7 +25,8 @@ QString guide(char version, qsizetype bytes) {
     QString text;
     text.reserve(bytes + 80);
     for (int line = 0; text.size() < bytes; ++line)
-        text += QStringLiteral("- rule %1 of version %2: keep the build green\n").arg(line).arg(QChar(version));
+        text +=
+            QStringLiteral("- rule %1 of version %2: keep the build green\n").arg(line).arg(QChar(version));
     return text;
 }
 
@@ -93,8 +94,9 @@ TEST(GuideWriterAtomicityTest, AReaderNeverSeesAPartialFileWhileARuleIsAppliedAn
     const QString without = QStringLiteral("## Rules\n") + guide('A', kGuideBytes);
     const QString with = without + QStringLiteral("- run the formatter before committing\n");
     ASSERT_TRUE(files::writeAtomically(url, without).ok());
-    const auto planned = GuideWriter::plan(project.root(), QStringLiteral("AGENTS.md"), QStringLiteral("rule"),
-                                           QStringLiteral("## Rules"), QStringLiteral("- run the formatter before committing"));
+    const auto planned = GuideWriter::plan(project.root(), QStringLiteral("AGENTS.md"),
+                                           QStringLiteral("rule"), QStringLiteral("## Rules"),
+                                           QStringLiteral("- run the formatter before committing"));
     ASSERT_TRUE(planned.ok());
     ASSERT_EQ(planned->plan.contents, with);
 

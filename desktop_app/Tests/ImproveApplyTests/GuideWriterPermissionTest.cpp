@@ -47,8 +47,7 @@ std::string messageOf(const Expected<void, Failure>& result) {
     return result.ok() ? "ok" : result.error().message().toStdString();
 }
 
-template <class T>
-std::string messageOf(const Expected<T, Failure>& result) {
+template <class T> std::string messageOf(const Expected<T, Failure>& result) {
     return result.ok() ? "ok" : result.error().message().toStdString();
 }
 
@@ -59,8 +58,8 @@ TEST(GuideWriterPermissionTest, AFileThatCannotBeReadFailsToPlan) {
     project.write(QStringLiteral("AGENTS.md"), "## Rules\n");
     setMode(project.path(QStringLiteral("AGENTS.md")), 0200);
     const std::string message = asUnprivilegedUser([&] {
-        return messageOf(GuideWriter::plan(project.root(), QStringLiteral("AGENTS.md"), QStringLiteral("rule"), kRules,
-                                           QStringLiteral("- x")));
+        return messageOf(GuideWriter::plan(project.root(), QStringLiteral("AGENTS.md"),
+                                           QStringLiteral("rule"), kRules, QStringLiteral("- x")));
     });
     EXPECT_EQ(message, permissionDenied());
 }
@@ -70,7 +69,8 @@ TEST(GuideWriterPermissionTest, AFolderThatCannotBeWrittenFailsToApplyAndKeepsTh
     project.writeOpen(QStringLiteral("locked/AGENTS.md"), "## Rules\n- a\n");
     setMode(project.path(QStringLiteral("locked")), 0555);
     const QString url = project.path(QStringLiteral("locked/AGENTS.md"));
-    const GuideMerge::Plan plan{QStringLiteral("## Rules\n- a\n- x\n"), QStringLiteral("- x"), false, false, QString()};
+    const GuideMerge::Plan plan{QStringLiteral("## Rules\n- a\n- x\n"), QStringLiteral("- x"), false, false,
+                                QString()};
     const std::string message = asUnprivilegedUser([&] { return messageOf(GuideWriter::apply(url, plan)); });
     EXPECT_EQ(message, permissionDenied());
     EXPECT_EQ(project.bytes(QStringLiteral("locked/AGENTS.md")), QByteArray("## Rules\n- a\n"));
@@ -96,7 +96,8 @@ TEST(GuideWriterPermissionTest, ASkillInAFolderThatCannotBeWrittenFailsToUndo) {
     const QString url = project.path(QStringLiteral("skills/locked/SKILL.md"));
     const QString hash = GuideWriter::sha256(QStringLiteral("# Skill\n"));
     const std::string message = asUnprivilegedUser([&] {
-        return messageOf(GuideWriter::undo(url, QStringLiteral("skill"), QStringLiteral("# Skill"), QString(), hash));
+        return messageOf(
+            GuideWriter::undo(url, QStringLiteral("skill"), QStringLiteral("# Skill"), QString(), hash));
     });
     EXPECT_EQ(message, permissionDenied());
     EXPECT_EQ(project.bytes(QStringLiteral("skills/locked/SKILL.md")), QByteArray("# Skill\n"));
@@ -108,7 +109,8 @@ TEST(GuideWriterPermissionTest, ARuleInAFolderThatCannotBeWrittenFailsToUndo) {
     setMode(project.path(QStringLiteral("locked")), 0555);
     const QString url = project.path(QStringLiteral("locked/AGENTS.md"));
     const std::string message = asUnprivilegedUser([&] {
-        return messageOf(GuideWriter::undo(url, QStringLiteral("rule"), QStringLiteral("- x"), kRules, QString()));
+        return messageOf(
+            GuideWriter::undo(url, QStringLiteral("rule"), QStringLiteral("- x"), kRules, QString()));
     });
     EXPECT_EQ(message, permissionDenied());
     EXPECT_EQ(project.bytes(QStringLiteral("locked/AGENTS.md")), QByteArray("## Rules\n- a\n- x\n"));

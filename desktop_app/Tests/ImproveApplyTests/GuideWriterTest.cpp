@@ -89,7 +89,8 @@ TEST(GuideWriterPlanTest, ADirectoryAtTheTargetIsNotAFile) {
     ProjectFolder project;
     project.makeDirectory(QStringLiteral("AGENTS.md"));
     const QString url = project.path(QStringLiteral("AGENTS.md"));
-    const auto plan = GuideWriter::plan(project.root(), QStringLiteral("AGENTS.md"), kRule, kRules, QStringLiteral("- x"));
+    const auto plan =
+        GuideWriter::plan(project.root(), QStringLiteral("AGENTS.md"), kRule, kRules, QStringLiteral("- x"));
     ASSERT_FALSE(plan.ok());
     EXPECT_EQ(plan.error(), Failure(WriteError::notAFile(url)));
     EXPECT_EQ(plan.error().message(), url + QStringLiteral(" is a directory, not a file."));
@@ -101,22 +102,25 @@ TEST(GuideWriterPlanTest, ARuleWithoutParentFolderIsPlannedWithoutMakingIt) {
     EXPECT_EQ(plan.url, project.path(QStringLiteral("docs/agents/AGENTS.md")));
     EXPECT_TRUE(plan.plan.createsFile);
     EXPECT_EQ(plan.plan.contents, QStringLiteral("## Rules\n\n- x\n"));
-    EXPECT_TRUE(plan.plan.diff.startsWith(QStringLiteral("--- a/docs/agents/AGENTS.md\n+++ b/docs/agents/AGENTS.md\n")));
+    EXPECT_TRUE(plan.plan.diff.startsWith(
+        QStringLiteral("--- a/docs/agents/AGENTS.md\n+++ b/docs/agents/AGENTS.md\n")));
     EXPECT_FALSE(project.exists(QStringLiteral("docs")));
 
     const GuideWriter::Applied result = applied(plan);
     EXPECT_EQ(project.bytes(QStringLiteral("docs/agents/AGENTS.md")), QByteArray("## Rules\n\n- x\n"));
-    EXPECT_EQ(result, (GuideWriter::Applied{plan.url, QStringLiteral("- x"), GuideWriter::sha256(plan.plan.contents),
-                                            true, false}));
+    EXPECT_EQ(result, (GuideWriter::Applied{plan.url, QStringLiteral("- x"),
+                                            GuideWriter::sha256(plan.plan.contents), true, false}));
 }
 
 TEST(GuideWriterPlanTest, ResolveAndPlanErrorsPassThroughUnchanged) {
     ProjectFolder project;
-    auto plan = GuideWriter::plan(QStringLiteral(" "), QStringLiteral("/etc/passwd"), kRule, kRules, QStringLiteral("x"));
+    auto plan = GuideWriter::plan(QStringLiteral(" "), QStringLiteral("/etc/passwd"), kRule, kRules,
+                                  QStringLiteral("x"));
     ASSERT_FALSE(plan.ok());
     EXPECT_EQ(plan.error(), Failure(ResolveError::emptyRoot()));
 
-    plan = GuideWriter::plan(project.root(), QStringLiteral("AGENTS.md"), kRule, kRules, QStringLiteral("\n \n"));
+    plan = GuideWriter::plan(project.root(), QStringLiteral("AGENTS.md"), kRule, kRules,
+                             QStringLiteral("\n \n"));
     ASSERT_FALSE(plan.ok());
     EXPECT_EQ(plan.error(), Failure(PlanError::emptyBody()));
 }
@@ -129,7 +133,8 @@ TEST(GuideWriterPlanTest, AnExistingSkillIsRefusedAndAnyOtherArtifactIsARule) {
     ASSERT_FALSE(skill.ok());
     EXPECT_EQ(skill.error(), Failure(PlanError::skillAlreadyExists(QStringLiteral("skills/a/SKILL.md"))));
 
-    const auto other = planned(project, QStringLiteral("skills/a/SKILL.md"), QStringLiteral("note"), QStringLiteral("x"));
+    const auto other =
+        planned(project, QStringLiteral("skills/a/SKILL.md"), QStringLiteral("note"), QStringLiteral("x"));
     EXPECT_EQ(other.plan.contents, QStringLiteral("## Rules\n\nx\n"));
 }
 
@@ -148,8 +153,9 @@ TEST(GuideWriterApplyTest, AnAlreadyPresentPlanWritesNothingAndStillHashesTheTex
     const auto plan = planned(project, QStringLiteral("AGENTS.md"), kRule, QStringLiteral("- x"));
     ASSERT_TRUE(plan.plan.alreadyPresent);
     const GuideWriter::Applied result = applied(plan);
-    EXPECT_EQ(result, (GuideWriter::Applied{url, QStringLiteral("- x"),
-                                            GuideWriter::sha256(QStringLiteral("## Rules\n  - x\n")), false, true}));
+    EXPECT_EQ(result,
+              (GuideWriter::Applied{url, QStringLiteral("- x"),
+                                    GuideWriter::sha256(QStringLiteral("## Rules\n  - x\n")), false, true}));
     EXPECT_EQ(QFileInfo(url).lastModified().toUTC(), past);
     EXPECT_EQ(inodeOf(url), inode);
 }

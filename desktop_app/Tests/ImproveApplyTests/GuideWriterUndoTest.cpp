@@ -24,7 +24,8 @@ GuideWriter::Applied write(const ProjectFolder& project, const QString& relative
 }
 
 Expected<void, Failure> undo(const GuideWriter::Applied& applied, const QString& artifact) {
-    return GuideWriter::undo(applied.resolvedPath, artifact, applied.insertedText, kRules, applied.contentSHA256);
+    return GuideWriter::undo(applied.resolvedPath, artifact, applied.insertedText, kRules,
+                             applied.contentSHA256);
 }
 
 } // namespace
@@ -43,7 +44,8 @@ TEST(GuideWriterUndoTest, ADirectoryAtTheTargetIsNotAFile) {
 TEST(GuideWriterUndoTest, ASkillChangedByOneByteIsLeftAlone) {
     ProjectFolder project;
     const QString relative = QStringLiteral(".claude/skills/review/SKILL.md");
-    const GuideWriter::Applied applied = write(project, relative, kSkill, QStringLiteral("# Review\nRead twice."));
+    const GuideWriter::Applied applied =
+        write(project, relative, kSkill, QStringLiteral("# Review\nRead twice."));
     project.write(relative, "# Review\nRead twice!\n");
     const QStringList before = project.entries();
 
@@ -76,14 +78,16 @@ TEST(GuideWriterUndoTest, ASkillFolderThatHoldsMoreStays) {
 
 TEST(GuideWriterUndoTest, WithoutASkillsFolderTwoEmptiedLevelsGoAndTheThirdStays) {
     ProjectFolder project;
-    const GuideWriter::Applied applied = write(project, QStringLiteral("a/b/c/SKILL.md"), kSkill, QStringLiteral("x"));
+    const GuideWriter::Applied applied =
+        write(project, QStringLiteral("a/b/c/SKILL.md"), kSkill, QStringLiteral("x"));
     ASSERT_TRUE(undo(applied, kSkill).ok());
     EXPECT_EQ(project.entries(), QStringList{QStringLiteral("a")});
 }
 
 TEST(GuideWriterUndoTest, ARuleThatWasTheOnlyTextTakesTheFileButNotItsFolder) {
     ProjectFolder project;
-    const GuideWriter::Applied applied = write(project, QStringLiteral("docs/deep/AGENTS.md"), kRule, QStringLiteral("- x"));
+    const GuideWriter::Applied applied =
+        write(project, QStringLiteral("docs/deep/AGENTS.md"), kRule, QStringLiteral("- x"));
     ASSERT_EQ(project.bytes(QStringLiteral("docs/deep/AGENTS.md")), QByteArray("## Rules\n\n- x\n"));
     ASSERT_TRUE(undo(applied, kRule).ok());
     EXPECT_EQ(project.entries(), (QStringList{QStringLiteral("docs"), QStringLiteral("docs/deep")}));
@@ -92,8 +96,9 @@ TEST(GuideWriterUndoTest, ARuleThatWasTheOnlyTextTakesTheFileButNotItsFolder) {
 TEST(GuideWriterUndoTest, AFileThatIsGoneIsNoError) {
     ProjectFolder project;
     for (const QString& artifact : {kRule, kSkill}) {
-        const GuideWriter::Applied applied = write(project, QStringLiteral("x/") + artifact + QStringLiteral(".md"),
-                                                   artifact, QStringLiteral("- x"));
+        const GuideWriter::Applied applied =
+            write(project, QStringLiteral("x/") + artifact + QStringLiteral(".md"), artifact,
+                  QStringLiteral("- x"));
         ASSERT_TRUE(QFile::remove(applied.resolvedPath));
         EXPECT_TRUE(undo(applied, artifact).ok());
     }
@@ -102,17 +107,21 @@ TEST(GuideWriterUndoTest, AFileThatIsGoneIsNoError) {
 TEST(GuideWriterUndoTest, ARuleLeavesAnOtherwiseChangedFileWithAllElseKept) {
     ProjectFolder project;
     project.write(QStringLiteral("AGENTS.md"), "# T\n\n## Rules\n- a\n");
-    const GuideWriter::Applied applied = write(project, QStringLiteral("AGENTS.md"), kRule, QStringLiteral("- x\n- y"));
+    const GuideWriter::Applied applied =
+        write(project, QStringLiteral("AGENTS.md"), kRule, QStringLiteral("- x\n- y"));
     ASSERT_EQ(project.bytes(QStringLiteral("AGENTS.md")), QByteArray("# T\n\n## Rules\n- a\n- x\n- y\n"));
     // The person edits around the rule and re-indents it; the hash no longer matters.
-    project.write(QStringLiteral("AGENTS.md"), "# Title\n\n## Rules\n- a\n   - x\n\t- y\n- b\n\n## More\n- c\n");
+    project.write(QStringLiteral("AGENTS.md"),
+                  "# Title\n\n## Rules\n- a\n   - x\n\t- y\n- b\n\n## More\n- c\n");
     ASSERT_TRUE(undo(applied, kRule).ok());
-    EXPECT_EQ(project.bytes(QStringLiteral("AGENTS.md")), QByteArray("# Title\n\n## Rules\n- a\n- b\n\n## More\n- c\n"));
+    EXPECT_EQ(project.bytes(QStringLiteral("AGENTS.md")),
+              QByteArray("# Title\n\n## Rules\n- a\n- b\n\n## More\n- c\n"));
 }
 
 TEST(GuideWriterUndoTest, ARewordedRuleIsNotFoundAndTheFileIsLeftAlone) {
     ProjectFolder project;
-    const GuideWriter::Applied applied = write(project, QStringLiteral("AGENTS.md"), kRule, QStringLiteral("- x"));
+    const GuideWriter::Applied applied =
+        write(project, QStringLiteral("AGENTS.md"), kRule, QStringLiteral("- x"));
     project.write(QStringLiteral("AGENTS.md"), "## Rules\n\n- x, mostly\n");
     const auto result = undo(applied, kRule);
     ASSERT_FALSE(result.ok());
@@ -123,17 +132,20 @@ TEST(GuideWriterUndoTest, ARewordedRuleIsNotFoundAndTheFileIsLeftAlone) {
 TEST(GuideWriterUndoTest, ARuleUndoIgnoresTheHash) {
     ProjectFolder project;
     project.write(QStringLiteral("AGENTS.md"), "## Rules\n- a\n");
-    const GuideWriter::Applied applied = write(project, QStringLiteral("AGENTS.md"), kRule, QStringLiteral("- x"));
-    const auto result = GuideWriter::undo(applied.resolvedPath, kRule, applied.insertedText, kRules, QStringLiteral("0"));
+    const GuideWriter::Applied applied =
+        write(project, QStringLiteral("AGENTS.md"), kRule, QStringLiteral("- x"));
+    const auto result =
+        GuideWriter::undo(applied.resolvedPath, kRule, applied.insertedText, kRules, QStringLiteral("0"));
     ASSERT_TRUE(result.ok());
     EXPECT_EQ(project.bytes(QStringLiteral("AGENTS.md")), QByteArray("## Rules\n- a\n"));
 }
 
 TEST(GuideWriterUndoTest, ApplyThenUndoOfASkillRoundTripsAByteOrderMarkFreeFile) {
     ProjectFolder project;
-    const GuideWriter::Applied applied =
-        write(project, QStringLiteral("skills/x/SKILL.md"), kSkill, QStringLiteral("\uFEFF# caf\u00E9\r\nbody"));
-    EXPECT_EQ(project.bytes(QStringLiteral("skills/x/SKILL.md")), QByteArray("\xEF\xBB\xBF# caf\xC3\xA9\r\nbody\n"));
+    const GuideWriter::Applied applied = write(project, QStringLiteral("skills/x/SKILL.md"), kSkill,
+                                               QStringLiteral("\uFEFF# caf\u00E9\r\nbody"));
+    EXPECT_EQ(project.bytes(QStringLiteral("skills/x/SKILL.md")),
+              QByteArray("\xEF\xBB\xBF# caf\xC3\xA9\r\nbody\n"));
     EXPECT_EQ(applied.contentSHA256, GuideWriter::sha256(QStringLiteral("\uFEFF# caf\u00E9\r\nbody\n")));
     ASSERT_TRUE(undo(applied, kSkill).ok());
     EXPECT_EQ(project.entries(), QStringList{QStringLiteral("skills")});

@@ -26,8 +26,10 @@ QString diffOf(std::initializer_list<const char16_t*> body) {
 } // namespace
 
 TEST(PlanRuleTest, ABodyOfBlankLinesIsNothingToWrite) {
-    for (const std::optional<QString>& existing : {std::optional<QString>(), std::optional(QStringLiteral("# T\n- a\n"))}) {
-        for (const QString& body : {QString(), QStringLiteral("\n  \n\t\n"), QStringLiteral("\u3000\u2028\u00A0")}) {
+    for (const std::optional<QString>& existing :
+         {std::optional<QString>(), std::optional(QStringLiteral("# T\n- a\n"))}) {
+        for (const QString& body :
+             {QString(), QStringLiteral("\n  \n\t\n"), QStringLiteral("\u3000\u2028\u00A0")}) {
             const auto result = GuideMerge::planRule(existing, kRules, body, kPath);
             ASSERT_FALSE(result.ok());
             EXPECT_EQ(result.error(), PlanError::emptyBody());
@@ -45,7 +47,8 @@ TEST(PlanRuleTest, AnEmptyFileGetsTheSectionAndTheRule) {
 }
 
 TEST(PlanRuleTest, AnAbsentFileIsPlannedExactlyAsAnEmptyOne) {
-    EXPECT_EQ(planned(std::nullopt, kRules, QStringLiteral("- x")), planned(QString(), kRules, QStringLiteral("- x")));
+    EXPECT_EQ(planned(std::nullopt, kRules, QStringLiteral("- x")),
+              planned(QString(), kRules, QStringLiteral("- x")));
 }
 
 TEST(PlanRuleTest, ANewFileWithoutSectionHoldsOnlyTheRule) {
@@ -55,7 +58,8 @@ TEST(PlanRuleTest, ANewFileWithoutSectionHoldsOnlyTheRule) {
 }
 
 TEST(PlanRuleTest, TheRuleGoesAfterTheSectionTextAndTheBlankLineStays) {
-    const Plan plan = planned(QStringLiteral("# T\n\n## Rules\n- a\n\n## Next\n- b\n"), kRules, QStringLiteral("- x"));
+    const Plan plan =
+        planned(QStringLiteral("# T\n\n## Rules\n- a\n\n## Next\n- b\n"), kRules, QStringLiteral("- x"));
     EXPECT_EQ(plan.contents, QStringLiteral("# T\n\n## Rules\n- a\n- x\n\n## Next\n- b\n"));
     EXPECT_FALSE(plan.createsFile);
     EXPECT_FALSE(plan.alreadyPresent);
@@ -70,7 +74,8 @@ TEST(PlanRuleTest, ASectionFollowedAtOnceByASiblingGetsTheRuleUnderItsHeading) {
 }
 
 TEST(PlanRuleTest, ASubsectionBelongsToTheSectionSoTheRuleGoesAfterIt) {
-    const Plan plan = planned(QStringLiteral("## Rules\n- a\n### Sub\n- s\n\n## Next\n"), kRules, QStringLiteral("- x"));
+    const Plan plan =
+        planned(QStringLiteral("## Rules\n- a\n### Sub\n- s\n\n## Next\n"), kRules, QStringLiteral("- x"));
     EXPECT_EQ(plan.contents, QStringLiteral("## Rules\n- a\n### Sub\n- s\n- x\n\n## Next\n"));
     EXPECT_EQ(plan.diff,
               diffOf({u"@@ -2,5 +2,6 @@", u" - a", u" ### Sub", u" - s", u"+- x", u" ", u" ## Next"}));
@@ -80,12 +85,12 @@ TEST(PlanRuleTest, APlainSectionNameRunsToTheEndOfTheFile) {
     const Plan plan = planned(QStringLiteral("# T\nRules\n- a\n## Next\n- b\n\n"), QStringLiteral("Rules"),
                               QStringLiteral("- x"));
     EXPECT_EQ(plan.contents, QStringLiteral("# T\nRules\n- a\n## Next\n- b\n- x\n\n"));
-    EXPECT_EQ(plan.diff,
-              diffOf({u"@@ -3,4 +3,5 @@", u" - a", u" ## Next", u" - b", u"+- x", u" "}));
+    EXPECT_EQ(plan.diff, diffOf({u"@@ -3,4 +3,5 @@", u" - a", u" ## Next", u" - b", u"+- x", u" "}));
 }
 
 TEST(PlanRuleTest, APlainSectionNameIsSearchedAsAWholeLine) {
-    const Plan plan = planned(QStringLiteral("## Rules\n- a\n"), QStringLiteral("Rules"), QStringLiteral("- x"));
+    const Plan plan =
+        planned(QStringLiteral("## Rules\n- a\n"), QStringLiteral("Rules"), QStringLiteral("- x"));
     EXPECT_EQ(plan.contents, QStringLiteral("## Rules\n- a\n\nRules\n\n- x\n"));
 }
 
@@ -100,7 +105,8 @@ TEST(PlanRuleTest, AnIndentedBlockWithTrailingBlanksIsAlreadyPresent) {
 }
 
 TEST(PlanRuleTest, ACanonicallyEquivalentBlockIsAlreadyPresent) {
-    const Plan plan = planned(QStringLiteral("## Rules\n- caf\u00E9\n"), kRules, QStringLiteral("- cafe\u0301"));
+    const Plan plan =
+        planned(QStringLiteral("## Rules\n- caf\u00E9\n"), kRules, QStringLiteral("- cafe\u0301"));
     EXPECT_TRUE(plan.alreadyPresent);
 }
 
@@ -114,8 +120,7 @@ TEST(PlanRuleTest, AFileOfOneNewlineStartsWithTheEmptyLine) {
 TEST(PlanRuleTest, TrailingBlankLinesGiveWayToTheOneEmptyLine) {
     const Plan plan = planned(QStringLiteral("# T\n- a\n\n \n\t\n\n"), kRules, QStringLiteral("- x"));
     EXPECT_EQ(plan.contents, QStringLiteral("# T\n- a\n\n## Rules\n\n- x\n"));
-    EXPECT_EQ(plan.diff,
-              diffOf({u"@@ -1,2 +1,6 @@", u" # T", u" - a", u"+", u"+## Rules", u"+", u"+- x"}));
+    EXPECT_EQ(plan.diff, diffOf({u"@@ -1,2 +1,6 @@", u" # T", u" - a", u"+", u"+## Rules", u"+", u"+- x"}));
 }
 
 TEST(PlanRuleTest, WithoutSectionTheRuleFollowsOneEmptyLine) {
@@ -137,12 +142,14 @@ TEST(PlanRuleTest, OnlyLineBreaksAreTrimmedFromTheBody) {
 
 TEST(PlanRuleTest, TheHeadingIsLookedForBelowTheFirstMatch) {
     // The first line equal to the heading wins, even when a later one looks likelier.
-    const Plan plan = planned(QStringLiteral("## Rules\n- a\n## Rules\n- b\n"), kRules, QStringLiteral("- x"));
+    const Plan plan =
+        planned(QStringLiteral("## Rules\n- a\n## Rules\n- b\n"), kRules, QStringLiteral("- x"));
     EXPECT_EQ(plan.contents, QStringLiteral("## Rules\n- a\n- x\n## Rules\n- b\n"));
 }
 
 TEST(PlanRuleTest, ABlockAnywhereInTheFileCountsAsPresent) {
-    const Plan plan = planned(QStringLiteral("## Other\n- x\n## Rules\n- a\n"), kRules, QStringLiteral("- x"));
+    const Plan plan =
+        planned(QStringLiteral("## Other\n- x\n## Rules\n- a\n"), kRules, QStringLiteral("- x"));
     EXPECT_TRUE(plan.alreadyPresent);
 }
 
@@ -158,7 +165,8 @@ TEST(PlanRuleTest, AnEmptyExistingFileCreatesTheFile) {
 }
 
 TEST(PlanRuleTest, TheDiffShowsAtMostThreeLinesOfContextEachSide) {
-    const Plan plan = planned(QStringLiteral("1\n2\n3\n4\n## Rules\n5\n6\n7\n8\n9\n"), kRules, QStringLiteral("- x"));
+    const Plan plan =
+        planned(QStringLiteral("1\n2\n3\n4\n## Rules\n5\n6\n7\n8\n9\n"), kRules, QStringLiteral("- x"));
     EXPECT_EQ(plan.contents, QStringLiteral("1\n2\n3\n4\n## Rules\n5\n6\n7\n8\n9\n- x\n"));
     EXPECT_EQ(plan.diff, diffOf({u"@@ -8,3 +8,4 @@", u" 7", u" 8", u" 9", u"+- x"}));
 }

@@ -9,7 +9,8 @@ const QString kPath = QStringLiteral(".claude/skills/review/SKILL.md");
 }
 
 TEST(PlanSkillTest, ANewSkillIsTheBodyAndOneNewline) {
-    const auto plan = GuideMerge::planSkill(std::nullopt, QStringLiteral("\n# Review\n\nRead it twice.\n\n"), kPath);
+    const auto plan =
+        GuideMerge::planSkill(std::nullopt, QStringLiteral("\n# Review\n\nRead it twice.\n\n"), kPath);
     ASSERT_TRUE(plan.ok());
     EXPECT_EQ(plan->contents, QStringLiteral("# Review\n\nRead it twice.\n"));
     EXPECT_EQ(plan->insertedText, QStringLiteral("# Review\n\nRead it twice."));

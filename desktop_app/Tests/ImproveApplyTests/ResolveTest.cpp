@@ -32,7 +32,8 @@ TEST(ResolveTest, AnAbsoluteRelativePathIsRefused) {
 }
 
 TEST(ResolveTest, ABlankRootIsTestedBeforeTheRelativePath) {
-    EXPECT_EQ(failure(QStringLiteral(" \t\n\u3000"), QStringLiteral("/etc/passwd")), ResolveError::emptyRoot());
+    EXPECT_EQ(failure(QStringLiteral(" \t\n\u3000"), QStringLiteral("/etc/passwd")),
+              ResolveError::emptyRoot());
     EXPECT_EQ(failure(QString(), QStringLiteral("AGENTS.md")), ResolveError::emptyRoot());
 }
 
@@ -78,7 +79,8 @@ TEST(ResolveTest, ARelativeRootIsTakenAgainstTheWorkingDirectory) {
 TEST(ResolveTest, DotDotAtTheTopStaysAtTheTop) {
     EXPECT_EQ(resolved(QStringLiteral("/../proj"), QStringLiteral("x")), QStringLiteral("/proj/x"));
     EXPECT_EQ(resolved(QStringLiteral("/"), QStringLiteral("x")), QStringLiteral("/x"));
-    EXPECT_EQ(failure(QStringLiteral("/"), QStringLiteral("..")), ResolveError::escapesProject(QStringLiteral("..")));
+    EXPECT_EQ(failure(QStringLiteral("/"), QStringLiteral("..")),
+              ResolveError::escapesProject(QStringLiteral("..")));
 }
 
 TEST(ResolveTest, NoSymbolicLinkIsFollowed) {

@@ -10,18 +10,21 @@ const QString kRules = QStringLiteral("## Rules");
 }
 
 TEST(UndoRuleTest, TakesTheRuleOutOfASectionThatKeepsText) {
-    EXPECT_EQ(undoRule(QStringLiteral("# T\n\n## Rules\n- a\n- x\n\n## Next\n- b\n"), QStringLiteral("- x"), kRules),
+    EXPECT_EQ(undoRule(QStringLiteral("# T\n\n## Rules\n- a\n- x\n\n## Next\n- b\n"), QStringLiteral("- x"),
+                       kRules),
               QStringLiteral("# T\n\n## Rules\n- a\n\n## Next\n- b\n"));
 }
 
 TEST(UndoRuleTest, ReindentedLinesAreStillFound) {
-    EXPECT_EQ(undoRule(QStringLiteral("## Rules\n- a\n\t- x  \n\u3000- y\n"), QStringLiteral("- x\n- y"), kRules),
-              QStringLiteral("## Rules\n- a\n"));
+    EXPECT_EQ(
+        undoRule(QStringLiteral("## Rules\n- a\n\t- x  \n\u3000- y\n"), QStringLiteral("- x\n- y"), kRules),
+        QStringLiteral("## Rules\n- a\n"));
 }
 
 TEST(UndoRuleTest, ARewordedLineMeansTheRuleIsGone) {
-    EXPECT_EQ(undoRule(QStringLiteral("## Rules\n- a\n- x, please\n- y\n"), QStringLiteral("- x\n- y"), kRules),
-              std::nullopt);
+    EXPECT_EQ(
+        undoRule(QStringLiteral("## Rules\n- a\n- x, please\n- y\n"), QStringLiteral("- x\n- y"), kRules),
+        std::nullopt);
 }
 
 TEST(UndoRuleTest, TakingOutTheOnlyTextLeavesTheEmptyStringNotAbsent) {
@@ -63,8 +66,9 @@ TEST(UndoRuleTest, TheInsertedTextIsTrimmedOfLineBreaksFirst) {
 }
 
 TEST(UndoRuleTest, LeadingTextIsKeptAndTrailingBlankLinesGo) {
-    EXPECT_EQ(undoRule(QStringLiteral("\n\n  intro\n## Rules\n- a\n- x\n\n\n"), QStringLiteral("- x"), kRules),
-              QStringLiteral("\n\n  intro\n## Rules\n- a\n"));
+    EXPECT_EQ(
+        undoRule(QStringLiteral("\n\n  intro\n## Rules\n- a\n- x\n\n\n"), QStringLiteral("- x"), kRules),
+        QStringLiteral("\n\n  intro\n## Rules\n- a\n"));
 }
 
 TEST(UndoRuleTest, AFileWithoutFinalNewlineGainsOne) {

@@ -22,19 +22,23 @@ TEST(UnifiedDiffTest, NothingInsertedIsNoDiff) {
 
 TEST(UnifiedDiffTest, AnInsertionAtTheStartNumbersFromOne) {
     const QStringList old{QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("c"), QStringLiteral("d")};
-    const QStringList updated{QStringLiteral("x"), QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("c"),
-                              QStringLiteral("d")};
-    EXPECT_EQ(unifiedDiff(old, updated, kPath, 0, 1, 3), kHeader + QStringLiteral("@@ -1,3 +1,4 @@\n+x\n a\n b\n c"));
+    const QStringList updated{QStringLiteral("x"), QStringLiteral("a"), QStringLiteral("b"),
+                              QStringLiteral("c"), QStringLiteral("d")};
+    EXPECT_EQ(unifiedDiff(old, updated, kPath, 0, 1, 3),
+              kHeader + QStringLiteral("@@ -1,3 +1,4 @@\n+x\n a\n b\n c"));
 }
 
 TEST(UnifiedDiffTest, AnInsertionIntoNothingStartsAtLineZero) {
-    EXPECT_EQ(unifiedDiff({}, {QStringLiteral("x")}, kPath, 0, 1, 3), kHeader + QStringLiteral("@@ -0,0 +1,1 @@\n+x"));
+    EXPECT_EQ(unifiedDiff({}, {QStringLiteral("x")}, kPath, 0, 1, 3),
+              kHeader + QStringLiteral("@@ -0,0 +1,1 @@\n+x"));
 }
 
 TEST(UnifiedDiffTest, TheContextFollowsTheCallersCountAndAnEmptyOldRangeIsLineZero) {
     const QStringList old{QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("c")};
-    const QStringList updated{QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("x"), QStringLiteral("c")};
-    EXPECT_EQ(unifiedDiff(old, updated, kPath, 2, 1, 1), kHeader + QStringLiteral("@@ -2,2 +2,3 @@\n b\n+x\n c"));
+    const QStringList updated{QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("x"),
+                              QStringLiteral("c")};
+    EXPECT_EQ(unifiedDiff(old, updated, kPath, 2, 1, 1),
+              kHeader + QStringLiteral("@@ -2,2 +2,3 @@\n b\n+x\n c"));
     EXPECT_EQ(unifiedDiff(old, updated, kPath, 2, 1, 0), kHeader + QStringLiteral("@@ -0,0 +3,1 @@\n+x"));
 }
 

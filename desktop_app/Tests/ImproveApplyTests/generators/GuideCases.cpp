@@ -24,12 +24,13 @@ const char16_t* const kWords[][2] = {
 const char16_t* const kTitles[] = {u"Rules", u"Style", u"Build", u"Tests", u"Notes", u"Conventions"};
 
 // Horizontal white space as people's editors leave it, every kind of Zs among it.
-const char16_t* const kBlanks[] = {u" ", u" ", u" ", u"\t", u"\u00A0", u"\u2003", u"\u3000", u"\u202F",
-                                   u"\u1680", u"\u205F", u"\u2000"};
+const char16_t* const kBlanks[] = {u" ",      u" ",      u" ",      u"\t",     u"\u00A0", u"\u2003",
+                                   u"\u3000", u"\u202F", u"\u1680", u"\u205F", u"\u2000"};
 
 // Lines that look like headings and are not, or are headings only after trimming.
-const char16_t* const kLookAlikes[] = {u"##x", u"#######  deep", u"#\ttab", u"```", u"# comment in a fence",
-                                       u"\u00A0## Rules", u"####### Rules"};
+const char16_t* const kLookAlikes[] = {u"##x",          u"#######  deep",        u"#\ttab",
+                                       u"```",          u"# comment in a fence", u"\u00A0## Rules",
+                                       u"####### Rules"};
 
 // The same text in another canonically equivalent spelling, or unchanged.
 QString respelled(const QString& s, int choice) {
@@ -54,7 +55,8 @@ QString escaped(const QString& s) {
 } // namespace
 
 std::string describe(const GuideCase& c) {
-    const QString existing = c.existing ? QChar(u'"') + escaped(*c.existing) + QChar(u'"') : QStringLiteral("absent");
+    const QString existing =
+        c.existing ? QChar(u'"') + escaped(*c.existing) + QChar(u'"') : QStringLiteral("absent");
     return QStringLiteral("existing=%1 section=\"%2\" body=\"%3\"")
         .arg(existing, escaped(c.section), escaped(c.body))
         .toStdString();
@@ -174,7 +176,8 @@ QString GuideCaseGenerator::distinctRuleBody() {
         if (chance(8))
             lines << lead + QStringLiteral("#### rule note %1").arg(++m_ruleCounter);
         else
-            lines << lead + QStringLiteral("- rule %1 %2").arg(++m_ruleCounter).arg(word()) + (chance(10) ? blanks(2) : QString());
+            lines << lead + QStringLiteral("- rule %1 %2").arg(++m_ruleCounter).arg(word()) +
+                         (chance(10) ? blanks(2) : QString());
     }
     return wrapInLineBreaks(lines.join(chance(15) ? QStringLiteral("\r\n") : QStringLiteral("\n")));
 }

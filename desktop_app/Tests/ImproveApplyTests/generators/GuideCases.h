@@ -40,7 +40,6 @@ public:
     // is sometimes copied from the file, re-indented, to exercise "already present".
     GuideCase next(bool distinctBody);
 
-
 private:
     int below(int n) { return std::uniform_int_distribution<int>(0, n - 1)(m_random); }
     bool chance(int percent) { return below(100) < percent; }
