@@ -73,6 +73,7 @@ ColumnLayout {
     BannerView { text: vm.usageBanner; Layout.fillWidth: true }
     UsageRow { name: vm.claudeName; value: vm.claudeUsageText; Layout.fillWidth: true }
     UsageRow { name: vm.codexName; value: vm.codexUsageText; Layout.fillWidth: true }
+    Item { Layout.fillHeight: true }
 
     component Counter: Column {
         property int value

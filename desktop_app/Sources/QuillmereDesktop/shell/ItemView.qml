@@ -55,20 +55,35 @@ Item {
             }
 
             BannerView { text: vm.contextBanner; Layout.fillWidth: true }
-            Repeater {
-                model: vm.contextRows
-                delegate: ColumnLayout {
-                    required property var modelData
-                    Layout.fillWidth: true
-                    spacing: 1
-                    LabelText { text: modelData.label }
-                    Text {
+            GridLayout {
+                Layout.fillWidth: true
+                columns: 2
+                columnSpacing: 8
+                rowSpacing: 3
+                Repeater {
+                    model: vm.contextRows
+                    delegate: LabelText {
+                        required property var modelData
+                        required property int index
+                        Layout.row: index
+                        Layout.column: 0
+                        Layout.alignment: Qt.AlignTop
+                        text: modelData.label
+                    }
+                }
+                Repeater {
+                    model: vm.contextRows
+                    delegate: Text {
+                        required property var modelData
+                        required property int index
+                        Layout.row: index
+                        Layout.column: 1
+                        Layout.fillWidth: true
                         text: modelData.value
                         opacity: modelData.supplied ? 1 : Theme.notSuppliedOpacity
                         font.family: Theme.monoFamily
-                        font.pixelSize: Theme.bodySize
+                        font.pixelSize: Theme.labelSize
                         color: Theme.ink
-                        Layout.fillWidth: true
                         wrapMode: Text.Wrap
                     }
                 }
@@ -83,7 +98,7 @@ Item {
                 font.bold: true
                 color: Theme.ink
                 Layout.fillWidth: true
-                wrapMode: Text.WrapAnywhere
+                wrapMode: Text.WrapAtWordBoundaryOrAnywhere
             }
             Text {
                 visible: vm.runsRealAction && vm.targetLine.length > 0
@@ -101,7 +116,7 @@ Item {
                 font.pixelSize: Theme.labelSize
                 color: Theme.ink
                 Layout.fillWidth: true
-                wrapMode: Text.WrapAnywhere
+                wrapMode: Text.WrapAtWordBoundaryOrAnywhere
             }
 
             Flow {

@@ -4,7 +4,8 @@
 
 #include <algorithm>
 
-QueueViewModel::QueueViewModel(QObject* parent) : QAbstractListModel(parent), m_now(m_clock()) {
+QueueViewModel::QueueViewModel(QObject* parent) : QAbstractListModel(parent) {
+    m_now = m_clock();
     m_ticker.setInterval(defaultAgeRefresh);
     connect(&m_ticker, &QTimer::timeout, this, &QueueViewModel::tick);
     m_ticker.start();

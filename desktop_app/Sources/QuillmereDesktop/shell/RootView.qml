@@ -35,12 +35,16 @@ Rectangle {
         }
         RuleView { Layout.fillWidth: true }
 
-        Loader {
+        // All three screens stay alive: a button's own screen must not be destroyed while
+        // its click is still being handled.
+        StackLayout {
             Layout.fillWidth: true
             Layout.fillHeight: true
+            currentIndex: AppState.screenName === "queue" ? 1 : AppState.screenName === "item" ? 2 : 0
+            HomeView {}
+            QueueView {}
             // By file: QtQuick has a base type of its own named ItemView.
-            source: AppState.screenName === "queue" ? "QueueView.qml"
-                  : AppState.screenName === "item" ? "ItemView.qml" : "HomeView.qml"
+            Loader { source: "ItemView.qml" }
         }
     }
 

@@ -9,9 +9,31 @@
 
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
+#include <QQuickWindow>
 #include <QtQml/qqmlextensionplugin.h>
 
+#include <cstdio>
+
 Q_IMPORT_QML_PLUGIN(QuillmerePlugin)
+
+namespace {
+
+// For the start-up measurement: one line on standard error when the first frame of the
+// signed-in home screen has been drawn.
+void reportFirstHomeFrame(QQuickWindow* window, RootController& root, AppState& app) {
+    if (!window)
+        return;
+    auto* connection = new QMetaObject::Connection;
+    *connection = QObject::connect(window, &QQuickWindow::frameSwapped, window, [connection, &root, &app] {
+        if (!root.signedIn() || app.screen() != AppState::Screen::home)
+            return;
+        std::fprintf(stderr, "quillmere: home screen drawn\n");
+        QObject::disconnect(*connection);
+        delete connection;
+    });
+}
+
+} // namespace
 
 int main(int argc, char* argv[]) {
     QGuiApplication application(argc, argv);
@@ -37,8 +59,10 @@ int main(int argc, char* argv[]) {
     QObject::connect(&application, &QCoreApplication::aboutToQuit, &relay, &RelayProcessManager::terminateOwned);
 
     QQmlApplicationEngine engine;
-    engine.load(QUrl(qEnvironmentVariableIsSet("QM_ROOT") ? qEnvironmentVariable("QM_ROOT") : QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
+    engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;
+    if (qEnvironmentVariableIsSet("QUILLMERE_STARTUP_PROBE"))
+        reportFirstHomeFrame(qobject_cast<QQuickWindow*>(engine.rootObjects().first()), root, app);
     return QGuiApplication::exec();
 }

@@ -1,6 +1,7 @@
 import QtQuick
 import Quillmere
 import QtQuick.Controls.Basic
+import QtQuick.Layouts
 
 // A flat button in the palette: outlined, monospaced, inverted while pressed.
 Button {
@@ -15,21 +16,19 @@ Button {
         border.width: 1
         opacity: button.enabled ? 1 : 0.4
     }
-    contentItem: Row {
+    contentItem: RowLayout {
         spacing: 6
         BusyIndicator {
             visible: button.busy
             running: button.busy
-            width: 14
-            height: 14
+            implicitWidth: 14
+            implicitHeight: 14
         }
         Text {
             text: button.text
             font: button.font
             color: button.down ? Theme.paper : Theme.ink
             opacity: button.enabled ? 1 : 0.6
-            verticalAlignment: Text.AlignVCenter
-            height: parent.height
         }
     }
 }
