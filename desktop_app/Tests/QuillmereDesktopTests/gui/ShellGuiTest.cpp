@@ -86,6 +86,12 @@ private slots:
         QTRY_VERIFY(harness.showsText("or write a reply"));
         QVERIFY(harness.showsText("Billing"));
         harness.screenshot("item-question");
+
+        // The interrupt is gone (answered elsewhere): only "Nothing selected.", no way back.
+        harness.app().setSelectedInterruptId(QString("answered-elsewhere"));
+        QTRY_VERIFY(harness.showsText("Nothing selected."));
+        QVERIFY(!harness.showsText("‹ QUEUE"));
+        harness.screenshot("item-nothing-selected");
     }
 
     void liveInterruptReachesHomeAndTheDotFollowsTheRelay() {
