@@ -120,6 +120,15 @@ bool AppHarness::click(const QString& text) {
     return true;
 }
 
+bool AppHarness::clickUntil(const QString& text, const std::function<bool()>& condition) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        if (click(text) && QTest::qWaitFor(condition, 1000))
+            return true;
+        QTest::qWait(50);
+    }
+    return false;
+}
+
 QString AppHarness::screenshot(const QString& name) const {
     const QString folder = QDir::current().filePath(QStringLiteral("screenshots"));
     QDir().mkpath(folder);

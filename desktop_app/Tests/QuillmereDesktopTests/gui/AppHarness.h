@@ -15,6 +15,7 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 
+#include <functional>
 #include <memory>
 
 class AppHarness {
@@ -41,6 +42,8 @@ public:
     QStringList visibleTextsInOrder() const;
     // Clicks the centre of the first visible text with this text; false if there is none.
     bool click(const QString& text);
+    // Clicks a text until the condition holds, for screens still settling their layout.
+    bool clickUntil(const QString& text, const std::function<bool()>& condition);
     // Writes a picture of the window to the build folder's screenshots/NAME.png.
     QString screenshot(const QString& name) const;
 

@@ -52,23 +52,21 @@ private slots:
         harness.screenshot("home-demo");
 
         // Queue: oldest first.
-        QVERIFY(harness.click("Open queue"));
-        QTRY_VERIFY(harness.showsText("AURORA-MIGRATE"));
+        QVERIFY(harness.clickUntil("Open queue", [&] { return harness.showsText("AURORA-MIGRATE"); }));
         const QStringList queue = harness.visibleTextsInOrder();
         QVERIFY(queue.indexOf("AURORA-MIGRATE") < queue.indexOf("TRIAGE-BOT"));
         QVERIFY(queue.contains("NEEDS INPUT 2") || harness.showsText("needs input 2"));
         harness.screenshot("queue-demo");
 
         // Item: the approval with its real action, answered.
-        QVERIFY(harness.click("AURORA-MIGRATE"));
-        QTRY_VERIFY(harness.showsText("Delete 4 stale feature branches on origin?"));
+        QVERIFY(harness.clickUntil("AURORA-MIGRATE",
+                                   [&] { return harness.showsText("Delete 4 stale feature branches on origin?"); }));
         QVERIFY(harness.showsText("github \u00B7 GITHUB_DELETE_A_REFERENCE"));
         QVERIFY(harness.showsText("\u2192 tarnfield/quillmere"));
         QVERIFY(harness.visibleTexts("NOT SUPPLIED").size() >= 5);
         QVERIFY(!harness.showsText("or write a reply"));
         harness.screenshot("item-demo");
-        QVERIFY(harness.click("Approve"));
-        QTRY_VERIFY(harness.showsText("SENT"));
+        QVERIFY(harness.clickUntil("Approve", [&] { return harness.showsText("SENT"); }));
         harness.screenshot("toast-sent");
         QCOMPARE(harness.app().screen(), AppState::Screen::queue);
         QTRY_VERIFY(!harness.showsText("AURORA-MIGRATE"));
@@ -81,9 +79,8 @@ private slots:
         AppHarness harness({relay.url(), true});
         QVERIFY(harness.load());
         QTRY_VERIFY_WITH_TIMEOUT(harness.showsText("2 need input"), 5000);
-        harness.click("Open queue");
-        QTRY_VERIFY(harness.click("TRIAGE-BOT"));
-        QTRY_VERIFY(harness.showsText("or write a reply"));
+        QVERIFY(harness.clickUntil("Open queue", [&] { return harness.showsText("TRIAGE-BOT"); }));
+        QVERIFY(harness.clickUntil("TRIAGE-BOT", [&] { return harness.showsText("or write a reply"); }));
         QVERIFY(harness.showsText("Billing"));
         harness.screenshot("item-question");
 
