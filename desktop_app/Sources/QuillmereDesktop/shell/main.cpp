@@ -13,6 +13,7 @@
 #include <QtQml/qqmlextensionplugin.h>
 
 #include <cstdio>
+#include <memory>
 
 Q_IMPORT_QML_PLUGIN(QuillmerePlugin)
 
@@ -23,13 +24,12 @@ namespace {
 void reportFirstHomeFrame(QQuickWindow* window, RootController& root, AppState& app) {
     if (!window)
         return;
-    auto* connection = new QMetaObject::Connection;
-    *connection = QObject::connect(window, &QQuickWindow::frameSwapped, window, [connection, &root, &app] {
-        if (!root.signedIn() || app.screen() != AppState::Screen::home)
+    auto reported = std::make_shared<bool>(false);
+    QObject::connect(window, &QQuickWindow::frameSwapped, window, [reported, &root, &app] {
+        if (*reported || !root.signedIn() || app.screen() != AppState::Screen::home)
             return;
+        *reported = true;
         std::fprintf(stderr, "quillmere: home screen drawn\n");
-        QObject::disconnect(*connection);
-        delete connection;
     });
 }
 
