@@ -136,6 +136,8 @@ private slots:
         QCOMPARE(m_secrets.values.value(AuthStore::tokenAccount(localURL(server))), "tok-new");
         QCOMPARE(pathsOf(server), (QStringList{"POST /v1/auth/local"}));
         QVERIFY(!server.requests().last().hasHeader("authorization"));
+        // A relay that already answers is used as it is: nothing is started.
+        QVERIFY(!m_relay->ownsProcess());
     }
 
     void aValidTokenIsAcceptedByMe() {
