@@ -105,8 +105,10 @@ private slots:
         pipeline.capture("input", "ls -la\r");
         pipeline.capture("output", "\x1b[1mbold\x1b[0m \"quoted\" \\ tab\t\r\n");
         pipeline.capture("output", "caf\xc3\xa9 \xf0\x9f\x98\x80 \xe4\xb8\xad");
+        pipeline.capture("output", QByteArray("nul \0 and bell \a", 16));
         const QList<TerminalEventChunk> captured = pipeline.pending();
-        QCOMPARE(seqs(captured), (QList<qint64>{1, 2, 3}));
+        QCOMPARE(seqs(captured), (QList<qint64>{1, 2, 3, 4}));
+        QCOMPARE(captured[3].data.size(), 16);
         QCOMPARE(captured[1].data, QString("\x1b[1mbold\x1b[0m \"quoted\" \\ tab\t\r\n"));
         QCOMPARE(captured[2].data, QString::fromUtf8("caf\xc3\xa9 \xf0\x9f\x98\x80 \xe4\xb8\xad"));
         const QRegularExpression isoSeconds("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ$");
@@ -309,6 +311,9 @@ private slots:
         QVERIFY(!pipeline.isEnding());
         QCOMPARE(pipeline.seq(), 0);
         QCOMPARE(open.proxy->requestsTo(endPath(open.sessionId)).size(), 1);
+        // The timer that `end` cut short found nothing left to send.
+        QTest::qWait(20);
+        QCOMPARE(open.proxy->requestsTo(eventsPath(open.sessionId)).size(), 1);
         const auto session = stored(open.sessionId);
         QVERIFY(session && session->ended_at);
         QCOMPARE(session->chunks.size(), 1);
