@@ -26,8 +26,9 @@ bool holds(const AppState& app, const QString& id) {
                        [&](const Interrupt& i) { return i.id == id; });
 }
 
-// Spins the event loop until the condition holds or ten seconds pass.
-bool waitUntil(const std::function<bool()>& condition) {
+// Spins the event loop until the condition holds or ten seconds pass; it wakes on every
+// event, so the measured time is not rounded to a polling interval.
+bool spinUntil(const std::function<bool()>& condition) {
     QElapsedTimer waited;
     waited.start();
     while (!condition()) {
@@ -66,7 +67,7 @@ int main(int argc, char* argv[]) {
     AppState app(prefs, appConfig);
     await(auth.start());
     app.connectToRelay(auth.client());
-    if (!waitUntil([&] { return app.online(); })) {
+    if (!spinUntil([&] { return app.online(); })) {
         std::fprintf(stderr, "the queue did not come online\n");
         return 1;
     }
@@ -78,13 +79,13 @@ int main(int argc, char* argv[]) {
                                {"prompt", "Go?"}, {"options", QJsonArray{"Approve", "Reject"}}};
         const auto raised = await(agent.postRaw<QJsonObject>("v1/interrupts", body));
         const QString id = raised ? raised->value("id").toString() : QString();
-        if (id.isEmpty() || !waitUntil([&] { return holds(app, id); }))
+        if (id.isEmpty() || !spinUntil([&] { return holds(app, id); }))
             return 1;
         app.setSelectedInterruptId(id);
         QElapsedTimer clock;
         clock.start();
         app.submit({VerdictKind::approve, QString("Approve"), Verdict::desktopSource, QDateTime::currentDateTimeUtc()});
-        if (!waitUntil([&] { return !holds(app, id); }))
+        if (!spinUntil([&] { return !holds(app, id); }))
             return 1;
         latencies.push_back(double(clock.nsecsElapsed()) / 1e6);
     }

@@ -1,4 +1,5 @@
 #include "QuillmereDesktop/Auth/AuthStore.h"
+#include "QuillmereDesktop/agents/AgentRunStore.h"
 #include "QuillmereDesktop/Auth/KeychainSecretStore.h"
 #include "QuillmereDesktop/Auth/RelayProcessManager.h"
 #include "QuillmereDesktop/common/QmlSingleton.h"
@@ -48,14 +49,18 @@ int main(int argc, char* argv[]) {
     AppState app(preferences);
     AuthStore auth(preferences, secrets, &relay);
     CLIStatusStore cli;
+    AgentRunStore agentRuns;
     RootController root(app, auth, cli);
 
     QmlSingleton<AppState>::set(&app);
     QmlSingleton<AuthStore>::set(&auth);
     QmlSingleton<CLIStatusStore>::set(&cli);
+    QmlSingleton<AgentRunStore>::set(&agentRuns);
     QmlSingleton<RootController>::set(&root);
 
-    // A relay this process started ends with it; one that was already running stays.
+    // At quit the agents are asked to stop first; then a relay this process started ends
+    // with it, while one that was already running stays.
+    QObject::connect(&application, &QCoreApplication::aboutToQuit, &agentRuns, &AgentRunStore::terminateAll);
     QObject::connect(&application, &QCoreApplication::aboutToQuit, &relay, &RelayProcessManager::terminateOwned);
 
     QQmlApplicationEngine engine;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <QEventLoop>
+#include <QObject>
+#include <QTimer>
 #include <qcoro/qcorotask.h>
 
 #include <optional>
@@ -14,4 +17,24 @@ T await(QCoro::Task<T> task) {
 
 inline void await(QCoro::Task<> task) {
     QCoro::waitFor(std::move(task));
+}
+
+// Waits on a real event loop until `predicate` holds, or the time is up; says whether it
+// holds. Unlike polling with short sleeps, the loop wakes the moment a socket or a
+// process has something, so a chain of local network calls costs milliseconds.
+template <class Predicate>
+bool waitUntil(Predicate predicate, int timeoutMs = 10000) {
+    if (predicate())
+        return true;
+    QEventLoop loop;
+    QTimer check;
+    check.setInterval(1);
+    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+        if (predicate())
+            loop.quit();
+    });
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    check.start();
+    loop.exec();
+    return predicate();
 }
