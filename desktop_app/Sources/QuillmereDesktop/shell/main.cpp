@@ -5,6 +5,7 @@
 #include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/common/SettingsPreferencesStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
+#include "QuillmereDesktop/shell/QuitOnSignal.h"
 #include "QuillmereDesktop/shell/RootController.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
 
@@ -63,6 +64,7 @@ int main(int argc, char* argv[]) {
     QObject::connect(&application, &QCoreApplication::aboutToQuit, &agentRuns, &AgentRunStore::terminateAll);
     QObject::connect(&application, &QCoreApplication::aboutToQuit, &relay, &RelayProcessManager::terminateOwned);
 
+    QuitOnSignal quitOnSignal;
     QQmlApplicationEngine engine;
     engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
     if (engine.rootObjects().isEmpty())

@@ -8,6 +8,9 @@
 #include <QRegularExpression>
 #include <QtEndian>
 
+#include <csignal>
+#include <sys/prctl.h>
+
 RelayFixture::RelayFixture() : RelayFixture(Options{}) {}
 
 RelayFixture::RelayFixture(Options options) : m_options(std::move(options)) {}
@@ -55,6 +58,8 @@ bool RelayFixture::start() {
     m_process->setProcessEnvironment(environment);
     m_process->setProcessChannelMode(QProcess::SeparateChannels);
     m_process->setStandardErrorFile(QProcess::nullDevice());
+    // A test that crashes must not leave its relay behind.
+    m_process->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
     m_process->start(python(), {serverScript()});
     if (!m_process->waitForStarted(5000))
         return false;
