@@ -173,7 +173,7 @@ void Buffer::scroll(bool isWrapped) {
   const int top = yBase + scrollTop;
   const int bottom = yBase + scrollBottom;
   const int oldYDisp = yDisp;
-  const bool userHolds = observer != nullptr && observer->userScrolling();
+  const bool userHolds = observer != nullptr && observer->isUserScrolling();
   const BidiPresentationState bidi =
       isWrapped && bottom < lines.count() && lines.peek(bottom) ? lines.peek(bottom)->bidiState : defaultBidiState;
   TERMKIT_INVARIANT(top >= 0 && bottom < lines.count() && top <= bottom,

@@ -28,7 +28,7 @@ class BufferObserver {
   /// A full ring scrolled: every line index now names the line below the one it named.
   virtual void bufferScrolledInPlace() {}
   /// True while the person holds the view away from the bottom.
-  virtual bool userScrolling() const { return false; }
+  virtual bool isUserScrolling() const { return false; }
 };
 
 /// One of a terminal's two buffers: a ring of lines holding scrollback and screen, the

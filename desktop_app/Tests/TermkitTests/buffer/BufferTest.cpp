@@ -18,7 +18,7 @@ class UserScrollObserver : public BufferObserver {
  public:
   bool holding = false;
   int inPlace = 0;
-  bool userScrolling() const override { return holding; }
+  bool isUserScrolling() const override { return holding; }
   void bufferScrolledInPlace() override { ++inPlace; }
 };
 

@@ -1,0 +1,253 @@
+// The print path: UTF-8 decoding, widths, joining of combining sequences, cell writes.
+
+#include <algorithm>
+
+#include "Termkit/buffer/CharacterTable.h"
+#include "Termkit/engine/Terminal.h"
+#include "Termkit/engine/UnicodeUtil.h"
+#include "Termkit/parser/ByteScan.h"
+
+namespace termkit {
+
+namespace {
+
+// Length of the UTF-8 sequence a lead byte starts, 0 for a byte that starts none.
+int sequenceLength(uint8_t lead) {
+  if (lead >= 0xC0 && lead < 0xE0) return 2;
+  if (lead >= 0xE0 && lead < 0xF0) return 3;
+  if (lead >= 0xF0 && lead < 0xF8) return 4;
+  return 0;
+}
+
+// Decodes a complete sequence; -1 when it is overlong, a surrogate or beyond Unicode.
+int32_t decode(const uint8_t* s, int length) {
+  int32_t c = s[0] & (0x7F >> length);
+  for (int i = 1; i < length; ++i) c = c << 6 | (s[i] & 0x3F);
+  static constexpr int32_t kMinimum[5] = {0, 0, 0x80, 0x800, 0x10000};
+  if (c < kMinimum[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return -1;
+  return c;
+}
+
+// Scalars of a UTF-8 cluster.
+void decodeAll(std::string_view s, std::u32string& out) {
+  out.clear();
+  const auto* p = reinterpret_cast<const uint8_t*>(s.data());
+  const auto* end = p + s.size();
+  while (p < end) {
+    const int n = *p < 0x80 ? 1 : std::max(sequenceLength(*p), 1);
+    if (n == 1 || end - p < n) {
+      out.push_back(*p);
+      ++p;
+      continue;
+    }
+    out.push_back(static_cast<char32_t>(decode(p, n)));
+    p += n;
+  }
+}
+
+}  // namespace
+
+void Terminal::print(std::span<const uint8_t> data) { handlePrint(data); }
+
+void Terminal::printStateReset() { m_carriedCount = 0; }
+
+void Terminal::handlePrint(std::span<const uint8_t> data) {
+  Buffer& b = *m_buffer;
+  const uint8_t* p = data.data();
+  const int n = static_cast<int>(data.size());
+  const uint16_t payload = activeHyperlink ? resolveActiveHyperlink() : 0;
+  // Plain ASCII takes one scan and one bulk write.
+  if (charset == nullptr && m_carriedCount == 0 && allPrintableAscii(p, p + n)) {
+    b.markRows(b.y, b.y);
+    const int taken = b.insertAsciiRun(p, n, payload);
+    if (taken > 0) {
+      m_lastCode = p[taken - 1];
+      m_lastWidth = 1;
+      m_hasLastChar = true;
+    }
+    if (taken == n) {
+      b.markRows(b.y, b.y);
+      return;
+    }
+    printGeneral(p + taken, n - taken, payload);
+    return;
+  }
+  b.markRows(b.y, b.y);
+  printGeneral(p, n, payload);
+  b.markRows(b.y, b.y);
+}
+
+void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
+  Buffer& b = *m_buffer;
+  const auto& lowWidths = UnicodeUtil::lowPlaneWidths();
+  int i = 0;
+  if (m_carriedCount > 0) {
+    // Finish the character that the previous chunk cut.
+    const int length = sequenceLength(m_carried[0]);
+    while (m_carriedCount < length && i < n && (p[i] & 0xC0) == 0x80) m_carried[m_carriedCount++] = p[i++];
+    if (m_carriedCount < length && i == n) return;
+    const int32_t c = m_carriedCount == length ? decode(m_carried.data(), length) : -1;
+    m_carriedCount = 0;
+    if (c >= 0) {
+      const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+      const int width = (info & UnicodeUtil::kWidthMask) - 1;
+      if (width >= 0 && !tryJoin(static_cast<char32_t>(c), width, info)) {
+        if (width > 0) printScalar(static_cast<char32_t>(c), width, payload);
+      }
+    }
+  }
+  while (i < n) {
+    const uint8_t byte = p[i];
+    if (byte < 0x80) {
+      if (charset != nullptr) {
+        const char32_t mapped = charset->lookup(byte);
+        if (mapped != 0) {
+          printScalar(mapped, 1, payload);
+        } else if (lowWidths[byte] >= 1) {
+          printScalar(byte, 1, payload);
+        }
+        ++i;
+        continue;
+      }
+      // A run of printable ASCII goes through the bulk writer; anything else is skipped.
+      const uint8_t* runEnd = findNonPrintableAscii(p + i, p + n);
+      const int run = static_cast<int>(runEnd - (p + i));
+      if (run == 0) {
+        ++i;
+        continue;
+      }
+      const int taken = b.insertAsciiRun(p + i, run, payload);
+      for (int k = taken; k < run; ++k) printScalar(p[i + k], 1, payload);
+      m_lastCode = p[i + run - 1];
+      m_lastWidth = 1;
+      m_hasLastChar = true;
+      i += run;
+      continue;
+    }
+    const int length = sequenceLength(byte);
+    if (length == 0) {
+      // Continuation bytes and bytes that start nothing have no width: skipped.
+      ++i;
+      continue;
+    }
+    if (n - i < length) {
+      // Cut by the end of the chunk: keep the valid start for the next one.
+      int k = 1;
+      while (i + k < n && (p[i + k] & 0xC0) == 0x80) ++k;
+      if (i + k == n) {
+        std::copy(p + i, p + n, m_carried.begin());
+        m_carriedCount = n - i;
+        return;
+      }
+      i += k;
+      continue;
+    }
+    int k = 1;
+    while (k < length && (p[i + k] & 0xC0) == 0x80) ++k;
+    if (k < length) {
+      // A bad continuation rejects the lead; the good bytes read so far stay consumed and
+      // the offending byte is read again as the start of what follows.
+      i += k;
+      continue;
+    }
+    const int32_t c = decode(p + i, length);
+    i += length;
+    if (c < 0) continue;
+    const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+    const int width = (info & UnicodeUtil::kWidthMask) - 1;
+    if (width < 0) continue;
+    if (tryJoin(static_cast<char32_t>(c), width, info)) continue;
+    if (width > 0) printScalar(static_cast<char32_t>(c), width, payload);
+  }
+}
+
+void Terminal::printScalar(char32_t scalar, int width, uint16_t payload) {
+  if (width == 2 && m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow &&
+      UnicodeUtil::isRegionalIndicator(scalar)) {
+    width = 1;
+  }
+  const int32_t code = m_tables->characters.code(scalar);
+  m_buffer->insertCharacter(code, width, payload);
+  m_lastCode = code;
+  m_lastWidth = width;
+  m_hasLastChar = true;
+}
+
+int Terminal::combiningTarget(int& lineIndex) const {
+  Buffer& b = *m_buffer;
+  const int row = b.yBase + b.y;
+  int col;
+  if (b.x == 0) {
+    if (row == 0 || !b.lines[row].isWrapped) return -1;
+    lineIndex = row - 1;
+    col = b.cols() - 1;
+  } else {
+    lineIndex = row;
+    col = std::min(b.x, b.cols()) - 1;
+  }
+  const CharData* cells = b.lines[lineIndex].cells();
+  if (cells[col].width == 0 && col > 0) --col;
+  return col;
+}
+
+bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
+  if (width == 2 && m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow &&
+      UnicodeUtil::isRegionalIndicator(scalar)) {
+    width = 1;
+  }
+  bool wants = (info & UnicodeUtil::kJoins) != 0;
+  const bool regional = (info & UnicodeUtil::kRegionalIndicator) != 0;
+  // Cheap exit: a scalar that never joins by itself, after a cell that cannot call for it.
+  int lineIndex = 0;
+  const int col = combiningTarget(lineIndex);
+  if (col < 0) return wants && width == 0;  // nothing to join: a zero-width scalar is dropped
+  Buffer& b = *m_buffer;
+  BufferLine& line = b.lines[lineIndex];
+  CharData& target = line.cells()[col];
+  if (!wants) {
+    if (target.code < kCharacterTableBase) {
+      const auto last = static_cast<char32_t>(target.code);
+      wants = last == UnicodeUtil::kZeroWidthJoiner || (regional && UnicodeUtil::isRegionalIndicator(last));
+    } else {
+      decodeAll(m_tables->characters.character(target.code), m_scalarScratch);
+      const char32_t last = m_scalarScratch.empty() ? 0 : m_scalarScratch.back();
+      wants = last == UnicodeUtil::kZeroWidthJoiner ||
+              (regional && m_scalarScratch.size() == 1 && UnicodeUtil::isRegionalIndicator(last));
+    }
+    if (!wants) return false;
+  }
+  m_joinScratch.clear();
+  if (target.code != 0) m_tables->characters.appendCharacter(target.code, m_joinScratch);
+  decodeAll(m_joinScratch, m_scalarScratch);
+  const int count = static_cast<int>(m_scalarScratch.size());
+  if (count > 0 && !UnicodeUtil::continuesCluster(m_scalarScratch.data(), count, scalar)) {
+    return width == 0;  // not one cluster: a zero-width scalar is dropped, others print alone
+  }
+  const char32_t last = count > 0 ? m_scalarScratch.back() : 0;
+  auto widen = [&]() {
+    // The next cell becomes the right half, and the cursor moves past it.
+    if (col + 1 >= b.cols()) return;
+    line.cells()[col + 1] = CharData{0, target.attribute, target.payload, 0, target.semanticContentCode};
+    target.width = 2;
+    if (lineIndex == b.yBase + b.y) b.x = std::min(b.x + 1, b.cols());
+  };
+  if (scalar == UnicodeUtil::kTextSelector || scalar == UnicodeUtil::kEmojiSelector) {
+    if (!UnicodeUtil::isEmojiVariationBase(last)) return true;  // a selector nothing takes is ignored
+    if (scalar == UnicodeUtil::kTextSelector && target.width == 2) {
+      target.width = 1;
+      if (lineIndex == b.yBase + b.y && b.x > 0) --b.x;
+    } else if (scalar == UnicodeUtil::kEmojiSelector && target.width == 1) {
+      widen();
+    }
+  } else if (regional && UnicodeUtil::isRegionalIndicator(last) && count == 1 && target.width == 1 &&
+             m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow) {
+    widen();
+  }
+  appendUtf8(scalar, m_joinScratch);
+  target.code = m_tables->characters.code(std::string_view(m_joinScratch));
+  line.touch();
+  b.markRows(std::max(lineIndex - b.yBase, 0), b.y);
+  return true;
+}
+
+}  // namespace termkit
