@@ -66,11 +66,11 @@ void Terminal::replyStatusString(std::string_view request) {
 }
 
 void Terminal::cmdSendDeviceAttributes(const CsiParameters& pars, std::span<const uint8_t> collect) {
-  if (pars.at(0) > 0) {
-    log("SendDeviceAttributes got " + std::to_string(pars.at(0)) + " and " + std::string(collect.begin(), collect.end()));
-    return;
-  }
   if (collect.empty()) {
+    if (pars.at(0) > 0) {
+      log("SendDeviceAttributes got " + std::to_string(pars.at(0)) + " and " + std::to_string(pars.count));
+      return;
+    }
     const std::string& name = m_options.termName;
     std::string reply;
     if (startsWith(name, "xterm")) {
@@ -83,7 +83,7 @@ void Terminal::cmdSendDeviceAttributes(const CsiParameters& pars, std::span<cons
     if (!reply.empty()) sendResponse({std::string_view(reply)});
     return;
   }
-  if (is(collect, ">") || is(collect, ">0")) {
+  if ((is(collect, ">") || is(collect, ">0")) && pars.at(0) == 0) {
     const std::string reply = csi() + ">65;20;1c";
     sendResponse({std::string_view(reply)});
     return;
