@@ -25,12 +25,13 @@ int hexValue(uint8_t c) {
   return -1;
 }
 
-// Widens a value of `digits` hexadecimal digits to 16 bits. Three digits overlap their two
-// halves (0xABC gives 0xABEB): that is how such colours have always been read.
+// Widens a value of `digits` hexadecimal digits to 16 bits. One digit is repeated (so "#fff"
+// is white); three digits overlap their two halves (0xABC gives 0xABEB): that is how such
+// colours have always been read.
 uint16_t scale(int value, int digits) {
   switch (digits) {
     case 1:
-      return static_cast<uint16_t>(value * 0x1010);
+      return static_cast<uint16_t>(value * 0x1111);
     case 2:
       return static_cast<uint16_t>(value * 257);
     case 3:
