@@ -48,12 +48,12 @@ std::string Attribute::toSgr() const {
 }
 
 uint64_t Attribute::hash() const {
-  const uint64_t colours = static_cast<uint64_t>(fg.packed()) << 32 | bg.packed();
-  const uint64_t rest = static_cast<uint64_t>(style.bits) << 40 |
-                        static_cast<uint64_t>(underlineStyle) << 32 |
-                        (underlineColor ? (1ull << 48) | underlineColor->packed() : 0);
-  uint64_t h = colours * 0x9E3779B97F4A7C15ull;
-  h ^= (rest + 0x632BE59BD9B4E019ull) * 0xC2B2AE3D27D4EB4Full;
+  uint64_t first;
+  uint64_t second = 0;
+  std::memcpy(&first, this, 8);
+  std::memcpy(&second, reinterpret_cast<const char*>(this) + 8, sizeof(Attribute) - 8);
+  uint64_t h = first * 0x9E3779B97F4A7C15ull;
+  h ^= (second + 0x632BE59BD9B4E019ull) * 0xC2B2AE3D27D4EB4Full;
   return h ^ (h >> 29);
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 // Colours and style of a cell.
 
+#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 
@@ -44,20 +46,37 @@ struct Attribute {
     static constexpr Color trueColor(uint8_t r, uint8_t g, uint8_t b) { return {Kind::trueColor, r, g, b}; }
     constexpr uint8_t code() const { return red; }
     constexpr bool operator==(const Color&) const = default;
-    /// The four bytes as one number, for hashing.
-    constexpr uint32_t packed() const {
-      return static_cast<uint32_t>(kind) << 24 | static_cast<uint32_t>(red) << 16 |
-             static_cast<uint32_t>(green) << 8 | blue;
-    }
+    /// The four bytes as one number.
+    constexpr uint32_t packed() const { return std::bit_cast<uint32_t>(*this); }
+  };
+
+  /// An optional colour kept as plain bytes (zero when absent), so that attributes compare
+  /// and hash as raw memory.
+  class OptionalColor {
+   public:
+    constexpr OptionalColor() = default;
+    constexpr OptionalColor(std::nullopt_t) {}
+    constexpr OptionalColor(Color c) : m_value(c), m_present(true) {}
+    constexpr bool has_value() const { return m_present; }
+    constexpr explicit operator bool() const { return m_present; }
+    constexpr const Color& operator*() const { return m_value; }
+    constexpr const Color* operator->() const { return &m_value; }
+    constexpr void reset() { *this = OptionalColor(); }
+    constexpr bool operator==(const OptionalColor&) const = default;
+
+   private:
+    Color m_value{Color::Kind::defaultColor, 0, 0, 0};
+    bool m_present = false;
   };
 
   Color fg;
   Color bg;
   CharacterStyle style;
   UnderlineStyle underlineStyle = UnderlineStyle::none;
-  std::optional<Color> underlineColor;
+  OptionalColor underlineColor;
 
-  constexpr bool operator==(const Attribute&) const = default;
+  /// Every byte of the record is a field, so equality is a comparison of memory.
+  bool operator==(const Attribute& other) const { return std::memcmp(this, &other, sizeof(Attribute)) == 0; }
 
   /// The attribute as SGR parameters (without the final `m`), starting with the reset `0`;
   /// colours use the `38;5;n` and `38;2;r;g;b` forms.
@@ -66,6 +85,8 @@ struct Attribute {
   /// A 64-bit digest of every field.
   uint64_t hash() const;
 };
+
+static_assert(sizeof(Attribute) == 15, "an attribute must have no padding bytes");
 
 /// Default colours, no style, no underline, no underline colour.
 inline constexpr Attribute kEmptyAttribute{};

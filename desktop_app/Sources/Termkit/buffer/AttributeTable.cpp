@@ -56,6 +56,12 @@ AttributeId AttributeTable::intern(const Attribute& attribute) {
   if (attribute == m_lastAttribute) return m_lastId;
   if (attribute == kEmptyAttribute) return kEmpty;
   const uint64_t hash = attribute.hash();
+  Recent& recent = m_recent[hash >> (64 - kRecentBits)];
+  if (recent.attribute == attribute) {
+    m_lastAttribute = attribute;
+    m_lastId = recent.id;
+    return recent.id;
+  }
   {
     // Look first without inserting, so that a known attribute never triggers a collection.
     const size_t mask = m_slots.size() - 1;
@@ -64,6 +70,7 @@ AttributeId AttributeTable::intern(const Attribute& attribute) {
       if (m_entries[id] == attribute) {
         m_lastAttribute = attribute;
         m_lastId = id;
+        recent = {attribute, id};
         return id;
       }
     }
@@ -76,6 +83,7 @@ AttributeId AttributeTable::intern(const Attribute& attribute) {
   const AttributeId id = findOrInsert(attribute, hash);
   m_lastAttribute = attribute;
   m_lastId = id;
+  m_recent[hash >> (64 - kRecentBits)] = {attribute, id};
   return id;
 }
 
@@ -99,6 +107,8 @@ void AttributeTable::collectGarbage() {
   rehash(m_slots.size());
   m_lastAttribute = kEmptyAttribute;
   m_lastId = kEmpty;
+  // Freed ids may be handed out again, so remembered lookups are void.
+  std::fill(m_recent.begin(), m_recent.end(), Recent{});
 }
 
 }  // namespace termkit

@@ -55,6 +55,14 @@ class AttributeTable {
   // The last lookup, because runs of cells share their attribute.
   Attribute m_lastAttribute;
   AttributeId m_lastId = kEmpty;
+  // Recently used attributes by hash, small enough to stay in the first-level cache while
+  // the table itself may hold tens of thousands of colours.
+  static constexpr size_t kRecentBits = 8;
+  struct Recent {
+    Attribute attribute;
+    AttributeId id = kEmpty;
+  };
+  std::vector<Recent> m_recent = std::vector<Recent>(size_t(1) << kRecentBits);
 };
 
 }  // namespace termkit

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "Termkit/buffer/CellFill.h"
 #include "Termkit/buffer/Invariant.h"
 
 namespace termkit {
@@ -288,10 +289,7 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
     CharData* cells = line.cells() + x;
     const int n = std::min(right - x + 1, count - taken);
     const uint8_t* src = data + taken;
-    for (int i = 0; i < n; ++i) {
-      cells[i] = proto;
-      cells[i].code = src[i];
-    }
+    writeAsciiCells(cells, src, n, proto);
     line.touch();
     x += n;
     taken += n;

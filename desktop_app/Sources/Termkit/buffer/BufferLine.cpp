@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Termkit/buffer/CellFill.h"
 #include "Termkit/buffer/CharacterTable.h"
 #include "Termkit/buffer/Log.h"
 
@@ -14,8 +15,6 @@ namespace {
 void moveCells(CharData* dst, const CharData* src, int n) {
   if (n > 0) std::memmove(static_cast<void*>(dst), src, static_cast<size_t>(n) * sizeof(CharData));
 }
-
-void fillCells(CharData* dst, int n, const CharData& value) { std::fill(dst, dst + n, value); }
 
 }  // namespace
 

@@ -1,5 +1,7 @@
 #include "Termkit/buffer/CharacterTable.h"
 
+#include <cstring>
+
 #include "Termkit/buffer/CharData.h"
 
 namespace termkit {
@@ -24,11 +26,14 @@ void appendUtf8(char32_t c, std::string& out) {
 
 namespace {
 
+constexpr size_t kInitialSlots = 1024;
+constexpr size_t kAstralCacheSize = 512;
+
 // Decodes a string that holds exactly one scalar; returns -1 otherwise.
 int32_t singleScalar(std::string_view s) {
   if (s.empty()) return -1;
   const auto b0 = static_cast<uint8_t>(s[0]);
-  size_t n = b0 < 0x80 ? 1 : b0 < 0xE0 ? 2 : b0 < 0xF0 ? 3 : 4;
+  const size_t n = b0 < 0x80 ? 1 : b0 < 0xE0 ? 2 : b0 < 0xF0 ? 3 : 4;
   if (s.size() != n) return -1;
   if (n == 1) return b0;
   int32_t c = b0 & (0x7F >> n);
@@ -36,21 +41,79 @@ int32_t singleScalar(std::string_view s) {
   return c;
 }
 
+// A quick 64-bit hash for short byte strings.
+uint64_t hashBytes(std::string_view s) {
+  uint64_t h = 0x9E3779B97F4A7C15ull ^ s.size();
+  size_t i = 0;
+  for (; i + 8 <= s.size(); i += 8) {
+    uint64_t v;
+    std::memcpy(&v, s.data() + i, 8);
+    h = (h ^ v) * 0xFF51AFD7ED558CCDull;
+    h ^= h >> 32;
+  }
+  uint64_t tail = 0;
+  std::memcpy(&tail, s.data() + i, s.size() - i);
+  h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+  return h ^ (h >> 29);
+}
+
 }  // namespace
 
-int32_t CharacterTable::store(std::string cluster) {
-  const int32_t code = lastCharIndex++;
-  indexToCharMap.push_back(cluster);
-  charToIndexMap.emplace(std::move(cluster), code);
-  return code;
+CharacterTable::CharacterTable() : m_offsets{0}, m_slots(kInitialSlots), m_astral(kAstralCacheSize, {0, 0}) {}
+
+std::string_view CharacterTable::stored(int32_t code) const {
+  const int64_t index = static_cast<int64_t>(code) - kFirstIndex;
+  if (index < 0 || index >= static_cast<int64_t>(size())) return {};
+  const auto i = static_cast<size_t>(index);
+  return std::string_view(m_arena).substr(m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
+}
+
+int32_t CharacterTable::find(std::string_view cluster, uint64_t hash) const {
+  const size_t mask = m_slots.size() - 1;
+  const auto shortHash = static_cast<uint32_t>(hash);
+  for (size_t slot = (hash >> 32) & mask; m_slots[slot].index != 0; slot = (slot + 1) & mask) {
+    if (m_slots[slot].hash != shortHash) continue;
+    const uint32_t index = m_slots[slot].index - 1;
+    if (std::string_view(m_arena).substr(m_offsets[index], m_offsets[index + 1] - m_offsets[index]) == cluster) {
+      return kFirstIndex + static_cast<int32_t>(index);
+    }
+  }
+  return -1;
+}
+
+void CharacterTable::rehash(size_t slots) {
+  std::vector<Slot> old = std::move(m_slots);
+  m_slots.assign(slots, Slot{});
+  const size_t mask = slots - 1;
+  for (const Slot& entry : old) {
+    if (entry.index == 0) continue;
+    size_t slot = m_slotHome[entry.index - 1] & mask;
+    while (m_slots[slot].index != 0) slot = (slot + 1) & mask;
+    m_slots[slot] = entry;
+  }
+}
+
+int32_t CharacterTable::store(std::string_view cluster, uint64_t hash) {
+  const auto index = static_cast<uint32_t>(size());
+  m_arena.append(cluster);
+  m_offsets.push_back(static_cast<uint32_t>(m_arena.size()));
+  m_slotHome.push_back(static_cast<uint32_t>(hash >> 32));
+  const size_t mask = m_slots.size() - 1;
+  size_t slot = (hash >> 32) & mask;
+  while (m_slots[slot].index != 0) slot = (slot + 1) & mask;
+  m_slots[slot] = Slot{static_cast<uint32_t>(hash), index + 1};
+  // Keep the load factor under one half so probes stay short.
+  if ((size() + 1) * 2 > m_slots.size()) rehash(m_slots.size() * 2);
+  return kFirstIndex + static_cast<int32_t>(index);
 }
 
 int32_t CharacterTable::astralCode(char32_t scalar) {
-  if (auto it = m_astralCodes.find(scalar); it != m_astralCodes.end()) return it->second;
+  auto& cached = m_astral[scalar % kAstralCacheSize];
+  if (cached.first == scalar) return cached.second;
   std::string s;
   appendUtf8(scalar, s);
   const int32_t c = code(std::string_view(s));
-  m_astralCodes.emplace(scalar, c);
+  cached = {scalar, c};
   return c;
 }
 
@@ -58,8 +121,9 @@ int32_t CharacterTable::code(std::string_view cluster) {
   if (cluster == "\r\n") return 10;
   const int32_t scalar = singleScalar(cluster);
   if (scalar >= 0 && scalar < 0x10000) return scalar;
-  if (auto it = charToIndexMap.find(std::string(cluster)); it != charToIndexMap.end()) return it->second;
-  return store(std::string(cluster));
+  const uint64_t hash = hashBytes(cluster);
+  const int32_t known = find(cluster, hash);
+  return known >= 0 ? known : store(cluster, hash);
 }
 
 void CharacterTable::appendCharacter(int32_t code, std::string& out) const {
@@ -68,12 +132,12 @@ void CharacterTable::appendCharacter(int32_t code, std::string& out) const {
     appendUtf8(valid ? static_cast<char32_t>(code) : U' ', out);
     return;
   }
-  const int64_t index = static_cast<int64_t>(code) - kFirstIndex;
-  if (index < 0 || index >= static_cast<int64_t>(indexToCharMap.size())) {
+  const std::string_view s = stored(code);
+  if (s.empty()) {
     out += ' ';
     return;
   }
-  out += indexToCharMap[static_cast<size_t>(index)];
+  out += s;
 }
 
 std::string CharacterTable::character(int32_t code) const {

@@ -176,11 +176,14 @@ void Terminal::syncBufferModes() {
 }
 
 void Terminal::refreshAttributes() {
+  m_attrDirty = false;
   AttributeTable& table = m_tables->attributes;
   const AttributeId id = table.intern(curAttr);
+  // Erased cells only carry the background; most attribute changes keep it.
   Attribute erase;
   erase.bg = curAttr.bg;
-  const AttributeId eraseId = table.intern(erase);
+  AttributeId eraseId = m_normalBuffer->eraseAttr;
+  if (table[eraseId] != erase) eraseId = table.intern(erase);
   for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()}) {
     b->curAttr = id;
     b->eraseAttr = eraseId;

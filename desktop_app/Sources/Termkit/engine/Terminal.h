@@ -148,7 +148,10 @@ class Terminal : private ParserDelegate, private BufferObserver {
   /// Frees the payload handles this terminal made that no line uses any more.
   void garbageCollectPayload();
   /// Scrolls the active buffer's region up by one line.
-  void scroll(bool isWrapped = false) { m_buffer->scroll(isWrapped); }
+  void scroll(bool isWrapped = false) {
+    ensureAttributes();
+    m_buffer->scroll(isWrapped);
+  }
   void cmdIndex();
   void cmdLineFeedBasic();
   void cmdCarriageReturn();
@@ -237,13 +240,19 @@ class Terminal : private ParserDelegate, private BufferObserver {
   void makeBuffers();
   void syncBufferModes();
   void refreshAttributes();
+  void ensureAttributes() {
+    if (m_attrDirty) refreshAttributes();
+  }
   void markAttributes(const std::function<void(AttributeId)>& mark) const;
 
   // Printing (TerminalPrint.cpp)
   void handlePrint(std::span<const uint8_t> data);
   void printScalar(char32_t scalar, int width, uint16_t payload);
+  bool printPlainScalar(char32_t scalar, int width, uint8_t info, uint16_t payload);
   void printGeneral(const uint8_t* data, int length, uint16_t payload);
   bool tryJoin(char32_t scalar, int width, uint8_t info);
+  std::pair<char32_t, int> lastScalarOf(int32_t code);
+  int32_t joinedCode(int32_t targetCode, char32_t scalar);
   int combiningTarget(int& lineIndex) const;
 
   // Cursor (TerminalCursor.cpp)
@@ -387,6 +396,13 @@ class Terminal : private ParserDelegate, private BufferObserver {
   int32_t m_lastCode = 0;
   int m_lastWidth = 1;
   bool m_hasLastChar = false;
+  // Recent joins: (cluster code, scalar) to the joined code, or -1 when they do not join.
+  static constexpr int kJoinCacheBits = 16;
+  struct JoinCacheEntry {
+    uint64_t key = ~0ull;
+    int32_t code = 0;
+  };
+  std::vector<JoinCacheEntry> m_joinCache = std::vector<JoinCacheEntry>(1u << kJoinCacheBits);
   // Scratch for joining, kept to avoid allocating on the hot path.
   std::string m_joinScratch;
   std::u32string m_scalarScratch;

@@ -23,6 +23,8 @@ std::string listText(const CsiParameters& pars) {
 }  // namespace
 
 void Terminal::dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<const uint8_t> collect) {
+  // SGR only changes the attribute; everything else may write cells with it.
+  if (final != 'm') ensureAttributes();
   switch (final) {
     case '@': cmdInsertChars(pars); break;
     case 'A': cmdCursorUp(pars); break;

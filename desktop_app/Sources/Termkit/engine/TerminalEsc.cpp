@@ -5,6 +5,7 @@
 namespace termkit {
 
 void Terminal::dispatchExecute(uint8_t code) {
+  ensureAttributes();
   switch (code) {
     case 0x07:
       if (m_delegate) m_delegate->bell(*this);
@@ -27,6 +28,7 @@ void Terminal::dispatchExecute(uint8_t code) {
 }
 
 void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
+  ensureAttributes();
   if (collect.empty()) {
     switch (final) {
       case '6': cmdBackIndex(); return;

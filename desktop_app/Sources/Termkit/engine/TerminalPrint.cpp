@@ -1,6 +1,7 @@
 // The print path: UTF-8 decoding, widths, joining of combining sequences, cell writes.
 
 #include <algorithm>
+#include <tuple>
 
 #include "Termkit/buffer/CharacterTable.h"
 #include "Termkit/engine/Terminal.h"
@@ -52,6 +53,7 @@ void Terminal::print(std::span<const uint8_t> data) { handlePrint(data); }
 void Terminal::printStateReset() { m_carriedCount = 0; }
 
 void Terminal::handlePrint(std::span<const uint8_t> data) {
+  ensureAttributes();
   Buffer& b = *m_buffer;
   const uint8_t* p = data.data();
   const int n = static_cast<int>(data.size());
@@ -156,9 +158,40 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
     const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
     const int width = (info & UnicodeUtil::kWidthMask) - 1;
     if (width < 0) continue;
+    if (width > 0 && printPlainScalar(static_cast<char32_t>(c), width, info, payload)) continue;
     if (tryJoin(static_cast<char32_t>(c), width, info)) continue;
     if (width > 0) printScalar(static_cast<char32_t>(c), width, payload);
   }
+}
+
+// The common case of the print path, done inline: a scalar that joins nothing, after a
+// cell that asks for nothing, that fits on the current row. Anything else returns false
+// and takes the general path.
+bool Terminal::printPlainScalar(char32_t scalar, int width, uint8_t info, uint16_t payload) {
+  if ((info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) != 0) return false;
+  Buffer& b = *m_buffer;
+  const int right = b.marginMode ? b.marginRight : b.cols() - 1;
+  if (b.x == 0 || b.insertMode || b.x + width - 1 > right) return false;
+  BufferLine& line = b.lines[b.yBase + b.y];
+  CharData* cells = line.cells();
+  int col = std::min(b.x, b.cols()) - 1;
+  if (cells[col].width == 0 && col > 0) --col;
+  const int32_t before = cells[col].code;
+  if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner)) return false;
+  if (before >= kCharacterTableBase) {
+    // A stored cluster that ends in a joiner calls for the next scalar.
+    const std::string_view stored = m_tables->characters.stored(before);
+    if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d") return false;
+  }
+  const int32_t code = m_tables->characters.code(scalar);
+  cells[b.x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
+  if (width == 2 && b.x + 1 < b.cols()) cells[b.x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
+  b.x += width;
+  line.touch();
+  m_lastCode = code;
+  m_lastWidth = width;
+  m_hasLastChar = true;
+  return true;
 }
 
 void Terminal::printScalar(char32_t scalar, int width, uint16_t payload) {
@@ -190,14 +223,38 @@ int Terminal::combiningTarget(int& lineIndex) const {
   return col;
 }
 
-bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
-  if (width == 2 && m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow &&
-      UnicodeUtil::isRegionalIndicator(scalar)) {
-    width = 1;
+// The last scalar of a stored cluster and how many scalars it has.
+std::pair<char32_t, int> Terminal::lastScalarOf(int32_t code) {
+  if (code < kCharacterTableBase) return {static_cast<char32_t>(code), code != 0 ? 1 : 0};
+  decodeAll(m_tables->characters.stored(code), m_scalarScratch);
+  if (m_scalarScratch.empty()) return {0, 0};
+  return {m_scalarScratch.back(), static_cast<int>(m_scalarScratch.size())};
+}
+
+int32_t Terminal::joinedCode(int32_t targetCode, char32_t scalar) {
+  // Joining is a pure function of the stored cluster and the scalar, and the character
+  // table never forgets, so recent answers are kept in a small direct-mapped cache.
+  const uint64_t key = static_cast<uint64_t>(static_cast<uint32_t>(targetCode)) << 21 | scalar;
+  JoinCacheEntry& entry = m_joinCache[(key * 0x9E3779B97F4A7C15ull) >> (64 - kJoinCacheBits)];
+  if (entry.key == key) return entry.code;
+  m_joinScratch.clear();
+  if (targetCode != 0) m_tables->characters.appendCharacter(targetCode, m_joinScratch);
+  decodeAll(m_joinScratch, m_scalarScratch);
+  int32_t result = -1;
+  if (m_scalarScratch.empty() ||
+      UnicodeUtil::continuesCluster(m_scalarScratch.data(), static_cast<int>(m_scalarScratch.size()), scalar)) {
+    appendUtf8(scalar, m_joinScratch);
+    result = m_tables->characters.code(std::string_view(m_joinScratch));
   }
-  bool wants = (info & UnicodeUtil::kJoins) != 0;
+  entry = {key, result};
+  return result;
+}
+
+bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
+  const bool narrowIndicators = m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow;
   const bool regional = (info & UnicodeUtil::kRegionalIndicator) != 0;
-  // Cheap exit: a scalar that never joins by itself, after a cell that cannot call for it.
+  if (width == 2 && narrowIndicators && regional) width = 1;
+  bool wants = (info & UnicodeUtil::kJoins) != 0;
   int lineIndex = 0;
   const int col = combiningTarget(lineIndex);
   if (col < 0) return wants && width == 0;  // nothing to join: a zero-width scalar is dropped
@@ -205,25 +262,24 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
   BufferLine& line = b.lines[lineIndex];
   CharData& target = line.cells()[col];
   if (!wants) {
+    // Only a joiner at the end of the cell before, or a first flag letter, calls for more.
     if (target.code < kCharacterTableBase) {
       const auto last = static_cast<char32_t>(target.code);
       wants = last == UnicodeUtil::kZeroWidthJoiner || (regional && UnicodeUtil::isRegionalIndicator(last));
     } else {
-      decodeAll(m_tables->characters.character(target.code), m_scalarScratch);
-      const char32_t last = m_scalarScratch.empty() ? 0 : m_scalarScratch.back();
-      wants = last == UnicodeUtil::kZeroWidthJoiner ||
-              (regional && m_scalarScratch.size() == 1 && UnicodeUtil::isRegionalIndicator(last));
+      const auto [last, count] = lastScalarOf(target.code);
+      wants = last == UnicodeUtil::kZeroWidthJoiner || (regional && count == 1 && UnicodeUtil::isRegionalIndicator(last));
     }
     if (!wants) return false;
   }
-  m_joinScratch.clear();
-  if (target.code != 0) m_tables->characters.appendCharacter(target.code, m_joinScratch);
-  decodeAll(m_joinScratch, m_scalarScratch);
-  const int count = static_cast<int>(m_scalarScratch.size());
-  if (count > 0 && !UnicodeUtil::continuesCluster(m_scalarScratch.data(), count, scalar)) {
-    return width == 0;  // not one cluster: a zero-width scalar is dropped, others print alone
-  }
-  const char32_t last = count > 0 ? m_scalarScratch.back() : 0;
+  const bool selector = scalar == UnicodeUtil::kTextSelector || scalar == UnicodeUtil::kEmojiSelector;
+  char32_t last = 0;
+  int count = 0;
+  if (selector || regional) std::tie(last, count) = lastScalarOf(target.code);
+  // A selector after something that takes none is ignored altogether.
+  if (selector && !UnicodeUtil::isEmojiVariationBase(last)) return true;
+  const int32_t joined = joinedCode(target.code, scalar);
+  if (joined < 0) return width == 0;  // not one cluster: a zero-width scalar is dropped, others print alone
   auto widen = [&]() {
     // The next cell becomes the right half, and the cursor moves past it.
     if (col + 1 >= b.cols()) return;
@@ -231,20 +287,16 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
     target.width = 2;
     if (lineIndex == b.yBase + b.y) b.x = std::min(b.x + 1, b.cols());
   };
-  if (scalar == UnicodeUtil::kTextSelector || scalar == UnicodeUtil::kEmojiSelector) {
-    if (!UnicodeUtil::isEmojiVariationBase(last)) return true;  // a selector nothing takes is ignored
-    if (scalar == UnicodeUtil::kTextSelector && target.width == 2) {
-      target.width = 1;
-      if (lineIndex == b.yBase + b.y && b.x > 0) --b.x;
-    } else if (scalar == UnicodeUtil::kEmojiSelector && target.width == 1) {
-      widen();
-    }
-  } else if (regional && UnicodeUtil::isRegionalIndicator(last) && count == 1 && target.width == 1 &&
-             m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow) {
+  if (scalar == UnicodeUtil::kTextSelector && target.width == 2) {
+    target.width = 1;
+    if (lineIndex == b.yBase + b.y && b.x > 0) --b.x;
+  } else if (scalar == UnicodeUtil::kEmojiSelector && target.width == 1) {
+    widen();
+  } else if (regional && narrowIndicators && count == 1 && UnicodeUtil::isRegionalIndicator(last) &&
+             target.width == 1) {
     widen();
   }
-  appendUtf8(scalar, m_joinScratch);
-  target.code = m_tables->characters.code(std::string_view(m_joinScratch));
+  target.code = joined;
   line.touch();
   b.markRows(std::max(lineIndex - b.yBase, 0), b.y);
   return true;

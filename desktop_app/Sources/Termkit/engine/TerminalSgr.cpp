@@ -51,9 +51,10 @@ int Terminal::extendedColor(const CsiParameters& pars, int i, std::optional<Attr
 void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> collect) {
   if (!collect.empty()) return;
   Attribute& a = curAttr;
+  const Attribute before = a;
   if (pars.count == 1 && pars.values[0] == 0) {
     a = kEmptyAttribute;
-    refreshAttributes();
+    if (a != before) m_attrDirty = true;
     return;
   }
   for (int i = 0; i < pars.count; ++i) {
@@ -138,7 +139,8 @@ void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> colle
         break;
     }
   }
-  refreshAttributes();
+  // The cell ids follow lazily, so a run of SGR sequences interns only its outcome.
+  if (a != before) m_attrDirty = true;
 }
 
 }  // namespace termkit

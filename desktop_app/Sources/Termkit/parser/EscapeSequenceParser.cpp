@@ -160,6 +160,56 @@ void EscapeSequenceParser::hookDcs(uint8_t final) {
   if (activeDcsHandler != nullptr) activeDcsHandler->hook(collect, _pars, final);
 }
 
+int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) {
+  // Reads `ESC [ marker? params* intermediates* final` in one pass, collecting as it goes.
+  // On anything else it gives up; the table path then starts at the ESC, whose clear
+  // discards what was collected here.
+  int j = i + 1;
+  if (j + 1 >= length || data[j] != '[') return 0;
+  ++j;
+  if (!_osc.bytes.empty() || !_apc.bytes.empty()) {
+    clearCollected();
+  } else {
+    _collect.clear();
+    _pars.reset();
+    _parameterLimitExceeded = false;
+  }
+  uint8_t b = data[j];
+  if (b >= 0x3C && b <= 0x3F) {
+    _collect.bytes.push_back(b);
+    ++j;
+  } else if (b == ':') {
+    return 0;  // a colon right after the introducer is an error the table reports
+  }
+  int32_t* values = _pars.values.data();
+  int count = 1;
+  bool limit = false;
+  for (; j < length; ++j) {
+    b = data[j];
+    if (b >= '0' && b <= '9') {
+      if (!limit) {
+        const int d = b - '0';
+        int32_t& v = values[count - 1];
+        v = v > (CsiParameters::kMaxValue - d) / 10 ? CsiParameters::kMaxValue : v * 10 + d;
+      }
+    } else if (b == ';' || b == ':') {
+      if (count < CsiParameters::kMaxCount && !limit) {
+        _pars.separators[count - 1] = b;
+        values[count++] = 0;
+      } else {
+        limit = true;
+      }
+    } else {
+      break;
+    }
+  }
+  _pars.count = count;
+  _parameterLimitExceeded = limit;
+  for (; j < length && data[j] >= 0x20 && data[j] <= 0x2F; ++j) _collect.bytes.push_back(data[j]);
+  if (j >= length || data[j] < 0x40 || data[j] > 0x7E) return 0;
+  return j;
+}
+
 void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
   ParserProfileScope profile(input.size());
   beginChunk();
@@ -185,6 +235,23 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
       if (printStart < 0) printStart = i;
       i = static_cast<int>(findControl(data + i + 1, data + length) - data) - 1;
       continue;
+    }
+    // A whole CSI sequence in the chunk is read without the table: the same clears, the same
+    // parameter rules and the same dispatch as the machine would do byte by byte. Anything
+    // unusual inside it (controls, DEL, a marker after a parameter) takes the table path.
+    if (code == kEsc && state == ParserState::ground) {
+      const int end = readSimpleCsi(data, i, length);
+      if (end > 0) {
+        flushPrint(i);
+        if (terminal != nullptr) {
+          terminal->printStateReset();
+          terminal->printStateReset();
+        }
+        dcsStart = -1;
+        if (!_parameterLimitExceeded && terminal != nullptr) terminal->dispatchCsi(data[end], _pars, _collect.bytes);
+        i = end;
+        continue;
+      }
     }
     // Parameter digits are the commonest bytes of a sequence; they skip the table too.
     if (state == ParserState::csiParam && code >= '0' && code <= '9') {

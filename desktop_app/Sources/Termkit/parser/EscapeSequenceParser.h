@@ -115,6 +115,7 @@ class EscapeSequenceParser {
   void dispatchOscString();
   void dispatchApcString();
   void appendParameterByte(uint8_t code);
+  int readSimpleCsi(const uint8_t* data, int i, int length);
 
   RestorableBytes _osc;
   RestorableBytes _apc;
