@@ -248,7 +248,20 @@ class Terminal : private ParserDelegate, private BufferObserver {
   // Printing (TerminalPrint.cpp)
   void handlePrint(std::span<const uint8_t> data);
   void printScalar(char32_t scalar, int width, uint16_t payload);
-  bool printPlainScalar(char32_t scalar, int width, uint8_t info, uint16_t payload);
+  // The line the print path is writing into, marked changed when it is let go.
+  struct RowCache {
+    BufferLine* line = nullptr;
+    int index = -1;
+    void release() {
+      if (line != nullptr) line->touch();
+      line = nullptr;
+    }
+  };
+  bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
+  /// A scalar from a sequence the fast decoders did not take: -1 for bytes skipped,
+  /// `kCarried` when the chunk ends inside it.
+  static constexpr int32_t kCarried = -2;
+  int32_t decodeSlow(const uint8_t* p, int n, int& i);
   void printGeneral(const uint8_t* data, int length, uint16_t payload);
   bool tryJoin(char32_t scalar, int width, uint8_t info);
   std::pair<char32_t, int> lastScalarOf(int32_t code);

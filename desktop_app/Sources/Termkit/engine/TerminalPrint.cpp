@@ -1,6 +1,7 @@
 // The print path: UTF-8 decoding, widths, joining of combining sequences, cell writes.
 
 #include <algorithm>
+#include <cstring>
 #include <tuple>
 
 #include "Termkit/buffer/CharacterTable.h"
@@ -29,6 +30,30 @@ int32_t decode(const uint8_t* s, int length) {
   return c;
 }
 
+// Writes one scalar as UTF-8 (up to four bytes) and returns the length.
+size_t encodeUtf8(char32_t c, char* out) {
+  if (c < 0x80) {
+    out[0] = static_cast<char>(c);
+    return 1;
+  }
+  if (c < 0x800) {
+    out[0] = static_cast<char>(0xC0 | (c >> 6));
+    out[1] = static_cast<char>(0x80 | (c & 0x3F));
+    return 2;
+  }
+  if (c < 0x10000) {
+    out[0] = static_cast<char>(0xE0 | (c >> 12));
+    out[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out[2] = static_cast<char>(0x80 | (c & 0x3F));
+    return 3;
+  }
+  out[0] = static_cast<char>(0xF0 | (c >> 18));
+  out[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+  out[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+  out[3] = static_cast<char>(0x80 | (c & 0x3F));
+  return 4;
+}
+
 // Scalars of a UTF-8 cluster.
 void decodeAll(std::string_view s, std::u32string& out) {
   out.clear();
@@ -47,6 +72,40 @@ void decodeAll(std::string_view s, std::u32string& out) {
 }
 
 }  // namespace
+
+int32_t Terminal::decodeSlow(const uint8_t* p, int n, int& i) {
+  const uint8_t byte = p[i];
+  const int length = sequenceLength(byte);
+  if (length == 0) {
+    // Continuation bytes and bytes that start nothing have no width: skipped.
+    ++i;
+    return -1;
+  }
+  if (n - i < length) {
+    // Cut by the end of the chunk: keep the valid start for the next one.
+    int k = 1;
+    while (i + k < n && (p[i + k] & 0xC0) == 0x80) ++k;
+    if (i + k == n) {
+      std::copy(p + i, p + n, m_carried.begin());
+      m_carriedCount = n - i;
+      i = n;
+      return kCarried;
+    }
+    i += k;
+    return -1;
+  }
+  int k = 1;
+  while (k < length && (p[i + k] & 0xC0) == 0x80) ++k;
+  if (k < length) {
+    // A bad continuation rejects the lead; the good bytes read so far stay consumed and
+    // the offending byte is read again as the start of what follows.
+    i += k;
+    return -1;
+  }
+  const int32_t c = decode(p + i, length);
+  i += length;
+  return c;
+}
 
 void Terminal::print(std::span<const uint8_t> data) { handlePrint(data); }
 
@@ -79,9 +138,43 @@ void Terminal::handlePrint(std::span<const uint8_t> data) {
   b.markRows(b.y, b.y);
 }
 
+// The common case of the print path, done inline: a scalar that joins nothing, after a
+// cell that asks for nothing, that fits on the current row. The row stays cached across a
+// run of such scalars and is marked changed once. Anything else returns false.
+__attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& row, char32_t scalar, int width,
+                                                                     uint16_t payload) {
+  Buffer& b = *m_buffer;
+  const int x = b.x;
+  const int right = b.marginMode ? b.marginRight : b.cols() - 1;
+  if (x == 0 || b.insertMode || x + width - 1 > right) return false;
+  const int index = b.yBase + b.y;
+  if (row.line == nullptr || row.index != index) {
+    row.release();
+    row.line = &b.lines[index];
+    row.index = index;
+  }
+  CharData* cells = row.line->cells();
+  int col = std::min(x, b.cols()) - 1;
+  if (cells[col].width == 0 && col > 0) --col;
+  const int32_t before = cells[col].code;
+  if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner)) return false;
+  if (before >= kCharacterTableBase) {
+    // A stored cluster that ends in a joiner calls for the next scalar.
+    const std::string_view stored = m_tables->characters.stored(before);
+    if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d") return false;
+  }
+  const int32_t code = scalar < 0x10000 ? static_cast<int32_t>(scalar) : m_tables->characters.code(scalar);
+  cells[x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
+  if (width == 2) cells[x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
+  b.x = x + width;
+  m_lastCode = code;
+  m_lastWidth = width;
+  m_hasLastChar = true;
+  return true;
+}
+
 void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
   Buffer& b = *m_buffer;
-  const auto& lowWidths = UnicodeUtil::lowPlaneWidths();
   int i = 0;
   if (m_carriedCount > 0) {
     // Finish the character that the previous chunk cut.
@@ -98,14 +191,16 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
       }
     }
   }
+  RowCache row;
   while (i < n) {
     const uint8_t byte = p[i];
     if (byte < 0x80) {
+      row.release();
       if (charset != nullptr) {
         const char32_t mapped = charset->lookup(byte);
         if (mapped != 0) {
           printScalar(mapped, 1, payload);
-        } else if (lowWidths[byte] >= 1) {
+        } else if (byte >= 0x20 && byte < 0x7F) {
           printScalar(byte, 1, payload);
         }
         ++i;
@@ -126,72 +221,34 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
       i += run;
       continue;
     }
-    const int length = sequenceLength(byte);
-    if (length == 0) {
-      // Continuation bytes and bytes that start nothing have no width: skipped.
-      ++i;
-      continue;
-    }
-    if (n - i < length) {
-      // Cut by the end of the chunk: keep the valid start for the next one.
-      int k = 1;
-      while (i + k < n && (p[i + k] & 0xC0) == 0x80) ++k;
-      if (i + k == n) {
-        std::copy(p + i, p + n, m_carried.begin());
-        m_carriedCount = n - i;
+    int32_t c;
+    if (byte >= 0xC2 && byte < 0xE0 && i + 1 < n && (p[i + 1] & 0xC0) == 0x80) {
+      c = (byte & 0x1F) << 6 | (p[i + 1] & 0x3F);
+      i += 2;
+    } else if (byte >= 0xE0 && byte < 0xF0 && i + 2 < n && (p[i + 1] & 0xC0) == 0x80 && (p[i + 2] & 0xC0) == 0x80) {
+      c = (byte & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
+      i += 3;
+      if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF)) continue;
+    } else {
+      c = decodeSlow(p, n, i);
+      if (c == kCarried) {
+        row.release();
         return;
       }
-      i += k;
-      continue;
+      if (c < 0) continue;
     }
-    int k = 1;
-    while (k < length && (p[i + k] & 0xC0) == 0x80) ++k;
-    if (k < length) {
-      // A bad continuation rejects the lead; the good bytes read so far stay consumed and
-      // the offending byte is read again as the start of what follows.
-      i += k;
-      continue;
-    }
-    const int32_t c = decode(p + i, length);
-    i += length;
-    if (c < 0) continue;
     const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
     const int width = (info & UnicodeUtil::kWidthMask) - 1;
     if (width < 0) continue;
-    if (width > 0 && printPlainScalar(static_cast<char32_t>(c), width, info, payload)) continue;
+    if (width > 0 && (info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) == 0 &&
+        writePlainScalar(row, static_cast<char32_t>(c), width, payload)) {
+      continue;
+    }
+    row.release();
     if (tryJoin(static_cast<char32_t>(c), width, info)) continue;
     if (width > 0) printScalar(static_cast<char32_t>(c), width, payload);
   }
-}
-
-// The common case of the print path, done inline: a scalar that joins nothing, after a
-// cell that asks for nothing, that fits on the current row. Anything else returns false
-// and takes the general path.
-bool Terminal::printPlainScalar(char32_t scalar, int width, uint8_t info, uint16_t payload) {
-  if ((info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) != 0) return false;
-  Buffer& b = *m_buffer;
-  const int right = b.marginMode ? b.marginRight : b.cols() - 1;
-  if (b.x == 0 || b.insertMode || b.x + width - 1 > right) return false;
-  BufferLine& line = b.lines[b.yBase + b.y];
-  CharData* cells = line.cells();
-  int col = std::min(b.x, b.cols()) - 1;
-  if (cells[col].width == 0 && col > 0) --col;
-  const int32_t before = cells[col].code;
-  if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner)) return false;
-  if (before >= kCharacterTableBase) {
-    // A stored cluster that ends in a joiner calls for the next scalar.
-    const std::string_view stored = m_tables->characters.stored(before);
-    if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d") return false;
-  }
-  const int32_t code = m_tables->characters.code(scalar);
-  cells[b.x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
-  if (width == 2 && b.x + 1 < b.cols()) cells[b.x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
-  b.x += width;
-  line.touch();
-  m_lastCode = code;
-  m_lastWidth = width;
-  m_hasLastChar = true;
-  return true;
+  row.release();
 }
 
 void Terminal::printScalar(char32_t scalar, int width, uint16_t payload) {
@@ -237,14 +294,40 @@ int32_t Terminal::joinedCode(int32_t targetCode, char32_t scalar) {
   const uint64_t key = static_cast<uint64_t>(static_cast<uint32_t>(targetCode)) << 21 | scalar;
   JoinCacheEntry& entry = m_joinCache[(key * 0x9E3779B97F4A7C15ull) >> (64 - kJoinCacheBits)];
   if (entry.key == key) return entry.code;
-  m_joinScratch.clear();
-  if (targetCode != 0) m_tables->characters.appendCharacter(targetCode, m_joinScratch);
-  decodeAll(m_joinScratch, m_scalarScratch);
+  // Extenders, joiners and spacing marks continue any cluster that is not a control, and
+  // cells never hold controls: only other scalars need the full boundary rules.
+  bool joins = targetCode == 0 || (UnicodeUtil::info(scalar) & UnicodeUtil::kExtendsCluster) != 0;
+  if (!joins) {
+    m_joinScratch.clear();
+    m_tables->characters.appendCharacter(targetCode, m_joinScratch);
+    decodeAll(m_joinScratch, m_scalarScratch);
+    joins = UnicodeUtil::continuesCluster(m_scalarScratch.data(), static_cast<int>(m_scalarScratch.size()), scalar);
+  }
   int32_t result = -1;
-  if (m_scalarScratch.empty() ||
-      UnicodeUtil::continuesCluster(m_scalarScratch.data(), static_cast<int>(m_scalarScratch.size()), scalar)) {
-    appendUtf8(scalar, m_joinScratch);
-    result = m_tables->characters.code(std::string_view(m_joinScratch));
+  if (joins) {
+    // The joined cluster is built in a stack buffer; only very long ones need the heap.
+    char buffer[64];
+    size_t length = 0;
+    if (targetCode >= kCharacterTableBase) {
+      const std::string_view stored = m_tables->characters.stored(targetCode);
+      if (stored.size() + 4 <= sizeof buffer) {
+        std::memcpy(buffer, stored.data(), stored.size());
+        length = stored.size();
+      } else {
+        length = sizeof buffer + 1;
+      }
+    } else if (targetCode != 0) {
+      length = encodeUtf8(static_cast<char32_t>(targetCode), buffer);
+    }
+    if (length <= sizeof buffer - 4) {
+      length += encodeUtf8(scalar, buffer + length);
+      result = m_tables->characters.code(std::string_view(buffer, length));
+    } else {
+      m_joinScratch.clear();
+      m_tables->characters.appendCharacter(targetCode, m_joinScratch);
+      appendUtf8(scalar, m_joinScratch);
+      result = m_tables->characters.code(std::string_view(m_joinScratch));
+    }
   }
   entry = {key, result};
   return result;

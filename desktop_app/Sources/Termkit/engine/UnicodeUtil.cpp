@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <map>
+#include <memory>
+#include <mutex>
 
 namespace termkit {
 
@@ -52,32 +54,6 @@ bool joinsBySelf(char32_t c, int width, bool combiningClassNonZero) {
   if ((c >= 0x180B && c <= 0x180D) || c == 0x180F) return true;
   if (c >= 0x1F3FB && c <= 0x1F3FF) return true;
   return c >= 0x300 && combiningClassNonZero;
-}
-
-// Fills `out[c]` with the value of an int property for every scalar, by ranges.
-void fillIntProperty(UProperty property, std::vector<uint8_t>& out) {
-  UErrorCode status = U_ZERO_ERROR;
-  const UCPMap* map = u_getIntPropertyMap(property, &status);
-  UChar32 start = 0;
-  uint32_t value = 0;
-  while (start <= static_cast<UChar32>(kMaxScalar)) {
-    const UChar32 end = ucpmap_getRange(map, start, UCPMAP_RANGE_NORMAL, 0, nullptr, nullptr, &value);
-    if (end < 0) break;
-    std::fill(out.begin() + start, out.begin() + end + 1, static_cast<uint8_t>(std::min<uint32_t>(value, 255)));
-    start = end + 1;
-  }
-}
-
-void fillBinaryProperty(UProperty property, std::vector<uint8_t>& out, uint8_t bit) {
-  UErrorCode status = U_ZERO_ERROR;
-  const USet* set = u_getBinaryPropertySet(property, &status);
-  const int32_t ranges = uset_getRangeCount(set);
-  for (int32_t i = 0; i < ranges; ++i) {
-    UChar32 lo = 0;
-    UChar32 hi = 0;
-    uset_getItem(set, i, &lo, &hi, nullptr, 0, &status);
-    for (UChar32 c = lo; c <= hi; ++c) out[c] |= bit;
-  }
 }
 
 }  // namespace
@@ -142,51 +118,32 @@ const std::array<int8_t, 8192>& UnicodeUtil::lowPlaneWidths() {
   return widths;
 }
 
-UnicodeUtil::Tables UnicodeUtil::build() {
-  const size_t total = kMaxScalar + 1;
-  std::vector<uint8_t> category(total);
-  std::vector<uint8_t> eaw(total);
-  std::vector<uint8_t> ccc(total);
-  std::vector<uint8_t> flags(total, 0);
-  fillIntProperty(UCHAR_GENERAL_CATEGORY, category);
-  fillIntProperty(UCHAR_EAST_ASIAN_WIDTH, eaw);
-  fillIntProperty(UCHAR_CANONICAL_COMBINING_CLASS, ccc);
-  constexpr uint8_t kEmoji = 1;
-  constexpr uint8_t kEmojiPresentation = 2;
-  constexpr uint8_t kModifier = 4;
-  fillBinaryProperty(UCHAR_EMOJI, flags, kEmoji);
-  fillBinaryProperty(UCHAR_EMOJI_PRESENTATION, flags, kEmojiPresentation);
-  fillBinaryProperty(UCHAR_EMOJI_MODIFIER, flags, kModifier);
-
-  std::vector<uint8_t> info(total);
-  for (char32_t c = 0; c < total; ++c) {
-    const bool wide = eaw[c] == U_EA_WIDE || eaw[c] == U_EA_FULLWIDTH;
-    const int w = widthByRules(c, category[c], wide);
+const uint8_t* UnicodeUtil::buildBlock(uint32_t block) {
+  static std::mutex lock;
+  // Identical blocks (unassigned ranges, ideographs) share one copy.
+  static std::map<std::array<uint8_t, 256>, std::unique_ptr<std::array<uint8_t, 256>>> unique;
+  std::lock_guard<std::mutex> guard(lock);
+  if (const uint8_t* built = s_blocks[block].load(std::memory_order_acquire)) return built;
+  std::array<uint8_t, 256> info{};
+  for (uint32_t k = 0; k < 256; ++k) {
+    const auto c = static_cast<char32_t>(block << 8 | k);
+    const auto u = static_cast<UChar32>(c);
+    const int w = widthByRules(c, u_charType(u), isWideByIcu(c));
     uint8_t v = static_cast<uint8_t>(w + 1);
-    if (joinsBySelf(c, w, ccc[c] != 0)) v |= kJoins;
+    if (joinsBySelf(c, w, u_getCombiningClass(u) != 0)) v |= kJoins;
     if (isRegionalIndicator(c)) v |= kRegionalIndicator;
-    const bool emoji = (flags[c] & kEmoji) != 0;
+    const bool emoji = u_hasBinaryProperty(u, UCHAR_EMOJI);
     // Emoji that take a presentation selector; skin tones and flag letters do not.
-    if (emoji && !(flags[c] & kModifier) && !isRegionalIndicator(c)) v |= kEmojiVariationBase;
-    if (emoji && !(flags[c] & kEmojiPresentation)) v |= kPrefersText;
-    info[c] = v;
+    if (emoji && !u_hasBinaryProperty(u, UCHAR_EMOJI_MODIFIER) && !isRegionalIndicator(c)) v |= kEmojiVariationBase;
+    if (emoji && !u_hasBinaryProperty(u, UCHAR_EMOJI_PRESENTATION)) v |= kPrefersText;
+    const int gcb = u_getIntPropertyValue(u, UCHAR_GRAPHEME_CLUSTER_BREAK);
+    if (gcb == U_GCB_EXTEND || gcb == U_GCB_ZWJ || gcb == U_GCB_SPACING_MARK) v |= kExtendsCluster;
+    info[k] = v;
   }
-
-  Tables t;
-  t.index.resize(total >> 8);
-  std::map<std::vector<uint8_t>, uint16_t> seen;
-  for (size_t block = 0; block < t.index.size(); ++block) {
-    std::vector<uint8_t> bytes(info.begin() + block * 256, info.begin() + block * 256 + 256);
-    auto [it, added] = seen.emplace(bytes, static_cast<uint16_t>(seen.size()));
-    if (added) t.blocks.insert(t.blocks.end(), bytes.begin(), bytes.end());
-    t.index[block] = it->second;
-  }
-  return t;
-}
-
-const UnicodeUtil::Tables& UnicodeUtil::tables() {
-  static const Tables t = build();
-  return t;
+  auto& stored = unique[info];
+  if (!stored) stored = std::make_unique<std::array<uint8_t, 256>>(info);
+  s_blocks[block].store(stored->data(), std::memory_order_release);
+  return stored->data();
 }
 
 namespace {

@@ -2,13 +2,16 @@
 // Column widths and the joining properties of Unicode scalars, from ICU data.
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 namespace termkit {
 
-/// Widths and joining rules of scalars. All tables are built once per process.
+/// Widths and joining rules of scalars. The packed table is filled from ICU one block of 256
+/// scalars at a time, on first use of the block, so a process pays only for the scripts it
+/// meets; blocks are shared by all terminals and published with release/acquire.
 class UnicodeUtil {
  public:
   /// An inclusive range of scalars.
@@ -24,6 +27,7 @@ class UnicodeUtil {
     kRegionalIndicator = 0x08,
     kEmojiVariationBase = 0x10,  // takes U+FE0E and U+FE0F
     kPrefersText = 0x20,         // an emoji whose default presentation is text
+    kExtendsCluster = 0x40,      // grapheme break class Extend, ZWJ or SpacingMark: never starts a cluster
   };
 
   static constexpr char32_t kZeroWidthJoiner = 0x200D;
@@ -44,11 +48,13 @@ class UnicodeUtil {
   /// The width a scalar takes when shown in its text presentation.
   static int textPresentationAdjusted(char32_t rune, int width) { return prefersTextPresentation(rune) ? 1 : width; }
 
-  /// The packed properties of a scalar (two table reads).
+  /// The packed properties of a scalar (two table reads once its block is built).
   static uint8_t info(char32_t rune) {
     if (rune > 0x10FFFF) return 0;
-    const Tables& t = tables();
-    return t.blocks[static_cast<std::size_t>(t.index[rune >> 8]) << 8 | (rune & 0xFF)];
+    const uint8_t* block = s_blocks[rune >> 8].load(std::memory_order_acquire);
+    if (block == nullptr) [[unlikely]]
+      block = buildBlock(rune >> 8);
+    return block[rune & 0xFF];
   }
   /// Width from the packed properties.
   static int width(char32_t rune) { return (info(rune) & kWidthMask) - 1; }
@@ -59,12 +65,9 @@ class UnicodeUtil {
   static bool continuesCluster(const char32_t* before, int count, char32_t next);
 
  private:
-  struct Tables {
-    std::vector<uint16_t> index;  // block number for each 256-scalar block
-    std::vector<uint8_t> blocks;  // unique blocks of info bytes
-  };
-  static const Tables& tables();
-  static Tables build();
+  static constexpr std::size_t kBlockCount = 0x110000 >> 8;
+  static const uint8_t* buildBlock(uint32_t block);
+  inline static std::array<std::atomic<const uint8_t*>, kBlockCount> s_blocks{};
 };
 
 }  // namespace termkit
