@@ -415,7 +415,7 @@ class Terminal : private ParserDelegate, private BufferObserver {
     uint64_t key = ~0ull;
     int32_t code = 0;
   };
-  std::vector<JoinCacheEntry> m_joinCache = std::vector<JoinCacheEntry>(1u << kJoinCacheBits);
+  std::vector<JoinCacheEntry> m_joinCache;  // allocated on the first join
   // Scratch for joining, kept to avoid allocating on the hot path.
   std::string m_joinScratch;
   std::u32string m_scalarScratch;

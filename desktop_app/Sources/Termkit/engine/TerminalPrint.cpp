@@ -292,6 +292,7 @@ int32_t Terminal::joinedCode(int32_t targetCode, char32_t scalar) {
   // Joining is a pure function of the stored cluster and the scalar, and the character
   // table never forgets, so recent answers are kept in a small direct-mapped cache.
   const uint64_t key = static_cast<uint64_t>(static_cast<uint32_t>(targetCode)) << 21 | scalar;
+  if (m_joinCache.empty()) m_joinCache.resize(size_t(1) << kJoinCacheBits);
   JoinCacheEntry& entry = m_joinCache[(key * 0x9E3779B97F4A7C15ull) >> (64 - kJoinCacheBits)];
   if (entry.key == key) return entry.code;
   // Extenders, joiners and spacing marks continue any cluster that is not a control, and
