@@ -89,7 +89,9 @@ AttributeId AttributeTable::intern(const Attribute& attribute) {
 
 void AttributeTable::collectGarbage() {
   TERMKIT_INVARIANT(static_cast<bool>(m_marker), "attribute collection without a marker");
-  std::vector<uint8_t> marks(m_entries.size(), 0);
+  // The marks reuse one vector, so a collection in steady state allocates nothing.
+  std::vector<uint8_t>& marks = m_marks;
+  marks.assign(m_entries.size(), 0);
   marks[kEmpty] = 1;
   m_marker([&](AttributeId id) {
     if (id < marks.size()) marks[id] = 1;

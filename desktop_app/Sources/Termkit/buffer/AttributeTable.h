@@ -48,6 +48,7 @@ class AttributeTable {
   std::vector<Attribute> m_entries;
   std::vector<uint8_t> m_live;
   std::vector<AttributeId> m_free;
+  std::vector<uint8_t> m_marks;
   // Open addressing by hash; a slot holds id + 1, 0 when empty.
   std::vector<uint32_t> m_slots;
   size_t m_collectThreshold = kInitialCollectThreshold;

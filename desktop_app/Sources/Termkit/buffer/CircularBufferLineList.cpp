@@ -1,24 +1,34 @@
 #include "Termkit/buffer/CircularBufferLineList.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 namespace termkit {
 
-CircularBufferLineList::CircularBufferLineList(int maxLength) { m_array.resize(static_cast<size_t>(std::max(maxLength, 1))); }
+CircularBufferLineList::CircularBufferLineList(int maxLength) {
+  m_array.resize(static_cast<size_t>(std::max(maxLength, 1)), nullptr);
+}
 
-void CircularBufferLineList::materialize(LinePtr& slot) {
+CircularBufferLineList::~CircularBufferLineList() {
+  for (BufferLine* line : m_array) delete line;
+}
+
+void CircularBufferLineList::materialize(BufferLine*& slot) {
   TERMKIT_INVARIANT(static_cast<bool>(makeEmpty), "line list has no factory for empty slots");
-  slot = makeEmpty();
+  slot = makeEmpty().release();
   attach(*slot);
 }
 
 void CircularBufferLineList::setMaxLength(int maxLength) {
   maxLength = std::max(maxLength, 1);
   if (maxLength == this->maxLength()) return;
-  std::vector<LinePtr> next(static_cast<size_t>(maxLength));
+  std::vector<BufferLine*> next(static_cast<size_t>(maxLength), nullptr);
   const int kept = std::min(m_count, maxLength);
-  for (int i = 0; i < kept; ++i) next[i] = std::move(m_array[physical(i)]);
+  for (int i = 0; i < kept; ++i) {
+    next[i] = m_array[physical(i)];
+    m_array[physical(i)] = nullptr;
+  }
   for (int i = kept; i < m_count; ++i) removed(m_array[physical(i)]);
   m_array = std::move(next);
   m_startIndex = 0;
@@ -27,39 +37,40 @@ void CircularBufferLineList::setMaxLength(int maxLength) {
 
 void CircularBufferLineList::set(int index, LinePtr line) {
   TERMKIT_INVARIANT(index >= 0 && index < m_count, "set outside the line list");
-  LinePtr& slot = m_array[physical(index)];
+  BufferLine*& slot = m_array[physical(index)];
   removed(slot);
   if (line) attach(*line);
-  slot = std::move(line);
+  slot = line.release();
 }
 
 void CircularBufferLineList::push(LinePtr line) {
   if (line) attach(*line);
   const bool hasImages = line && line->hasImages();
-  LinePtr& slot = m_array[physical(m_count)];
+  BufferLine*& slot = m_array[physical(m_count)];
   if (m_count == maxLength()) {
     removed(slot);
     m_startIndex = physical(1);
   } else {
     ++m_count;
   }
-  slot = std::move(line);
+  slot = line.release();
   if (hasImages && onLinePushed) onLinePushed(*slot);
 }
 
 CircularBufferLineList::LinePtr CircularBufferLineList::pop() {
   TERMKIT_INVARIANT(m_count > 0, "pop from an empty line list");
   --m_count;
-  return std::move(m_array[physical(m_count)]);
+  BufferLine*& slot = m_array[physical(m_count)];
+  LinePtr line(slot);
+  slot = nullptr;
+  return line;
 }
 
 BufferLine& CircularBufferLineList::recycle(AttributeId clearAttribute) {
   TERMKIT_INVARIANT(m_count == maxLength(), "recycle can only be called on a full line list");
-  LinePtr& slot = m_array[m_startIndex];
+  BufferLine*& slot = m_array[m_startIndex];
   m_startIndex = physical(1);
-  if (!slot) {
-    materialize(slot);
-  }
+  if (slot == nullptr) materialize(slot);
   BufferLine& line = *slot;
   const bool hadImages = line.hasImages();
   line.clearImages();
@@ -87,7 +98,7 @@ int CircularBufferLineList::splice(int start, int deleteCount, std::vector<LineP
     if (all[i] && onLineRemoved) onLineRemoved(*all[i]);
   }
   all.erase(all.begin(), all.begin() + overflow);
-  for (size_t i = 0; i < all.size(); ++i) m_array[i] = std::move(all[i]);
+  for (size_t i = 0; i < all.size(); ++i) m_array[i] = all[i].release();
   m_startIndex = 0;
   m_count = static_cast<int>(all.size());
   return overflow;
@@ -112,15 +123,17 @@ void CircularBufferLineList::shiftElements(int start, int count, int offset) {
         const int grow = dst - m_count + 1;
         for (int g = 0; g < grow; ++g) push(nullptr);
       }
-      LinePtr& to = m_array[physical(dst)];
+      BufferLine*& to = m_array[physical(dst)];
       removed(to);
-      to = std::move(m_array[physical(start + i)]);
+      to = m_array[physical(start + i)];
+      m_array[physical(start + i)] = nullptr;
     }
   } else if (offset < 0) {
     for (int i = 0; i < count; ++i) {
-      LinePtr& to = m_array[physical(start + i + offset)];
+      BufferLine*& to = m_array[physical(start + i + offset)];
       removed(to);
-      to = std::move(m_array[physical(start + i)]);
+      to = m_array[physical(start + i)];
+      m_array[physical(start + i)] = nullptr;
     }
   }
   TERMKIT_INVARIANT(start + count + offset <= m_count,
@@ -130,19 +143,40 @@ void CircularBufferLineList::shiftElements(int start, int count, int offset) {
 
 void CircularBufferLineList::rotate(int from, int to) {
   TERMKIT_INVARIANT(from >= 0 && from < m_count && to >= 0 && to < m_count, "rotate outside the line list");
-  LinePtr moving = std::move(m_array[physical(from)]);
-  if (from < to) {
-    for (int i = from; i < to; ++i) m_array[physical(i)] = std::move(m_array[physical(i + 1)]);
-  } else {
-    for (int i = from; i > to; --i) m_array[physical(i)] = std::move(m_array[physical(i - 1)]);
+  if (from == to) return;
+  const int lo = std::min(from, to);
+  const int hi = std::max(from, to);
+  BufferLine** base = m_array.data();
+  const int pl = physical(lo);
+  const int ph = physical(hi);
+  if (pl <= ph) {
+    // The range does not wrap around the end of the array: one pointer move does it.
+    BufferLine* moving = base[physical(from)];
+    if (from < to) {
+      std::memmove(base + pl, base + pl + 1, static_cast<size_t>(hi - lo) * sizeof(BufferLine*));
+    } else {
+      std::memmove(base + pl + 1, base + pl, static_cast<size_t>(hi - lo) * sizeof(BufferLine*));
+    }
+    base[physical(to)] = moving;
+    return;
   }
-  m_array[physical(to)] = std::move(moving);
+  BufferLine* moving = base[physical(from)];
+  if (from < to) {
+    for (int i = from; i < to; ++i) base[physical(i)] = base[physical(i + 1)];
+  } else {
+    for (int i = from; i > to; --i) base[physical(i)] = base[physical(i - 1)];
+  }
+  base[physical(to)] = moving;
 }
 
 std::vector<CircularBufferLineList::LinePtr> CircularBufferLineList::takeAll() {
   std::vector<LinePtr> out;
   out.reserve(static_cast<size_t>(m_count));
-  for (int i = 0; i < m_count; ++i) out.push_back(std::move(m_array[physical(i)]));
+  for (int i = 0; i < m_count; ++i) {
+    BufferLine*& slot = m_array[physical(i)];
+    out.emplace_back(slot);
+    slot = nullptr;
+  }
   m_startIndex = 0;
   m_count = 0;
   return out;
@@ -155,7 +189,7 @@ void CircularBufferLineList::assign(std::vector<LinePtr> lines) {
     if (lines[i] && onLineRemoved) onLineRemoved(*lines[i]);
   }
   for (size_t i = static_cast<size_t>(overflow); i < lines.size(); ++i) {
-    m_array[i - overflow] = std::move(lines[i]);
+    m_array[i - overflow] = lines[i].release();
   }
   m_startIndex = 0;
   m_count = static_cast<int>(lines.size()) - overflow;

@@ -18,6 +18,9 @@ class CircularBufferLineList {
   using LinePtr = std::unique_ptr<BufferLine>;
 
   explicit CircularBufferLineList(int maxLength);
+  ~CircularBufferLineList();
+  CircularBufferLineList(const CircularBufferLineList&) = delete;
+  CircularBufferLineList& operator=(const CircularBufferLineList&) = delete;
 
   /// Makes the line for an empty slot.
   std::function<LinePtr()> makeEmpty;
@@ -39,13 +42,13 @@ class CircularBufferLineList {
 
   /// The line at an index, made on first read.
   BufferLine& operator[](int index) {
-    LinePtr& slot = m_array[physical(index)];
-    if (!slot) [[unlikely]]
+    BufferLine*& slot = m_array[physical(index)];
+    if (slot == nullptr) [[unlikely]]
       materialize(slot);
     return *slot;
   }
   /// The line at an index, or nullptr for a slot never read.
-  BufferLine* peek(int index) const { return m_array[physical(index)].get(); }
+  BufferLine* peek(int index) const { return m_array[physical(index)]; }
   /// Replaces the line at an index.
   void set(int index, LinePtr line);
   /// Appends a line (nullptr for a lazy blank one); a full ring drops its oldest line.
@@ -77,16 +80,19 @@ class CircularBufferLineList {
     const int size = static_cast<int>(m_array.size());
     return p >= size ? p - size : p;
   }
-  void materialize(LinePtr& slot);
+  void materialize(BufferLine*& slot);
   void attach(BufferLine& line) {
     if (onLineAttached) onLineAttached(line);
   }
-  void removed(LinePtr& line) {
-    if (line && onLineRemoved) onLineRemoved(*line);
-    line.reset();
+  // Deletes the line in a slot (telling the owner) and empties the slot.
+  void removed(BufferLine*& line) {
+    if (line != nullptr && onLineRemoved) onLineRemoved(*line);
+    delete line;
+    line = nullptr;
   }
 
-  std::vector<LinePtr> m_array;
+  // Owning raw pointers: plain pointers let lines move through the ring with memmove.
+  std::vector<BufferLine*> m_array;
   int m_startIndex = 0;
   int m_count = 0;
 };
