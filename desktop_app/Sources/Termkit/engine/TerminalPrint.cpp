@@ -4,6 +4,7 @@
 #include <cstring>
 #include <tuple>
 
+#include "Termkit/buffer/CellFill.h"
 #include "Termkit/buffer/CharacterTable.h"
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/engine/UnicodeUtil.h"
@@ -146,7 +147,7 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
   Buffer& b = *m_buffer;
   const int x = b.x;
   const int right = b.marginMode ? b.marginRight : b.cols() - 1;
-  if (x == 0 || b.insertMode || x + width - 1 > right) return false;
+  if (b.insertMode || x + width - 1 > right) return false;
   const int index = b.yBase + b.y;
   if (row.line == nullptr || row.index != index) {
     row.release();
@@ -154,14 +155,19 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
     row.index = index;
   }
   CharData* cells = row.line->cells();
-  int col = std::min(x, b.cols()) - 1;
-  if (cells[col].width == 0 && col > 0) --col;
-  const int32_t before = cells[col].code;
-  if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner)) return false;
-  if (before >= kCharacterTableBase) {
-    // A stored cluster that ends in a joiner calls for the next scalar.
-    const std::string_view stored = m_tables->characters.stored(before);
-    if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d") return false;
+  if (x == 0) {
+    // At the start of a wrapped row the cell to look at is on the row above.
+    if (row.line->isWrapped) return false;
+  } else {
+    int col = std::min(x, b.cols()) - 1;
+    if (cells[col].width == 0 && col > 0) --col;
+    const int32_t before = cells[col].code;
+    if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner)) return false;
+    if (before >= kCharacterTableBase) {
+      // A stored cluster that ends in a joiner calls for the next scalar.
+      const std::string_view stored = m_tables->characters.stored(before);
+      if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d") return false;
+    }
   }
   const int32_t code = scalar < 0x10000 ? static_cast<int32_t>(scalar) : m_tables->characters.code(scalar);
   cells[x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
@@ -195,8 +201,8 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
   while (i < n) {
     const uint8_t byte = p[i];
     if (byte < 0x80) {
-      row.release();
       if (charset != nullptr) {
+        row.release();
         const char32_t mapped = charset->lookup(byte);
         if (mapped != 0) {
           printScalar(mapped, 1, payload);
@@ -213,8 +219,23 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
         ++i;
         continue;
       }
-      const int taken = b.insertAsciiRun(p + i, run, payload);
-      for (int k = taken; k < run; ++k) printScalar(p[i + k], 1, payload);
+      // ASCII never joins the cell before it, so a run that fits goes straight into the
+      // cached row; longer runs take the bulk writer, which wraps.
+      const int right = b.marginMode ? b.marginRight : b.cols() - 1;
+      if (!b.insertMode && b.x + run - 1 <= right) {
+        const int index = b.yBase + b.y;
+        if (row.line == nullptr || row.index != index) {
+          row.release();
+          row.line = &b.lines[index];
+          row.index = index;
+        }
+        writeAsciiCells(row.line->cells() + b.x, p + i, run, CharData{0, b.curAttr, payload, 1, b.semanticContent});
+        b.x += run;
+      } else {
+        row.release();
+        const int taken = b.insertAsciiRun(p + i, run, payload);
+        for (int k = taken; k < run; ++k) printScalar(p[i + k], 1, payload);
+      }
       m_lastCode = p[i + run - 1];
       m_lastWidth = 1;
       m_hasLastChar = true;
