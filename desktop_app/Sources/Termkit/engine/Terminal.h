@@ -266,7 +266,7 @@ class Terminal : private ParserDelegate, private BufferObserver {
   bool tryJoin(char32_t scalar, int width, uint8_t info);
   std::pair<char32_t, int> lastScalarOf(int32_t code);
   int32_t joinedCode(int32_t targetCode, char32_t scalar);
-  int combiningTarget(int& lineIndex) const;
+  int combiningTarget(int& lineIndex, BufferLine*& line) const;
 
   // Cursor (TerminalCursor.cpp)
   void cmdBackspace();

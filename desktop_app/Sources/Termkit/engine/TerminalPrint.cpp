@@ -284,7 +284,7 @@ void Terminal::printScalar(char32_t scalar, int width, uint16_t payload) {
   m_hasLastChar = true;
 }
 
-int Terminal::combiningTarget(int& lineIndex) const {
+__attribute__((always_inline)) inline int Terminal::combiningTarget(int& lineIndex, BufferLine*& line) const {
   Buffer& b = *m_buffer;
   const int row = b.yBase + b.y;
   int col;
@@ -296,7 +296,8 @@ int Terminal::combiningTarget(int& lineIndex) const {
     lineIndex = row;
     col = std::min(b.x, b.cols()) - 1;
   }
-  const CharData* cells = b.lines[lineIndex].cells();
+  line = &b.lines[lineIndex];
+  const CharData* cells = line->cells();
   if (cells[col].width == 0 && col > 0) --col;
   return col;
 }
@@ -361,10 +362,11 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
   if (width == 2 && narrowIndicators && regional) width = 1;
   bool wants = (info & UnicodeUtil::kJoins) != 0;
   int lineIndex = 0;
-  const int col = combiningTarget(lineIndex);
+  BufferLine* targetLine = nullptr;
+  const int col = combiningTarget(lineIndex, targetLine);
   if (col < 0) return wants && width == 0;  // nothing to join: a zero-width scalar is dropped
   Buffer& b = *m_buffer;
-  BufferLine& line = b.lines[lineIndex];
+  BufferLine& line = *targetLine;
   CharData& target = line.cells()[col];
   if (!wants) {
     // Only a joiner at the end of the cell before, or a first flag letter, calls for more.
@@ -403,7 +405,8 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
   }
   target.code = joined;
   line.touch();
-  b.markRows(std::max(lineIndex - b.yBase, 0), b.y);
+  // The cursor row is marked by the print call; a join onto the row above marks that too.
+  if (lineIndex != b.yBase + b.y) b.markRows(std::max(lineIndex - b.yBase, 0), b.y);
   return true;
 }
 
