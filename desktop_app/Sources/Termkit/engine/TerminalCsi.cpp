@@ -25,6 +25,10 @@ std::string listText(const CsiParameters& pars) {
 void Terminal::dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<const uint8_t> collect) {
   // SGR only changes the attribute; everything else may write cells with it.
   if (final != 'm') ensureAttributes();
+  // Only a graphic character directly before it can be repeated: any control in between,
+  // a repeat included, ends that.
+  const bool repeatable = m_hasLastChar;
+  m_hasLastChar = false;
   switch (final) {
     case '@': cmdInsertChars(pars); break;
     case 'A': cmdCursorUp(pars); break;
@@ -47,7 +51,9 @@ void Terminal::dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<c
     case 'Z': cmdBackTab(pars.atLeast1(0)); break;
     case '`': cmdCharPosAbsolute(pars); break;
     case 'a': cmdHPositionRelative(pars); break;
-    case 'b': cmdRepeatPrecedingCharacter(pars); break;
+    case 'b':
+      if (repeatable) cmdRepeatPrecedingCharacter(pars);
+      break;
     case 'c': cmdSendDeviceAttributes(pars, collect); break;
     case 'd': cmdLinePosAbsolute(pars); break;
     case 'e': cmdVPositionRelative(pars); break;

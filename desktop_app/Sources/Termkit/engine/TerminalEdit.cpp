@@ -266,7 +266,6 @@ void Terminal::cmdDeleteColumns(const CsiParameters& pars) {
 }
 
 void Terminal::cmdRepeatPrecedingCharacter(const CsiParameters& pars) {
-  if (!m_hasLastChar) return;
   Buffer& b = *m_buffer;
   const uint16_t payload = activeHyperlink ? resolveActiveHyperlink() : 0;
   b.markRows(b.y, b.y);

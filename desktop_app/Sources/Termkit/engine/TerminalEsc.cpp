@@ -6,6 +6,7 @@ namespace termkit {
 
 void Terminal::dispatchExecute(uint8_t code) {
   ensureAttributes();
+  m_hasLastChar = false;
   switch (code) {
     case 0x07:
       if (m_delegate) m_delegate->bell(*this);
@@ -29,6 +30,7 @@ void Terminal::dispatchExecute(uint8_t code) {
 
 void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
   ensureAttributes();
+  m_hasLastChar = false;
   if (collect.empty()) {
     switch (final) {
       case '6': cmdBackIndex(); return;

@@ -114,6 +114,7 @@ ImageSizeRequest parseImageSize(const std::string& value) {
 }  // namespace
 
 void Terminal::dispatchOsc(int code, std::span<const uint8_t> data) {
+  m_hasLastChar = false;
   switch (code) {
     case 0: oscSetTitle(data, true, true); break;
     case 1: oscSetTitle(data, false, true); break;
