@@ -99,9 +99,11 @@ void EscapeSequenceParser::appendParameterByte(uint8_t code) {
     return;
   }
   if (_parameterLimitExceeded) return;
+  // A value never exceeds the maximum, so v * 10 + d cannot overflow; taking the minimum
+  // is the same as saturating once v > (max - d) / 10.
   const int d = code - '0';
   int32_t& v = _pars.values[_pars.count - 1];
-  v = v > (CsiParameters::kMaxValue - d) / 10 ? CsiParameters::kMaxValue : v * 10 + d;
+  v = std::min(v * 10 + d, CsiParameters::kMaxValue);
 }
 
 void EscapeSequenceParser::dispatchOscString() {
@@ -184,18 +186,20 @@ int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) 
   int32_t* values = _pars.values.data();
   int count = 1;
   bool limit = false;
+  // The parameter being read stays in a register until its separator; past the limit the
+  // sequence will be dropped, so its values no longer matter.
+  int32_t current = 0;
   for (; j < length; ++j) {
     b = data[j];
-    if (b >= '0' && b <= '9') {
-      if (!limit) {
-        const int d = b - '0';
-        int32_t& v = values[count - 1];
-        v = v > (CsiParameters::kMaxValue - d) / 10 ? CsiParameters::kMaxValue : v * 10 + d;
-      }
+    const unsigned digit = static_cast<unsigned>(b) - '0';
+    if (digit <= 9) {
+      current = std::min(current * 10 + static_cast<int32_t>(digit), CsiParameters::kMaxValue);
     } else if (b == ';' || b == ':') {
       if (count < CsiParameters::kMaxCount && !limit) {
+        values[count - 1] = current;
         _pars.separators[count - 1] = b;
-        values[count++] = 0;
+        ++count;
+        current = 0;
       } else {
         limit = true;
       }
@@ -203,6 +207,7 @@ int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) 
       break;
     }
   }
+  values[count - 1] = current;
   _pars.count = count;
   _parameterLimitExceeded = limit;
   for (; j < length && data[j] >= 0x20 && data[j] <= 0x2F; ++j) _collect.bytes.push_back(data[j]);
@@ -258,7 +263,7 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
       if (!_parameterLimitExceeded) {
         const int d = code - '0';
         int32_t& v = _pars.values[_pars.count - 1];
-        v = v > (CsiParameters::kMaxValue - d) / 10 ? CsiParameters::kMaxValue : v * 10 + d;
+        v = std::min(v * 10 + d, CsiParameters::kMaxValue);
       }
       continue;
     }
