@@ -10,36 +10,37 @@
 namespace termkit {
 namespace {
 
-// The switch is read once per process, so each case runs in a child of its own.
+void parseTwice() {
+  testing::RecordingParserDelegate target;
+  EscapeSequenceParser parser(&target);
+  const uint8_t bytes[] = {'a', 'b', 'c'};
+  parser.parse(bytes);
+  parser.parse(bytes);
+}
+
+// Run in a child process: the switch is read once per process.
+[[noreturn]] void profileWithVariableOne() {
+  ::setenv("TERMKIT_PROFILE", "1", 1);
+  parseTwice();
+  const bool ok = ParserProfile::enabled() && ParserProfile::spans() == 2 && ParserProfile::totalBytes() == 6;
+  std::_Exit(ok ? 0 : 1);
+}
+
+[[noreturn]] void profileWithAnotherValue() {
+  ::setenv("TERMKIT_PROFILE", "yes", 1);
+  parseTwice();
+  // Changing the variable later has no effect: it was read once.
+  ::setenv("TERMKIT_PROFILE", "1", 1);
+  parseTwice();
+  std::_Exit(!ParserProfile::enabled() && ParserProfile::spans() == 0 ? 0 : 1);
+}
+
 TEST(ParserProfileTest, SpansAreRecordedWhenTheVariableIsOne) {
-  EXPECT_EXIT(
-      {
-        ::setenv("TERMKIT_PROFILE", "1", 1);
-        testing::RecordingParserDelegate target;
-        EscapeSequenceParser parser(&target);
-        const uint8_t bytes[] = {'a', 'b', 'c'};
-        parser.parse(bytes);
-        parser.parse(bytes);
-        const bool ok = ParserProfile::enabled() && ParserProfile::spans() == 2 && ParserProfile::totalBytes() == 6;
-        std::_Exit(ok ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(profileWithVariableOne(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(ParserProfileTest, NothingIsRecordedOtherwise) {
-  EXPECT_EXIT(
-      {
-        ::setenv("TERMKIT_PROFILE", "yes", 1);
-        testing::RecordingParserDelegate target;
-        EscapeSequenceParser parser(&target);
-        const uint8_t bytes[] = {'a'};
-        parser.parse(bytes);
-        // Changing the variable later has no effect: it was read once.
-        ::setenv("TERMKIT_PROFILE", "1", 1);
-        parser.parse(bytes);
-        std::_Exit(!ParserProfile::enabled() && ParserProfile::spans() == 0 ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(profileWithAnotherValue(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
