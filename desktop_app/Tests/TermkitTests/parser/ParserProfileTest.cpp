@@ -35,11 +35,15 @@ void parseTwice() {
   std::_Exit(!ParserProfile::enabled() && ParserProfile::spans() == 0 ? 0 : 1);
 }
 
+// The child must be a fresh process that has not read the switch yet, not a fork of this
+// one: the "threadsafe" style starts the test binary again for the death test.
 TEST(ParserProfileTest, SpansAreRecordedWhenTheVariableIsOne) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(profileWithVariableOne(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(ParserProfileTest, NothingIsRecordedOtherwise) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(profileWithAnotherValue(), ::testing::ExitedWithCode(0), "");
 }
 
