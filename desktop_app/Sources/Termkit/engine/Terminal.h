@@ -137,6 +137,8 @@ class Terminal : private ParserDelegate, private BufferObserver {
   void storeCursorColor(std::optional<Color> color) { cursorColor = color; }
   /// Installs 16 colours as palette entries 0 to 15 and rebuilds the rest.
   void installColors(std::span<const Color> colors);
+  /// The same as `installColors`, under the name hosts of the palette know it by.
+  void installPalette(std::span<const Color> colors) { installColors(colors); }
   /// Rebuilds entries 16 to 255 by the strategy; optionally tells the delegate.
   void rebuildAnsiPalette(bool notifyDelegate);
 
