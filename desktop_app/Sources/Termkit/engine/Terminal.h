@@ -260,6 +260,7 @@ class Terminal : private ParserDelegate, private BufferObserver {
     }
   };
   bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
+  bool joinZeroWidth(RowCache& row, char32_t scalar);
   /// A scalar from a sequence the fast decoders did not take: -1 for bytes skipped,
   /// `kCarried` when the chunk ends inside it.
   static constexpr int32_t kCarried = -2;

@@ -179,6 +179,28 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
   return true;
 }
 
+// A zero-width scalar other than a presentation selector, joined to the cell before the
+// cursor on the cached row: it changes no width, so it only needs the joined code. Returns
+// false when the cell before is not on this row, leaving the case to the general path.
+__attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row, char32_t scalar) {
+  Buffer& b = *m_buffer;
+  const int x = b.x;
+  if (x == 0) return false;
+  const int index = b.yBase + b.y;
+  if (row.line == nullptr || row.index != index) {
+    row.release();
+    row.line = &b.lines[index];
+    row.index = index;
+  }
+  CharData* cells = row.line->cells();
+  int col = std::min(x, b.cols()) - 1;
+  if (cells[col].width == 0 && col > 0) --col;
+  const int32_t joined = joinedCode(cells[col].code, scalar);
+  // Not one cluster: a zero-width scalar has nowhere to go and is dropped.
+  if (joined >= 0) cells[col].code = joined;
+  return true;
+}
+
 void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
   Buffer& b = *m_buffer;
   int i = 0;
@@ -263,6 +285,10 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
     if (width < 0) continue;
     if (width > 0 && (info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) == 0 &&
         writePlainScalar(row, static_cast<char32_t>(c), width, payload)) {
+      continue;
+    }
+    if (width == 0 && c != UnicodeUtil::kTextSelector && c != UnicodeUtil::kEmojiSelector &&
+        joinZeroWidth(row, static_cast<char32_t>(c))) {
       continue;
     }
     row.release();
