@@ -1,5 +1,6 @@
 #include "Termkit/buffer/CharacterTable.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "Termkit/buffer/CharData.h"
@@ -65,7 +66,7 @@ std::string_view CharacterTable::stored(int32_t code) const {
   const int64_t index = static_cast<int64_t>(code) - kFirstIndex;
   if (index < 0 || index >= static_cast<int64_t>(size())) return {};
   const auto i = static_cast<size_t>(index);
-  return std::string_view(m_arena).substr(m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
+  return std::string_view(m_arena.data() + m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
 }
 
 int32_t CharacterTable::find(std::string_view cluster, uint64_t hash) const {
@@ -74,7 +75,7 @@ int32_t CharacterTable::find(std::string_view cluster, uint64_t hash) const {
   for (size_t slot = (hash >> 32) & mask; m_slots[slot].index != 0; slot = (slot + 1) & mask) {
     if (m_slots[slot].hash != shortHash) continue;
     const uint32_t index = m_slots[slot].index - 1;
-    if (std::string_view(m_arena).substr(m_offsets[index], m_offsets[index + 1] - m_offsets[index]) == cluster) {
+    if (std::string_view(m_arena.data() + m_offsets[index], m_offsets[index + 1] - m_offsets[index]) == cluster) {
       return kFirstIndex + static_cast<int32_t>(index);
     }
   }
@@ -95,8 +96,13 @@ void CharacterTable::rehash(size_t slots) {
 
 int32_t CharacterTable::store(std::string_view cluster, uint64_t hash) {
   const auto index = static_cast<uint32_t>(size());
-  m_arena.append(cluster);
-  m_offsets.push_back(static_cast<uint32_t>(m_arena.size()));
+  // The arena grows by doubling and is written with a plain copy.
+  const size_t used = m_offsets.back();
+  if (used + cluster.size() > m_arena.size()) {
+    m_arena.resize(std::max<size_t>(m_arena.size() * 2, used + cluster.size() + 4096));
+  }
+  std::memcpy(m_arena.data() + used, cluster.data(), cluster.size());
+  m_offsets.push_back(static_cast<uint32_t>(used + cluster.size()));
   m_slotHome.push_back(static_cast<uint32_t>(hash >> 32));
   const size_t mask = m_slots.size() - 1;
   size_t slot = (hash >> 32) & mask;

@@ -43,8 +43,9 @@ class CharacterTable {
   int32_t store(std::string_view cluster, uint64_t hash);
   void rehash(size_t slots);
 
-  // indexToCharMap: cluster i is m_arena[m_offsets[i], m_offsets[i + 1]).
-  std::string m_arena;
+  // indexToCharMap: cluster i is m_arena[m_offsets[i], m_offsets[i + 1]); the arena's
+  // size is its capacity, the last offset how much of it is used.
+  std::vector<char> m_arena;
   std::vector<uint32_t> m_offsets;
   std::vector<uint32_t> m_slotHome;   // high hash bits: where each cluster's probe starts
   // charToIndexMap: open addressing; a slot holds the low hash bits and index + 1 (0 when

@@ -328,12 +328,19 @@ __attribute__((always_inline)) inline int Terminal::combiningTarget(int& lineInd
   return col;
 }
 
-// The last scalar of a stored cluster and how many scalars it has.
+// The last scalar of a stored cluster, and its scalar count as far as it matters here:
+// 0, 1, or 2 for "more than one".
 std::pair<char32_t, int> Terminal::lastScalarOf(int32_t code) {
   if (code < kCharacterTableBase) return {static_cast<char32_t>(code), code != 0 ? 1 : 0};
-  decodeAll(m_tables->characters.stored(code), m_scalarScratch);
-  if (m_scalarScratch.empty()) return {0, 0};
-  return {m_scalarScratch.back(), static_cast<int>(m_scalarScratch.size())};
+  const std::string_view s = m_tables->characters.stored(code);
+  if (s.empty()) return {0, 0};
+  // Step back over continuation bytes to the start of the last sequence.
+  size_t start = s.size() - 1;
+  while (start > 0 && (static_cast<uint8_t>(s[start]) & 0xC0) == 0x80) --start;
+  const auto* p = reinterpret_cast<const uint8_t*>(s.data()) + start;
+  const int length = static_cast<int>(s.size() - start);
+  const int32_t last = length == 1 ? p[0] : decode(p, length);
+  return {last < 0 ? 0 : static_cast<char32_t>(last), start == 0 ? 1 : 2};
 }
 
 int32_t Terminal::joinedCode(int32_t targetCode, char32_t scalar) {
