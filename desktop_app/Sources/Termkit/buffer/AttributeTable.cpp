@@ -80,10 +80,11 @@ AttributeId AttributeTable::intern(const Attribute& attribute) {
     // Collection pays for itself only if the table stays at most half full of live ids.
     m_collectThreshold = std::max(kInitialCollectThreshold, liveCount() * 2);
   }
+  // A new attribute does not enter the recent cache yet: one-off true colours would only
+  // push out the attributes that keep coming back.
   const AttributeId id = findOrInsert(attribute, hash);
   m_lastAttribute = attribute;
   m_lastId = id;
-  m_recent[hash >> (64 - kRecentBits)] = {attribute, id};
   return id;
 }
 

@@ -20,7 +20,7 @@ class AttributeTable {
   /// Id of the empty attribute, never reclaimed.
   static constexpr AttributeId kEmpty = 0;
   /// Collection is first considered when this many ids are live.
-  static constexpr size_t kInitialCollectThreshold = 1 << 16;
+  static constexpr size_t kInitialCollectThreshold = 1 << 14;
 
   /// Marks every id in use by calling `mark(id)` for it.
   using Marker = std::function<void(const std::function<void(AttributeId)>& mark)>;

@@ -145,9 +145,8 @@ void Terminal::handlePrint(std::span<const uint8_t> data) {
 __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& row, char32_t scalar, int width,
                                                                      uint16_t payload) {
   Buffer& b = *m_buffer;
+  if (b.insertMode) return false;
   const int x = b.x;
-  const int right = b.marginMode ? b.marginRight : b.cols() - 1;
-  if (b.insertMode || x + width - 1 > right) return false;
   const int index = b.yBase + b.y;
   if (row.line == nullptr || row.index != index) {
     row.release();
@@ -155,27 +154,39 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
     row.index = index;
   }
   CharData* cells = row.line->cells();
-  if (x == 0) {
-    // At the start of a wrapped row the cell to look at is on the row above.
-    if (row.line->isWrapped) return false;
-  } else {
+  // The cell that a joiner would have called the scalar into: left of the cursor, or at
+  // the start of a wrapped row the last one of the row above.
+  int32_t before = 0;
+  if (x > 0) {
     int col = std::min(x, b.cols()) - 1;
     if (cells[col].width == 0 && col > 0) --col;
-    const int32_t before = cells[col].code;
-    if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner)) return false;
-    if (before >= kCharacterTableBase) {
-      // A stored cluster that ends in a joiner calls for the next scalar.
-      const std::string_view stored = m_tables->characters.stored(before);
-      if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d") return false;
-    }
+    before = cells[col].code;
+  } else if (row.line->isWrapped && index > 0) {
+    const CharData* above = b.lines[index - 1].cells();
+    int col = b.cols() - 1;
+    if (above[col].width == 0 && col > 0) --col;
+    before = above[col].code;
+  }
+  if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner)) return false;
+  if (before >= kCharacterTableBase) {
+    // A stored cluster that ends in a joiner calls for the next scalar.
+    const std::string_view stored = m_tables->characters.stored(before);
+    if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d") return false;
   }
   const int32_t code = scalar < 0x10000 ? static_cast<int32_t>(scalar) : m_tables->characters.code(scalar);
-  cells[x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
-  if (width == 2) cells[x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
-  b.x = x + width;
   m_lastCode = code;
   m_lastWidth = width;
   m_hasLastChar = true;
+  const int right = b.marginMode ? b.marginRight : b.cols() - 1;
+  if (x + width - 1 > right) {
+    // Wrapping, margins and the edge: the buffer's general writer decides.
+    row.release();
+    b.insertCharacter(code, width, payload);
+    return true;
+  }
+  cells[x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
+  if (width == 2) cells[x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
+  b.x = x + width;
   return true;
 }
 
