@@ -48,12 +48,13 @@ std::string Attribute::toSgr() const {
 }
 
 uint64_t Attribute::hash() const {
-  uint64_t first;
-  uint64_t second = 0;
-  std::memcpy(&first, this, 8);
-  std::memcpy(&second, reinterpret_cast<const char*>(this) + 8, sizeof(Attribute) - 8);
-  uint64_t h = first * 0x9E3779B97F4A7C15ull;
-  h ^= (second + 0x632BE59BD9B4E019ull) * 0xC2B2AE3D27D4EB4Full;
+  // Read field by field for the same reason equality is (store forwarding).
+  const uint64_t colours = static_cast<uint64_t>(fg.packed()) << 32 | bg.packed();
+  const uint64_t rest = static_cast<uint64_t>(style.bits) | static_cast<uint64_t>(underlineStyle) << 8 |
+                        (underlineColor ? (static_cast<uint64_t>(underlineColor->packed()) << 24 | 1u << 16) : 0);
+  uint64_t h = (colours ^ (rest * 0xD6E8FEB86659FD93ull)) * 0x9E3779B97F4A7C15ull;
+  h ^= h >> 32;
+  h *= 0xC2B2AE3D27D4EB4Full;
   return h ^ (h >> 29);
 }
 

@@ -75,8 +75,12 @@ struct Attribute {
   UnderlineStyle underlineStyle = UnderlineStyle::none;
   OptionalColor underlineColor;
 
-  /// Every byte of the record is a field, so equality is a comparison of memory.
-  bool operator==(const Attribute& other) const { return std::memcmp(this, &other, sizeof(Attribute)) == 0; }
+  /// Field by field: the record is often compared right after its fields were written one
+  /// by one, and a wide load over narrow stores would stall on store forwarding.
+  bool operator==(const Attribute& other) const {
+    return fg.packed() == other.fg.packed() && bg.packed() == other.bg.packed() && style.bits == other.style.bits &&
+           underlineStyle == other.underlineStyle && underlineColor == other.underlineColor;
+  }
 
   /// The attribute as SGR parameters (without the final `m`), starting with the reset `0`;
   /// colours use the `38;5;n` and `38;2;r;g;b` forms.

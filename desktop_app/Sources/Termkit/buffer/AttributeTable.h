@@ -58,7 +58,7 @@ class AttributeTable {
   AttributeId m_lastId = kEmpty;
   // Recently used attributes by hash, small enough to stay in the first-level cache while
   // the table itself may hold tens of thousands of colours.
-  static constexpr size_t kRecentBits = 8;
+  static constexpr size_t kRecentBits = 10;
   struct Recent {
     Attribute attribute;
     AttributeId id = kEmpty;
