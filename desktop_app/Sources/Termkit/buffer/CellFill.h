@@ -26,10 +26,12 @@ struct Words {
   uint32_t rest;
 };
 
+// Built from the fields with arithmetic: reading the record back from memory right after
+// its fields were stored one by one would stall on store forwarding.
 inline Words wordsOf(const CharData& cell) {
-  Words w;
-  std::memcpy(&w, static_cast<const void*>(&cell), sizeof w);
-  return w;
+  return {static_cast<uint32_t>(cell.code), cell.attribute,
+          static_cast<uint32_t>(cell.payload) | static_cast<uint32_t>(static_cast<uint8_t>(cell.width)) << 16 |
+              static_cast<uint32_t>(cell.semanticContentCode) << 24};
 }
 
 #if defined(__SSE2__)
@@ -49,7 +51,13 @@ inline Blocks blocksOf(const Words& w) {
 }
 #endif
 
-inline void storeCell(CharData* dst, const Words& w) { std::memcpy(static_cast<void*>(dst), &w, sizeof w); }
+// Three 32-bit stores, each from a register.
+inline void storeCell(CharData* dst, uint32_t code, uint32_t attribute, uint32_t rest) {
+  auto* out = reinterpret_cast<unsigned char*>(dst);
+  std::memcpy(out, &code, 4);
+  std::memcpy(out + 4, &attribute, 4);
+  std::memcpy(out + 8, &rest, 4);
+}
 
 }  // namespace cellfill
 
@@ -69,13 +77,13 @@ inline void fillCells(CharData* dst, int n, const CharData& value) {
     }
   }
 #endif
-  for (; i < n; ++i) cellfill::storeCell(dst + i, w);
+  for (; i < n; ++i) cellfill::storeCell(dst + i, w.code, w.attribute, w.rest);
 }
 
 /// Writes ASCII bytes as cells that are `proto` with the byte as code. The codes go into
 /// the 16-bit lanes of the prepared blocks (their upper halves stay zero from the prototype).
 inline void writeAsciiCells(CharData* dst, const uint8_t* src, int n, const CharData& proto) {
-  cellfill::Words w = cellfill::wordsOf(proto);
+  const cellfill::Words w = cellfill::wordsOf(proto);
   int i = 0;
 #if defined(__SSE2__)
   if (n >= 4) {
@@ -93,10 +101,7 @@ inline void writeAsciiCells(CharData* dst, const uint8_t* src, int n, const Char
     }
   }
 #endif
-  for (; i < n; ++i) {
-    w.code = src[i];
-    cellfill::storeCell(dst + i, w);
-  }
+  for (; i < n; ++i) cellfill::storeCell(dst + i, src[i], w.attribute, w.rest);
 }
 
 }  // namespace termkit
