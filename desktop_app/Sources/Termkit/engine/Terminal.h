@@ -413,7 +413,7 @@ class Terminal : private ParserDelegate, private BufferObserver {
   int m_lastWidth = 1;
   bool m_hasLastChar = false;
   // Recent joins: (cluster code, scalar) to the joined code, or -1 when they do not join.
-  static constexpr int kJoinCacheBits = 16;
+  static constexpr int kJoinCacheBits = 14;
   struct JoinCacheEntry {
     uint64_t key = ~0ull;
     int32_t code = 0;
