@@ -249,13 +249,14 @@ void Buffer::insertCharacter(int32_t code, int width, uint16_t payload) {
     }
   }
   BufferLine& line = lines[yBase + y];
-  CharData* cells = line.cells();
   if (insertMode) {
     line.insertCells(x, width, right, CharData::Null.withAttribute(curAttr));
     // An insert that pushed a left half to the edge would leave half a character.
-    if (cells[right].width == 2) cells[right] = CharData::Null.withAttribute(curAttr);
+    CharData* shifted = line.cellsForWrite(right + 1);
+    if (shifted[right].width == 2) shifted[right] = CharData::Null.withAttribute(curAttr);
   }
   if (x >= m_cols) x = m_cols - 1;
+  CharData* cells = line.cellsForWrite(std::min(x + width, m_cols));
   cells[x] = CharData{code, curAttr, payload, static_cast<int8_t>(width), semanticContent};
   ++x;
   for (int i = 1; i < width && x < m_cols; ++i) {
@@ -278,7 +279,7 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
         BufferLine& line = lines[yBase + y];
         CharData cell = proto;
         cell.code = data[count - 1];
-        line.cells()[x] = cell;
+        line.cellsForWrite(x + 1)[x] = cell;
         line.touch();
         x = right + 1;
         return count;
@@ -286,8 +287,8 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
       wrapToNextRow();
     }
     BufferLine& line = lines[yBase + y];
-    CharData* cells = line.cells() + x;
     const int n = std::min(right - x + 1, count - taken);
+    CharData* cells = line.cellsForWrite(x + n) + x;
     const uint8_t* src = data + taken;
     writeAsciiCells(cells, src, n, proto);
     line.touch();

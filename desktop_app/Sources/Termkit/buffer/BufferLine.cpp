@@ -22,6 +22,7 @@ BufferLine::BufferLine(int cols, CharData fill, bool wrapped, BidiPresentationSt
     : isWrapped(wrapped), bidiState(bidi), fillCharacter(fill), m_size(std::max(cols, 0)) {
   m_data.reset(new CharData[static_cast<size_t>(m_size)]);
   fillCells(m_data.get(), m_size, fill);
+  m_clean = fill == CharData::Null ? 0 : m_size;
 }
 
 BufferLine::BufferLine(const BufferLine& other)
@@ -32,7 +33,8 @@ BufferLine::BufferLine(const BufferLine& other)
       recycleGeneration(0),
       fillCharacter(other.fillCharacter),
       generation(0),
-      m_size(other.m_size) {
+      m_size(other.m_size),
+      m_clean(other.m_clean) {
   m_data.reset(new CharData[static_cast<size_t>(m_size)]);
   moveCells(m_data.get(), other.m_data.get(), m_size);
   if (other.m_annotations) m_annotations = std::make_unique<LineAnnotations>(*other.m_annotations);
@@ -45,6 +47,7 @@ BufferLine& BufferLine::operator=(const BufferLine& other) {
     m_size = other.m_size;
   }
   moveCells(m_data.get(), other.m_data.get(), m_size);
+  m_clean = other.m_clean;
   isWrapped = other.isWrapped;
   bidiState = other.bidiState;
   renderMode = other.renderMode;
@@ -67,17 +70,27 @@ void BufferLine::resize(int cols, const CharData& fillData) {
   moveCells(next.get(), m_data.get(), kept);
   fillCells(next.get() + kept, cols - kept, fillData);
   m_data = std::move(next);
+  m_clean = fillData == CharData::Null || cols <= m_size ? std::min(m_clean, cols) : cols;
   m_size = cols;
   ++generation;
 }
 
 void BufferLine::fill(const CharData& fillData) {
   fillCells(m_data.get(), m_size, fillData);
+  m_clean = fillData == CharData::Null ? 0 : m_size;
   ++generation;
 }
 
 void BufferLine::clear(AttributeId attribute) {
-  fillCells(m_data.get(), m_size, CharData::Null.withAttribute(attribute));
+  // Cells past the clean mark are already empty: a recycled line is cleared only as far as
+  // it was ever written.
+  if (attribute == AttributeTable::kEmpty) {
+    fillCells(m_data.get(), m_clean, CharData::Null);
+    m_clean = 0;
+  } else {
+    fillCells(m_data.get(), m_size, CharData::Null.withAttribute(attribute));
+    m_clean = m_size;
+  }
   isWrapped = false;
   renderMode = RenderLineMode::single;
   ++generation;
@@ -87,6 +100,7 @@ void BufferLine::copyFrom(const BufferLine& line, int srcCol, int dstCol, int le
   len = std::min({len, line.m_size - srcCol, m_size - dstCol});
   if (len <= 0 || srcCol < 0 || dstCol < 0) return;
   moveCells(m_data.get() + dstCol, line.m_data.get() + srcCol, len);
+  m_clean = std::max(m_clean, dstCol + len);
   ++generation;
 }
 
@@ -96,6 +110,7 @@ void BufferLine::insertCells(int pos, int n, int rightMargin, const CharData& fi
   n = std::min(n, end - pos);
   moveCells(m_data.get() + pos + n, m_data.get() + pos, end - pos - n);
   fillCells(m_data.get() + pos, n, fillData);
+  m_clean = std::max(m_clean, end);
   ++generation;
 }
 
@@ -105,6 +120,7 @@ void BufferLine::deleteCells(int pos, int n, int rightMargin, const CharData& fi
   n = std::min(n, end - pos);
   moveCells(m_data.get() + pos, m_data.get() + pos + n, end - pos - n);
   fillCells(m_data.get() + end - n, n, fillData);
+  m_clean = std::max(m_clean, end);
   ++generation;
 }
 
@@ -113,6 +129,12 @@ void BufferLine::replaceCells(int start, int end, const CharData& fillData) {
   end = std::min(end, m_size);
   if (start >= end) return;
   fillCells(m_data.get() + start, end - start, fillData);
+  if (!(fillData == CharData::Null)) {
+    m_clean = std::max(m_clean, end);
+  } else if (end >= m_clean) {
+    // Everything from `start` on is now empty.
+    m_clean = std::min(m_clean, start);
+  }
   ++generation;
 }
 

@@ -40,12 +40,25 @@ class BufferLine {
   const CharData& operator[](int col) const { return m_data[checkedIndex(col)]; }
   /// Writes a cell; an out-of-range column is logged and corrected as for reading.
   void set(int col, const CharData& cell) {
-    m_data[checkedIndex(col)] = cell;
+    const int at = checkedIndex(col);
+    m_data[at] = cell;
+    if (at >= m_clean) m_clean = at + 1;
     ++generation;
   }
-  /// Direct cell storage for the print path; callers bump `generation` themselves.
-  CharData* cells() { return m_data.get(); }
+  /// Direct cell storage; the caller may write any cell and bumps `generation` itself.
+  CharData* cells() {
+    m_clean = m_size;
+    return m_data.get();
+  }
+  /// Direct cell storage for writes to cells below `end` only (the print paths).
+  CharData* cellsForWrite(int end) {
+    if (end > m_clean) m_clean = end < m_size ? end : m_size;
+    return m_data.get();
+  }
   const CharData* cells() const { return m_data.get(); }
+  /// Every cell from here on is `CharData::Null`; clearing with the empty attribute only
+  /// needs to touch the cells before it.
+  int cleanFrom() const { return m_clean; }
   /// Marks the line changed.
   void touch() { ++generation; }
 
@@ -115,6 +128,8 @@ class BufferLine {
 
   std::unique_ptr<CharData[]> m_data;
   int m_size = 0;
+  // Invariant: cells at m_clean and after are exactly CharData::Null.
+  int m_clean = 0;
   std::unique_ptr<LineAnnotations> m_annotations;
 };
 

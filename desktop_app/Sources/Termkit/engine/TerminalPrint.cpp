@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <tuple>
+#include <utility>
 
 #include "Termkit/buffer/CellFill.h"
 #include "Termkit/buffer/CharacterTable.h"
@@ -153,7 +154,7 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
     row.line = &b.lines[index];
     row.index = index;
   }
-  CharData* cells = row.line->cells();
+  CharData* cells = row.line->cellsForWrite(std::min(x + width, b.cols()));
   // The cell that a joiner would have called the scalar into: left of the cursor, or at
   // the start of a wrapped row the last one of the row above.
   int32_t before = 0;
@@ -162,7 +163,7 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
     if (cells[col].width == 0 && col > 0) --col;
     before = cells[col].code;
   } else if (row.line->isWrapped && index > 0) {
-    const CharData* above = b.lines[index - 1].cells();
+    const CharData* above = std::as_const(b.lines[index - 1]).cells();
     int col = b.cols() - 1;
     if (above[col].width == 0 && col > 0) --col;
     before = above[col].code;
@@ -203,7 +204,7 @@ __attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row
     row.line = &b.lines[index];
     row.index = index;
   }
-  CharData* cells = row.line->cells();
+  CharData* cells = row.line->cellsForWrite(std::min(x, b.cols()));
   int col = std::min(x, b.cols()) - 1;
   if (cells[col].width == 0 && col > 0) --col;
   const int32_t joined = joinedCode(cells[col].code, scalar);
@@ -262,7 +263,8 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
           row.line = &b.lines[index];
           row.index = index;
         }
-        writeAsciiCells(row.line->cells() + b.x, p + i, run, CharData{0, b.curAttr, payload, 1, b.semanticContent});
+        writeAsciiCells(row.line->cellsForWrite(b.x + run) + b.x, p + i, run,
+                        CharData{0, b.curAttr, payload, 1, b.semanticContent});
         b.x += run;
       } else {
         row.release();
@@ -334,7 +336,7 @@ __attribute__((always_inline)) inline int Terminal::combiningTarget(int& lineInd
     col = std::min(b.x, b.cols()) - 1;
   }
   line = &b.lines[lineIndex];
-  const CharData* cells = line->cells();
+  const CharData* cells = std::as_const(*line).cells();
   if (cells[col].width == 0 && col > 0) --col;
   return col;
 }
@@ -411,7 +413,7 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
   if (col < 0) return wants && width == 0;  // nothing to join: a zero-width scalar is dropped
   Buffer& b = *m_buffer;
   BufferLine& line = *targetLine;
-  CharData& target = line.cells()[col];
+  CharData& target = line.cellsForWrite(std::min(col + 2, b.cols()))[col];
   if (!wants) {
     // Only a joiner at the end of the cell before, or a first flag letter, calls for more.
     if (target.code < kCharacterTableBase) {
@@ -434,7 +436,7 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
   auto widen = [&]() {
     // The next cell becomes the right half, and the cursor moves past it.
     if (col + 1 >= b.cols()) return;
-    line.cells()[col + 1] = CharData{0, target.attribute, target.payload, 0, target.semanticContentCode};
+    line.cellsForWrite(col + 2)[col + 1] = CharData{0, target.attribute, target.payload, 0, target.semanticContentCode};
     target.width = 2;
     if (lineIndex == b.yBase + b.y) b.x = std::min(b.x + 1, b.cols());
   };

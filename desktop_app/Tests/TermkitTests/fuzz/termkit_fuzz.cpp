@@ -36,7 +36,11 @@ void checkInvariants(termkit::Terminal& t) {
     check(b->scrollTop >= 0 && b->scrollTop < b->scrollBottom + 1 && b->scrollBottom < b->rows());
     check(b->marginLeft >= 0 && b->marginLeft <= b->marginRight && b->marginRight < b->cols());
     for (int i = 0; i < b->lines.count(); ++i) {
-      if (const termkit::BufferLine* line = b->lines.peek(i)) check(line->count() == b->cols());
+      const termkit::BufferLine* line = b->lines.peek(i);
+      if (line == nullptr) continue;
+      check(line->count() == b->cols());
+      // Cells past the clean mark must really be empty, or a recycled line would show them.
+      for (int c = line->cleanFrom(); c < line->count(); ++c) check(line->cells()[c] == termkit::CharData::Null);
     }
   }
 }
