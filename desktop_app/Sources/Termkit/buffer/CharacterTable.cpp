@@ -69,12 +69,26 @@ std::string_view CharacterTable::stored(int32_t code) const {
   return std::string_view(m_arena.data() + m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
 }
 
+CharacterTable::Slot CharacterTable::slotFor(std::string_view cluster, uint64_t hash, uint32_t index) {
+  Slot slot;
+  const uint32_t length = cluster.size() < 255 ? static_cast<uint32_t>(cluster.size()) : 255;
+  slot.tag = length << 24 | (static_cast<uint32_t>(hash) & 0xFFFFFF);
+  slot.index = index;
+  if (cluster.size() <= 8) std::memcpy(&slot.bytes, cluster.data(), cluster.size());
+  return slot;
+}
+
 int32_t CharacterTable::find(std::string_view cluster, uint64_t hash) const {
   const size_t mask = m_slots.size() - 1;
-  const auto shortHash = static_cast<uint32_t>(hash);
+  const Slot wanted = slotFor(cluster, hash, 0);
   for (size_t slot = (hash >> 32) & mask; m_slots[slot].index != 0; slot = (slot + 1) & mask) {
-    if (m_slots[slot].hash != shortHash) continue;
-    const uint32_t index = m_slots[slot].index - 1;
+    const Slot& entry = m_slots[slot];
+    if (entry.tag != wanted.tag) continue;
+    const uint32_t index = entry.index - 1;
+    if (cluster.size() <= 8) {
+      if (entry.bytes == wanted.bytes) return kFirstIndex + static_cast<int32_t>(index);
+      continue;
+    }
     if (std::string_view(m_arena.data() + m_offsets[index], m_offsets[index + 1] - m_offsets[index]) == cluster) {
       return kFirstIndex + static_cast<int32_t>(index);
     }
@@ -107,7 +121,7 @@ int32_t CharacterTable::store(std::string_view cluster, uint64_t hash) {
   const size_t mask = m_slots.size() - 1;
   size_t slot = (hash >> 32) & mask;
   while (m_slots[slot].index != 0) slot = (slot + 1) & mask;
-  m_slots[slot] = Slot{static_cast<uint32_t>(hash), index + 1};
+  m_slots[slot] = slotFor(cluster, hash, index + 1);
   // Keep the load factor under one half so probes stay short.
   if ((size() + 1) * 2 > m_slots.size()) rehash(m_slots.size() * 2);
   return kFirstIndex + static_cast<int32_t>(index);

@@ -48,12 +48,15 @@ class CharacterTable {
   std::vector<char> m_arena;
   std::vector<uint32_t> m_offsets;
   std::vector<uint32_t> m_slotHome;   // high hash bits: where each cluster's probe starts
-  // charToIndexMap: open addressing; a slot holds the low hash bits and index + 1 (0 when
-  // empty), so a probe compares hashes without touching the arena.
+  // charToIndexMap: open addressing; a slot holds 24 hash bits with the cluster's length,
+  // index + 1 (0 when empty), and clusters of up to 8 bytes themselves, so that finding a
+  // short cluster reads one slot and never the arena.
   struct Slot {
-    uint32_t hash = 0;
+    uint32_t tag = 0;  // length << 24 | low hash bits
     uint32_t index = 0;
+    uint64_t bytes = 0;
   };
+  static Slot slotFor(std::string_view cluster, uint64_t hash, uint32_t index);
   std::vector<Slot> m_slots;
   // Single scalars beyond the basic plane, cached without touching the arena.
   std::vector<std::pair<char32_t, int32_t>> m_astral;
