@@ -358,11 +358,16 @@ std::pair<char32_t, int> Terminal::lastScalarOf(int32_t code) {
 
 int32_t Terminal::joinedCode(int32_t targetCode, char32_t scalar) {
   // Joining is a pure function of the stored cluster and the scalar, and the character
-  // table never forgets, so recent answers are kept in a small direct-mapped cache.
+  // table never forgets, so recent answers are kept in a small two-way cache: each key has
+  // two places side by side, the newer answer in front.
   const uint64_t key = static_cast<uint64_t>(static_cast<uint32_t>(targetCode)) << 21 | scalar;
   if (m_joinCache.empty()) m_joinCache.resize(size_t(1) << kJoinCacheBits);
-  JoinCacheEntry& entry = m_joinCache[(key * 0x9E3779B97F4A7C15ull) >> (64 - kJoinCacheBits)];
-  if (entry.key == key) return entry.code;
+  JoinCacheEntry* pair = &m_joinCache[((key * 0x9E3779B97F4A7C15ull) >> (64 - kJoinCacheBits)) & ~size_t(1)];
+  if (pair[0].key == key) return pair[0].code;
+  if (pair[1].key == key) {
+    std::swap(pair[0], pair[1]);
+    return pair[0].code;
+  }
   // Extenders, joiners and spacing marks continue any cluster that is not a control, and
   // cells never hold controls: only other scalars need the full boundary rules.
   bool joins = targetCode == 0 || (UnicodeUtil::info(scalar) & UnicodeUtil::kExtendsCluster) != 0;
@@ -398,7 +403,8 @@ int32_t Terminal::joinedCode(int32_t targetCode, char32_t scalar) {
       result = m_tables->characters.code(std::string_view(m_joinScratch));
     }
   }
-  entry = {key, result};
+  pair[1] = pair[0];
+  pair[0] = {key, result};
   return result;
 }
 
