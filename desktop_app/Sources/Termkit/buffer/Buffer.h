@@ -151,6 +151,9 @@ class Buffer {
   void setupLinesCallbacks();
   void scrollWithMargins(bool isWrapped);
   void reflow(int newCols, int newRows);
+  // Puts the rewrapped lines back and moves cursor, display and saved cursor with them.
+  void placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out, const std::vector<int>& newIndexOf,
+                        int cursorAbs, bool dispFollows, int savedAbs, bool wider, int newRows);
   void resizeRows(int newCols, int newRows, int newMaxLength);
   void resizeAllLines(int newCols);
   void checkLineSizes(int newCols);

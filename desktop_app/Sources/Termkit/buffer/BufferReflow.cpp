@@ -78,6 +78,64 @@ bool isBlankLine(const BufferLine* line) { return line == nullptr || (!line->isW
 
 }  // namespace
 
+void Buffer::placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out, const std::vector<int>& newIndexOf,
+                              int cursorAbs, bool dispFollows, int savedAbs, bool wider, int newRows) {
+  const int n = static_cast<int>(newIndexOf.size());
+  const int newCursorAbs = newIndexOf[cursorAbs];
+  const int addedAbove = newCursorAbs - cursorAbs;
+  int newYBase = yBase;
+  int newY = y;
+  if (wider) {
+    // Lines removed above the cursor pull history down, or move the cursor up when there
+    // is none; rows that went missing are blank lines at the bottom.
+    for (int k = 0; k < -addedAbove; ++k) {
+      if (newYBase > 0) {
+        --newYBase;
+      } else {
+        --newY;
+      }
+    }
+  } else {
+    // Lines added above the cursor use blank rows at the bottom of a screen that has room,
+    // and otherwise push the top of the screen into history.
+    for (int k = 0; k < addedAbove; ++k) {
+      const bool roomBelow = newYBase == 0 && newY < newRows - 1 && static_cast<int>(out.size()) - 1 > newCursorAbs &&
+                             isBlankLine(out.back().get());
+      if (roomBelow) {
+        out.pop_back();
+        ++newY;
+      } else {
+        ++newYBase;
+      }
+    }
+  }
+  // Growth below the cursor first eats trailing blank lines, then scrolls.
+  while (static_cast<int>(out.size()) > newYBase + newRows) {
+    if (static_cast<int>(out.size()) - 1 > newCursorAbs && isBlankLine(out.back().get())) {
+      out.pop_back();
+    } else {
+      ++newYBase;
+    }
+  }
+  while (static_cast<int>(out.size()) < newYBase + newRows) out.push_back(nullptr);
+
+  // A ring that overflows loses its oldest lines.
+  const int overflow = std::max(0, static_cast<int>(out.size()) - lines.maxLength());
+  newYBase -= overflow;
+  linesTop += overflow;
+  lines.assign(std::move(out));
+
+  yBase = std::max(newYBase, 0);
+  y = std::clamp(newCursorAbs - overflow - yBase, 0, newRows - 1);
+  if (dispFollows) {
+    yDisp = yBase;
+  } else {
+    yDisp = std::clamp(newIndexOf[std::clamp(yDisp, 0, n - 1)] - overflow, 0, yBase);
+  }
+  const int newSavedAbs = newIndexOf[std::clamp(savedAbs, 0, n - 1)] - overflow;
+  savedY = std::clamp(newSavedAbs - yBase, 0, newRows - 1);
+}
+
 void Buffer::reflow(int newCols, int newRows) {
   const int oldCols = m_cols;
   const bool wider = newCols > oldCols;
@@ -133,59 +191,7 @@ void Buffer::reflow(int newCols, int newRows) {
     s = e;
   }
 
-  const int newCursorAbs = newIndexOf[cursorAbs];
-  const int addedAbove = newCursorAbs - cursorAbs;
-  int newYBase = yBase;
-  int newY = y;
-  if (wider) {
-    // Lines removed above the cursor pull history down, or move the cursor up when there
-    // is none; rows that went missing are blank lines at the bottom.
-    for (int k = 0; k < -addedAbove; ++k) {
-      if (newYBase > 0) {
-        --newYBase;
-      } else {
-        --newY;
-      }
-    }
-  } else {
-    // Lines added above the cursor use blank rows at the bottom of a screen that has room,
-    // and otherwise push the top of the screen into history.
-    for (int k = 0; k < addedAbove; ++k) {
-      const bool roomBelow = newYBase == 0 && newY < newRows - 1 && static_cast<int>(out.size()) - 1 > newCursorAbs &&
-                             isBlankLine(out.back().get());
-      if (roomBelow) {
-        out.pop_back();
-        ++newY;
-      } else {
-        ++newYBase;
-      }
-    }
-  }
-  // Growth below the cursor first eats trailing blank lines, then scrolls.
-  while (static_cast<int>(out.size()) > newYBase + newRows) {
-    if (static_cast<int>(out.size()) - 1 > newCursorAbs && isBlankLine(out.back().get())) {
-      out.pop_back();
-    } else {
-      ++newYBase;
-    }
-  }
-  while (static_cast<int>(out.size()) < newYBase + newRows) out.push_back(nullptr);
-
-  // A ring that overflows loses its oldest lines.
-  const int overflow = std::max(0, static_cast<int>(out.size()) - lines.maxLength());
-  newYBase -= overflow;
-  linesTop += overflow;
-  lines.assign(std::move(out));
-
-  yBase = std::max(newYBase, 0);
-  y = std::clamp(newCursorAbs - overflow - yBase, 0, newRows - 1);
-  if (dispFollows) {
-    yDisp = yBase;
-  } else {
-    yDisp = std::clamp(newIndexOf[std::clamp(yDisp, 0, n - 1)] - overflow, 0, yBase);
-  }
-  const int newSavedAbs = newIndexOf[std::clamp(savedAbs, 0, n - 1)] - overflow;
-  savedY = std::clamp(newSavedAbs - yBase, 0, newRows - 1);
+  placeAfterReflow(out, newIndexOf, cursorAbs, dispFollows, savedAbs, wider, newRows);
 }
 
 }  // namespace termkit

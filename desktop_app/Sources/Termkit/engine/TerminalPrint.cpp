@@ -213,68 +213,78 @@ __attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row
   return true;
 }
 
-void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
-  Buffer& b = *m_buffer;
-  int i = 0;
-  if (m_carriedCount > 0) {
-    // Finish the character that the previous chunk cut.
-    const int length = sequenceLength(m_carried[0]);
-    while (m_carriedCount < length && i < n && (p[i] & 0xC0) == 0x80) m_carried[m_carriedCount++] = p[i++];
-    if (m_carriedCount < length && i == n) return;
-    const int32_t c = m_carriedCount == length ? decode(m_carried.data(), length) : -1;
-    m_carriedCount = 0;
-    if (c >= 0) {
-      const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
-      const int width = (info & UnicodeUtil::kWidthMask) - 1;
-      if (width >= 0 && !tryJoin(static_cast<char32_t>(c), width, info)) {
-        if (width > 0) printScalar(static_cast<char32_t>(c), width, payload);
-      }
+// Finishes the character the previous chunk cut; false when this chunk ended inside it too.
+bool Terminal::finishCarried(const uint8_t* p, int n, int& i, uint16_t payload) {
+  const int length = sequenceLength(m_carried[0]);
+  while (m_carriedCount < length && i < n && (p[i] & 0xC0) == 0x80) m_carried[m_carriedCount++] = p[i++];
+  if (m_carriedCount < length && i == n) return false;
+  const int32_t c = m_carriedCount == length ? decode(m_carried.data(), length) : -1;
+  m_carriedCount = 0;
+  if (c >= 0) {
+    const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+    const int width = (info & UnicodeUtil::kWidthMask) - 1;
+    if (width >= 0 && !tryJoin(static_cast<char32_t>(c), width, info)) {
+      if (width > 0) printScalar(static_cast<char32_t>(c), width, payload);
     }
   }
+  return true;
+}
+
+// An ASCII byte at `i`: through the character set when one is active, otherwise the whole
+// run of printable ASCII that starts there (a control or DEL inside a print run is skipped).
+void Terminal::printAscii(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload) {
+  Buffer& b = *m_buffer;
+  const uint8_t byte = p[i];
+  if (charset != nullptr) {
+    row.release();
+    const char32_t mapped = charset->lookup(byte);
+    if (mapped != 0) {
+      printScalar(mapped, 1, payload);
+    } else if (byte >= 0x20 && byte < 0x7F) {
+      printScalar(byte, 1, payload);
+    }
+    ++i;
+    return;
+  }
+  // A run of printable ASCII goes through the bulk writer; anything else is skipped.
+  const uint8_t* runEnd = findNonPrintableAscii(p + i, p + n);
+  const int run = static_cast<int>(runEnd - (p + i));
+  if (run == 0) {
+    ++i;
+    return;
+  }
+  // ASCII never joins the cell before it, so a run that fits goes straight into the
+  // cached row; longer runs take the bulk writer, which wraps.
+  const int right = b.marginMode ? b.marginRight : b.cols() - 1;
+  if (!b.insertMode && b.x + run - 1 <= right) {
+    const int index = b.yBase + b.y;
+    if (row.line == nullptr || row.index != index) {
+      row.release();
+      row.line = &b.lines[index];
+      row.index = index;
+    }
+    writeAsciiCells(row.line->cellsForWrite(b.x + run) + b.x, p + i, run,
+                    CharData{0, b.curAttr, payload, 1, b.semanticContent});
+    b.x += run;
+  } else {
+    row.release();
+    const int taken = b.insertAsciiRun(p + i, run, payload);
+    for (int k = taken; k < run; ++k) printScalar(p[i + k], 1, payload);
+  }
+  m_lastCode = p[i + run - 1];
+  m_lastWidth = 1;
+  m_hasLastChar = true;
+  i += run;
+}
+
+void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
+  int i = 0;
+  if (m_carriedCount > 0 && !finishCarried(p, n, i, payload)) return;
   RowCache row;
   while (i < n) {
     const uint8_t byte = p[i];
     if (byte < 0x80) {
-      if (charset != nullptr) {
-        row.release();
-        const char32_t mapped = charset->lookup(byte);
-        if (mapped != 0) {
-          printScalar(mapped, 1, payload);
-        } else if (byte >= 0x20 && byte < 0x7F) {
-          printScalar(byte, 1, payload);
-        }
-        ++i;
-        continue;
-      }
-      // A run of printable ASCII goes through the bulk writer; anything else is skipped.
-      const uint8_t* runEnd = findNonPrintableAscii(p + i, p + n);
-      const int run = static_cast<int>(runEnd - (p + i));
-      if (run == 0) {
-        ++i;
-        continue;
-      }
-      // ASCII never joins the cell before it, so a run that fits goes straight into the
-      // cached row; longer runs take the bulk writer, which wraps.
-      const int right = b.marginMode ? b.marginRight : b.cols() - 1;
-      if (!b.insertMode && b.x + run - 1 <= right) {
-        const int index = b.yBase + b.y;
-        if (row.line == nullptr || row.index != index) {
-          row.release();
-          row.line = &b.lines[index];
-          row.index = index;
-        }
-        writeAsciiCells(row.line->cellsForWrite(b.x + run) + b.x, p + i, run,
-                        CharData{0, b.curAttr, payload, 1, b.semanticContent});
-        b.x += run;
-      } else {
-        row.release();
-        const int taken = b.insertAsciiRun(p + i, run, payload);
-        for (int k = taken; k < run; ++k) printScalar(p[i + k], 1, payload);
-      }
-      m_lastCode = p[i + run - 1];
-      m_lastWidth = 1;
-      m_hasLastChar = true;
-      i += run;
+      printAscii(row, p, n, i, payload);
       continue;
     }
     int32_t c;
