@@ -1,0 +1,68 @@
+#pragma once
+// Codes for characters that do not fit a cell's code directly.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace termkit {
+
+/// Maps grapheme clusters (as UTF-8) to cell codes and back. A single scalar below 0x10000
+/// is its own code and CR LF is 10; anything else gets an index above 0x400000 on first use.
+/// The tables never shrink. Clusters are kept back to back in one arena and found through
+/// an open-addressing hash index, so a lookup allocates nothing and touches little memory.
+class CharacterTable {
+ public:
+  /// First code handed out for a cluster.
+  static constexpr int32_t kFirstIndex = 0x400001;
+
+  CharacterTable();
+
+  /// The code of a cluster given as UTF-8.
+  int32_t code(std::string_view cluster);
+  /// The code of a single scalar; scalars beyond the basic plane go through the table.
+  int32_t code(char32_t scalar) {
+    if (scalar < 0x10000) return static_cast<int32_t>(scalar);
+    return astralCode(scalar);
+  }
+  /// The cluster of a code as UTF-8: a space for a code that is no valid scalar or unknown.
+  std::string character(int32_t code) const;
+  /// Appends the cluster of a code to `out` (same rules as `character`).
+  void appendCharacter(int32_t code, std::string& out) const;
+  /// The stored cluster of a table code, or an empty view for other codes.
+  std::string_view stored(int32_t code) const;
+  /// Number of clusters stored.
+  size_t size() const { return m_offsets.size() - 1; }
+  /// The code the next new cluster will get.
+  int32_t lastCharIndex() const { return kFirstIndex + static_cast<int32_t>(size()); }
+
+ private:
+  int32_t astralCode(char32_t scalar);
+  int32_t find(std::string_view cluster, uint64_t hash) const;
+  int32_t store(std::string_view cluster, uint64_t hash);
+  void rehash(size_t slots);
+
+  // indexToCharMap: cluster i is m_arena[m_offsets[i], m_offsets[i + 1]); the arena's
+  // size is its capacity, the last offset how much of it is used.
+  std::vector<char> m_arena;
+  std::vector<uint32_t> m_offsets;
+  std::vector<uint32_t> m_slotHome;   // high hash bits: where each cluster's probe starts
+  // charToIndexMap: open addressing; a slot holds 24 hash bits with the cluster's length,
+  // index + 1 (0 when empty), and clusters of up to 8 bytes themselves, so that finding a
+  // short cluster reads one slot and never the arena.
+  struct Slot {
+    uint32_t tag = 0;  // length << 24 | low hash bits
+    uint32_t index = 0;
+    uint64_t bytes = 0;
+  };
+  static Slot slotFor(std::string_view cluster, uint64_t hash, uint32_t index);
+  std::vector<Slot> m_slots;
+  // Single scalars beyond the basic plane, cached without touching the arena.
+  std::vector<std::pair<char32_t, int32_t>> m_astral;
+};
+
+/// Appends one scalar to a UTF-8 string.
+void appendUtf8(char32_t scalar, std::string& out);
+
+}  // namespace termkit
