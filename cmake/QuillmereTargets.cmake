@@ -15,7 +15,8 @@ function(quillmere_gtest name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE GTest::gtest GTest::gmock GTest::gtest_main ${ARG_LIBS})
   target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}/desktop_app/Sources"
-                                             "${PROJECT_SOURCE_DIR}/desktop_app/Tests")
+                                             "${PROJECT_SOURCE_DIR}/desktop_app/Tests"
+                                             "${CMAKE_CURRENT_SOURCE_DIR}")
   quillmere_warnings(${name})
   gtest_discover_tests(${name}
     PROPERTIES LABELS "${ARG_LABEL}" ENVIRONMENT "${QUILLMERE_TEST_ENVIRONMENT}"
@@ -29,7 +30,8 @@ function(quillmere_qttest name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE Qt6::Test ${ARG_LIBS})
   target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}/desktop_app/Sources"
-                                             "${PROJECT_SOURCE_DIR}/desktop_app/Tests")
+                                             "${PROJECT_SOURCE_DIR}/desktop_app/Tests"
+                                             "${CMAKE_CURRENT_SOURCE_DIR}")
   quillmere_warnings(${name})
   add_test(NAME ${name} COMMAND ${name})
   if(NOT ARG_TIMEOUT)

@@ -1,17 +1,75 @@
+#include "QuillmereDesktop/Auth/AuthStore.h"
+#include "QuillmereDesktop/agents/AgentRunStore.h"
+#include "QuillmereDesktop/Auth/KeychainSecretStore.h"
+#include "QuillmereDesktop/Auth/RelayProcessManager.h"
+#include "QuillmereDesktop/common/QmlSingleton.h"
+#include "QuillmereDesktop/common/SettingsPreferencesStore.h"
+#include "QuillmereDesktop/queue/AppState.h"
+#include "QuillmereDesktop/shell/QuitOnSignal.h"
+#include "QuillmereDesktop/shell/RootController.h"
+#include "QuillmereDesktop/terminal/CLIStatusStore.h"
+
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
+#include <QQuickWindow>
 #include <QtQml/qqmlextensionplugin.h>
+
+#include <cstdio>
+#include <memory>
 
 Q_IMPORT_QML_PLUGIN(QuillmerePlugin)
 
+namespace {
+
+// For the start-up measurement: one line on standard error when the first frame of the
+// signed-in home screen has been drawn.
+void reportFirstHomeFrame(QQuickWindow* window, RootController& root, AppState& app) {
+    if (!window)
+        return;
+    auto reported = std::make_shared<bool>(false);
+    QObject::connect(window, &QQuickWindow::frameSwapped, window, [reported, &root, &app] {
+        if (*reported || !root.signedIn() || app.screen() != AppState::Screen::home)
+            return;
+        *reported = true;
+        std::fprintf(stderr, "quillmere: home screen drawn\n");
+    });
+}
+
+} // namespace
+
 int main(int argc, char* argv[]) {
-    QGuiApplication app(argc, argv);
+    QGuiApplication application(argc, argv);
     QGuiApplication::setOrganizationName(QStringLiteral("Quillmere"));
     QGuiApplication::setApplicationName(QStringLiteral("Quillmere"));
+    QGuiApplication::setApplicationDisplayName(QStringLiteral("Quillmere"));
 
+    // The long-lived objects, made once and kept for the life of the process.
+    SettingsPreferencesStore preferences;
+    KeychainSecretStore secrets;
+    RelayProcessManager& relay = RelayProcessManager::shared();
+    AppState app(preferences);
+    AuthStore auth(preferences, secrets, &relay);
+    CLIStatusStore cli;
+    AgentRunStore agentRuns;
+    RootController root(app, auth, cli);
+
+    QmlSingleton<AppState>::set(&app);
+    QmlSingleton<AuthStore>::set(&auth);
+    QmlSingleton<CLIStatusStore>::set(&cli);
+    QmlSingleton<AgentRunStore>::set(&agentRuns);
+    QmlSingleton<RootController>::set(&root);
+
+    // At quit the agents are asked to stop first; then a relay this process started ends
+    // with it, while one that was already running stays.
+    QObject::connect(&application, &QCoreApplication::aboutToQuit, &agentRuns, &AgentRunStore::terminateAll);
+    QObject::connect(&application, &QCoreApplication::aboutToQuit, &relay, &RelayProcessManager::terminateOwned);
+
+    QuitOnSignal quitOnSignal;
     QQmlApplicationEngine engine;
-    engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/shell/Main.qml")));
+    engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;
+    if (qEnvironmentVariableIsSet("QUILLMERE_STARTUP_PROBE"))
+        reportFirstHomeFrame(qobject_cast<QQuickWindow*>(engine.rootObjects().first()), root, app);
     return QGuiApplication::exec();
 }

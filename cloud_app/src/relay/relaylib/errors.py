@@ -1,0 +1,31 @@
+"""The one error type that handlers raise, and the envelope every failure answers with."""
+
+
+class ApiError(Exception):
+    """A failure the client should see: an HTTP status and one readable message."""
+
+    def __init__(self, status, message, headers=None):
+        super().__init__(message)
+        self.status = status
+        self.message = message
+        self.headers = dict(headers or {})
+
+
+def envelope(message, request_id):
+    return {"error": {"message": message}, "request_id": request_id}
+
+
+def bad_request(message):
+    return ApiError(400, message)
+
+
+def not_found(message):
+    return ApiError(404, message)
+
+
+def conflict(message):
+    return ApiError(409, message)
+
+
+def unauthorized(message):
+    return ApiError(401, message, {"WWW-Authenticate": 'Bearer realm="quillmere"'})

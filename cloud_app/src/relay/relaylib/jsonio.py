@@ -1,0 +1,168 @@
+"""Strict JSON in, compact JSON out.
+
+The client decodes strictly (an integer field rejects 1.5, a string field rejects a
+number), so the relay checks what it is sent just as strictly and names the field
+that is wrong. Numbers that SQLite cannot hold are refused rather than stored.
+"""
+
+import json
+import math
+
+from . import clock
+from .errors import bad_request
+
+INT64_MAX = 2**63 - 1
+INT64_MIN = -(2**63)
+
+
+def _reject_constant(name):
+    raise ValueError(f"{name} is not allowed in JSON")
+
+
+def _parse_float(text):
+    value = float(text)
+    if not math.isfinite(value):
+        raise ValueError("number out of range")
+    return value
+
+
+def parse(raw):
+    """Parses a request body; an empty body gives None."""
+    if not raw or not raw.strip():
+        return None
+    try:
+        text = raw.decode("utf-8")
+    except UnicodeDecodeError:
+        raise bad_request("request body is not valid UTF-8") from None
+    try:
+        return json.loads(text, parse_constant=_reject_constant, parse_float=_parse_float)
+    except RecursionError:
+        raise bad_request("request body is nested too deeply") from None
+    except ValueError as error:
+        reason = getattr(error, "msg", None) or str(error)
+        raise bad_request(f"malformed JSON: {reason}") from None
+
+
+def dumps(value):
+    return json.dumps(value, separators=(",", ":"), allow_nan=False).encode("utf-8")
+
+
+def _kind_name(value):
+    if value is None:
+        return "null"
+    if isinstance(value, bool):
+        return "a boolean"
+    if isinstance(value, (int, float)):
+        return "a number"
+    if isinstance(value, str):
+        return "a string"
+    if isinstance(value, list):
+        return "an array"
+    return "an object"
+
+
+class Body:
+    """Typed access to the fields of a JSON object, failing with a 400 that names the field."""
+
+    def __init__(self, value, prefix=""):
+        if not isinstance(value, dict):
+            where = prefix.rstrip(".") or "request body"
+            raise bad_request(f"{where} must be a JSON object")
+        self._value = value
+        self._prefix = prefix
+
+    @classmethod
+    def of(cls, parsed, allow_empty=False):
+        if parsed is None and allow_empty:
+            return cls({})
+        return cls(parsed)
+
+    def has(self, name):
+        return self._value.get(name) is not None
+
+    def _take(self, name, required):
+        value = self._value.get(name)
+        if value is None and required:
+            raise bad_request(f"{self._prefix}{name} is required")
+        return value
+
+    def _wrong(self, name, wanted, value):
+        return bad_request(f"{self._prefix}{name} must be {wanted}, not {_kind_name(value)}")
+
+    def string(self, name, required=True, non_empty=False, max_length=None):
+        value = self._take(name, required)
+        if value is None:
+            return None
+        if not isinstance(value, str):
+            raise self._wrong(name, "a string", value)
+        if non_empty and not value.strip():
+            raise bad_request(f"{self._prefix}{name} must not be empty")
+        if max_length is not None and len(value) > max_length:
+            raise bad_request(f"{self._prefix}{name} must be at most {max_length} characters")
+        return value
+
+    def integer(self, name, required=True, minimum=INT64_MIN, maximum=INT64_MAX):
+        value = self._take(name, required)
+        if value is None:
+            return None
+        if type(value) is not int:
+            raise self._wrong(name, "an integer", value)
+        if value < minimum or value > maximum:
+            raise bad_request(f"{self._prefix}{name} must be an integer from {minimum} to {maximum}")
+        return value
+
+    def number(self, name, required=True, minimum=None):
+        value = self._take(name, required)
+        if value is None:
+            return None
+        if isinstance(value, bool) or not isinstance(value, (int, float)):
+            raise self._wrong(name, "a number", value)
+        if abs(value) > 1e15 or (minimum is not None and value < minimum):
+            low = "" if minimum is None else f" of at least {minimum}"
+            raise bad_request(f"{self._prefix}{name} must be a number{low} within range")
+        return float(value)
+
+    def boolean(self, name, required=True):
+        value = self._take(name, required)
+        if value is None:
+            return None
+        if not isinstance(value, bool):
+            raise self._wrong(name, "a boolean", value)
+        return value
+
+    def string_list(self, name, required=True):
+        value = self._take(name, required)
+        if value is None:
+            return None
+        if not isinstance(value, list):
+            raise self._wrong(name, "an array of strings", value)
+        for index, item in enumerate(value):
+            if not isinstance(item, str):
+                raise bad_request(f"{self._prefix}{name}[{index}] must be a string, not {_kind_name(item)}")
+        return list(value)
+
+    def date(self, name, required=True):
+        """An ISO 8601 date with a time zone, as seconds since the epoch."""
+        value = self.string(name, required)
+        if value is None:
+            return None
+        seconds = clock.parse_iso(value)
+        if seconds is None:
+            raise bad_request(f"{self._prefix}{name} must be an ISO 8601 date with a time zone")
+        return seconds
+
+    def array(self, name, required=True):
+        value = self._take(name, required)
+        if value is None:
+            return None
+        if not isinstance(value, list):
+            raise self._wrong(name, "an array", value)
+        return value
+
+    def one_of(self, name, choices, required=True):
+        value = self.string(name, required)
+        if value is None:
+            return None
+        if value not in choices:
+            raise bad_request(f"{self._prefix}{name} must be one of {', '.join(choices)}")
+        return value

@@ -1,0 +1,139 @@
+"""Projects, identified by their normalised absolute folder, and their saved context.
+
+A project is found by its root path or created, so registering is safe to repeat.
+Context items are explicit: a note, or a copy of a guide file whose source is
+"file:" plus its relative path; saving a guide again replaces the older copy.
+"""
+
+import posixpath
+import uuid
+
+from . import clock, contextpack
+from .errors import bad_request, not_found
+
+MAX_BUDGET = 10_000_000
+MAX_TITLE = 500
+
+
+def normalise_root(path):
+    """An absolute path without '.', '..', doubled or trailing slashes; the empty path stays empty."""
+    if path == "":
+        return ""
+    if not path.startswith("/"):
+        raise bad_request("root_path must be an absolute path")
+    if "\x00" in path:
+        raise bad_request("root_path must not contain a NUL character")
+    normal = posixpath.normpath(path)
+    # normpath keeps a leading '//' as POSIX allows; one slash is meant here.
+    return "/" + normal.lstrip("/")
+
+
+def project_json(row):
+    return {"id": row["id"], "name": row["name"], "root_path": row["root_path"],
+            "created_at": clock.iso(row["created_at"]), "updated_at": clock.iso(row["updated_at"])}
+
+
+def item_json(row):
+    return {"id": row["id"], "title": row["title"], "content": row["content"], "source": row["source"],
+            "updated_at": clock.iso(row["updated_at"])}
+
+
+class Projects:
+    def __init__(self, app):
+        self.db = app.db
+
+    def register(self, router):
+        router.add("GET", "v1/projects", self.list_projects)
+        router.add("POST", "v1/projects", self.upsert)
+        router.add("GET", "v1/projects/{id}/context", self.list_items)
+        router.add("POST", "v1/projects/{id}/context", self.save_item)
+        router.add("DELETE", "v1/projects/{id}/context/{item}", self.delete_item)
+        router.add("POST", "v1/projects/{id}/context/pack", self.pack)
+
+    def list_projects(self, request):
+        with self.db.read() as conn:
+            rows = conn.execute("SELECT * FROM projects ORDER BY lower(name), root_path, created_at").fetchall()
+        return [project_json(row) for row in rows]
+
+    def upsert(self, request):
+        body = request.body()
+        name = body.string("name", max_length=MAX_TITLE).strip()
+        root = normalise_root(body.string("root_path", max_length=4096))
+        if not name:
+            name = posixpath.basename(root) or root
+        if not name:
+            raise bad_request("name must not be empty")
+        with self.db.write() as conn:
+            if root:
+                row = conn.execute("SELECT * FROM projects WHERE root_path = ?", (root,)).fetchone()
+            else:
+                row = conn.execute("SELECT * FROM projects WHERE root_path = '' AND name = ?", (name,)).fetchone()
+            if row is None:
+                now = clock.now()
+                project_id = "prj_" + uuid.uuid4().hex
+                conn.execute("INSERT INTO projects VALUES (?, ?, ?, ?, ?)", (project_id, name, root, now, now))
+                row = conn.execute("SELECT * FROM projects WHERE id = ?", (project_id,)).fetchone()
+        return project_json(row)
+
+    def _project(self, conn, project_id):
+        row = conn.execute("SELECT * FROM projects WHERE id = ?", (project_id,)).fetchone()
+        if row is None:
+            raise not_found("project not found")
+        return row
+
+    def _items(self, conn, project_id):
+        return conn.execute("SELECT * FROM context_items WHERE project_id = ? ORDER BY updated_at DESC, rowid DESC",
+                            (project_id,)).fetchall()
+
+    def list_items(self, request):
+        with self.db.read() as conn:
+            self._project(conn, request.params["id"])
+            return [item_json(row) for row in self._items(conn, request.params["id"])]
+
+    def save_item(self, request):
+        body = request.body()
+        title = body.string("title", non_empty=True, max_length=MAX_TITLE)
+        content = body.string("content", non_empty=True)
+        source = body.string("source", required=False, max_length=4096) or ""
+        project_id = request.params["id"]
+        now = clock.now()
+        with self.db.write() as conn:
+            self._project(conn, project_id)
+            older = None
+            if source.startswith("file:"):
+                older = conn.execute("SELECT id FROM context_items WHERE project_id = ? AND source = ?",
+                                     (project_id, source)).fetchone()
+            if older is not None:
+                item_id = older["id"]
+                conn.execute("UPDATE context_items SET title = ?, content = ?, updated_at = ? WHERE id = ?",
+                             (title, content, now, item_id))
+            else:
+                item_id = "ctx_" + uuid.uuid4().hex
+                conn.execute("INSERT INTO context_items VALUES (?, ?, ?, ?, ?, ?, ?)",
+                             (item_id, project_id, title, content, source, now, now))
+            conn.execute("UPDATE projects SET updated_at = ? WHERE id = ?", (now, project_id))
+            row = conn.execute("SELECT * FROM context_items WHERE id = ?", (item_id,)).fetchone()
+        return item_json(row)
+
+    def delete_item(self, request):
+        project_id, item_id = request.params["id"], request.params["item"]
+        with self.db.write() as conn:
+            self._project(conn, project_id)
+            deleted = conn.execute("DELETE FROM context_items WHERE id = ? AND project_id = ?",
+                                   (item_id, project_id)).rowcount
+            if deleted:
+                conn.execute("UPDATE projects SET updated_at = ? WHERE id = ?", (clock.now(), project_id))
+        if not deleted:
+            raise not_found("context item not found")
+        return {"deleted": True, "id": item_id}
+
+    def pack(self, request):
+        body = request.body()
+        query = body.string("query", max_length=10000)
+        budget = body.integer("character_budget", minimum=0, maximum=MAX_BUDGET)
+        with self.db.read() as conn:
+            self._project(conn, request.params["id"])
+            rows = self._items(conn, request.params["id"])
+        items = [dict(row) for row in rows]
+        chosen, content = contextpack.assemble(contextpack.rank(items, query), budget)
+        return {"items": [item_json(item) for item in chosen], "content": content, "character_count": len(content)}

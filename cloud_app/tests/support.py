@@ -1,0 +1,235 @@
+"""Starts the real relay in a child process on a free port with a temporary database.
+
+Every test talks to it over HTTP with http.client, as the application would.
+"""
+
+import http.client
+import json
+import os
+import queue
+import select
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+RELAY_DIR = os.path.normpath(os.path.join(HERE, "..", "src", "relay"))
+SERVER = os.path.join(RELAY_DIR, "server.py")
+HOOKS_DIR = os.path.join(RELAY_DIR, "hooks")
+DATA_DIR = os.path.join(HERE, "data")
+START_TIMEOUT = 15
+
+sys.path.insert(0, RELAY_DIR)
+sys.path.insert(0, HOOKS_DIR)
+
+# Fast timings for tests; the defaults themselves are asserted in test_units.
+FAST_ENV = {
+    "MERE_RELAY_KEEPALIVE_SECONDS": "0.3",
+    "MERE_RELAY_EXPIRY_SWEEP_SECONDS": "0.1",
+}
+
+
+def wait_for(condition, timeout=5.0, interval=0.02):
+    """Polls until `condition()` is true; fails the test with AssertionError otherwise."""
+    deadline = time.monotonic() + timeout
+    while not condition():
+        if time.monotonic() > deadline:
+            raise AssertionError("condition not met in time")
+        time.sleep(interval)
+
+
+def data_path(name):
+    return os.path.join(DATA_DIR, name)
+
+
+def read_data(name):
+    with open(data_path(name), encoding="utf-8") as handle:
+        return handle.read()
+
+
+class Relay:
+    """One relay child process; `stop` and `start` again keep the same database."""
+
+    def __init__(self, folder, env=None):
+        self.folder = folder
+        self.db_path = os.path.join(folder, "relay.db")
+        self.log_path = os.path.join(folder, "relay.log")
+        self.home = os.path.join(folder, "home")
+        os.makedirs(self.home, exist_ok=True)
+        self.extra_env = dict(env or {})
+        self.process = None
+        self.port = None
+
+    def environment(self):
+        env = {key: value for key, value in os.environ.items() if not key.startswith(("MERE_", "CLAUDE_", "CODEX_"))}
+        env.update({
+            "MERE_RELAY_PORT": "0",
+            "MERE_RELAY_DB_PATH": self.db_path,
+            "MERE_RELAY_ENV_PATH": os.path.join(self.folder, "relay.env"),
+            "MERE_RELAY_LOCAL_AUTH": "1",
+            "PYTHONDONTWRITEBYTECODE": "1",
+            # The relay inspects $HOME for the agent CLIs; tests give it a home of their own.
+            "HOME": self.home,
+            "PATH": os.path.join(self.folder, "bin"),
+        })
+        env.update(FAST_ENV)
+        env.update(self.extra_env)
+        return env
+
+    def start(self):
+        log = open(self.log_path, "ab")
+        self.process = subprocess.Popen([sys.executable, SERVER], cwd=RELAY_DIR, env=self.environment(),
+                                        stdout=subprocess.PIPE, stderr=log, stdin=subprocess.DEVNULL)
+        log.close()
+        line = self._first_line()
+        marker = "listening on http://"
+        if marker not in line:
+            self.stop()
+            raise RuntimeError("relay did not start: " + line + self.log())
+        self.port = int(line.rsplit(":", 1)[1].strip().rstrip("/"))
+        return self
+
+    def _first_line(self):
+        ready, _, _ = select.select([self.process.stdout], [], [], START_TIMEOUT)
+        if not ready:
+            return ""
+        return self.process.stdout.readline().decode("utf-8", "replace")
+
+    def stop(self):
+        if self.process is None:
+            return None
+        if self.process.poll() is None:
+            self.process.terminate()
+        try:
+            code = self.process.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            code = self.process.wait()
+        self.process.stdout.close()
+        self.process = None
+        return code
+
+    def log(self):
+        with open(self.log_path, encoding="utf-8", errors="replace") as handle:
+            return handle.read()
+
+    @property
+    def base_url(self):
+        return f"http://127.0.0.1:{self.port}/"
+
+    def connection(self, timeout=30):
+        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
+
+    def request(self, method, path, body=None, token=None, headers=None, raw=None, timeout=30):
+        """(status, decoded JSON or None, response headers). `raw` sends bytes as they are."""
+        conn = self.connection(timeout)
+        try:
+            sent = dict(headers or {})
+            data = raw
+            if body is not None:
+                data = json.dumps(body).encode("utf-8")
+            if data is not None or method in ("POST", "PUT", "PATCH"):
+                sent.setdefault("Content-Type", "application/json")
+            if token:
+                sent["Authorization"] = "Bearer " + token
+            conn.request(method, "/" + path, body=data, headers=sent)
+            response = conn.getresponse()
+            payload = response.read()
+            decoded = json.loads(payload) if payload else None
+            return response.status, decoded, dict(response.getheaders())
+        finally:
+            conn.close()
+
+    def local_token(self):
+        status, answer, _ = self.request("POST", "v1/auth/local", {})
+        assert status == 200, answer
+        return answer["token"]
+
+    def open_stream(self, token):
+        return Stream(self, token)
+
+
+class Stream:
+    """A held-open v1/stream, read by a thread into a queue of lines."""
+
+    def __init__(self, relay, token):
+        self.conn = relay.connection(timeout=30)
+        self.conn.request("GET", "/v1/stream", headers={"Authorization": "Bearer " + token})
+        # The response takes the socket over; keep it to cut the stream from the test's thread.
+        self.sock = self.conn.sock
+        self.response = self.conn.getresponse()
+        self.status = self.response.status
+        self.headers = dict(self.response.getheaders())
+        self.lines = queue.Queue()
+        self._thread = threading.Thread(target=self._read, daemon=True)
+        if self.status == 200:
+            self._thread.start()
+
+    def _read(self):
+        try:
+            while True:
+                line = self.response.readline()
+                if not line:
+                    break
+                self.lines.put(line.decode("utf-8"))
+        except (OSError, ValueError, http.client.HTTPException):
+            pass
+        self.lines.put(None)
+
+    def next_line(self, timeout=10):
+        return self.lines.get(timeout=timeout)
+
+    def next_snapshot(self, timeout=10):
+        """The next data line, decoded; comments and blank lines are skipped."""
+        deadline = time.monotonic() + timeout
+        while True:
+            line = self.next_line(max(0.01, deadline - time.monotonic()))
+            if line is None:
+                raise EOFError("stream ended")
+            if line.startswith("data:"):
+                return json.loads(line[5:].strip())
+
+    def close(self):
+        try:
+            self.sock.shutdown(2)
+        except OSError:
+            pass
+        self.conn.close()
+
+
+class RelayTestCase(unittest.TestCase):
+    """One relay per test class, with a local session ready in `token`."""
+
+    relay_env = {}
+    needs_token = True
+
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.mkdtemp(prefix="relay-test-")
+        os.makedirs(os.path.join(cls.folder, "bin"), exist_ok=True)
+        cls.relay = Relay(cls.folder, cls.relay_env).start()
+        cls.token = cls.relay.local_token() if cls.needs_token else None
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.relay.stop()
+        shutil.rmtree(cls.folder, ignore_errors=True)
+
+    def call(self, method, path, body=None, token=True, **kwargs):
+        use = self.token if token is True else token
+        return self.relay.request(method, path, body, token=use or None, **kwargs)
+
+    def assertError(self, answer, status, expected_status, message=None, contains=None):
+        """The error envelope: an object `error` with a string `message`, and a `request_id`."""
+        self.assertEqual(status, expected_status, answer)
+        self.assertEqual(set(answer), {"error", "request_id"})
+        self.assertIsInstance(answer["error"]["message"], str)
+        self.assertTrue(answer["request_id"].startswith("req_"))
+        if message is not None:
+            self.assertEqual(answer["error"]["message"], message)
+        if contains is not None:
+            self.assertIn(contains, answer["error"]["message"])

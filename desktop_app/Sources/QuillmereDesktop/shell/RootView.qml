@@ -1,0 +1,66 @@
+import QtQuick
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+import Quillmere
+
+// Sign-in, or the application: the top bar, the present screen, and the verdict toast.
+Rectangle {
+    id: root
+    color: Theme.paper
+
+    FloatingWindowConfigurator { alwaysOnTop: AppState.alwaysOnTop }
+
+    LoginView {
+        anchors.fill: parent
+        visible: !RootController.signedIn
+    }
+
+    ColumnLayout {
+        anchors.fill: parent
+        anchors.margins: 12
+        spacing: 10
+        visible: RootController.signedIn
+
+        RowLayout {
+            Layout.fillWidth: true
+            Text {
+                text: RootController.wordmark
+                font.family: Theme.monoFamily
+                font.pixelSize: Theme.titleSize
+                font.bold: true
+                color: Theme.ink
+            }
+            StatusDot { objectName: "statusDot"; online: AppState.online }
+            Item { Layout.fillWidth: true }
+        }
+        RuleView { Layout.fillWidth: true }
+
+        // All three screens stay alive: a button's own screen must not be destroyed while
+        // its click is still being handled.
+        StackLayout {
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            currentIndex: AppState.screenName === "queue" ? 1 : AppState.screenName === "item" ? 2 : 0
+            HomeView {}
+            QueueView {}
+            // By file: QtQuick has a base type of its own named ItemView.
+            Loader { source: "ItemView.qml" }
+        }
+    }
+
+    Text {
+        objectName: "toast"
+        anchors.centerIn: parent
+        visible: RootController.signedIn && AppState.sentToast.length > 0
+        text: AppState.sentToast
+        width: parent.width - 24
+        horizontalAlignment: Text.AlignHCenter
+        wrapMode: Text.Wrap
+        font.family: Theme.monoFamily
+        font.pixelSize: 34
+        font.bold: true
+        color: Theme.ink
+        style: Text.Outline
+        styleColor: Theme.paper
+    }
+}

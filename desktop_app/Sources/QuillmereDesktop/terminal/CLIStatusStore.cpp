@@ -1,0 +1,51 @@
+#include "QuillmereDesktop/terminal/CLIStatusStore.h"
+
+CLIStatusStore::CLIStatusStore(std::chrono::milliseconds pollInterval, QObject* parent) : QObject(parent) {
+    m_pollTimer.setInterval(pollInterval);
+    connect(&m_pollTimer, &QTimer::timeout, this, [this] { poll(); });
+}
+
+bool CLIStatusStore::bothConnected() const {
+    return m_status && m_status->claude.isConnected() && m_status->codex.isConnected();
+}
+
+QCoro::Task<> CLIStatusStore::refresh(RelayClient* client) {
+    QPointer<CLIStatusStore> self(this);
+    if (!client) {
+        setStatus(std::nullopt);
+        co_return;
+    }
+    const Result<CLIStatusResponse> answer = co_await client->get<CLIStatusResponse>(QStringLiteral("v1/cli/status"));
+    if (!self)
+        co_return;
+    setStatus(answer ? std::optional(answer.value()) : std::nullopt);
+}
+
+void CLIStatusStore::startPolling(RelayClient* client) {
+    if (m_pollStarted)
+        return;
+    m_pollStarted = true;
+    // The client given here stays in use: once it is gone or signed out, polls fail.
+    m_pollClient = client;
+    poll();
+    m_pollTimer.start();
+}
+
+QCoro::Task<> CLIStatusStore::poll() {
+    co_await refresh(m_pollClient);
+}
+
+void CLIStatusStore::setStatus(std::optional<CLIStatusResponse> status) {
+    if (m_status == status)
+        return;
+    m_status = std::move(status);
+    emit statusChanged();
+}
+
+void CLIStatusStore::setClaudeUsage(std::optional<ClaudeUsage> usage) {
+    // A failed probe never erases the last good figures.
+    if (!usage || m_claudeUsage == usage)
+        return;
+    m_claudeUsage = std::move(usage);
+    emit claudeUsageChanged();
+}

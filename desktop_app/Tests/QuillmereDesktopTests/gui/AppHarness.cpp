@@ -1,0 +1,138 @@
+#include "gui/AppHarness.h"
+
+#include "QuillmereDesktop/common/QmlSingleton.h"
+
+#include <QDir>
+#include <QQuickItem>
+#include <QTest>
+#include <QtQml/qqmlextensionplugin.h>
+
+#include <algorithm>
+
+Q_IMPORT_QML_PLUGIN(QuillmerePlugin)
+
+AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
+    m_prefs.setBool(AppState::standaloneResetKey, true);
+    m_prefs.setBool(AppState::useMockKey, m_options.demoMode);
+    m_prefs.setString(AuthStore::relayURLKey, m_options.relayURL.toString());
+    AppStateConfig appConfig;
+    appConfig.homeDirectory = m_home.path();
+    appConfig.toastDuration = std::chrono::milliseconds(800);
+    m_app = std::make_unique<AppState>(m_prefs, appConfig);
+    AuthStoreConfig authConfig;
+    authConfig.bootstrapOnStart = false;
+    m_auth = std::make_unique<AuthStore>(m_prefs, m_secrets, nullptr, authConfig);
+    m_cli = std::make_unique<CLIStatusStore>();
+    m_root = std::make_unique<RootController>(*m_app, *m_auth, *m_cli, std::chrono::milliseconds(10));
+    QmlSingleton<AppState>::set(m_app.get());
+    QmlSingleton<AuthStore>::set(m_auth.get());
+    QmlSingleton<CLIStatusStore>::set(m_cli.get());
+    QmlSingleton<RootController>::set(m_root.get());
+}
+
+AppHarness::~AppHarness() {
+    m_engine.reset();
+}
+
+bool AppHarness::load() {
+    m_engine = std::make_unique<QQmlApplicationEngine>();
+    m_engine->load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
+    if (m_engine->rootObjects().isEmpty())
+        return false;
+    m_window = qobject_cast<QQuickWindow*>(m_engine->rootObjects().first());
+    if (!m_window)
+        return false;
+    m_auth->start();
+    return QTest::qWaitForWindowExposed(m_window);
+}
+
+namespace {
+
+bool isShown(QQuickItem* item) {
+    for (QQuickItem* i = item; i; i = i->parentItem())
+        if (!i->isVisible() || i->opacity() == 0.0)
+            return false;
+    return true;
+}
+
+void collectTexts(QQuickItem* item, QList<QQuickItem*>& out) {
+    if (!item)
+        return;
+    // Labels, and read-only text that a person can select and copy.
+    if (item->inherits("QQuickText") || item->inherits("QQuickTextEdit"))
+        out << item;
+    const auto children = item->childItems();
+    for (QQuickItem* child : children)
+        collectTexts(child, out);
+}
+
+} // namespace
+
+QList<QQuickItem*> AppHarness::visibleTexts(const QString& text) const {
+    QList<QQuickItem*> all;
+    collectTexts(m_window ? m_window->contentItem() : nullptr, all);
+    QList<QQuickItem*> matching;
+    for (QQuickItem* item : all)
+        if (item->property("text").toString() == text && isShown(item))
+            matching << item;
+    return matching;
+}
+
+QStringList AppHarness::visibleTextsInOrder() const {
+    QList<QQuickItem*> all;
+    collectTexts(m_window ? m_window->contentItem() : nullptr, all);
+    all.erase(std::remove_if(all.begin(), all.end(), [](QQuickItem* i) { return !isShown(i); }), all.end());
+    std::stable_sort(all.begin(), all.end(), [](QQuickItem* a, QQuickItem* b) {
+        return a->mapToScene(QPointF(0, 0)).y() < b->mapToScene(QPointF(0, 0)).y();
+    });
+    QStringList texts;
+    for (QQuickItem* item : all)
+        texts << item->property("text").toString();
+    return texts;
+}
+
+namespace {
+
+// Scrolls the nearest enclosing flickable until the item is inside the window.
+void scrollIntoView(QQuickItem* item, QQuickWindow* window) {
+    for (QQuickItem* ancestor = item->parentItem(); ancestor; ancestor = ancestor->parentItem()) {
+        if (!ancestor->inherits("QQuickFlickable"))
+            continue;
+        const qreal itemTop = item->mapToItem(ancestor, QPointF(0, 0)).y();
+        const qreal contentY = ancestor->property("contentY").toReal();
+        const qreal visibleHeight = std::min<qreal>(ancestor->height(), window->height());
+        if (itemTop < 0 || itemTop + item->height() > visibleHeight)
+            ancestor->setProperty("contentY", contentY + itemTop - visibleHeight / 2);
+        return;
+    }
+}
+
+} // namespace
+
+bool AppHarness::click(const QString& text) {
+    const auto items = visibleTexts(text);
+    if (items.isEmpty())
+        return false;
+    QQuickItem* item = items.first();
+    scrollIntoView(item, m_window);
+    const QPointF centre = item->mapToScene(QPointF(item->width() / 2, item->height() / 2));
+    QTest::mouseClick(m_window, Qt::LeftButton, Qt::NoModifier, centre.toPoint());
+    return true;
+}
+
+bool AppHarness::clickUntil(const QString& text, const std::function<bool()>& condition) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        if (click(text) && QTest::qWaitFor(condition, 1000))
+            return true;
+        QTest::qWait(50);
+    }
+    return false;
+}
+
+QString AppHarness::screenshot(const QString& name) const {
+    const QString folder = QDir::current().filePath(QStringLiteral("screenshots"));
+    QDir().mkpath(folder);
+    const QString path = QDir(folder).filePath(name + QStringLiteral(".png"));
+    m_window->grabWindow().save(path);
+    return path;
+}

@@ -1,0 +1,61 @@
+#pragma once
+
+// The real application's window, loaded offscreen around stores that a test controls:
+// in-memory preferences, an in-memory secret store, and a relay of the test's choosing.
+
+#include "QuillmereDesktop/Auth/AuthStore.h"
+#include "QuillmereDesktop/common/MemoryPreferencesStore.h"
+#include "QuillmereDesktop/queue/AppState.h"
+#include "QuillmereDesktop/shell/RootController.h"
+#include "QuillmereDesktop/terminal/CLIStatusStore.h"
+#include "fakes/FakeSecretStore.h"
+
+#include <QQmlApplicationEngine>
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QTemporaryDir>
+
+#include <functional>
+#include <memory>
+
+class AppHarness {
+public:
+    struct Options {
+        QUrl relayURL;
+        bool demoMode = false;
+    };
+
+    explicit AppHarness(Options options);
+    ~AppHarness();
+
+    // Loads the window and runs sign-in; false if QML failed to load.
+    bool load();
+
+    QQuickWindow* window() const { return m_window; }
+    AppState& app() { return *m_app; }
+    AuthStore& auth() { return *m_auth; }
+
+    // Visible text items whose text is exactly this, anywhere in the window.
+    QList<QQuickItem*> visibleTexts(const QString& text) const;
+    bool showsText(const QString& text) const { return !visibleTexts(text).isEmpty(); }
+    // Visible texts in the order they stand on screen, top to bottom.
+    QStringList visibleTextsInOrder() const;
+    // Clicks the centre of the first visible text with this text; false if there is none.
+    bool click(const QString& text);
+    // Clicks a text until the condition holds, for screens still settling their layout.
+    bool clickUntil(const QString& text, const std::function<bool()>& condition);
+    // Writes a picture of the window to the build folder's screenshots/NAME.png.
+    QString screenshot(const QString& name) const;
+
+private:
+    Options m_options;
+    QTemporaryDir m_home;
+    MemoryPreferencesStore m_prefs;
+    FakeSecretStore m_secrets;
+    std::unique_ptr<AppState> m_app;
+    std::unique_ptr<AuthStore> m_auth;
+    std::unique_ptr<CLIStatusStore> m_cli;
+    std::unique_ptr<RootController> m_root;
+    std::unique_ptr<QQmlApplicationEngine> m_engine;
+    QQuickWindow* m_window = nullptr;
+};
