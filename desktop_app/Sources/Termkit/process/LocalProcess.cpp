@@ -102,6 +102,8 @@ void LocalProcess::startProcess(const std::string& executable, const std::vector
 void LocalProcess::resetForStart() {
   stopReader();
   closeSource();
+  // A child that ended by itself leaves its master open until the next start.
+  if (const int fd = m_childfd.exchange(-1); fd >= 0) close(fd);
   m_exitCode.reset();
   m_childReaped = false;
   m_sourceCancelled = false;
@@ -168,56 +170,59 @@ void LocalProcess::wake() const {
 // --- Reader thread ------------------------------------------------------------------------------
 
 void LocalProcess::readerLoop(int masterFd, int pidfd, uint64_t generation) {
-  using std::chrono::duration_cast;
-  using std::chrono::milliseconds;
-  const auto steady = [] { return std::chrono::steady_clock::now(); };
-  bool readOpen = true;  // until end of file or a read error
-  bool childExited = false;
-  bool exitQueued = false;
-  std::chrono::steady_clock::time_point exitDeadline;
+  ReaderState state;
   while (!m_stopping) {
     const bool suspended = readSuspended();
     const bool wantWrite = hasWrites();
-    const short masterEvents = static_cast<short>((readOpen && !suspended ? POLLIN : 0) | (wantWrite ? POLLOUT : 0));
+    const short masterEvents =
+        static_cast<short>((state.readOpen && !suspended ? POLLIN : 0) | (wantWrite ? POLLOUT : 0));
     // A descriptor with nothing asked of it is left out: a hung-up master would otherwise
     // wake the loop for ever while reading is suspended.
     pollfd fds[3] = {{m_wakeFd, POLLIN, 0},
                      {masterEvents != 0 ? masterFd : -1, masterEvents, 0},
-                     {!childExited && pidfd >= 0 ? pidfd : -1, POLLIN, 0}};
-    int timeout = -1;
-    if (childExited && !exitQueued) {
-      // Time spent suspended does not count: the backlog is ours, not the child's.
-      if (suspended) exitDeadline = std::max(exitDeadline, steady() + m_tuning.exitQuietPeriod);
-      timeout = static_cast<int>(std::max<long long>(0, duration_cast<milliseconds>(exitDeadline - steady()).count()));
-    } else if (!childExited && pidfd < 0) {
-      timeout = static_cast<int>(m_tuning.exitPollInterval.count());
-    }
-    if (poll(fds, 3, timeout) < 0 && errno != EINTR) break;
+                     {!state.childExited && pidfd >= 0 ? pidfd : -1, POLLIN, 0}};
+    if (poll(fds, 3, pollTimeout(state, suspended, pidfd)) < 0 && errno != EINTR) break;
     if (fds[0].revents & POLLIN) {
       uint64_t count = 0;
       [[maybe_unused]] const ssize_t got = read(m_wakeFd, &count, sizeof count);
     }
     if (m_stopping) break;
     if ((fds[1].revents & POLLOUT) || (wantWrite && (fds[1].revents & (POLLHUP | POLLERR)))) writePending(masterFd);
-    if ((masterEvents & POLLIN) && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) readOpen = readOnce(masterFd);
-    if (!childExited) {
-      siginfo_t info = {};
-      const bool gone = pidfd >= 0 ? (fds[2].revents & POLLIN) != 0
-                                   : waitid(P_PID, static_cast<id_t>(m_shellPid.load()), &info,
-                                            WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
-      if (gone) {
-        childExited = true;
-        exitDeadline = steady() + m_tuning.exitQuietPeriod;
-      }
+    if ((masterEvents & POLLIN) && (fds[1].revents & (POLLIN | POLLHUP | POLLERR))) state.readOpen = readOnce(masterFd);
+    if (!state.childExited && childHasExited(fds[2].revents, pidfd)) {
+      state.childExited = true;
+      state.exitDeadline = std::chrono::steady_clock::now() + m_tuning.exitQuietPeriod;
     }
     // The exit goes behind the child's last output: at end of file, or once the terminal
     // has stayed open, held by something the child left behind, past the quiet period.
-    if (childExited && !exitQueued && (!readOpen || (steady() >= exitDeadline && !readSuspended()))) {
+    if (state.childExited && !state.exitQueued &&
+        (!state.readOpen || (std::chrono::steady_clock::now() >= state.exitDeadline && !readSuspended()))) {
       queueExitReport(generation);
-      exitQueued = true;
+      state.exitQueued = true;
     }
-    if (exitQueued && !readOpen) break;
+    if (state.exitQueued && !state.readOpen) break;
   }
+}
+
+int LocalProcess::pollTimeout(ReaderState& state, bool suspended, int pidfd) const {
+  using std::chrono::milliseconds;
+  const auto now = std::chrono::steady_clock::now();
+  if (state.childExited && !state.exitQueued) {
+    // Time spent suspended does not count: the backlog is ours, not the child's.
+    if (suspended) state.exitDeadline = std::max(state.exitDeadline, now + m_tuning.exitQuietPeriod);
+    const auto left = std::chrono::duration_cast<milliseconds>(state.exitDeadline - now).count();
+    return static_cast<int>(std::max<long long>(0, left));
+  }
+  if (!state.childExited && pidfd < 0) return static_cast<int>(m_tuning.exitPollInterval.count());
+  return -1;
+}
+
+bool LocalProcess::childHasExited(short pidfdEvents, int pidfd) const {
+  if (pidfd >= 0) return (pidfdEvents & POLLIN) != 0;
+  // Without a process descriptor: look, leaving the child to be collected by the report.
+  siginfo_t info = {};
+  const auto pid = static_cast<id_t>(m_shellPid.load());
+  return waitid(P_PID, pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
 }
 
 bool LocalProcess::readOnce(int masterFd) {

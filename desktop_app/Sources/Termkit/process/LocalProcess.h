@@ -147,7 +147,15 @@ class LocalProcess {
   void wake() const;
 
   // Reader thread.
+  struct ReaderState {
+    bool readOpen = true;  // until end of file or a read error
+    bool childExited = false;
+    bool exitQueued = false;
+    std::chrono::steady_clock::time_point exitDeadline;
+  };
   void readerLoop(int masterFd, int pidfd, uint64_t generation);
+  int pollTimeout(ReaderState& state, bool suspended, int pidfd) const;
+  bool childHasExited(short pidfdEvents, int pidfd) const;
   bool readOnce(int masterFd);
   void logChunk(std::span<const uint8_t> chunk);
   bool enqueueReceivedData(std::vector<uint8_t> chunk);

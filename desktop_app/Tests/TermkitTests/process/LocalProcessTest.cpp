@@ -181,18 +181,28 @@ TEST(LocalProcessTest, SendReachesTheChildFromAnyThread) {
 }
 
 TEST(LocalProcessTest, ALargeSendDoesNotBlockTheCaller) {
+  const std::string dir = testing::makeTempDir();
+  ASSERT_FALSE(dir.empty());
+  const std::string flag = dir + "/go";
   Fixture f;
-  f.process.startProcess("/bin/sh", {"-c", "head -c 1000000 | wc -c"});
+  // The child reads nothing until the flag exists; without echo, the count stands alone.
+  f.process.startProcess("/bin/sh", {"-c", "stty -echo; echo ready; while [ ! -e " + flag +
+                                               " ]; do sleep 0.01; done; head -c 1000000 | wc -c"});
+  ASSERT_TRUE(f.loop.runUntil([&] { return hasLine(f.host.lines(), "ready"); }, kWait));
   std::string line(99, 'x');
   line += '\n';
   std::string block;
   for (int i = 0; i < 10000; ++i) block += line;
   f.process.send(bytes(block));
-  // The terminal takes a few kilobytes at a time: the rest was still queued when send returned.
+  // The terminal holds a few kilobytes of unread input: send returned with the rest queued.
+  std::this_thread::sleep_for(50ms);
   EXPECT_LT(f.process.total(), 1000000u);
+  std::ofstream(flag).put('1');
   ASSERT_TRUE(f.waitForExit());
+  std::remove(flag.c_str());
+  rmdir(dir.c_str());
   EXPECT_EQ(f.process.total(), 1000000u);
-  EXPECT_TRUE(hasLine(f.host.lines(), "1000000"));
+  EXPECT_EQ(f.host.lines(), (std::vector<std::string>{"ready", "1000000"}));
   EXPECT_EQ(f.host.exitCode, 0);
 }
 
@@ -310,6 +320,13 @@ TEST(LocalProcessTest, ItCanStartAgainAfterTheChildEnded) {
   ASSERT_TRUE(f.loop.runUntil([&] { return f.host.exits == 2; }, kWait));
   EXPECT_EQ(f.host.exitCode, 2);
   EXPECT_EQ(f.process.exitCode(), 2);
+  // Each start lets go of the previous child's descriptors.
+  const size_t open = testing::openDescriptorCount();
+  for (int round = 3; round <= 6; ++round) {
+    f.process.startProcess("/bin/sh", {"-c", "exit 0"});
+    ASSERT_TRUE(f.loop.runUntil([&] { return f.host.exits == round; }, kWait));
+  }
+  EXPECT_EQ(testing::openDescriptorCount(), open);
 }
 
 TEST(LocalProcessTest, StartIsIgnoredWhileRunning) {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,13 @@ inline std::string makeTempDir() {
   std::string pattern = "/tmp/termkit-process-XXXXXX";
   const char* made = mkdtemp(pattern.data());
   return made != nullptr ? std::string(made) : std::string();
+}
+
+/// How many descriptors this process has open.
+inline size_t openDescriptorCount() {
+  size_t count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  return count;
 }
 
 /// Whether `pid` names no process any more (not even a zombie).
