@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pty.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -26,6 +27,14 @@ class CStringArray {
   std::vector<char*> m_pointers;
 };
 
+// The kernel's own record for rt_sigaction, used where the C library will not reach.
+struct KernelSignalAction {
+  void (*handler)(int);
+  unsigned long flags;
+  void (*restorer)();
+  unsigned long mask;
+};
+
 // Runs in the child between fork and exec: async-signal-safe calls only.
 [[noreturn]] void execChild(const char* path, char* const* argv, char* const* envp, const char* directory) {
   // A program must not inherit what this process blocked or ignored: a shell that ignores
@@ -35,7 +44,13 @@ class CStringArray {
   sigprocmask(SIG_SETMASK, &none, nullptr);
   struct sigaction fallback = {};
   fallback.sa_handler = SIG_DFL;
-  for (int signal = 1; signal < NSIG; ++signal) sigaction(signal, &fallback, nullptr);
+  for (int signal = 1; signal < NSIG; ++signal) {
+    if (sigaction(signal, &fallback, nullptr) == 0) continue;
+    // The C library keeps two real-time signals for itself and refuses to touch them, yet a
+    // parent (GNU make is one) can leave them ignored: the kernel resets them all the same.
+    const KernelSignalAction reset = {SIG_DFL, 0, nullptr, 0};
+    syscall(SYS_rt_sigaction, signal, &reset, nullptr, sizeof reset.mask);
+  }
   // Descriptors the host opened without close-on-exec would otherwise keep its sockets and
   // pipes alive in the child.
   close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
