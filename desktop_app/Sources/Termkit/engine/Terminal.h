@@ -260,7 +260,8 @@ class Terminal : private ParserDelegate, private BufferObserver {
     }
   };
   bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
-  bool joinZeroWidth(RowCache& row, char32_t scalar);
+  bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
+  static int extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length);
   /// A scalar from a sequence the fast decoders did not take: -1 for bytes skipped,
   /// `kCarried` when the chunk ends inside it.
   static constexpr int32_t kCarried = -2;

@@ -191,10 +191,41 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
   return true;
 }
 
+// Copies the marks that directly follow `i` in the chunk into `out` (after `length` bytes)
+// as long as each one extends any cluster and has no width, and returns where they end.
+// Stops before anything else, a sequence cut by the chunk, or when `out` would overflow.
+int Terminal::extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length) {
+  while (i < n && p[i] >= 0xC2 && p[i] < 0xF0) {
+    int32_t c;
+    int bytes;
+    if (p[i] < 0xE0) {
+      if (i + 1 >= n || (p[i + 1] & 0xC0) != 0x80) break;
+      c = (p[i] & 0x1F) << 6 | (p[i + 1] & 0x3F);
+      bytes = 2;
+    } else {
+      if (i + 2 >= n || (p[i + 1] & 0xC0) != 0x80 || (p[i + 2] & 0xC0) != 0x80) break;
+      c = (p[i] & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
+      if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF)) break;
+      bytes = 3;
+    }
+    const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+    if ((info & UnicodeUtil::kWidthMask) != 1 || (info & UnicodeUtil::kExtendsCluster) == 0) break;
+    if (c == UnicodeUtil::kTextSelector || c == UnicodeUtil::kEmojiSelector) break;
+    if (length + bytes > capacity) break;
+    std::memcpy(out + length, p + i, bytes);
+    length += bytes;
+    i += bytes;
+  }
+  return i;
+}
+
 // A zero-width scalar other than a presentation selector, joined to the cell before the
 // cursor on the cached row: it changes no width, so it only needs the joined code. Returns
 // false when the cell before is not on this row, leaving the case to the general path.
-__attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row, char32_t scalar) {
+// Marks that extend any cluster always append to it, so when more of them follow in the
+// chunk the whole cluster is built at once and only it is stored, not every step to it.
+__attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info,
+                                                                  const uint8_t* p, int n, int& i) {
   Buffer& b = *m_buffer;
   const int x = b.x;
   if (x == 0) return false;
@@ -207,7 +238,33 @@ __attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row
   CharData* cells = row.line->cellsForWrite(std::min(x, b.cols()));
   int col = std::min(x, b.cols()) - 1;
   if (cells[col].width == 0 && col > 0) --col;
-  const int32_t joined = joinedCode(cells[col].code, scalar);
+  const int32_t target = cells[col].code;
+  if ((info & UnicodeUtil::kExtendsCluster) != 0 && i < n && p[i] >= 0xC2 && p[i] < 0xF0) {
+    char cluster[64];
+    size_t length = 0;
+    if (target >= kCharacterTableBase) {
+      const std::string_view stored = m_tables->characters.stored(target);
+      if (stored.size() + 4 < sizeof cluster) {
+        std::memcpy(cluster, stored.data(), stored.size());
+        length = stored.size();
+      } else {
+        length = sizeof cluster;
+      }
+    } else if (target != 0) {
+      length = encodeUtf8(static_cast<char32_t>(target), cluster);
+    }
+    if (length + 4 < sizeof cluster) {
+      length += encodeUtf8(scalar, cluster + length);
+      const size_t first = length;
+      const int end = extendingMarksEnd(p, n, i, cluster, sizeof cluster, length);
+      if (length > first) {
+        cells[col].code = m_tables->characters.code(std::string_view(cluster, length));
+        i = end;
+        return true;
+      }
+    }
+  }
+  const int32_t joined = joinedCode(target, scalar);
   // Not one cluster: a zero-width scalar has nowhere to go and is dropped.
   if (joined >= 0) cells[col].code = joined;
   return true;
@@ -311,7 +368,7 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
       continue;
     }
     if (width == 0 && c != UnicodeUtil::kTextSelector && c != UnicodeUtil::kEmojiSelector &&
-        joinZeroWidth(row, static_cast<char32_t>(c))) {
+        joinZeroWidth(row, static_cast<char32_t>(c), info, p, n, i)) {
       continue;
     }
     row.release();

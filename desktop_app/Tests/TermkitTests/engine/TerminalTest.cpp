@@ -314,6 +314,59 @@ TEST(TerminalTest, ParserLogsGoThroughTheTerminalUnlessSilent) {
   EXPECT_EQ(lines.size(), 2u);
 }
 
+// The cluster in the first cell of the cursor row.
+std::string firstCellCluster(Terminal& t) {
+  Buffer& b = t.buffer();
+  return t.character(std::as_const(b.lines[b.yBase + b.y]).cells()[0].code);
+}
+
+TEST(TerminalTest, MarksThatArriveTogetherStoreOnlyTheWholeCluster) {
+  RecordingTerminalDelegate host;
+  Terminal t(&host, sized(10, 2));
+  const size_t before = t.tables().characters.size();
+  t.feed("a\xcc\x81\xcc\x82\xcc\x83");
+  EXPECT_EQ(firstCellCluster(t), "a\xcc\x81\xcc\x82\xcc\x83");
+  EXPECT_EQ(t.buffer().x, 1);
+  // The steps to it ("a" with one and with two marks) were never shown, so never stored.
+  EXPECT_EQ(t.tables().characters.size(), before + 1);
+}
+
+TEST(TerminalTest, MarksSplitAcrossChunksJoinTheSameCluster) {
+  const std::string marks = "e\xcc\x81\xcc\x82\xe2\x83\x90\xcc\x83";  // U+0301 U+0302 U+20D0 U+0303
+  RecordingTerminalDelegate wholeHost;
+  Terminal whole(&wholeHost, sized(10, 2));
+  whole.feed(marks);
+  for (size_t step = 1; step < marks.size(); ++step) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    for (size_t at = 0; at < marks.size(); at += step) t.feed(std::string_view(marks).substr(at, step));
+    ASSERT_EQ(firstCellCluster(t), firstCellCluster(whole)) << "step " << step;
+    ASSERT_EQ(t.buffer().x, 1);
+  }
+  EXPECT_EQ(firstCellCluster(whole), marks);
+}
+
+TEST(TerminalTest, ARunOfMarksLongerThanTheBuildBufferStillJoinsWhole) {
+  RecordingTerminalDelegate host;
+  Terminal t(&host, sized(10, 2));
+  std::string cluster = "o";
+  for (int k = 0; k < 60; ++k) cluster += "\xcd\x93";  // U+0353, sixty times: 121 bytes
+  t.feed(cluster + "x");
+  EXPECT_EQ(firstCellCluster(t), cluster);
+  EXPECT_EQ(screenText(t)[0], cluster + "x");
+}
+
+TEST(TerminalTest, AMarkRunStopsAtASelectorAndAJoiner) {
+  RecordingTerminalDelegate host;
+  Terminal t(&host, sized(10, 2));
+  // A selector after a mark on a base that takes none is ignored; the joiner joins, but an
+  // ideograph after it forms no cluster with a letter and takes a cell of its own.
+  t.feed("a\xcc\x81\xcc\x82\xef\xb8\x8f\xcc\x83\xe2\x80\x8d\xe4\xb8\x96");
+  EXPECT_EQ(firstCellCluster(t), "a\xcc\x81\xcc\x82\xcc\x83\xe2\x80\x8d");
+  EXPECT_EQ(screenText(t)[0], "a\xcc\x81\xcc\x82\xcc\x83\xe2\x80\x8d\xe4\xb8\x96");
+  EXPECT_EQ(t.buffer().x, 3);
+}
+
 TEST(TerminalTest, ChunkingNeverChangesTheResult) {
   const std::string input =
       "\x1b[1;31mhello \xe4\xb8\x96\xe7\x95\x8c\x1b[0m e\xcc\x81 \xf0\x9f\x87\xa9\xf0\x9f\x87\xaa\r\n"
