@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "Termkit/buffer/CharData.h"
 
 namespace termkit {
@@ -27,6 +31,7 @@ void appendUtf8(char32_t c, std::string& out) {
 
 namespace {
 
+constexpr size_t kGroupSize = 16;
 constexpr size_t kInitialSlots = 1024;
 constexpr size_t kAstralCacheSize = 512;
 
@@ -58,9 +63,49 @@ uint64_t hashBytes(std::string_view s) {
   return h ^ (h >> 29);
 }
 
+// Whether `stored` starts with the bytes of `cluster`. Clusters are mostly a few bytes, so
+// those are compared as two overlapping words (the first and the last ones) instead of
+// through a library call.
+template <typename Word>
+inline bool sameEnds(const char* a, const char* b, size_t n) {
+  Word a0, a1, b0, b1;
+  std::memcpy(&a0, a, sizeof(Word));
+  std::memcpy(&b0, b, sizeof(Word));
+  std::memcpy(&a1, a + n - sizeof(Word), sizeof(Word));
+  std::memcpy(&b1, b + n - sizeof(Word), sizeof(Word));
+  return a0 == b0 && a1 == b1;
+}
+
+inline bool sameBytes(const char* stored, std::string_view cluster) {
+  const size_t n = cluster.size();
+  const char* c = cluster.data();
+  if (n >= 8) return n <= 16 ? sameEnds<uint64_t>(stored, c, n) : std::memcmp(stored, c, n) == 0;
+  if (n >= 4) return sameEnds<uint32_t>(stored, c, n);
+  for (size_t i = 0; i < n; ++i) {
+    if (stored[i] != c[i]) return false;
+  }
+  return true;
+}
+
+// Bit i set where byte i of a group of 16 control bytes equals `value`.
+uint32_t matchByte(const uint8_t* group, uint8_t value) {
+#if defined(__SSE2__)
+  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(group));
+  return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(value)))));
+#else
+  uint32_t bits = 0;
+  for (int i = 0; i < 16; ++i) bits |= uint32_t(group[i] == value) << i;
+  return bits;
+#endif
+}
+
 }  // namespace
 
-CharacterTable::CharacterTable() : m_offsets{0}, m_slots(kInitialSlots), m_astral(kAstralCacheSize, {0, 0}) {}
+CharacterTable::CharacterTable()
+    : m_offsets{0},
+      m_control(kInitialSlots, kEmpty),
+      m_slotIndex(kInitialSlots),
+      m_astral(kAstralCacheSize, {0, 0}) {}
 
 std::string_view CharacterTable::stored(int32_t code) const {
   const int64_t index = static_cast<int64_t>(code) - kFirstIndex;
@@ -69,46 +114,42 @@ std::string_view CharacterTable::stored(int32_t code) const {
   return std::string_view(m_arena.data() + m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
 }
 
-CharacterTable::Slot CharacterTable::slotFor(std::string_view cluster, uint64_t hash, uint32_t index) {
-  Slot slot;
-  const uint32_t length = cluster.size() < 255 ? static_cast<uint32_t>(cluster.size()) : 255;
-  slot.tag = length << 24 | (static_cast<uint32_t>(hash) & 0xFFFFFF);
-  slot.index = index;
-  if (cluster.size() <= 8) std::memcpy(&slot.bytes, cluster.data(), cluster.size());
-  return slot;
+int32_t CharacterTable::find(std::string_view cluster, uint32_t hash) const {
+  const size_t groupMask = m_control.size() / kGroupSize - 1;
+  const auto tag = static_cast<uint8_t>(hash & 0x7F);
+  for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
+    const uint8_t* control = m_control.data() + group * kGroupSize;
+    for (uint32_t bits = matchByte(control, tag); bits != 0; bits &= bits - 1) {
+      const uint32_t index = m_slotIndex[group * kGroupSize + static_cast<size_t>(__builtin_ctz(bits))];
+      const uint32_t from = m_offsets[index];
+      if (m_offsets[index + 1] - from == cluster.size() && sameBytes(m_arena.data() + from, cluster)) {
+        return kFirstIndex + static_cast<int32_t>(index);
+      }
+    }
+    // A group with a free slot ends every probe that passed through it.
+    if (matchByte(control, kEmpty) != 0) return -1;
+  }
 }
 
-int32_t CharacterTable::find(std::string_view cluster, uint64_t hash) const {
-  const size_t mask = m_slots.size() - 1;
-  const Slot wanted = slotFor(cluster, hash, 0);
-  for (size_t slot = (hash >> 32) & mask; m_slots[slot].index != 0; slot = (slot + 1) & mask) {
-    const Slot& entry = m_slots[slot];
-    if (entry.tag != wanted.tag) continue;
-    const uint32_t index = entry.index - 1;
-    if (cluster.size() <= 8) {
-      if (entry.bytes == wanted.bytes) return kFirstIndex + static_cast<int32_t>(index);
-      continue;
-    }
-    if (std::string_view(m_arena.data() + m_offsets[index], m_offsets[index + 1] - m_offsets[index]) == cluster) {
-      return kFirstIndex + static_cast<int32_t>(index);
-    }
+void CharacterTable::place(uint32_t index, uint32_t hash) {
+  const size_t groupMask = m_control.size() / kGroupSize - 1;
+  for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
+    const uint32_t free = matchByte(m_control.data() + group * kGroupSize, kEmpty);
+    if (free == 0) continue;
+    const size_t slot = group * kGroupSize + static_cast<size_t>(__builtin_ctz(free));
+    m_control[slot] = static_cast<uint8_t>(hash & 0x7F);
+    m_slotIndex[slot] = index;
+    return;
   }
-  return -1;
 }
 
 void CharacterTable::rehash(size_t slots) {
-  std::vector<Slot> old = std::move(m_slots);
-  m_slots.assign(slots, Slot{});
-  const size_t mask = slots - 1;
-  for (const Slot& entry : old) {
-    if (entry.index == 0) continue;
-    size_t slot = m_slotHome[entry.index - 1] & mask;
-    while (m_slots[slot].index != 0) slot = (slot + 1) & mask;
-    m_slots[slot] = entry;
-  }
+  m_control.assign(slots, kEmpty);
+  m_slotIndex.assign(slots, 0);
+  for (uint32_t index = 0; index < m_hashes.size(); ++index) place(index, m_hashes[index]);
 }
 
-int32_t CharacterTable::store(std::string_view cluster, uint64_t hash) {
+int32_t CharacterTable::store(std::string_view cluster, uint32_t hash) {
   const auto index = static_cast<uint32_t>(size());
   // The arena grows by doubling and is written with a plain copy.
   const size_t used = m_offsets.back();
@@ -117,13 +158,13 @@ int32_t CharacterTable::store(std::string_view cluster, uint64_t hash) {
   }
   std::memcpy(m_arena.data() + used, cluster.data(), cluster.size());
   m_offsets.push_back(static_cast<uint32_t>(used + cluster.size()));
-  m_slotHome.push_back(static_cast<uint32_t>(hash >> 32));
-  const size_t mask = m_slots.size() - 1;
-  size_t slot = (hash >> 32) & mask;
-  while (m_slots[slot].index != 0) slot = (slot + 1) & mask;
-  m_slots[slot] = slotFor(cluster, hash, index + 1);
-  // Keep the load factor under one half so probes stay short.
-  if ((size() + 1) * 2 > m_slots.size()) rehash(m_slots.size() * 2);
+  m_hashes.push_back(hash);
+  // Full groups make probes long; past seven eighths the index doubles.
+  if ((size() + 1) * 8 > m_control.size() * 7) {
+    rehash(m_control.size() * 2);
+  } else {
+    place(index, hash);
+  }
   return kFirstIndex + static_cast<int32_t>(index);
 }
 
@@ -141,7 +182,7 @@ int32_t CharacterTable::code(std::string_view cluster) {
   if (cluster == "\r\n") return 10;
   const int32_t scalar = singleScalar(cluster);
   if (scalar >= 0 && scalar < 0x10000) return scalar;
-  const uint64_t hash = hashBytes(cluster);
+  const auto hash = static_cast<uint32_t>(hashBytes(cluster) >> 32);
   const int32_t known = find(cluster, hash);
   return known >= 0 ? known : store(cluster, hash);
 }

@@ -11,7 +11,10 @@ namespace termkit {
 /// Maps grapheme clusters (as UTF-8) to cell codes and back. A single scalar below 0x10000
 /// is its own code and CR LF is 10; anything else gets an index above 0x400000 on first use.
 /// The tables never shrink. Clusters are kept back to back in one arena and found through
-/// an open-addressing hash index, so a lookup allocates nothing and touches little memory.
+/// an open-addressing index split like a Swiss table: one control byte per slot (7 hash
+/// bits, or empty) scanned sixteen at a time, and the cluster indexes beside it. A cluster
+/// seen for the first time, the common case with text full of combining marks, is then
+/// ruled out by reading control bytes only, which stay small enough for the CPU's cache.
 class CharacterTable {
  public:
   /// First code handed out for a cluster.
@@ -39,25 +42,21 @@ class CharacterTable {
 
  private:
   int32_t astralCode(char32_t scalar);
-  int32_t find(std::string_view cluster, uint64_t hash) const;
-  int32_t store(std::string_view cluster, uint64_t hash);
+  int32_t find(std::string_view cluster, uint32_t hash) const;
+  int32_t store(std::string_view cluster, uint32_t hash);
+  void place(uint32_t index, uint32_t hash);
   void rehash(size_t slots);
 
   // indexToCharMap: cluster i is m_arena[m_offsets[i], m_offsets[i + 1]); the arena's
   // size is its capacity, the last offset how much of it is used.
   std::vector<char> m_arena;
   std::vector<uint32_t> m_offsets;
-  std::vector<uint32_t> m_slotHome;   // high hash bits: where each cluster's probe starts
-  // charToIndexMap: open addressing; a slot holds 24 hash bits with the cluster's length,
-  // index + 1 (0 when empty), and clusters of up to 8 bytes themselves, so that finding a
-  // short cluster reads one slot and never the arena.
-  struct Slot {
-    uint32_t tag = 0;  // length << 24 | low hash bits
-    uint32_t index = 0;
-    uint64_t bytes = 0;
-  };
-  static Slot slotFor(std::string_view cluster, uint64_t hash, uint32_t index);
-  std::vector<Slot> m_slots;
+  std::vector<uint32_t> m_hashes;  // each cluster's hash, so that growing never rereads the arena
+  // charToIndexMap: slots in groups of 16. A control byte is kEmpty or the low 7 bits of the
+  // hash; the probe starts at the group the other bits name and moves on group by group.
+  static constexpr uint8_t kEmpty = 0x80;
+  std::vector<uint8_t> m_control;
+  std::vector<uint32_t> m_slotIndex;  // the cluster index of each full slot
   // Single scalars beyond the basic plane, cached without touching the arena.
   std::vector<std::pair<char32_t, int32_t>> m_astral;
 };

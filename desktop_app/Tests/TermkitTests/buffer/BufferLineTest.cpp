@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <random>
+#include <unordered_map>
 #include <utility>
 
 #include "Termkit/buffer/CharacterTable.h"
@@ -146,6 +147,42 @@ TEST(CharacterTableTest, CodesForClustersAndBack) {
   EXPECT_EQ(table.character(0xD800), " ");
   EXPECT_EQ(table.character(0x300000), " ");
   EXPECT_EQ(table.character(CharacterTable::kFirstIndex + 99), " ");
+}
+
+// Many clusters that differ in a byte or in length, long ones beyond the short compare and
+// enough of them to grow the index several times: every one keeps its first code.
+TEST(CharacterTableTest, EveryClusterKeepsItsCodeAcrossGrowth) {
+  CharacterTable table;
+  std::vector<std::string> clusters;
+  for (int i = 0; i < 60000; ++i) {
+    std::string c = "a";
+    for (int k = 0; k <= i % 11; ++k) appendUtf8(static_cast<char32_t>(0x300 + (i / (k + 1)) % 0x70), c);
+    if (i % 97 == 0) c += std::string(40 + i % 30, 'x');  // long clusters take the arena compare
+    clusters.push_back(std::move(c));
+  }
+  std::vector<int32_t> codes;
+  std::unordered_map<std::string, int32_t> first;
+  for (const std::string& c : clusters) {
+    const int32_t code = table.code(std::string_view(c));
+    const auto [it, fresh] = first.emplace(c, code);
+    if (fresh) {
+      EXPECT_EQ(code, table.lastCharIndex() - 1);
+    } else {
+      ASSERT_EQ(code, it->second) << c;
+    }
+    codes.push_back(code);
+  }
+  EXPECT_EQ(table.size(), first.size());
+  EXPECT_GT(first.size(), 20000u);
+  for (size_t i = 0; i < clusters.size(); ++i) {
+    ASSERT_EQ(table.code(std::string_view(clusters[i])), codes[i]);
+    ASSERT_EQ(table.character(codes[i]), clusters[i]);
+  }
+  // A prefix or an extension of a stored cluster is a cluster of its own.
+  const std::string& some = clusters[12345];
+  EXPECT_NE(table.code(std::string_view(some).substr(0, some.size() - 2)), codes[12345]);
+  const int32_t longer = table.code(std::string_view(some + "\xcc\x81"));
+  EXPECT_EQ(longer, table.lastCharIndex() - 1);
 }
 
 }  // namespace
