@@ -254,9 +254,13 @@ class Terminal : private ParserDelegate, private BufferObserver {
   struct RowCache {
     BufferLine* line = nullptr;
     int index = -1;
+    // The column right after the last cell this cache wrote with a single scalar of its own
+    // width, which never calls for the next one to join it; -1 when unknown.
+    int plainEnd = -1;
     void release() {
       if (line != nullptr) line->touch();
       line = nullptr;
+      plainEnd = -1;
     }
   };
   bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);

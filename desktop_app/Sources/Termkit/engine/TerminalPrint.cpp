@@ -156,9 +156,12 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
   }
   CharData* cells = row.line->cellsForWrite(std::min(x + width, b.cols()));
   // The cell that a joiner would have called the scalar into: left of the cursor, or at
-  // the start of a wrapped row the last one of the row above.
+  // the start of a wrapped row the last one of the row above. Right after a plain scalar
+  // written here there is nothing to look at.
   int32_t before = 0;
-  if (x > 0) {
+  if (x == row.plainEnd) {
+    // A single scalar of non-zero width: neither a joiner nor a cluster ending in one.
+  } else if (x > 0) {
     int col = std::min(x, b.cols()) - 1;
     if (cells[col].width == 0 && col > 0) --col;
     before = cells[col].code;
@@ -188,6 +191,7 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
   cells[x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
   if (width == 2) cells[x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
   b.x = x + width;
+  row.plainEnd = b.x;
   return true;
 }
 
@@ -239,6 +243,7 @@ __attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row
   int col = std::min(x, b.cols()) - 1;
   if (cells[col].width == 0 && col > 0) --col;
   const int32_t target = cells[col].code;
+  row.plainEnd = -1;
   if ((info & UnicodeUtil::kExtendsCluster) != 0 && i < n && p[i] >= 0xC2 && p[i] < 0xF0) {
     char cluster[64];
     size_t length = 0;
@@ -323,6 +328,7 @@ void Terminal::printAscii(RowCache& row, const uint8_t* p, int n, int& i, uint16
     writeAsciiCells(row.line->cellsForWrite(b.x + run) + b.x, p + i, run,
                     CharData{0, b.curAttr, payload, 1, b.semanticContent});
     b.x += run;
+    row.plainEnd = b.x;
   } else {
     row.release();
     const int taken = b.insertAsciiRun(p + i, run, payload);
