@@ -271,7 +271,6 @@ class Terminal : private ParserDelegate, private BufferObserver {
   static constexpr int32_t kCarried = -2;
   int32_t decodeSlow(const uint8_t* p, int n, int& i);
   void printGeneral(const uint8_t* data, int length, uint16_t payload);
-  struct RowCache;
   bool finishCarried(const uint8_t* p, int n, int& i, uint16_t payload);
   void printAscii(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload);
   bool tryJoin(char32_t scalar, int width, uint8_t info);
