@@ -265,6 +265,7 @@ class Terminal : private ParserDelegate, private BufferObserver {
   };
   bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
   bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
+  size_t cellCluster(int32_t code, char* out, size_t room) const;
   static int extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length);
   /// A scalar from a sequence the fast decoders did not take: -1 for bytes skipped,
   /// `kCarried` when the chunk ends inside it.

@@ -195,6 +195,18 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
   return true;
 }
 
+// Writes the cluster of a cell's code into `out` as UTF-8 and returns its length, or a
+// length beyond `room` when it would not fit there.
+size_t Terminal::cellCluster(int32_t code, char* out, size_t room) const {
+  if (code >= kCharacterTableBase) {
+    const std::string_view stored = m_tables->characters.stored(code);
+    if (stored.size() > room) return room + 1;
+    std::memcpy(out, stored.data(), stored.size());
+    return stored.size();
+  }
+  return code != 0 ? encodeUtf8(static_cast<char32_t>(code), out) : 0;
+}
+
 // Copies the marks that directly follow `i` in the chunk into `out` (after `length` bytes)
 // as long as each one extends any cluster and has no width, and returns where they end.
 // Stops before anything else, a sequence cut by the chunk, or when `out` would overflow.
@@ -246,19 +258,8 @@ __attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row
   row.plainEnd = -1;
   if ((info & UnicodeUtil::kExtendsCluster) != 0 && i < n && p[i] >= 0xC2 && p[i] < 0xF0) {
     char cluster[64];
-    size_t length = 0;
-    if (target >= kCharacterTableBase) {
-      const std::string_view stored = m_tables->characters.stored(target);
-      if (stored.size() + 4 < sizeof cluster) {
-        std::memcpy(cluster, stored.data(), stored.size());
-        length = stored.size();
-      } else {
-        length = sizeof cluster;
-      }
-    } else if (target != 0) {
-      length = encodeUtf8(static_cast<char32_t>(target), cluster);
-    }
-    if (length + 4 < sizeof cluster) {
+    size_t length = cellCluster(target, cluster, sizeof cluster - 4);
+    if (length <= sizeof cluster - 4) {
       length += encodeUtf8(scalar, cluster + length);
       const size_t first = length;
       const int end = extendingMarksEnd(p, n, i, cluster, sizeof cluster, length);
@@ -454,18 +455,7 @@ int32_t Terminal::joinedCode(int32_t targetCode, char32_t scalar) {
   if (joins) {
     // The joined cluster is built in a stack buffer; only very long ones need the heap.
     char buffer[64];
-    size_t length = 0;
-    if (targetCode >= kCharacterTableBase) {
-      const std::string_view stored = m_tables->characters.stored(targetCode);
-      if (stored.size() + 4 <= sizeof buffer) {
-        std::memcpy(buffer, stored.data(), stored.size());
-        length = stored.size();
-      } else {
-        length = sizeof buffer + 1;
-      }
-    } else if (targetCode != 0) {
-      length = encodeUtf8(static_cast<char32_t>(targetCode), buffer);
-    }
+    size_t length = cellCluster(targetCode, buffer, sizeof buffer - 4);
     if (length <= sizeof buffer - 4) {
       length += encodeUtf8(scalar, buffer + length);
       result = m_tables->characters.code(std::string_view(buffer, length));
