@@ -32,6 +32,22 @@ int32_t decode(const uint8_t* s, int length) {
   return c;
 }
 
+// Decodes a complete two- or three-byte sequence at `i` into `c` (-1 when it is overlong or
+// a surrogate) and returns its length; 0 for anything else, left to the general decoder.
+inline int decodeShort(const uint8_t* p, int n, int i, int32_t& c) {
+  const uint8_t lead = p[i];
+  if (lead >= 0xC2 && lead < 0xE0 && i + 1 < n && (p[i + 1] & 0xC0) == 0x80) {
+    c = (lead & 0x1F) << 6 | (p[i + 1] & 0x3F);
+    return 2;
+  }
+  if (lead >= 0xE0 && lead < 0xF0 && i + 2 < n && (p[i + 1] & 0xC0) == 0x80 && (p[i + 2] & 0xC0) == 0x80) {
+    c = (lead & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
+    if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF)) c = -1;
+    return 3;
+  }
+  return 0;
+}
+
 // Writes one scalar as UTF-8 (up to four bytes) and returns the length.
 size_t encodeUtf8(char32_t c, char* out) {
   if (c < 0x80) {
@@ -211,19 +227,10 @@ size_t Terminal::cellCluster(int32_t code, char* out, size_t room) const {
 // as long as each one extends any cluster and has no width, and returns where they end.
 // Stops before anything else, a sequence cut by the chunk, or when `out` would overflow.
 int Terminal::extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length) {
-  while (i < n && p[i] >= 0xC2 && p[i] < 0xF0) {
-    int32_t c;
-    int bytes;
-    if (p[i] < 0xE0) {
-      if (i + 1 >= n || (p[i + 1] & 0xC0) != 0x80) break;
-      c = (p[i] & 0x1F) << 6 | (p[i + 1] & 0x3F);
-      bytes = 2;
-    } else {
-      if (i + 2 >= n || (p[i + 1] & 0xC0) != 0x80 || (p[i + 2] & 0xC0) != 0x80) break;
-      c = (p[i] & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
-      if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF)) break;
-      bytes = 3;
-    }
+  while (i < n) {
+    int32_t c = -1;
+    const int bytes = decodeShort(p, n, i, c);
+    if (bytes == 0 || c < 0) break;
     const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
     if ((info & UnicodeUtil::kWidthMask) != 1 || (info & UnicodeUtil::kExtendsCluster) == 0) break;
     if (c == UnicodeUtil::kTextSelector || c == UnicodeUtil::kEmojiSelector) break;
@@ -351,14 +358,10 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
       printAscii(row, p, n, i, payload);
       continue;
     }
-    int32_t c;
-    if (byte >= 0xC2 && byte < 0xE0 && i + 1 < n && (p[i + 1] & 0xC0) == 0x80) {
-      c = (byte & 0x1F) << 6 | (p[i + 1] & 0x3F);
-      i += 2;
-    } else if (byte >= 0xE0 && byte < 0xF0 && i + 2 < n && (p[i + 1] & 0xC0) == 0x80 && (p[i + 2] & 0xC0) == 0x80) {
-      c = (byte & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
-      i += 3;
-      if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF)) continue;
+    int32_t c = -1;
+    if (const int length = decodeShort(p, n, i, c); length > 0) {
+      i += length;
+      if (c < 0) continue;
     } else {
       c = decodeSlow(p, n, i);
       if (c == kCarried) {
