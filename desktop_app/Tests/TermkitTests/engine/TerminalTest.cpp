@@ -367,6 +367,19 @@ TEST(TerminalTest, AMarkRunStopsAtASelectorAndAJoiner) {
   EXPECT_EQ(t.buffer().x, 3);
 }
 
+TEST(TerminalTest, AJoinerInTheMiddleOfARunCallsTheNextScalarIntoItsCell) {
+  RecordingTerminalDelegate host;
+  Terminal t(&host, sized(10, 2));
+  // Woman, ZWJ, laptop: one wide cell even though both emoji take the plain write path.
+  t.feed("x\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x92\xbby");
+  Buffer& b = t.buffer();
+  const CharData* cells = std::as_const(b.lines[b.yBase]).cells();
+  EXPECT_EQ(t.character(cells[1].code), "\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x92\xbb");
+  EXPECT_EQ(cells[1].width, 2);
+  EXPECT_EQ(t.character(cells[3].code), "y");
+  EXPECT_EQ(b.x, 4);
+}
+
 TEST(TerminalTest, ChunkingNeverChangesTheResult) {
   const std::string input =
       "\x1b[1;31mhello \xe4\xb8\x96\xe7\x95\x8c\x1b[0m e\xcc\x81 \xf0\x9f\x87\xa9\xf0\x9f\x87\xaa\r\n"
