@@ -85,6 +85,43 @@ def pretty(value):
     return json.dumps(value, indent=2, ensure_ascii=False)
 
 
+def approval_interrupt(event, wait_seconds, agent, reason, timeout_behavior):
+    """The approval interrupt both hooks raise for one request, before each adds its own.
+
+    `agent` is how the CLI is named: its toolkit slug (also the run id without a
+    session), the lower-case run name and the requester. Returns the interrupt and
+    the request's tool input, or None when the event names no tool.
+    """
+    toolkit, run_name, requester = agent
+    tool = event.get("tool_name")
+    if not isinstance(tool, str) or not tool:
+        return None
+    tool_input = event.get("tool_input") if isinstance(event.get("tool_input"), dict) else {}
+    cwd = event.get("cwd") if isinstance(event.get("cwd"), str) else ""
+    session = event.get("session_id") if isinstance(event.get("session_id"), str) else ""
+    folder = os.path.basename(cwd.rstrip("/")) or cwd
+    about = summary(tool_input)
+    interrupt = {
+        "run_id": session or toolkit,
+        "run_name": f"{run_name} · {folder}" if folder else run_name,
+        "kind": "approval",
+        "prompt": f"Allow {tool}: {about}?" if about else f"Allow {tool}?",
+        "options": list(OPTIONS),
+        "detail": pretty(tool_input),
+        "action_toolkit": toolkit,
+        "action_slug": tool,
+        "target": cwd,
+        "requester": requester,
+        "reason": reason(tool),
+        "expires_at": iso_in(wait_seconds),
+        "timeout_behavior": timeout_behavior,
+    }
+    description = tool_input.get("description")
+    if isinstance(description, str) and description.strip():
+        interrupt["proposed_action"] = description.strip()
+    return interrupt, tool_input
+
+
 def wait_for_verdict(client, interrupt_id, wait_seconds):
     """The verdict once decided; None when the time is up or the interrupt expired."""
     deadline = time.monotonic() + wait_seconds
