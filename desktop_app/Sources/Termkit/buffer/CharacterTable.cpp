@@ -63,30 +63,6 @@ uint64_t hashBytes(std::string_view s) {
   return h ^ (h >> 29);
 }
 
-// Whether `stored` starts with the bytes of `cluster`. Clusters are mostly a few bytes, so
-// those are compared as two overlapping words (the first and the last ones) instead of
-// through a library call.
-template <typename Word>
-inline bool sameEnds(const char* a, const char* b, size_t n) {
-  Word a0, a1, b0, b1;
-  std::memcpy(&a0, a, sizeof(Word));
-  std::memcpy(&b0, b, sizeof(Word));
-  std::memcpy(&a1, a + n - sizeof(Word), sizeof(Word));
-  std::memcpy(&b1, b + n - sizeof(Word), sizeof(Word));
-  return a0 == b0 && a1 == b1;
-}
-
-inline bool sameBytes(const char* stored, std::string_view cluster) {
-  const size_t n = cluster.size();
-  const char* c = cluster.data();
-  if (n >= 8) return n <= 16 ? sameEnds<uint64_t>(stored, c, n) : std::memcmp(stored, c, n) == 0;
-  if (n >= 4) return sameEnds<uint32_t>(stored, c, n);
-  for (size_t i = 0; i < n; ++i) {
-    if (stored[i] != c[i]) return false;
-  }
-  return true;
-}
-
 // Bit i set where byte i of a group of 16 control bytes equals `value`.
 uint32_t matchByte(const uint8_t* group, uint8_t value) {
 #if defined(__SSE2__)
@@ -121,10 +97,8 @@ int32_t CharacterTable::find(std::string_view cluster, uint32_t hash) const {
     const uint8_t* control = m_control.data() + group * kGroupSize;
     for (uint32_t bits = matchByte(control, tag); bits != 0; bits &= bits - 1) {
       const uint32_t index = m_slotIndex[group * kGroupSize + static_cast<size_t>(__builtin_ctz(bits))];
-      const uint32_t from = m_offsets[index];
-      if (m_offsets[index + 1] - from == cluster.size() && sameBytes(m_arena.data() + from, cluster)) {
-        return kFirstIndex + static_cast<int32_t>(index);
-      }
+      const int32_t code = kFirstIndex + static_cast<int32_t>(index);
+      if (stored(code) == cluster) return code;
     }
     // A group with a free slot ends every probe that passed through it.
     if (matchByte(control, kEmpty) != 0) return -1;

@@ -263,6 +263,7 @@ __attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row
   if (cells[col].width == 0 && col > 0) --col;
   const int32_t target = cells[col].code;
   row.plainEnd = -1;
+  // Building the whole cluster only pays when a two- or three-byte sequence follows.
   if ((info & UnicodeUtil::kExtendsCluster) != 0 && i < n && p[i] >= 0xC2 && p[i] < 0xF0) {
     char cluster[64];
     size_t length = cellCluster(target, cluster, sizeof cluster - 4);
