@@ -75,8 +75,11 @@ int main(int argc, char* argv[]) {
     RelayClient agent(relay.url(), auth.client()->token());
     std::vector<double> latencies;
     for (int run = 0; run < runs; ++run) {
-        const QJsonObject body{{"run_id", "bench"}, {"run_name", "bench"}, {"kind", "approval"},
-                               {"prompt", "Go?"}, {"options", QJsonArray{"Approve", "Reject"}}};
+        const QJsonObject body{{"run_id", "bench"},
+                               {"run_name", "bench"},
+                               {"kind", "approval"},
+                               {"prompt", "Go?"},
+                               {"options", QJsonArray{"Approve", "Reject"}}};
         const auto raised = await(agent.postRaw<QJsonObject>("v1/interrupts", body));
         const QString id = raised ? raised->value("id").toString() : QString();
         if (id.isEmpty() || !spinUntil([&] { return holds(app, id); }))
@@ -84,7 +87,8 @@ int main(int argc, char* argv[]) {
         app.setSelectedInterruptId(id);
         QElapsedTimer clock;
         clock.start();
-        app.submit({VerdictKind::approve, QString("Approve"), Verdict::desktopSource, QDateTime::currentDateTimeUtc()});
+        app.submit({VerdictKind::approve, QString("Approve"), Verdict::desktopSource,
+                    QDateTime::currentDateTimeUtc()});
         if (!spinUntil([&] { return !holds(app, id); }))
             return 1;
         latencies.push_back(double(clock.nsecsElapsed()) / 1e6);

@@ -8,4 +8,4 @@ namespace termkit::bench {
 /// Allocations made through operator new since the process started.
 uint64_t allocationCount();
 
-}  // namespace termkit::bench
+} // namespace termkit::bench

@@ -13,84 +13,97 @@
 namespace {
 
 class Discard : public termkit::TerminalDelegate {
- public:
-  void send(termkit::Terminal&, std::span<const uint8_t>) override {}
+public:
+    void send(termkit::Terminal&, std::span<const uint8_t>) override {}
 };
 
 std::string asciiText() {
-  std::string s;
-  std::mt19937 rng(1);
-  while (s.size() < (1 << 20)) {
-    const int words = 5 + static_cast<int>(rng() % 15);
-    for (int w = 0; w < words; ++w) s += std::string(1 + rng() % 9, static_cast<char>('a' + rng() % 26)) + " ";
-    s += "\r\n";
-  }
-  return s;
+    std::string s;
+    std::mt19937 rng(1);
+    while (s.size() < (1 << 20)) {
+        const int words = 5 + static_cast<int>(rng() % 15);
+        for (int w = 0; w < words; ++w)
+            s += std::string(1 + rng() % 9, static_cast<char>('a' + rng() % 26)) + " ";
+        s += "\r\n";
+    }
+    return s;
 }
 
 std::string sgrText() {
-  std::string s;
-  std::mt19937 rng(2);
-  while (s.size() < (1 << 20)) {
-    s += "\x1b[" + std::to_string(30 + rng() % 8) + "mword\x1b[0m \x1b[1;38;5;" + std::to_string(rng() % 256) +
-         "mbold\x1b[m \x1b[38;2;" + std::to_string(rng() % 256) + ";10;20mtrue\x1b[39m";
-    if (rng() % 4 == 0) s += "\r\n";
-  }
-  return s;
+    std::string s;
+    std::mt19937 rng(2);
+    while (s.size() < (1 << 20)) {
+        s += "\x1b[" + std::to_string(30 + rng() % 8) + "mword\x1b[0m \x1b[1;38;5;" +
+             std::to_string(rng() % 256) + "mbold\x1b[m \x1b[38;2;" + std::to_string(rng() % 256) +
+             ";10;20mtrue\x1b[39m";
+        if (rng() % 4 == 0)
+            s += "\r\n";
+    }
+    return s;
 }
 
 std::string wideText() {
-  std::string s;
-  std::mt19937 rng(3);
-  while (s.size() < (1 << 20)) {
-    for (int i = 0; i < 30; ++i) {
-      const char32_t c = 0x4E00 + rng() % 0x5000;
-      s += static_cast<char>(0xE0 | (c >> 12));
-      s += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-      s += static_cast<char>(0x80 | (c & 0x3F));
+    std::string s;
+    std::mt19937 rng(3);
+    while (s.size() < (1 << 20)) {
+        for (int i = 0; i < 30; ++i) {
+            const char32_t c = 0x4E00 + rng() % 0x5000;
+            s += static_cast<char>(0xE0 | (c >> 12));
+            s += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            s += static_cast<char>(0x80 | (c & 0x3F));
+        }
+        s += " e\xcc\x81 \xf0\x9f\x98\x80\r\n";
     }
-    s += " e\xcc\x81 \xf0\x9f\x98\x80\r\n";
-  }
-  return s;
+    return s;
 }
 
 std::string scrollText() {
-  std::string s = "\x1b[2;23r";
-  while (s.size() < (1 << 20)) s += "\x1b[23;1Hline\n\x1b[2;1H\x1bMtop\x1b[5S\x1b[3T\x1b[2L\x1b[2M";
-  return s;
+    std::string s = "\x1b[2;23r";
+    while (s.size() < (1 << 20))
+        s += "\x1b[23;1Hline\n\x1b[2;1H\x1bMtop\x1b[5S\x1b[3T\x1b[2L\x1b[2M";
+    return s;
 }
 
 void feedBenchmark(benchmark::State& state, const std::string& text) {
-  Discard host;
-  termkit::TerminalOptions options;
-  options.cols = static_cast<int>(state.range(0));
-  options.rows = static_cast<int>(state.range(1));
-  options.scrollback = 1000;
-  termkit::Terminal terminal(&host, options);
-  terminal.silentLog = true;
-  // Warm up until the scrollback ring is full and every table has been touched.
-  for (int i = 0; i < 3; ++i) terminal.feed(text);
-  const uint64_t before = termkit::bench::allocationCount();
-  uint64_t bytes = 0;
-  for (auto _ : state) {
-    terminal.feed(text);
-    bytes += text.size();
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(bytes));
-  state.counters["allocs_per_MB"] =
-      static_cast<double>(termkit::bench::allocationCount() - before) / (static_cast<double>(bytes) / 1e6);
+    Discard host;
+    termkit::TerminalOptions options;
+    options.cols = static_cast<int>(state.range(0));
+    options.rows = static_cast<int>(state.range(1));
+    options.scrollback = 1000;
+    termkit::Terminal terminal(&host, options);
+    terminal.silentLog = true;
+    // Warm up until the scrollback ring is full and every table has been touched.
+    for (int i = 0; i < 3; ++i)
+        terminal.feed(text);
+    const uint64_t before = termkit::bench::allocationCount();
+    uint64_t bytes = 0;
+    for (auto _ : state) {
+        terminal.feed(text);
+        bytes += text.size();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(bytes));
+    state.counters["allocs_per_MB"] =
+        static_cast<double>(termkit::bench::allocationCount() - before) / (static_cast<double>(bytes) / 1e6);
 }
 
-void BM_AsciiRun(benchmark::State& state) { feedBenchmark(state, asciiText()); }
-void BM_Sgr(benchmark::State& state) { feedBenchmark(state, sgrText()); }
-void BM_Utf8Wide(benchmark::State& state) { feedBenchmark(state, wideText()); }
-void BM_Scrolling(benchmark::State& state) { feedBenchmark(state, scrollText()); }
+void BM_AsciiRun(benchmark::State& state) {
+    feedBenchmark(state, asciiText());
+}
+void BM_Sgr(benchmark::State& state) {
+    feedBenchmark(state, sgrText());
+}
+void BM_Utf8Wide(benchmark::State& state) {
+    feedBenchmark(state, wideText());
+}
+void BM_Scrolling(benchmark::State& state) {
+    feedBenchmark(state, scrollText());
+}
 
 BENCHMARK(BM_AsciiRun)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Sgr)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8Wide)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Scrolling)->Args({80, 24})->Args({200, 50});
 
-}  // namespace
+} // namespace
 
 BENCHMARK_MAIN();

@@ -26,7 +26,8 @@ struct AuthResponse {
     QString token;
     RelayUser user;
     static constexpr auto wireFields() {
-        return std::tuple{wire::field("token", &AuthResponse::token), wire::field("user", &AuthResponse::user)};
+        return std::tuple{wire::field("token", &AuthResponse::token),
+                          wire::field("user", &AuthResponse::user)};
     }
 };
 

@@ -47,7 +47,8 @@ bool AuthStore::isLoopback(const QString& url) {
     if (!parsed.isValid() || parsed.host().isEmpty())
         return false;
     const QString host = parsed.host().toLower();
-    return host == QLatin1String("127.0.0.1") || host == QLatin1String("localhost") || host == QLatin1String("::1");
+    return host == QLatin1String("127.0.0.1") || host == QLatin1String("localhost") ||
+           host == QLatin1String("::1");
 }
 
 bool AuthStore::isLocalAuthDisabled(const QString& message) {

@@ -35,13 +35,16 @@ class AuthStore : public QObject {
     QML_SINGLETON
     Q_PROPERTY(State state READ state NOTIFY stateChanged)
     Q_PROPERTY(QString authError READ authErrorText NOTIFY authErrorChanged)
-    Q_PROPERTY(QString relayURLString READ relayURLString WRITE setRelayURLString NOTIFY relayURLStringChanged)
+    Q_PROPERTY(
+        QString relayURLString READ relayURLString WRITE setRelayURLString NOTIFY relayURLStringChanged)
     Q_PROPERTY(QString email READ email NOTIFY stateChanged)
     Q_PROPERTY(QString userEmail READ userEmail NOTIFY stateChanged)
 
 public:
     // QML sees the one instance the application made.
-    static AuthStore* create(QQmlEngine* qml, QJSEngine* js) { return QmlSingleton<AuthStore>::create(qml, js); }
+    static AuthStore* create(QQmlEngine* qml, QJSEngine* js) {
+        return QmlSingleton<AuthStore>::create(qml, js);
+    }
 
     enum class State { checking, relayUnreachable, needsEmail, codeSent, needsSecondFactor, signedIn };
     Q_ENUM(State)

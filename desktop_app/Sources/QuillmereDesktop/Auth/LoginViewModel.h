@@ -50,8 +50,10 @@ public:
     static QString wordmark() { return QStringLiteral("QUILLMERE"); }
     static QString tagline() { return QStringLiteral("your agents ask; you decide"); }
     static QString unreachableAlert() { return QStringLiteral("can't reach local relay"); }
-    static QString unreachableHelp() { return QStringLiteral(
-        "Quillmere could not start its bundled relay runtime. Reinstall the app, or for source development run:"); }
+    static QString unreachableHelp() {
+        return QStringLiteral("Quillmere could not start its bundled relay runtime. Reinstall the app, or "
+                              "for source development run:");
+    }
     static QString unreachableCommand() { return QStringLiteral("./cloud_app/src/relay/run.sh"); }
     static QString retryButton() { return QStringLiteral("RETRY"); }
     static QString checkingButton() { return QStringLiteral("CHECKING"); }
@@ -67,9 +69,11 @@ public:
     static QString totpLabel() { return QStringLiteral("authenticator code"); }
     static QString recoveryNote() { return QStringLiteral("A recovery code works here too."); }
     static QString passkeyAlert() { return QStringLiteral("! passkey not supported here"); }
-    static QString passkeyHelp() { return QStringLiteral(
-        "This account's only second factor is a passkey, which this app cannot use yet. Sign in on the web "
-        "client and add an authenticator app under Security, then come back."); }
+    static QString passkeyHelp() {
+        return QStringLiteral("This account's only second factor is a passkey, which this app cannot use "
+                              "yet. Sign in on the web "
+                              "client and add an authenticator app under Security, then come back.");
+    }
     static QString startOverLabel() { return QStringLiteral("Start over"); }
 
     explicit LoginViewModel(QObject* parent = nullptr);
@@ -78,7 +82,9 @@ public:
     void setAuth(AuthStore* auth);
     Card card() const;
     // The card's case name, for the screen to compare against.
-    QString cardName() const { return QString::fromLatin1(QMetaEnum::fromType<Card>().valueToKey(int(card()))); }
+    QString cardName() const {
+        return QString::fromLatin1(QMetaEnum::fromType<Card>().valueToKey(int(card())));
+    }
     const QString& email() const { return m_email; }
     void setEmail(const QString& email);
     const QString& code() const { return m_code; }

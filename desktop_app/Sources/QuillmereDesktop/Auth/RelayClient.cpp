@@ -20,7 +20,9 @@ struct APIErrorEnvelope {
 
 struct EventAccepted {
     bool accepted = false;
-    static constexpr auto wireFields() { return std::tuple{wire::field("accepted", &EventAccepted::accepted)}; }
+    static constexpr auto wireFields() {
+        return std::tuple{wire::field("accepted", &EventAccepted::accepted)};
+    }
 };
 
 struct HealthAccepted {
@@ -135,9 +137,9 @@ QCoro::Task<> RelayClient::logout(std::optional<QString> token) const {
     (void)co_await send(std::move(request));
 }
 
-QCoro::Task<Result<void>> RelayClient::recordRunEvent(QString runId, QString name, QString type, qint64 tokens,
-                                                      double costUSD, QString detail) const {
-    const QJsonObject body{{"run_id", runId}, {"name", name},        {"type", type},
+QCoro::Task<Result<void>> RelayClient::recordRunEvent(QString runId, QString name, QString type,
+                                                      qint64 tokens, double costUSD, QString detail) const {
+    const QJsonObject body{{"run_id", runId},  {"name", name},        {"type", type},
                            {"tokens", tokens}, {"cost_usd", costUSD}, {"detail", detail}};
     const Result<EventAccepted> answer = co_await postRaw<EventAccepted>(QStringLiteral("v1/events"), body);
     if (!answer)
@@ -145,9 +147,11 @@ QCoro::Task<Result<void>> RelayClient::recordRunEvent(QString runId, QString nam
     co_return Result<void>{};
 }
 
-QCoro::Task<Result<void>> RelayClient::recordProviderHealth(QString provider, bool success, qint64 latencyMs) const {
+QCoro::Task<Result<void>> RelayClient::recordProviderHealth(QString provider, bool success,
+                                                            qint64 latencyMs) const {
     const QJsonObject body{{"provider", provider}, {"success", success}, {"latency_ms", latencyMs}};
-    const Result<HealthAccepted> answer = co_await postRaw<HealthAccepted>(QStringLiteral("v1/router/health"), body);
+    const Result<HealthAccepted> answer =
+        co_await postRaw<HealthAccepted>(QStringLiteral("v1/router/health"), body);
     if (!answer)
         co_return answer.error();
     co_return Result<void>{};

@@ -38,8 +38,7 @@ public:
     // Sends a finished request; the body of a 2xx answer, or the relay's words for anything else.
     static QCoro::Task<Result<QByteArray>> send(http::Request request);
 
-    template <class T>
-    QCoro::Task<Result<T>> get(QString path, bool auth = true) const {
+    template <class T> QCoro::Task<Result<T>> get(QString path, bool auth = true) const {
         return sendAndDecode<T>(request(path, "GET", auth));
     }
 
@@ -51,7 +50,8 @@ public:
     // For small one-off bodies that have no record type of their own.
     template <class T>
     QCoro::Task<Result<T>> postRaw(QString path, QJsonObject body, bool auth = true) const {
-        return sendAndDecode<T>(withBody(request(path, "POST", auth), QJsonDocument(body).toJson(QJsonDocument::Compact)));
+        return sendAndDecode<T>(
+            withBody(request(path, "POST", auth), QJsonDocument(body).toJson(QJsonDocument::Compact)));
     }
 
     // The same, for answers that the caller decodes by hand.
@@ -63,8 +63,8 @@ public:
     // Ends a session on the relay. Takes the token because sign-out forgets it first.
     QCoro::Task<> logout(std::optional<QString> token) const;
 
-    QCoro::Task<Result<void>> recordRunEvent(QString runId, QString name, QString type, qint64 tokens, double costUSD,
-                                             QString detail) const;
+    QCoro::Task<Result<void>> recordRunEvent(QString runId, QString name, QString type, qint64 tokens,
+                                             double costUSD, QString detail) const;
     QCoro::Task<Result<void>> recordProviderHealth(QString provider, bool success, qint64 latencyMs) const;
 
     // The URL of a relative path, resolved against the base as a browser would.
@@ -78,8 +78,7 @@ public:
 private:
     static Result<http::Request> withBody(Result<http::Request> request, QByteArray body);
 
-    template <class T>
-    static QCoro::Task<Result<T>> sendAndDecode(Result<http::Request> request) {
+    template <class T> static QCoro::Task<Result<T>> sendAndDecode(Result<http::Request> request) {
         if (!request)
             co_return request.error();
         const Result<QByteArray> body = co_await send(std::move(request).value());

@@ -32,8 +32,8 @@ RelayProcessConfig RelayProcessConfig::system() {
     config.currentDirectory = QDir::currentPath();
     config.sourceRoot = QStringLiteral(QUILLMERE_SOURCE_ROOT);
     config.searchPath = QString::fromLocal8Bit(qgetenv("PATH"));
-    config.supportDirectory =
-        QDir(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)).filePath(QStringLiteral("Quillmere"));
+    config.supportDirectory = QDir(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation))
+                                  .filePath(QStringLiteral("Quillmere"));
     config.baseEnvironment = QProcessEnvironment::systemEnvironment();
     return config;
 }
@@ -60,8 +60,9 @@ std::optional<QString> RelayProcessManager::relayServerPath() const {
     QStringList candidates;
     for (const QString& folder : m_config.resourceDirectories)
         candidates << QDir(folder).filePath(QStringLiteral("relay/server.py"));
-    candidates << QDir(m_config.currentDirectory).filePath(QStringLiteral("cloud_app/src/relay/server.py"))
-               << QDir(m_config.currentDirectory).filePath(QStringLiteral("../cloud_app/src/relay/server.py"));
+    candidates
+        << QDir(m_config.currentDirectory).filePath(QStringLiteral("cloud_app/src/relay/server.py"))
+        << QDir(m_config.currentDirectory).filePath(QStringLiteral("../cloud_app/src/relay/server.py"));
     if (!m_config.sourceRoot.isEmpty())
         candidates << QDir(m_config.sourceRoot).filePath(QStringLiteral("cloud_app/src/relay/server.py"));
     return firstExisting(candidates, false);

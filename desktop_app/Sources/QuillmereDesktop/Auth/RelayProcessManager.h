@@ -27,7 +27,8 @@ struct RelayProcessConfig {
     // The process's PATH, searched for python3.
     QString searchPath;
     // The usual places of a system interpreter, tried after PATH.
-    QStringList systemInterpreters{QStringLiteral("/usr/bin/python3"), QStringLiteral("/usr/local/bin/python3")};
+    QStringList systemInterpreters{QStringLiteral("/usr/bin/python3"),
+                                   QStringLiteral("/usr/local/bin/python3")};
     // The per-user data folder that holds the relay's database and settings.
     QString supportDirectory;
     int port = defaultPort;
@@ -45,7 +46,8 @@ struct RelayProcessConfig {
 class RelayProcessManager : public QObject {
     Q_OBJECT
 public:
-    static inline const QString scriptMissingMessage = QStringLiteral("The bundled relay files could not be found.");
+    static inline const QString scriptMissingMessage =
+        QStringLiteral("The bundled relay files could not be found.");
     static inline const QString pythonMissingMessage =
         QStringLiteral("Python 3 is required to run the local relay.");
     static inline const QString notOwnedMessage =
@@ -53,7 +55,8 @@ public:
     // How long a relay gets to stop by itself before it is killed.
     static constexpr std::chrono::milliseconds stopGrace{3000};
 
-    explicit RelayProcessManager(RelayProcessConfig config = RelayProcessConfig::system(), QObject* parent = nullptr);
+    explicit RelayProcessManager(RelayProcessConfig config = RelayProcessConfig::system(),
+                                 QObject* parent = nullptr);
     ~RelayProcessManager() override;
 
     // The one instance of the application.

@@ -7,8 +7,7 @@
 // The long-lived stores are made once by the application entry, before any QML, and
 // handed to QML as singletons that QML never owns. A store's `create` returns the
 // instance set here.
-template <class T>
-class QmlSingleton {
+template <class T> class QmlSingleton {
 public:
     static void set(T* instance) { s_instance = instance; }
     static T* create(QQmlEngine*, QJSEngine*) {

@@ -14,8 +14,7 @@ struct Error {
 
 // A value or an error. Operations that can fail return this instead of throwing,
 // so that no exception ever crosses Qt's event loop.
-template <class T, class E = Error>
-class [[nodiscard]] Result {
+template <class T, class E = Error> class [[nodiscard]] Result {
 public:
     Result(T value) : m_state(std::in_place_index<0>, std::move(value)) {}
     Result(E error) : m_state(std::in_place_index<1>, std::move(error)) {}
@@ -36,8 +35,7 @@ private:
 };
 
 // Success carries nothing; a failure carries the error.
-template <class E>
-class [[nodiscard]] Result<void, E> {
+template <class E> class [[nodiscard]] Result<void, E> {
 public:
     Result() = default;
     Result(E error) : m_error(std::move(error)) {}

@@ -60,12 +60,10 @@ struct DecodeError {
     QString message() const { return path.isEmpty() ? problem : path + QStringLiteral(": ") + problem; }
 };
 
-template <class T>
-using Decoded = Result<T, DecodeError>;
+template <class T> using Decoded = Result<T, DecodeError>;
 
 // One declared field: its name and the member it reads and writes.
-template <class Record, class Member>
-struct Field {
+template <class Record, class Member> struct Field {
     const char* name;
     Member Record::*member;
 };
@@ -76,16 +74,19 @@ constexpr Field<Record, Member> field(const char* name, Member Record::*member) 
 }
 
 template <class T>
-concept Record = requires { T::wireFields(); };
+concept Record = requires {
+    T::wireFields();
+};
 
 // An enumeration with string raw values declares them through a free function found by
 // argument-dependent lookup: `constexpr auto wireCases(InterruptKind) { return std::array{...}; }`
 template <class T>
-concept StringEnum = std::is_enum_v<T> && requires(T v) { wireCases(v); };
+concept StringEnum = std::is_enum_v<T> && requires(T v) {
+    wireCases(v);
+};
 
 // The raw string of an enumeration case, as it stands on the wire and on screen.
-template <StringEnum E>
-QString rawValue(E value) {
+template <StringEnum E> QString rawValue(E value) {
     for (const auto& [c, name] : wireCases(E{}))
         if (c == value)
             return QString::fromUtf8(name);
@@ -93,16 +94,14 @@ QString rawValue(E value) {
 }
 
 // The case whose raw value is `text`, or nothing for an unknown string.
-template <StringEnum E>
-std::optional<E> fromRawValue(const QString& text) {
+template <StringEnum E> std::optional<E> fromRawValue(const QString& text) {
     for (const auto& [c, name] : wireCases(E{}))
         if (text == QLatin1String(name))
             return c;
     return std::nullopt;
 }
 
-template <class T>
-struct ValueCodec; // specialised below for every supported type
+template <class T> struct ValueCodec; // specialised below for every supported type
 
 namespace detail {
 
@@ -121,8 +120,7 @@ inline DecodeError within(DecodeError error, const QString& step) {
     return error;
 }
 
-template <std::integral I>
-Decoded<I> decodeInteger(const QJsonValue& json) {
+template <std::integral I> Decoded<I> decodeInteger(const QJsonValue& json) {
     if (!json.isDouble())
         return mismatch("an integer");
     const double number = json.toDouble();
@@ -133,22 +131,20 @@ Decoded<I> decodeInteger(const QJsonValue& json) {
     return static_cast<I>(number);
 }
 
-template <class T>
-struct IsOptional : std::false_type {};
-template <class T>
-struct IsOptional<std::optional<T>> : std::true_type {};
+template <class T> struct IsOptional : std::false_type {};
+template <class T> struct IsOptional<std::optional<T>> : std::true_type {};
 
 } // namespace detail
 
 template <std::integral I>
-    requires(!std::same_as<I, bool>)
-struct ValueCodec<I> {
-    static Decoded<I> decode(const QJsonValue& json, const Options&) { return detail::decodeInteger<I>(json); }
+requires(!std::same_as<I, bool>) struct ValueCodec<I> {
+    static Decoded<I> decode(const QJsonValue& json, const Options&) {
+        return detail::decodeInteger<I>(json);
+    }
     static QJsonValue encode(I value, const Options&) { return QJsonValue(static_cast<qint64>(value)); }
 };
 
-template <>
-struct ValueCodec<bool> {
+template <> struct ValueCodec<bool> {
     static Decoded<bool> decode(const QJsonValue& json, const Options&) {
         if (!json.isBool())
             return detail::mismatch("a boolean");
@@ -157,8 +153,7 @@ struct ValueCodec<bool> {
     static QJsonValue encode(bool value, const Options&) { return value; }
 };
 
-template <>
-struct ValueCodec<double> {
+template <> struct ValueCodec<double> {
     static Decoded<double> decode(const QJsonValue& json, const Options&) {
         if (!json.isDouble())
             return detail::mismatch("a number");
@@ -167,8 +162,7 @@ struct ValueCodec<double> {
     static QJsonValue encode(double value, const Options&) { return value; }
 };
 
-template <>
-struct ValueCodec<QString> {
+template <> struct ValueCodec<QString> {
     static Decoded<QString> decode(const QJsonValue& json, const Options&) {
         if (!json.isString())
             return detail::mismatch("a string");
@@ -178,21 +172,18 @@ struct ValueCodec<QString> {
 };
 
 // Dates travel as ISO 8601 internet date-times with a zone and without fractional seconds.
-template <>
-struct ValueCodec<QDateTime> {
+template <> struct ValueCodec<QDateTime> {
     static Decoded<QDateTime> decode(const QJsonValue& json, const Options&);
     static QJsonValue encode(const QDateTime& value, const Options&);
 };
 
 // Free-form JSON kept as it came, for fields whose shape belongs to someone else.
-template <>
-struct ValueCodec<QJsonValue> {
+template <> struct ValueCodec<QJsonValue> {
     static Decoded<QJsonValue> decode(const QJsonValue& json, const Options&) { return json; }
     static QJsonValue encode(const QJsonValue& value, const Options&) { return value; }
 };
 
-template <>
-struct ValueCodec<QJsonObject> {
+template <> struct ValueCodec<QJsonObject> {
     static Decoded<QJsonObject> decode(const QJsonValue& json, const Options&) {
         if (!json.isObject())
             return detail::mismatch("an object");
@@ -201,8 +192,7 @@ struct ValueCodec<QJsonObject> {
     static QJsonValue encode(const QJsonObject& value, const Options&) { return value; }
 };
 
-template <StringEnum E>
-struct ValueCodec<E> {
+template <StringEnum E> struct ValueCodec<E> {
     static Decoded<E> decode(const QJsonValue& json, const Options&) {
         if (!json.isString())
             return detail::mismatch("a string");
@@ -215,8 +205,7 @@ struct ValueCodec<E> {
 
 namespace detail {
 
-template <class List>
-Decoded<List> decodeList(const QJsonValue& json, const Options& options) {
+template <class List> Decoded<List> decodeList(const QJsonValue& json, const Options& options) {
     using Element = typename List::value_type;
     if (!json.isArray())
         return mismatch("an array");
@@ -232,16 +221,14 @@ Decoded<List> decodeList(const QJsonValue& json, const Options& options) {
     return list;
 }
 
-template <class List>
-QJsonValue encodeList(const List& list, const Options& options) {
+template <class List> QJsonValue encodeList(const List& list, const Options& options) {
     QJsonArray array;
     for (const auto& element : list)
         array.append(ValueCodec<typename List::value_type>::encode(element, options));
     return array;
 }
 
-template <class Map>
-Decoded<Map> decodeMap(const QJsonValue& json, const Options& options) {
+template <class Map> Decoded<Map> decodeMap(const QJsonValue& json, const Options& options) {
     using Element = typename Map::mapped_type;
     if (!json.isObject())
         return mismatch("an object");
@@ -256,8 +243,7 @@ Decoded<Map> decodeMap(const QJsonValue& json, const Options& options) {
     return map;
 }
 
-template <class Map>
-QJsonValue encodeMap(const Map& map, const Options& options) {
+template <class Map> QJsonValue encodeMap(const Map& map, const Options& options) {
     QJsonObject object;
     for (const auto& [key, value] : map)
         object.insert(key, ValueCodec<typename Map::mapped_type>::encode(value, options));
@@ -266,16 +252,14 @@ QJsonValue encodeMap(const Map& map, const Options& options) {
 
 } // namespace detail
 
-template <class T>
-struct ValueCodec<QList<T>> {
+template <class T> struct ValueCodec<QList<T>> {
     static Decoded<QList<T>> decode(const QJsonValue& json, const Options& o) {
         return detail::decodeList<QList<T>>(json, o);
     }
     static QJsonValue encode(const QList<T>& value, const Options& o) { return detail::encodeList(value, o); }
 };
 
-template <class T>
-struct ValueCodec<std::vector<T>> {
+template <class T> struct ValueCodec<std::vector<T>> {
     static Decoded<std::vector<T>> decode(const QJsonValue& json, const Options& o) {
         return detail::decodeList<std::vector<T>>(json, o);
     }
@@ -284,8 +268,7 @@ struct ValueCodec<std::vector<T>> {
     }
 };
 
-template <class T>
-struct ValueCodec<std::map<QString, T>> {
+template <class T> struct ValueCodec<std::map<QString, T>> {
     static Decoded<std::map<QString, T>> decode(const QJsonValue& json, const Options& o) {
         return detail::decodeMap<std::map<QString, T>>(json, o);
     }
@@ -294,16 +277,16 @@ struct ValueCodec<std::map<QString, T>> {
     }
 };
 
-template <Record R>
-struct ValueCodec<R> {
+template <Record R> struct ValueCodec<R> {
     static Decoded<R> decode(const QJsonValue& json, const Options& options) {
         if (!json.isObject())
             return detail::mismatch("an object");
         const QJsonObject object = json.toObject();
         R record{};
         std::optional<DecodeError> failure;
-        std::apply([&](const auto&... fields) { (decodeField(object, options, record, fields, failure) && ...); },
-                   R::wireFields());
+        std::apply(
+            [&](const auto&... fields) { (decodeField(object, options, record, fields, failure) && ...); },
+            R::wireFields());
         if (failure)
             return *failure;
         return record;
@@ -371,14 +354,12 @@ private:
 };
 
 // Decodes a value of type T from a JSON value.
-template <class T>
-Decoded<T> decode(const QJsonValue& json, const Options& options = {}) {
+template <class T> Decoded<T> decode(const QJsonValue& json, const Options& options = {}) {
     return ValueCodec<T>::decode(json, options);
 }
 
 // Decodes a value of type T from JSON text; text that is not JSON fails like a bad value.
-template <class T>
-Decoded<T> decodeJson(const QByteArray& text, const Options& options = {}) {
+template <class T> Decoded<T> decodeJson(const QByteArray& text, const Options& options = {}) {
     QJsonParseError parseError{};
     const QJsonDocument document = QJsonDocument::fromJson(text, &parseError);
     if (parseError.error != QJsonParseError::NoError)
@@ -387,16 +368,15 @@ Decoded<T> decodeJson(const QByteArray& text, const Options& options = {}) {
     return decode<T>(root, options);
 }
 
-template <class T>
-QJsonValue encode(const T& value, const Options& options = {}) {
+template <class T> QJsonValue encode(const T& value, const Options& options = {}) {
     return ValueCodec<T>::encode(value, options);
 }
 
 // Encodes an object or array record as compact JSON text.
-template <class T>
-QByteArray encodeJson(const T& value, const Options& options = {}) {
+template <class T> QByteArray encodeJson(const T& value, const Options& options = {}) {
     const QJsonValue json = encode(value, options);
-    const QJsonDocument document = json.isArray() ? QJsonDocument(json.toArray()) : QJsonDocument(json.toObject());
+    const QJsonDocument document =
+        json.isArray() ? QJsonDocument(json.toArray()) : QJsonDocument(json.toObject());
     return document.toJson(QJsonDocument::Compact);
 }
 

@@ -33,8 +33,9 @@ void AppState::readPreferences() {
     m_token.clear();
     m_preferences.remove(tokenKey);
     m_alwaysOnTop = m_preferences.boolValue(alwaysOnTopKey).value_or(true);
-    m_terminalWorkingDirectory = m_preferences.stringValue(workingDirectoryKey)
-                                     .value_or(QDir(m_config.homeDirectory).filePath(QStringLiteral("Quillmere")));
+    m_terminalWorkingDirectory =
+        m_preferences.stringValue(workingDirectoryKey)
+            .value_or(QDir(m_config.homeDirectory).filePath(QStringLiteral("Quillmere")));
 }
 
 void AppState::createWorkingDirectory() const {
@@ -78,7 +79,9 @@ void AppState::connect() {
         [onMainThread](const Snapshot& snapshot) {
             onMainThread([snapshot](AppState& state) { state.setSnapshot(snapshot); });
         },
-        [onMainThread](bool connected) { onMainThread([connected](AppState& state) { state.setOnline(connected); }); });
+        [onMainThread](bool connected) {
+            onMainThread([connected](AppState& state) { state.setOnline(connected); });
+        });
 }
 
 MereClient* AppState::makeClient() {

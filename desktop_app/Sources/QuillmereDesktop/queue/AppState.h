@@ -2,11 +2,11 @@
 
 #include "QuillmereDesktop/Auth/RelayClient.h"
 #include "QuillmereDesktop/common/PreferencesStore.h"
+#include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/queue/MereClient.h"
 #include "QuillmereDesktop/queue/MereCloudClient.h"
 #include "QuillmereDesktop/queue/MockClient.h"
 #include "QuillmereDesktop/queue/Snapshot.h"
-#include "QuillmereDesktop/common/QmlSingleton.h"
 
 #include <QDir>
 #include <QMetaEnum>
@@ -51,16 +51,17 @@ class AppState : public QObject {
     Q_PROPERTY(bool useMock READ useMock WRITE setUseMock NOTIFY useMockChanged)
     Q_PROPERTY(QString baseURLString READ baseURLString WRITE setBaseURLString NOTIFY baseURLStringChanged)
     Q_PROPERTY(bool alwaysOnTop READ alwaysOnTop WRITE setAlwaysOnTop NOTIFY alwaysOnTopChanged)
-    Q_PROPERTY(QString terminalWorkingDirectory READ terminalWorkingDirectory WRITE setTerminalWorkingDirectory
-                   NOTIFY terminalWorkingDirectoryChanged)
+    Q_PROPERTY(QString terminalWorkingDirectory READ terminalWorkingDirectory WRITE
+                   setTerminalWorkingDirectory NOTIFY terminalWorkingDirectoryChanged)
 
 public:
     // QML sees the one instance the application made.
-    static AppState* create(QQmlEngine* qml, QJSEngine* js) { return QmlSingleton<AppState>::create(qml, js); }
+    static AppState* create(QQmlEngine* qml, QJSEngine* js) {
+        return QmlSingleton<AppState>::create(qml, js);
+    }
 
     enum class Screen { home, queue, item };
     Q_ENUM(Screen)
-
 
     static inline const QString toastSent = QStringLiteral("SENT");
     static inline const QString toastAlreadyResolved = QStringLiteral("ALREADY RESOLVED ELSEWHERE");
@@ -86,7 +87,9 @@ public:
     bool online() const { return m_online; }
     Screen screen() const { return m_screen; }
     // The screen's case name, for the views to compare against.
-    QString screenName() const { return QString::fromLatin1(QMetaEnum::fromType<Screen>().valueToKey(int(m_screen))); }
+    QString screenName() const {
+        return QString::fromLatin1(QMetaEnum::fromType<Screen>().valueToKey(int(m_screen)));
+    }
     const std::optional<QString>& selectedInterruptId() const { return m_selectedInterruptId; }
     const std::optional<QString>& sentToast() const { return m_sentToast; }
     bool useMock() const { return m_useMock; }

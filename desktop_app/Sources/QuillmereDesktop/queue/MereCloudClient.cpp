@@ -3,7 +3,8 @@
 #include "QuillmereDesktop/common/Http.h"
 #include "QuillmereDesktop/queue/QueueWire.h"
 
-MereCloudClient::MereCloudClient(QUrl baseURL, QString token, QObject* parent, std::chrono::milliseconds retryDelay)
+MereCloudClient::MereCloudClient(QUrl baseURL, QString token, QObject* parent,
+                                 std::chrono::milliseconds retryDelay)
     : MereClient(parent), m_baseURL(std::move(baseURL)), m_token(std::move(token)), m_retryDelay(retryDelay) {
     m_retryTimer.setSingleShot(true);
     QObject::connect(&m_retryTimer, &QTimer::timeout, this, &MereCloudClient::openStream);
@@ -154,7 +155,7 @@ void MereCloudClient::scheduleRetry() {
 QCoro::Task<SubmitResult> MereCloudClient::submitVerdict(QString interruptId, Verdict verdict) {
     http::Request request;
     request.request.setUrl(endpoint(QStringLiteral("v1/interrupts/%1/verdict")
-                                         .arg(QString::fromLatin1(QUrl::toPercentEncoding(interruptId)))));
+                                        .arg(QString::fromLatin1(QUrl::toPercentEncoding(interruptId)))));
     request.request.setRawHeader("Authorization", "Bearer " + m_token.toUtf8());
     request.request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
     http::setTimeout(request.request, requestTimeout);

@@ -29,12 +29,16 @@ struct Template {
 
 const std::array<Template, 3>& templates() {
     static const std::array<Template, 3> all{{
-        {"release-notes", InterruptKind::approval, "Publish v0.4.1 release notes to the public repo?",
+        {"release-notes",
+         InterruptKind::approval,
+         "Publish v0.4.1 release notes to the public repo?",
          {QStringLiteral("Approve"), QStringLiteral("Reject")}},
-        {"db-backfill", InterruptKind::choice,
+        {"db-backfill",
+         InterruptKind::choice,
          "Backfill strategy for the orphaned rows \u2014 batch or single transaction?",
          {QStringLiteral("Batch"), QStringLiteral("Single transaction")}},
-        {"support-reply", InterruptKind::question,
+        {"support-reply",
+         InterruptKind::question,
          "Customer asking for a refund outside policy \u2014 how should I respond?",
          {QStringLiteral("Offer credit"), QStringLiteral("Escalate"), QStringLiteral("Decline")}},
     }};

@@ -40,7 +40,8 @@ struct Snapshot {
 
     static constexpr auto wireFields() {
         return std::tuple{wire::field("running", &Snapshot::running), wire::field("done", &Snapshot::done),
-                          wire::field("interrupts", &Snapshot::interrupts), wire::field("usage", &Snapshot::usage),
+                          wire::field("interrupts", &Snapshot::interrupts),
+                          wire::field("usage", &Snapshot::usage),
                           wire::field("openSuggestions", &Snapshot::openSuggestions)};
     }
 };

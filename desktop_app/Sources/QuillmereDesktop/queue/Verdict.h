@@ -30,6 +30,7 @@ struct Verdict {
 
     static constexpr auto wireFields() {
         return std::tuple{wire::field("verdict", &Verdict::verdict), wire::field("reply", &Verdict::reply),
-                          wire::field("source", &Verdict::source), wire::field("decidedAt", &Verdict::decidedAt)};
+                          wire::field("source", &Verdict::source),
+                          wire::field("decidedAt", &Verdict::decidedAt)};
     }
 };

@@ -50,7 +50,8 @@ QStringList HomeViewModel::rows() const {
     if (!m_app)
         return {};
     const Snapshot& s = m_app->snapshot();
-    return rows(s.count(InterruptKind::approval), s.count(InterruptKind::question), s.count(InterruptKind::choice));
+    return rows(s.count(InterruptKind::approval), s.count(InterruptKind::question),
+                s.count(InterruptKind::choice));
 }
 
 QStringList HomeViewModel::rows(int approvals, int questions, int choices) {
@@ -71,7 +72,8 @@ bool HomeViewModel::showsSuggestions() const {
 QString HomeViewModel::suggestionText() const {
     if (!showsSuggestions())
         return {};
-    return QStringLiteral("\u25D4 %1 \u203A").arg(suggestionLine(*m_app->snapshot().openSuggestions).toUpper());
+    return QStringLiteral("\u25D4 %1 \u203A")
+        .arg(suggestionLine(*m_app->snapshot().openSuggestions).toUpper());
 }
 
 QString HomeViewModel::suggestionLine(int count) {
@@ -100,7 +102,8 @@ QString HomeViewModel::claudeUsageValue(const std::optional<CLIStatusResponse>& 
 }
 
 QString HomeViewModel::claudeUsageText() const {
-    return m_cli ? claudeUsageValue(m_cli->status(), m_cli->claudeUsage()) : claudeUsageValue(std::nullopt, std::nullopt);
+    return m_cli ? claudeUsageValue(m_cli->status(), m_cli->claudeUsage())
+                 : claudeUsageValue(std::nullopt, std::nullopt);
 }
 
 QString HomeViewModel::codexUsageText() const {

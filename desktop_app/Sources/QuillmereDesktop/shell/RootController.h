@@ -1,9 +1,9 @@
 #pragma once
 
 #include "QuillmereDesktop/Auth/AuthStore.h"
+#include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
-#include "QuillmereDesktop/common/QmlSingleton.h"
 
 #include <QObject>
 #include <QPointer>
@@ -27,9 +27,12 @@ public:
     static QString wordmark() { return QStringLiteral("quillmere"); }
 
     RootController(AppState& app, AuthStore& auth, CLIStatusStore& cli,
-                   std::chrono::milliseconds firstRunCheckDelay = defaultFirstRunCheckDelay, QObject* parent = nullptr);
+                   std::chrono::milliseconds firstRunCheckDelay = defaultFirstRunCheckDelay,
+                   QObject* parent = nullptr);
 
-    static RootController* create(QQmlEngine* qml, QJSEngine* js) { return QmlSingleton<RootController>::create(qml, js); }
+    static RootController* create(QQmlEngine* qml, QJSEngine* js) {
+        return QmlSingleton<RootController>::create(qml, js);
+    }
 
     bool signedIn() const { return m_auth->state() == AuthStore::State::signedIn; }
     bool hasAutoOpenedTerminal() const { return m_hasAutoOpenedTerminal; }

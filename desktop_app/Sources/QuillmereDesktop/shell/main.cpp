@@ -1,7 +1,7 @@
 #include "QuillmereDesktop/Auth/AuthStore.h"
-#include "QuillmereDesktop/agents/AgentRunStore.h"
 #include "QuillmereDesktop/Auth/KeychainSecretStore.h"
 #include "QuillmereDesktop/Auth/RelayProcessManager.h"
+#include "QuillmereDesktop/agents/AgentRunStore.h"
 #include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/common/SettingsPreferencesStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
@@ -62,7 +62,8 @@ int main(int argc, char* argv[]) {
     // At quit the agents are asked to stop first; then a relay this process started ends
     // with it, while one that was already running stays.
     QObject::connect(&application, &QCoreApplication::aboutToQuit, &agentRuns, &AgentRunStore::terminateAll);
-    QObject::connect(&application, &QCoreApplication::aboutToQuit, &relay, &RelayProcessManager::terminateOwned);
+    QObject::connect(&application, &QCoreApplication::aboutToQuit, &relay,
+                     &RelayProcessManager::terminateOwned);
 
     QuitOnSignal quitOnSignal;
     QQmlApplicationEngine engine;

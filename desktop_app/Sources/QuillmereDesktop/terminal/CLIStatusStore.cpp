@@ -15,7 +15,8 @@ QCoro::Task<> CLIStatusStore::refresh(RelayClient* client) {
         setStatus(std::nullopt);
         co_return;
     }
-    const Result<CLIStatusResponse> answer = co_await client->get<CLIStatusResponse>(QStringLiteral("v1/cli/status"));
+    const Result<CLIStatusResponse> answer =
+        co_await client->get<CLIStatusResponse>(QStringLiteral("v1/cli/status"));
     if (!self)
         co_return;
     setStatus(answer ? std::optional(answer.value()) : std::nullopt);

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "QuillmereDesktop/Auth/RelayClient.h"
-#include "QuillmereDesktop/terminal/CLIStatus.h"
 #include "QuillmereDesktop/common/QmlSingleton.h"
+#include "QuillmereDesktop/terminal/CLIStatus.h"
 
 #include <QObject>
 #include <QPointer>
@@ -21,12 +21,15 @@ class CLIStatusStore : public QObject {
 
 public:
     // QML sees the one instance the application made.
-    static CLIStatusStore* create(QQmlEngine* qml, QJSEngine* js) { return QmlSingleton<CLIStatusStore>::create(qml, js); }
+    static CLIStatusStore* create(QQmlEngine* qml, QJSEngine* js) {
+        return QmlSingleton<CLIStatusStore>::create(qml, js);
+    }
 
     static constexpr std::chrono::milliseconds defaultPollInterval{20000};
     static constexpr std::chrono::milliseconds defaultUsageProbeInterval{300000};
 
-    explicit CLIStatusStore(std::chrono::milliseconds pollInterval = defaultPollInterval, QObject* parent = nullptr);
+    explicit CLIStatusStore(std::chrono::milliseconds pollInterval = defaultPollInterval,
+                            QObject* parent = nullptr);
 
     const std::optional<CLIStatusResponse>& status() const { return m_status; }
     const std::optional<ClaudeUsage>& claudeUsage() const { return m_claudeUsage; }

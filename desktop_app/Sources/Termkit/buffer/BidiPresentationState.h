@@ -12,11 +12,11 @@ enum class BidiDirection : uint8_t { leftToRight, rightToLeft };
 
 /// The bidi settings a line was written under.
 struct BidiPresentationState {
-  BidiSupportMode supportMode = BidiSupportMode::implicit;
-  bool autodetectDirection = true;
-  BidiDirection fallbackDirection = BidiDirection::leftToRight;
-  bool boxMirroring = false;
-  constexpr bool operator==(const BidiPresentationState&) const = default;
+    BidiSupportMode supportMode = BidiSupportMode::implicit;
+    bool autodetectDirection = true;
+    BidiDirection fallbackDirection = BidiDirection::leftToRight;
+    bool boxMirroring = false;
+    constexpr bool operator==(const BidiPresentationState&) const = default;
 };
 
-}  // namespace termkit
+} // namespace termkit

@@ -18,119 +18,121 @@ class CharacterTable;
 /// A line of exactly `count()` cells. Cells are allocated once by the line itself;
 /// `generation` grows at every change so a renderer can keep per-row caches.
 class BufferLine {
- public:
-  /// DEC double width and double height.
-  enum class RenderLineMode : uint8_t { single, doubleWidth, doubledTop, doubledDown };
+public:
+    /// DEC double width and double height.
+    enum class RenderLineMode : uint8_t { single, doubleWidth, doubledTop, doubledDown };
 
-  BufferLine(int cols, CharData fill, bool isWrapped = false, BidiPresentationState bidi = {});
-  BufferLine(const BufferLine& other);
-  BufferLine& operator=(const BufferLine& other);
+    BufferLine(int cols, CharData fill, bool isWrapped = false, BidiPresentationState bidi = {});
+    BufferLine(const BufferLine& other);
+    BufferLine& operator=(const BufferLine& other);
 
-  bool isWrapped = false;
-  BidiPresentationState bidiState;
-  RenderLineMode renderMode = RenderLineMode::single;
-  Buffer* owningBuffer = nullptr;
-  uint64_t recycleGeneration = 0;
-  CharData fillCharacter;
-  uint64_t generation = 0;
+    bool isWrapped = false;
+    BidiPresentationState bidiState;
+    RenderLineMode renderMode = RenderLineMode::single;
+    Buffer* owningBuffer = nullptr;
+    uint64_t recycleGeneration = 0;
+    CharData fillCharacter;
+    uint64_t generation = 0;
 
-  /// Number of cells.
-  int count() const { return m_size; }
-  /// Cell at a column; an out-of-range column is logged and replaced by the nearest valid one.
-  const CharData& operator[](int col) const { return m_data[checkedIndex(col)]; }
-  /// Writes a cell; an out-of-range column is logged and corrected as for reading.
-  void set(int col, const CharData& cell) {
-    const int at = checkedIndex(col);
-    m_data[at] = cell;
-    if (at >= m_clean) m_clean = at + 1;
-    ++generation;
-  }
-  /// Direct cell storage; the caller may write any cell and bumps `generation` itself.
-  CharData* cells() {
-    m_clean = m_size;
-    return m_data.get();
-  }
-  /// Direct cell storage for writes to cells below `end` only (the print paths).
-  CharData* cellsForWrite(int end) {
-    if (end > m_clean) m_clean = end < m_size ? end : m_size;
-    return m_data.get();
-  }
-  const CharData* cells() const { return m_data.get(); }
-  /// Every cell from here on is `CharData::Null`; clearing with the empty attribute only
-  /// needs to touch the cells before it.
-  int cleanFrom() const { return m_clean; }
-  /// Marks the line changed.
-  void touch() { ++generation; }
+    /// Number of cells.
+    int count() const { return m_size; }
+    /// Cell at a column; an out-of-range column is logged and replaced by the nearest valid one.
+    const CharData& operator[](int col) const { return m_data[checkedIndex(col)]; }
+    /// Writes a cell; an out-of-range column is logged and corrected as for reading.
+    void set(int col, const CharData& cell) {
+        const int at = checkedIndex(col);
+        m_data[at] = cell;
+        if (at >= m_clean)
+            m_clean = at + 1;
+        ++generation;
+    }
+    /// Direct cell storage; the caller may write any cell and bumps `generation` itself.
+    CharData* cells() {
+        m_clean = m_size;
+        return m_data.get();
+    }
+    /// Direct cell storage for writes to cells below `end` only (the print paths).
+    CharData* cellsForWrite(int end) {
+        if (end > m_clean)
+            m_clean = end < m_size ? end : m_size;
+        return m_data.get();
+    }
+    const CharData* cells() const { return m_data.get(); }
+    /// Every cell from here on is `CharData::Null`; clearing with the empty attribute only
+    /// needs to touch the cells before it.
+    int cleanFrom() const { return m_clean; }
+    /// Marks the line changed.
+    void touch() { ++generation; }
 
-  /// Changes the number of cells; new cells are `fillData`.
-  void resize(int cols, const CharData& fillData);
-  /// Sets every cell to `fillData`.
-  void fill(const CharData& fillData);
-  /// Empties the line with the given attribute: every cell null, not wrapped, single width.
-  void clear(AttributeId attribute);
-  /// Copies `len` cells from `line` at `srcCol` to `dstCol`; the two ranges may overlap.
-  void copyFrom(const BufferLine& line, int srcCol, int dstCol, int len);
-  /// Inserts `n` cells at `pos`, shifting cells up to `rightMargin` (inclusive) right.
-  void insertCells(int pos, int n, int rightMargin, const CharData& fillData);
-  /// Deletes `n` cells at `pos`, shifting cells up to `rightMargin` (inclusive) left.
-  void deleteCells(int pos, int n, int rightMargin, const CharData& fillData);
-  /// Sets the cells of [start, end) to `fillData`.
-  void replaceCells(int start, int end, const CharData& fillData);
-  /// Column after the last cell with a non-zero code, counting that cell's width.
-  int getTrimmedLength() const;
-  /// Whether the cell at a column holds a character.
-  bool hasContent(int col) const { return m_data[checkedIndex(col)].code != 0; }
-  /// Whether any cell holds a character.
-  bool hasAnyContent() const;
-  /// The text of [startCol, endCol): empty cells read as spaces; with `skipNullCellsFollowingWide`
-  /// the right halves of wide characters are left out; with `trimRight` the text ends at the
-  /// trimmed length.
-  std::string translateToString(bool trimRight, int startCol, int endCol, bool skipNullCellsFollowingWide,
-                                const CharacterTable& characterProvider) const;
-  std::string translateToString(const CharacterTable& characterProvider, bool trimRight = true) const {
-    return translateToString(trimRight, 0, m_size, true, characterProvider);
-  }
+    /// Changes the number of cells; new cells are `fillData`.
+    void resize(int cols, const CharData& fillData);
+    /// Sets every cell to `fillData`.
+    void fill(const CharData& fillData);
+    /// Empties the line with the given attribute: every cell null, not wrapped, single width.
+    void clear(AttributeId attribute);
+    /// Copies `len` cells from `line` at `srcCol` to `dstCol`; the two ranges may overlap.
+    void copyFrom(const BufferLine& line, int srcCol, int dstCol, int len);
+    /// Inserts `n` cells at `pos`, shifting cells up to `rightMargin` (inclusive) right.
+    void insertCells(int pos, int n, int rightMargin, const CharData& fillData);
+    /// Deletes `n` cells at `pos`, shifting cells up to `rightMargin` (inclusive) left.
+    void deleteCells(int pos, int n, int rightMargin, const CharData& fillData);
+    /// Sets the cells of [start, end) to `fillData`.
+    void replaceCells(int start, int end, const CharData& fillData);
+    /// Column after the last cell with a non-zero code, counting that cell's width.
+    int getTrimmedLength() const;
+    /// Whether the cell at a column holds a character.
+    bool hasContent(int col) const { return m_data[checkedIndex(col)].code != 0; }
+    /// Whether any cell holds a character.
+    bool hasAnyContent() const;
+    /// The text of [startCol, endCol): empty cells read as spaces; with `skipNullCellsFollowingWide`
+    /// the right halves of wide characters are left out; with `trimRight` the text ends at the
+    /// trimmed length.
+    std::string translateToString(bool trimRight, int startCol, int endCol, bool skipNullCellsFollowingWide,
+                                  const CharacterTable& characterProvider) const;
+    std::string translateToString(const CharacterTable& characterProvider, bool trimRight = true) const {
+        return translateToString(trimRight, 0, m_size, true, characterProvider);
+    }
 
-  /// Attaches an image to the line.
-  void attach(TerminalImage image);
-  /// Images attached to the line, or nullptr.
-  const std::vector<TerminalImage>* images() const {
-    return m_annotations && m_annotations->images ? &*m_annotations->images : nullptr;
-  }
-  bool hasImages() const { return images() != nullptr && !images()->empty(); }
-  /// Drops the attached images.
-  void clearImages();
+    /// Attaches an image to the line.
+    void attach(TerminalImage image);
+    /// Images attached to the line, or nullptr.
+    const std::vector<TerminalImage>* images() const {
+        return m_annotations && m_annotations->images ? &*m_annotations->images : nullptr;
+    }
+    bool hasImages() const { return images() != nullptr && !images()->empty(); }
+    /// Drops the attached images.
+    void clearImages();
 
-  /// Semantic marks of the line.
-  const std::vector<SemanticMark>& semanticMarks() const;
-  std::optional<uint64_t> semanticHardContinuationGroup() const {
-    return m_annotations ? m_annotations->semanticHardContinuationGroup : std::nullopt;
-  }
-  void setSemanticHardContinuationGroup(std::optional<uint64_t> group);
-  /// Adds a mark, replacing one at the same column.
-  void setSemanticMark(SemanticMark mark);
-  /// Moves every mark by `delta` columns, dropping those that leave the line.
-  void marksShift(int delta);
-  /// Moves marks beyond the last column onto it.
-  void marksClampTo(int cols);
-  /// Drops marks and the continuation group.
-  void destroySemanticState();
+    /// Semantic marks of the line.
+    const std::vector<SemanticMark>& semanticMarks() const;
+    std::optional<uint64_t> semanticHardContinuationGroup() const {
+        return m_annotations ? m_annotations->semanticHardContinuationGroup : std::nullopt;
+    }
+    void setSemanticHardContinuationGroup(std::optional<uint64_t> group);
+    /// Adds a mark, replacing one at the same column.
+    void setSemanticMark(SemanticMark mark);
+    /// Moves every mark by `delta` columns, dropping those that leave the line.
+    void marksShift(int delta);
+    /// Moves marks beyond the last column onto it.
+    void marksClampTo(int cols);
+    /// Drops marks and the continuation group.
+    void destroySemanticState();
 
- private:
-  int checkedIndex(int col) const {
-    if (col >= 0 && col < m_size) [[likely]]
-      return col;
-    return correctIndex(col);
-  }
-  int correctIndex(int col) const;
-  LineAnnotations& annotations();
-  void dropEmptyAnnotations();
+private:
+    int checkedIndex(int col) const {
+        if (col >= 0 && col < m_size) [[likely]]
+            return col;
+        return correctIndex(col);
+    }
+    int correctIndex(int col) const;
+    LineAnnotations& annotations();
+    void dropEmptyAnnotations();
 
-  std::unique_ptr<CharData[]> m_data;
-  int m_size = 0;
-  // Invariant: cells at m_clean and after are exactly CharData::Null.
-  int m_clean = 0;
-  std::unique_ptr<LineAnnotations> m_annotations;
+    std::unique_ptr<CharData[]> m_data;
+    int m_size = 0;
+    // Invariant: cells at m_clean and after are exactly CharData::Null.
+    int m_clean = 0;
+    std::unique_ptr<LineAnnotations> m_annotations;
 };
 
-}  // namespace termkit
+} // namespace termkit

@@ -21,177 +21,187 @@ using LinePtr = CircularBufferLineList::LinePtr;
 
 /// Columns of line `i` of a group that carry text, by the wide-character rule.
 int effectiveLength(const std::vector<LinePtr>& lines, int i, int groupEnd, int oldCols) {
-  const BufferLine& line = *lines[i];
-  if (i + 1 >= groupEnd) return std::min(line.getTrimmedLength(), oldCols);
-  const BufferLine* next = lines[i + 1].get();
-  const CharData& last = line.cells()[oldCols - 1];
-  if (last.isUntouchedBlank() && next != nullptr && next->count() > 0 && next->cells()[0].width == 2) {
-    return oldCols - 1;
-  }
-  return oldCols;
+    const BufferLine& line = *lines[i];
+    if (i + 1 >= groupEnd)
+        return std::min(line.getTrimmedLength(), oldCols);
+    const BufferLine* next = lines[i + 1].get();
+    const CharData& last = line.cells()[oldCols - 1];
+    if (last.isUntouchedBlank() && next != nullptr && next->count() > 0 && next->cells()[0].width == 2) {
+        return oldCols - 1;
+    }
+    return oldCols;
 }
 
 /// Lengths of the new rows for `cells` laid out `newCols` wide.
 std::vector<int> newLineLengths(const std::vector<CharData>& cells, int newCols) {
-  std::vector<int> lengths;
-  const int total = static_cast<int>(cells.size());
-  int p = 0;
-  do {
-    int take = std::min(newCols, total - p);
-    if (take == newCols && take > 1 && cells[p + take - 1].width == 2) --take;
-    lengths.push_back(take);
-    p += take;
-  } while (p < total);
-  return lengths;
+    std::vector<int> lengths;
+    const int total = static_cast<int>(cells.size());
+    int p = 0;
+    do {
+        int take = std::min(newCols, total - p);
+        if (take == newCols && take > 1 && cells[p + take - 1].width == 2)
+            --take;
+        lengths.push_back(take);
+        p += take;
+    } while (p < total);
+    return lengths;
 }
 
 struct GroupLayout {
-  std::vector<int> rowLengths;
-  std::vector<int> rowOfLine;  // new row (within the group) holding the start of each old line
+    std::vector<int> rowLengths;
+    std::vector<int> rowOfLine; // new row (within the group) holding the start of each old line
 };
 
 GroupLayout layoutGroup(const std::vector<LinePtr>& lines, int start, int end, int oldCols, int newCols,
                         std::vector<CharData>& cells) {
-  GroupLayout layout;
-  cells.clear();
-  std::vector<int> lineStarts;
-  for (int i = start; i < end; ++i) {
-    lineStarts.push_back(static_cast<int>(cells.size()));
-    const int len = effectiveLength(lines, i, end, oldCols);
-    const CharData* src = lines[i]->cells();
-    cells.insert(cells.end(), src, src + len);
-  }
-  layout.rowLengths = newLineLengths(cells, newCols);
-  int row = 0;
-  int rowStart = 0;
-  for (int offset : lineStarts) {
-    while (row + 1 < static_cast<int>(layout.rowLengths.size()) && rowStart + layout.rowLengths[row] <= offset) {
-      rowStart += layout.rowLengths[row];
-      ++row;
+    GroupLayout layout;
+    cells.clear();
+    std::vector<int> lineStarts;
+    for (int i = start; i < end; ++i) {
+        lineStarts.push_back(static_cast<int>(cells.size()));
+        const int len = effectiveLength(lines, i, end, oldCols);
+        const CharData* src = lines[i]->cells();
+        cells.insert(cells.end(), src, src + len);
     }
-    layout.rowOfLine.push_back(row);
-  }
-  return layout;
+    layout.rowLengths = newLineLengths(cells, newCols);
+    int row = 0;
+    int rowStart = 0;
+    for (int offset : lineStarts) {
+        while (row + 1 < static_cast<int>(layout.rowLengths.size()) &&
+               rowStart + layout.rowLengths[row] <= offset) {
+            rowStart += layout.rowLengths[row];
+            ++row;
+        }
+        layout.rowOfLine.push_back(row);
+    }
+    return layout;
 }
 
-bool isBlankLine(const BufferLine* line) { return line == nullptr || (!line->isWrapped && !line->hasAnyContent()); }
+bool isBlankLine(const BufferLine* line) {
+    return line == nullptr || (!line->isWrapped && !line->hasAnyContent());
+}
 
-}  // namespace
+} // namespace
 
-void Buffer::placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out, const std::vector<int>& newIndexOf,
-                              int cursorAbs, bool dispFollows, int savedAbs, bool wider, int newRows) {
-  const int n = static_cast<int>(newIndexOf.size());
-  const int newCursorAbs = newIndexOf[cursorAbs];
-  const int addedAbove = newCursorAbs - cursorAbs;
-  int newYBase = yBase;
-  int newY = y;
-  if (wider) {
-    // Lines removed above the cursor pull history down, or move the cursor up when there
-    // is none; rows that went missing are blank lines at the bottom.
-    for (int k = 0; k < -addedAbove; ++k) {
-      if (newYBase > 0) {
-        --newYBase;
-      } else {
-        --newY;
-      }
-    }
-  } else {
-    // Lines added above the cursor use blank rows at the bottom of a screen that has room,
-    // and otherwise push the top of the screen into history.
-    for (int k = 0; k < addedAbove; ++k) {
-      const bool roomBelow = newYBase == 0 && newY < newRows - 1 && static_cast<int>(out.size()) - 1 > newCursorAbs &&
-                             isBlankLine(out.back().get());
-      if (roomBelow) {
-        out.pop_back();
-        ++newY;
-      } else {
-        ++newYBase;
-      }
-    }
-  }
-  // Growth below the cursor first eats trailing blank lines, then scrolls.
-  while (static_cast<int>(out.size()) > newYBase + newRows) {
-    if (static_cast<int>(out.size()) - 1 > newCursorAbs && isBlankLine(out.back().get())) {
-      out.pop_back();
+void Buffer::placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out,
+                              const std::vector<int>& newIndexOf, int cursorAbs, bool dispFollows,
+                              int savedAbs, bool wider, int newRows) {
+    const int n = static_cast<int>(newIndexOf.size());
+    const int newCursorAbs = newIndexOf[cursorAbs];
+    const int addedAbove = newCursorAbs - cursorAbs;
+    int newYBase = yBase;
+    int newY = y;
+    if (wider) {
+        // Lines removed above the cursor pull history down, or move the cursor up when there
+        // is none; rows that went missing are blank lines at the bottom.
+        for (int k = 0; k < -addedAbove; ++k) {
+            if (newYBase > 0) {
+                --newYBase;
+            } else {
+                --newY;
+            }
+        }
     } else {
-      ++newYBase;
+        // Lines added above the cursor use blank rows at the bottom of a screen that has room,
+        // and otherwise push the top of the screen into history.
+        for (int k = 0; k < addedAbove; ++k) {
+            const bool roomBelow = newYBase == 0 && newY < newRows - 1 &&
+                                   static_cast<int>(out.size()) - 1 > newCursorAbs &&
+                                   isBlankLine(out.back().get());
+            if (roomBelow) {
+                out.pop_back();
+                ++newY;
+            } else {
+                ++newYBase;
+            }
+        }
     }
-  }
-  while (static_cast<int>(out.size()) < newYBase + newRows) out.push_back(nullptr);
+    // Growth below the cursor first eats trailing blank lines, then scrolls.
+    while (static_cast<int>(out.size()) > newYBase + newRows) {
+        if (static_cast<int>(out.size()) - 1 > newCursorAbs && isBlankLine(out.back().get())) {
+            out.pop_back();
+        } else {
+            ++newYBase;
+        }
+    }
+    while (static_cast<int>(out.size()) < newYBase + newRows)
+        out.push_back(nullptr);
 
-  // A ring that overflows loses its oldest lines.
-  const int overflow = std::max(0, static_cast<int>(out.size()) - lines.maxLength());
-  newYBase -= overflow;
-  linesTop += overflow;
-  lines.assign(std::move(out));
+    // A ring that overflows loses its oldest lines.
+    const int overflow = std::max(0, static_cast<int>(out.size()) - lines.maxLength());
+    newYBase -= overflow;
+    linesTop += overflow;
+    lines.assign(std::move(out));
 
-  yBase = std::max(newYBase, 0);
-  y = std::clamp(newCursorAbs - overflow - yBase, 0, newRows - 1);
-  if (dispFollows) {
-    yDisp = yBase;
-  } else {
-    yDisp = std::clamp(newIndexOf[std::clamp(yDisp, 0, n - 1)] - overflow, 0, yBase);
-  }
-  const int newSavedAbs = newIndexOf[std::clamp(savedAbs, 0, n - 1)] - overflow;
-  savedY = std::clamp(newSavedAbs - yBase, 0, newRows - 1);
+    yBase = std::max(newYBase, 0);
+    y = std::clamp(newCursorAbs - overflow - yBase, 0, newRows - 1);
+    if (dispFollows) {
+        yDisp = yBase;
+    } else {
+        yDisp = std::clamp(newIndexOf[std::clamp(yDisp, 0, n - 1)] - overflow, 0, yBase);
+    }
+    const int newSavedAbs = newIndexOf[std::clamp(savedAbs, 0, n - 1)] - overflow;
+    savedY = std::clamp(newSavedAbs - yBase, 0, newRows - 1);
 }
 
 void Buffer::reflow(int newCols, int newRows) {
-  const int oldCols = m_cols;
-  const bool wider = newCols > oldCols;
-  std::vector<LinePtr> old = lines.takeAll();
-  const int n = static_cast<int>(old.size());
-  const int cursorAbs = yBase + y;
-  const bool dispFollows = yDisp == yBase;
-  const int savedAbs = yBase + savedY;
+    const int oldCols = m_cols;
+    const bool wider = newCols > oldCols;
+    std::vector<LinePtr> old = lines.takeAll();
+    const int n = static_cast<int>(old.size());
+    const int cursorAbs = yBase + y;
+    const bool dispFollows = yDisp == yBase;
+    const int savedAbs = yBase + savedY;
 
-  std::vector<LinePtr> out;
-  out.reserve(static_cast<size_t>(n) + 16);
-  std::vector<int> newIndexOf(static_cast<size_t>(n), 0);
-  std::vector<CharData> cells;
+    std::vector<LinePtr> out;
+    out.reserve(static_cast<size_t>(n) + 16);
+    std::vector<int> newIndexOf(static_cast<size_t>(n), 0);
+    std::vector<CharData> cells;
 
-  for (int s = 0; s < n;) {
-    int e = s + 1;
-    while (e < n && old[e] && old[e]->isWrapped) ++e;
-    const bool holdsCursor = cursorAbs >= s && cursorAbs < e;
-    const bool tooLong = old[s] != nullptr && old[s]->getTrimmedLength() > newCols;
-    const bool needsWork = old[s] != nullptr && (e - s >= 2 || (!wider && tooLong));
-    if (!needsWork || holdsCursor) {
-      for (int k = s; k < e; ++k) {
-        newIndexOf[k] = static_cast<int>(out.size());
-        out.push_back(std::move(old[k]));
-      }
-      s = e;
-      continue;
+    for (int s = 0; s < n;) {
+        int e = s + 1;
+        while (e < n && old[e] && old[e]->isWrapped)
+            ++e;
+        const bool holdsCursor = cursorAbs >= s && cursorAbs < e;
+        const bool tooLong = old[s] != nullptr && old[s]->getTrimmedLength() > newCols;
+        const bool needsWork = old[s] != nullptr && (e - s >= 2 || (!wider && tooLong));
+        if (!needsWork || holdsCursor) {
+            for (int k = s; k < e; ++k) {
+                newIndexOf[k] = static_cast<int>(out.size());
+                out.push_back(std::move(old[k]));
+            }
+            s = e;
+            continue;
+        }
+        const GroupLayout layout = layoutGroup(old, s, e, oldCols, newCols, cells);
+        const int first = static_cast<int>(out.size());
+        for (int k = s; k < e; ++k)
+            newIndexOf[k] = first + layout.rowOfLine[k - s];
+        const BidiPresentationState bidi = old[s]->bidiState;
+        int offset = 0;
+        for (size_t r = 0; r < layout.rowLengths.size(); ++r) {
+            LinePtr row;
+            if (static_cast<int>(r) < e - s) {
+                row = std::move(old[s + static_cast<int>(r)]);
+                row->resize(newCols, CharData::Null);
+            } else {
+                row = std::make_unique<BufferLine>(newCols, CharData::Null, true, bidi);
+                row->owningBuffer = this;
+            }
+            const int len = layout.rowLengths[r];
+            std::copy(cells.begin() + offset, cells.begin() + offset + len, row->cells());
+            std::fill(row->cells() + len, row->cells() + newCols, CharData::Null);
+            row->isWrapped = r > 0;
+            row->bidiState = bidi;
+            row->marksClampTo(newCols);
+            row->touch();
+            offset += len;
+            out.push_back(std::move(row));
+        }
+        s = e;
     }
-    const GroupLayout layout = layoutGroup(old, s, e, oldCols, newCols, cells);
-    const int first = static_cast<int>(out.size());
-    for (int k = s; k < e; ++k) newIndexOf[k] = first + layout.rowOfLine[k - s];
-    const BidiPresentationState bidi = old[s]->bidiState;
-    int offset = 0;
-    for (size_t r = 0; r < layout.rowLengths.size(); ++r) {
-      LinePtr row;
-      if (static_cast<int>(r) < e - s) {
-        row = std::move(old[s + static_cast<int>(r)]);
-        row->resize(newCols, CharData::Null);
-      } else {
-        row = std::make_unique<BufferLine>(newCols, CharData::Null, true, bidi);
-        row->owningBuffer = this;
-      }
-      const int len = layout.rowLengths[r];
-      std::copy(cells.begin() + offset, cells.begin() + offset + len, row->cells());
-      std::fill(row->cells() + len, row->cells() + newCols, CharData::Null);
-      row->isWrapped = r > 0;
-      row->bidiState = bidi;
-      row->marksClampTo(newCols);
-      row->touch();
-      offset += len;
-      out.push_back(std::move(row));
-    }
-    s = e;
-  }
 
-  placeAfterReflow(out, newIndexOf, cursorAbs, dispFollows, savedAbs, wider, newRows);
+    placeAfterReflow(out, newIndexOf, cursorAbs, dispFollows, savedAbs, wider, newRows);
 }
 
-}  // namespace termkit
+} // namespace termkit

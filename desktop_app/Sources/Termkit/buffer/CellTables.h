@@ -8,8 +8,8 @@ namespace termkit {
 
 /// Attributes and multi-scalar characters, interned once per terminal.
 struct CellTables {
-  AttributeTable attributes;
-  CharacterTable characters;
+    AttributeTable attributes;
+    CharacterTable characters;
 };
 
-}  // namespace termkit
+} // namespace termkit

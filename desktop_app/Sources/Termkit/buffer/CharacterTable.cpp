@@ -12,21 +12,21 @@
 namespace termkit {
 
 void appendUtf8(char32_t c, std::string& out) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
+    if (c < 0x80) {
+        out += static_cast<char>(c);
+    } else if (c < 0x800) {
+        out += static_cast<char>(0xC0 | (c >> 6));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+        out += static_cast<char>(0xE0 | (c >> 12));
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (c >> 18));
+        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (c & 0x3F));
+    }
 }
 
 namespace {
@@ -37,148 +37,160 @@ constexpr size_t kAstralCacheSize = 512;
 
 // Decodes a string that holds exactly one scalar; returns -1 otherwise.
 int32_t singleScalar(std::string_view s) {
-  if (s.empty()) return -1;
-  const auto b0 = static_cast<uint8_t>(s[0]);
-  const size_t n = b0 < 0x80 ? 1 : b0 < 0xE0 ? 2 : b0 < 0xF0 ? 3 : 4;
-  if (s.size() != n) return -1;
-  if (n == 1) return b0;
-  int32_t c = b0 & (0x7F >> n);
-  for (size_t i = 1; i < n; ++i) c = c << 6 | (static_cast<uint8_t>(s[i]) & 0x3F);
-  return c;
+    if (s.empty())
+        return -1;
+    const auto b0 = static_cast<uint8_t>(s[0]);
+    const size_t n = b0 < 0x80 ? 1 : b0 < 0xE0 ? 2 : b0 < 0xF0 ? 3 : 4;
+    if (s.size() != n)
+        return -1;
+    if (n == 1)
+        return b0;
+    int32_t c = b0 & (0x7F >> n);
+    for (size_t i = 1; i < n; ++i)
+        c = c << 6 | (static_cast<uint8_t>(s[i]) & 0x3F);
+    return c;
 }
 
 // A quick 64-bit hash for short byte strings.
 uint64_t hashBytes(std::string_view s) {
-  uint64_t h = 0x9E3779B97F4A7C15ull ^ s.size();
-  size_t i = 0;
-  for (; i + 8 <= s.size(); i += 8) {
-    uint64_t v;
-    std::memcpy(&v, s.data() + i, 8);
-    h = (h ^ v) * 0xFF51AFD7ED558CCDull;
-    h ^= h >> 32;
-  }
-  uint64_t tail = 0;
-  std::memcpy(&tail, s.data() + i, s.size() - i);
-  h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
-  return h ^ (h >> 29);
+    uint64_t h = 0x9E3779B97F4A7C15ull ^ s.size();
+    size_t i = 0;
+    for (; i + 8 <= s.size(); i += 8) {
+        uint64_t v;
+        std::memcpy(&v, s.data() + i, 8);
+        h = (h ^ v) * 0xFF51AFD7ED558CCDull;
+        h ^= h >> 32;
+    }
+    uint64_t tail = 0;
+    std::memcpy(&tail, s.data() + i, s.size() - i);
+    h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+    return h ^ (h >> 29);
 }
 
 // Bit i set where byte i of a group of 16 control bytes equals `value`.
 uint32_t matchByte(const uint8_t* group, uint8_t value) {
 #if defined(__SSE2__)
-  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(group));
-  return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(value)))));
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(group));
+    return static_cast<uint32_t>(
+        _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(value)))));
 #else
-  uint32_t bits = 0;
-  for (int i = 0; i < 16; ++i) bits |= uint32_t(group[i] == value) << i;
-  return bits;
+    uint32_t bits = 0;
+    for (int i = 0; i < 16; ++i)
+        bits |= uint32_t(group[i] == value) << i;
+    return bits;
 #endif
 }
 
-}  // namespace
+} // namespace
 
 CharacterTable::CharacterTable()
-    : m_offsets{0},
-      m_control(kInitialSlots, kEmpty),
-      m_slotIndex(kInitialSlots),
+    : m_offsets{0}, m_control(kInitialSlots, kEmpty), m_slotIndex(kInitialSlots),
       m_astral(kAstralCacheSize, {0, 0}) {}
 
 std::string_view CharacterTable::stored(int32_t code) const {
-  const int64_t index = static_cast<int64_t>(code) - kFirstIndex;
-  if (index < 0 || index >= static_cast<int64_t>(size())) return {};
-  const auto i = static_cast<size_t>(index);
-  return std::string_view(m_arena.data() + m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
+    const int64_t index = static_cast<int64_t>(code) - kFirstIndex;
+    if (index < 0 || index >= static_cast<int64_t>(size()))
+        return {};
+    const auto i = static_cast<size_t>(index);
+    return std::string_view(m_arena.data() + m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
 }
 
 int32_t CharacterTable::find(std::string_view cluster, uint32_t hash) const {
-  const size_t groupMask = m_control.size() / kGroupSize - 1;
-  const auto tag = static_cast<uint8_t>(hash & 0x7F);
-  for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
-    const uint8_t* control = m_control.data() + group * kGroupSize;
-    for (uint32_t bits = matchByte(control, tag); bits != 0; bits &= bits - 1) {
-      const uint32_t index = m_slotIndex[group * kGroupSize + static_cast<size_t>(__builtin_ctz(bits))];
-      const int32_t code = kFirstIndex + static_cast<int32_t>(index);
-      if (stored(code) == cluster) return code;
+    const size_t groupMask = m_control.size() / kGroupSize - 1;
+    const auto tag = static_cast<uint8_t>(hash & 0x7F);
+    for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
+        const uint8_t* control = m_control.data() + group * kGroupSize;
+        for (uint32_t bits = matchByte(control, tag); bits != 0; bits &= bits - 1) {
+            const uint32_t index = m_slotIndex[group * kGroupSize + static_cast<size_t>(__builtin_ctz(bits))];
+            const int32_t code = kFirstIndex + static_cast<int32_t>(index);
+            if (stored(code) == cluster)
+                return code;
+        }
+        // A group with a free slot ends every probe that passed through it.
+        if (matchByte(control, kEmpty) != 0)
+            return -1;
     }
-    // A group with a free slot ends every probe that passed through it.
-    if (matchByte(control, kEmpty) != 0) return -1;
-  }
 }
 
 void CharacterTable::place(uint32_t index, uint32_t hash) {
-  const size_t groupMask = m_control.size() / kGroupSize - 1;
-  for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
-    const uint32_t free = matchByte(m_control.data() + group * kGroupSize, kEmpty);
-    if (free == 0) continue;
-    const size_t slot = group * kGroupSize + static_cast<size_t>(__builtin_ctz(free));
-    m_control[slot] = static_cast<uint8_t>(hash & 0x7F);
-    m_slotIndex[slot] = index;
-    return;
-  }
+    const size_t groupMask = m_control.size() / kGroupSize - 1;
+    for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
+        const uint32_t free = matchByte(m_control.data() + group * kGroupSize, kEmpty);
+        if (free == 0)
+            continue;
+        const size_t slot = group * kGroupSize + static_cast<size_t>(__builtin_ctz(free));
+        m_control[slot] = static_cast<uint8_t>(hash & 0x7F);
+        m_slotIndex[slot] = index;
+        return;
+    }
 }
 
 void CharacterTable::rehash(size_t slots) {
-  m_control.assign(slots, kEmpty);
-  m_slotIndex.assign(slots, 0);
-  for (uint32_t index = 0; index < m_hashes.size(); ++index) place(index, m_hashes[index]);
+    m_control.assign(slots, kEmpty);
+    m_slotIndex.assign(slots, 0);
+    for (uint32_t index = 0; index < m_hashes.size(); ++index)
+        place(index, m_hashes[index]);
 }
 
 int32_t CharacterTable::store(std::string_view cluster, uint32_t hash) {
-  const auto index = static_cast<uint32_t>(size());
-  // The arena grows by doubling and is written with a plain copy.
-  const size_t used = m_offsets.back();
-  if (used + cluster.size() > m_arena.size()) {
-    m_arena.resize(std::max<size_t>(m_arena.size() * 2, used + cluster.size() + 4096));
-  }
-  std::memcpy(m_arena.data() + used, cluster.data(), cluster.size());
-  m_offsets.push_back(static_cast<uint32_t>(used + cluster.size()));
-  m_hashes.push_back(hash);
-  // Full groups make probes long; past seven eighths the index doubles.
-  if ((size() + 1) * 8 > m_control.size() * 7) {
-    rehash(m_control.size() * 2);
-  } else {
-    place(index, hash);
-  }
-  return kFirstIndex + static_cast<int32_t>(index);
+    const auto index = static_cast<uint32_t>(size());
+    // The arena grows by doubling and is written with a plain copy.
+    const size_t used = m_offsets.back();
+    if (used + cluster.size() > m_arena.size()) {
+        m_arena.resize(std::max<size_t>(m_arena.size() * 2, used + cluster.size() + 4096));
+    }
+    std::memcpy(m_arena.data() + used, cluster.data(), cluster.size());
+    m_offsets.push_back(static_cast<uint32_t>(used + cluster.size()));
+    m_hashes.push_back(hash);
+    // Full groups make probes long; past seven eighths the index doubles.
+    if ((size() + 1) * 8 > m_control.size() * 7) {
+        rehash(m_control.size() * 2);
+    } else {
+        place(index, hash);
+    }
+    return kFirstIndex + static_cast<int32_t>(index);
 }
 
 int32_t CharacterTable::astralCode(char32_t scalar) {
-  auto& cached = m_astral[scalar % kAstralCacheSize];
-  if (cached.first == scalar) return cached.second;
-  std::string s;
-  appendUtf8(scalar, s);
-  const int32_t c = code(std::string_view(s));
-  cached = {scalar, c};
-  return c;
+    auto& cached = m_astral[scalar % kAstralCacheSize];
+    if (cached.first == scalar)
+        return cached.second;
+    std::string s;
+    appendUtf8(scalar, s);
+    const int32_t c = code(std::string_view(s));
+    cached = {scalar, c};
+    return c;
 }
 
 int32_t CharacterTable::code(std::string_view cluster) {
-  if (cluster == "\r\n") return 10;
-  const int32_t scalar = singleScalar(cluster);
-  if (scalar >= 0 && scalar < 0x10000) return scalar;
-  const auto hash = static_cast<uint32_t>(hashBytes(cluster) >> 32);
-  const int32_t known = find(cluster, hash);
-  return known >= 0 ? known : store(cluster, hash);
+    if (cluster == "\r\n")
+        return 10;
+    const int32_t scalar = singleScalar(cluster);
+    if (scalar >= 0 && scalar < 0x10000)
+        return scalar;
+    const auto hash = static_cast<uint32_t>(hashBytes(cluster) >> 32);
+    const int32_t known = find(cluster, hash);
+    return known >= 0 ? known : store(cluster, hash);
 }
 
 void CharacterTable::appendCharacter(int32_t code, std::string& out) const {
-  if (code <= kCharacterTableBase) {
-    const bool valid = code >= 0 && code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF);
-    appendUtf8(valid ? static_cast<char32_t>(code) : U' ', out);
-    return;
-  }
-  const std::string_view s = stored(code);
-  if (s.empty()) {
-    out += ' ';
-    return;
-  }
-  out += s;
+    if (code <= kCharacterTableBase) {
+        const bool valid = code >= 0 && code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF);
+        appendUtf8(valid ? static_cast<char32_t>(code) : U' ', out);
+        return;
+    }
+    const std::string_view s = stored(code);
+    if (s.empty()) {
+        out += ' ';
+        return;
+    }
+    out += s;
 }
 
 std::string CharacterTable::character(int32_t code) const {
-  std::string out;
-  appendCharacter(code, out);
-  return out;
+    std::string out;
+    appendCharacter(code, out);
+    return out;
 }
 
-}  // namespace termkit
+} // namespace termkit

@@ -16,52 +16,53 @@ namespace termkit {
 /// seen for the first time, the common case with text full of combining marks, is then
 /// ruled out by reading control bytes only, which stay small enough for the CPU's cache.
 class CharacterTable {
- public:
-  /// First code handed out for a cluster.
-  static constexpr int32_t kFirstIndex = 0x400001;
+public:
+    /// First code handed out for a cluster.
+    static constexpr int32_t kFirstIndex = 0x400001;
 
-  CharacterTable();
+    CharacterTable();
 
-  /// The code of a cluster given as UTF-8.
-  int32_t code(std::string_view cluster);
-  /// The code of a single scalar; scalars beyond the basic plane go through the table.
-  int32_t code(char32_t scalar) {
-    if (scalar < 0x10000) return static_cast<int32_t>(scalar);
-    return astralCode(scalar);
-  }
-  /// The cluster of a code as UTF-8: a space for a code that is no valid scalar or unknown.
-  std::string character(int32_t code) const;
-  /// Appends the cluster of a code to `out` (same rules as `character`).
-  void appendCharacter(int32_t code, std::string& out) const;
-  /// The stored cluster of a table code, or an empty view for other codes.
-  std::string_view stored(int32_t code) const;
-  /// Number of clusters stored.
-  size_t size() const { return m_offsets.size() - 1; }
-  /// The code the next new cluster will get.
-  int32_t lastCharIndex() const { return kFirstIndex + static_cast<int32_t>(size()); }
+    /// The code of a cluster given as UTF-8.
+    int32_t code(std::string_view cluster);
+    /// The code of a single scalar; scalars beyond the basic plane go through the table.
+    int32_t code(char32_t scalar) {
+        if (scalar < 0x10000)
+            return static_cast<int32_t>(scalar);
+        return astralCode(scalar);
+    }
+    /// The cluster of a code as UTF-8: a space for a code that is no valid scalar or unknown.
+    std::string character(int32_t code) const;
+    /// Appends the cluster of a code to `out` (same rules as `character`).
+    void appendCharacter(int32_t code, std::string& out) const;
+    /// The stored cluster of a table code, or an empty view for other codes.
+    std::string_view stored(int32_t code) const;
+    /// Number of clusters stored.
+    size_t size() const { return m_offsets.size() - 1; }
+    /// The code the next new cluster will get.
+    int32_t lastCharIndex() const { return kFirstIndex + static_cast<int32_t>(size()); }
 
- private:
-  int32_t astralCode(char32_t scalar);
-  int32_t find(std::string_view cluster, uint32_t hash) const;
-  int32_t store(std::string_view cluster, uint32_t hash);
-  void place(uint32_t index, uint32_t hash);
-  void rehash(size_t slots);
+private:
+    int32_t astralCode(char32_t scalar);
+    int32_t find(std::string_view cluster, uint32_t hash) const;
+    int32_t store(std::string_view cluster, uint32_t hash);
+    void place(uint32_t index, uint32_t hash);
+    void rehash(size_t slots);
 
-  // indexToCharMap: cluster i is m_arena[m_offsets[i], m_offsets[i + 1]); the arena's
-  // size is its capacity, the last offset how much of it is used.
-  std::vector<char> m_arena;
-  std::vector<uint32_t> m_offsets;
-  std::vector<uint32_t> m_hashes;  // each cluster's hash, so that growing never rereads the arena
-  // charToIndexMap: slots in groups of 16. A control byte is kEmpty or the low 7 bits of the
-  // hash; the probe starts at the group the other bits name and moves on group by group.
-  static constexpr uint8_t kEmpty = 0x80;
-  std::vector<uint8_t> m_control;
-  std::vector<uint32_t> m_slotIndex;  // the cluster index of each full slot
-  // Single scalars beyond the basic plane, cached without touching the arena.
-  std::vector<std::pair<char32_t, int32_t>> m_astral;
+    // indexToCharMap: cluster i is m_arena[m_offsets[i], m_offsets[i + 1]); the arena's
+    // size is its capacity, the last offset how much of it is used.
+    std::vector<char> m_arena;
+    std::vector<uint32_t> m_offsets;
+    std::vector<uint32_t> m_hashes; // each cluster's hash, so that growing never rereads the arena
+    // charToIndexMap: slots in groups of 16. A control byte is kEmpty or the low 7 bits of the
+    // hash; the probe starts at the group the other bits name and moves on group by group.
+    static constexpr uint8_t kEmpty = 0x80;
+    std::vector<uint8_t> m_control;
+    std::vector<uint32_t> m_slotIndex; // the cluster index of each full slot
+    // Single scalars beyond the basic plane, cached without touching the arena.
+    std::vector<std::pair<char32_t, int32_t>> m_astral;
 };
 
 /// Appends one scalar to a UTF-8 string.
 void appendUtf8(char32_t scalar, std::string& out);
 
-}  // namespace termkit
+} // namespace termkit

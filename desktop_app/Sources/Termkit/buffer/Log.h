@@ -15,4 +15,4 @@ LogSink setLogSink(LogSink sink);
 /// Writes "Info: " and the message to the process-wide sink.
 void logInfo(std::string_view message);
 
-}  // namespace termkit
+} // namespace termkit

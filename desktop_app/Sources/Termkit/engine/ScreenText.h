@@ -22,4 +22,4 @@ std::string attributeRuns(Terminal& terminal, int row);
 /// section of one line per row that has styled runs.
 std::string dumpScreen(Terminal& terminal, bool withAttributes);
 
-}  // namespace termkit
+} // namespace termkit

@@ -17,10 +17,6 @@
 
 #include "Termkit/buffer/Buffer.h"
 #include "Termkit/buffer/CellTables.h"
-#include "Termkit/parser/CC.h"
-#include "Termkit/parser/DcsHandler.h"
-#include "Termkit/parser/EscapeSequenceParser.h"
-#include "Termkit/parser/ParserDelegate.h"
 #include "Termkit/engine/CharSets.h"
 #include "Termkit/engine/Color.h"
 #include "Termkit/engine/TerminalDelegate.h"
@@ -28,6 +24,10 @@
 #include "Termkit/engine/TerminalOptions.h"
 #include "Termkit/engine/TerminalScheduler.h"
 #include "Termkit/engine/TerminalTypes.h"
+#include "Termkit/parser/CC.h"
+#include "Termkit/parser/DcsHandler.h"
+#include "Termkit/parser/EscapeSequenceParser.h"
+#include "Termkit/parser/ParserDelegate.h"
 
 namespace termkit {
 
@@ -39,397 +39,399 @@ inline constexpr std::chrono::milliseconds kSynchronizedOutputTimeout{1000};
 
 /// The open hyperlink of OSC 8: not yet interned, interned, or refused by a full table.
 struct ActiveHyperlink {
-  enum class State : uint8_t { pending, interned, exhausted };
-  State state = State::pending;
-  std::string payload;
-  uint16_t code = 0;
+    enum class State : uint8_t { pending, interned, exhausted };
+    State state = State::pending;
+    std::string payload;
+    uint16_t code = 0;
 };
 
 /// A headless terminal. Bytes go in through `feed`; the host reads the buffers and is told
 /// about everything else through its `TerminalDelegate`. Single-threaded: the host calls it
 /// from one serial context.
 class Terminal : private ParserDelegate, private BufferObserver {
- public:
-  /// One piece of a reply: bytes or text.
-  using ResponseItem = std::variant<std::string_view, std::span<const uint8_t>>;
+public:
+    /// One piece of a reply: bytes or text.
+    using ResponseItem = std::variant<std::string_view, std::span<const uint8_t>>;
 
-  Terminal(TerminalDelegate* delegate, TerminalOptions options = {}, TerminalScheduler* scheduler = nullptr,
-           TerminalExtensions* extensions = nullptr);
-  ~Terminal() override;
-  Terminal(const Terminal&) = delete;
-  Terminal& operator=(const Terminal&) = delete;
+    Terminal(TerminalDelegate* delegate, TerminalOptions options = {}, TerminalScheduler* scheduler = nullptr,
+             TerminalExtensions* extensions = nullptr);
+    ~Terminal() override;
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
 
-  // --- Input and size --------------------------------------------------------------------
-  /// Parses bytes at once.
-  void feed(std::span<const uint8_t> bytes);
-  /// Parses text as its UTF-8 bytes.
-  void feed(std::string_view text);
-  /// Resizes both buffers (at least 2 x 1); the normal buffer rewraps its lines.
-  void resize(int cols, int rows);
-  /// Sets the scrollback of the normal buffer; none keeps only the screen.
-  void changeScrollback(std::optional<int> lines);
-  void clearScrollback();
-  /// Back to the state of a new terminal.
-  void resetToInitialState();
-  /// The state of a new terminal (`isReset` keeps the delegate and the options).
-  void setup(bool isReset);
+    // --- Input and size --------------------------------------------------------------------
+    /// Parses bytes at once.
+    void feed(std::span<const uint8_t> bytes);
+    /// Parses text as its UTF-8 bytes.
+    void feed(std::string_view text);
+    /// Resizes both buffers (at least 2 x 1); the normal buffer rewraps its lines.
+    void resize(int cols, int rows);
+    /// Sets the scrollback of the normal buffer; none keeps only the screen.
+    void changeScrollback(std::optional<int> lines);
+    void clearScrollback();
+    /// Back to the state of a new terminal.
+    void resetToInitialState();
+    /// The state of a new terminal (`isReset` keeps the delegate and the options).
+    void setup(bool isReset);
 
-  // --- Reading ---------------------------------------------------------------------------
-  Buffer& buffer() { return *m_buffer; }
-  Buffer& normalBuffer() { return *m_normalBuffer; }
-  Buffer& altBuffer() { return *m_altBuffer; }
-  bool isAlternateBufferActive() const { return m_buffer == m_altBuffer.get(); }
-  int cols() const { return m_buffer->cols(); }
-  int rows() const { return m_buffer->rows(); }
-  std::pair<int, int> getDims() const { return {cols(), rows()}; }
-  /// The line of a row of the display (the view's scroll position applies), or nullptr.
-  BufferLine* getLine(ScreenRow row);
-  /// A line by its scroll-invariant number, or nullptr when it has left the ring.
-  BufferLine* getScrollInvariantLine(InvariantRow row);
-  /// The cell at a screen position of the active screen, or nothing outside it.
-  std::optional<CharData> getCharData(Col col, ScreenRow row);
-  /// The character at a screen position (a space for an empty cell).
-  std::string getCharacter(Col col, ScreenRow row);
-  /// The cursor, column clamped to the last one.
-  std::pair<Col, ScreenRow> getCursorLocation() const;
-  /// Changed screen rows since the last clear, or nothing.
-  std::optional<std::pair<int, int>> getUpdateRange() const;
-  std::optional<std::pair<long long, long long>> getScrollInvariantUpdateRange() const;
-  void updateRange(int y) { m_buffer->markRows(y, y); }
-  void updateFullScreen() { m_buffer->markRows(0, rows() - 1); }
-  void clearUpdateRange() { m_updates.clear(); }
-  /// Text of every line of the active buffer, lines joined by newlines.
-  std::vector<uint8_t> getBufferAsData();
-  /// Text between two buffer positions (end exclusive), wrapped lines joined.
-  std::string getText(Position start, Position end);
-  /// The attribute of a cell.
-  const Attribute& attribute(const CharData& cell) const { return m_tables->attributes[cell.attribute]; }
-  /// The 256-colour palette in use.
-  const std::array<Color, 256>& palette() const { return ansiColors; }
+    // --- Reading ---------------------------------------------------------------------------
+    Buffer& buffer() { return *m_buffer; }
+    Buffer& normalBuffer() { return *m_normalBuffer; }
+    Buffer& altBuffer() { return *m_altBuffer; }
+    bool isAlternateBufferActive() const { return m_buffer == m_altBuffer.get(); }
+    int cols() const { return m_buffer->cols(); }
+    int rows() const { return m_buffer->rows(); }
+    std::pair<int, int> getDims() const { return {cols(), rows()}; }
+    /// The line of a row of the display (the view's scroll position applies), or nullptr.
+    BufferLine* getLine(ScreenRow row);
+    /// A line by its scroll-invariant number, or nullptr when it has left the ring.
+    BufferLine* getScrollInvariantLine(InvariantRow row);
+    /// The cell at a screen position of the active screen, or nothing outside it.
+    std::optional<CharData> getCharData(Col col, ScreenRow row);
+    /// The character at a screen position (a space for an empty cell).
+    std::string getCharacter(Col col, ScreenRow row);
+    /// The cursor, column clamped to the last one.
+    std::pair<Col, ScreenRow> getCursorLocation() const;
+    /// Changed screen rows since the last clear, or nothing.
+    std::optional<std::pair<int, int>> getUpdateRange() const;
+    std::optional<std::pair<long long, long long>> getScrollInvariantUpdateRange() const;
+    void updateRange(int y) { m_buffer->markRows(y, y); }
+    void updateFullScreen() { m_buffer->markRows(0, rows() - 1); }
+    void clearUpdateRange() { m_updates.clear(); }
+    /// Text of every line of the active buffer, lines joined by newlines.
+    std::vector<uint8_t> getBufferAsData();
+    /// Text between two buffer positions (end exclusive), wrapped lines joined.
+    std::string getText(Position start, Position end);
+    /// The attribute of a cell.
+    const Attribute& attribute(const CharData& cell) const { return m_tables->attributes[cell.attribute]; }
+    /// The 256-colour palette in use.
+    const std::array<Color, 256>& palette() const { return ansiColors; }
 
-  // --- Characters ------------------------------------------------------------------------
-  /// The cell code of a grapheme cluster given as UTF-8.
-  int32_t code(std::string_view cluster) { return m_tables->characters.code(cluster); }
-  /// The cluster behind a cell code.
-  std::string character(int32_t code) const { return m_tables->characters.character(code); }
-  CellTables& tables() { return *m_tables; }
+    // --- Characters ------------------------------------------------------------------------
+    /// The cell code of a grapheme cluster given as UTF-8.
+    int32_t code(std::string_view cluster) { return m_tables->characters.code(cluster); }
+    /// The cluster behind a cell code.
+    std::string character(int32_t code) const { return m_tables->characters.character(code); }
+    CellTables& tables() { return *m_tables; }
 
-  // --- Output to the host ------------------------------------------------------------------
-  /// Sends the concatenation of the items to the delegate.
-  void sendResponse(std::initializer_list<ResponseItem> items);
-  /// The environment for a child: TERM, COLORTERM, LANG, then some of the parent's.
-  static std::vector<std::string> getEnvironmentVariables(std::string_view termName = "xterm-256color",
-                                                          bool trueColor = true);
-  /// A handler for an OSC code that wins over the built-in one.
-  void registerOscHandler(int code, EscapeSequenceParser::OscHandler handler) {
-    m_parser.registerOscHandler(code, std::move(handler));
-  }
-  /// Writes a log line with "Info: " unless `silentLog`.
-  void log(std::string_view message) const;
-
-  // --- Colours -----------------------------------------------------------------------------
-  /// Stores the default foreground and rebuilds the palette; tells the delegate once.
-  void setForegroundColor(Color color);
-  void setBackgroundColor(Color color);
-  /// Stores without telling the delegate (the delegate's default does this).
-  void storeForegroundColor(Color color);
-  void storeBackgroundColor(Color color);
-  void storeCursorColor(std::optional<Color> color) { cursorColor = color; }
-  /// Installs 16 colours as palette entries 0 to 15 and rebuilds the rest.
-  void installColors(std::span<const Color> colors);
-  /// The same as `installColors`, under the name hosts of the palette know it by.
-  void installPalette(std::span<const Color> colors) { installColors(colors); }
-  /// Rebuilds entries 16 to 255 by the strategy; optionally tells the delegate.
-  void rebuildAnsiPalette(bool notifyDelegate);
-
-  // --- Extension support ---------------------------------------------------------------------
-  /// Sets or closes the open hyperlink (OSC 8 payload text, or nothing).
-  void setActiveHyperlink(std::optional<std::string> payload);
-  /// The handle cells written now get, interning a pending link on first use; 0 for none.
-  uint16_t resolveActiveHyperlink();
-  /// Frees the payload handles this terminal made that no line uses any more.
-  void garbageCollectPayload();
-  /// Scrolls the active buffer's region up by one line.
-  void scroll(bool isWrapped = false) {
-    ensureAttributes();
-    m_buffer->scroll(isWrapped);
-  }
-  void cmdIndex();
-  void cmdLineFeedBasic();
-  void cmdCarriageReturn();
-  TerminalDelegate* delegate() const { return m_delegate; }
-  EscapeSequenceParser& parser() { return m_parser; }
-  const TerminalOptions& options() const { return m_options; }
-
-  // --- Mode state ------------------------------------------------------------------------------
-  bool applicationKeypad = false;
-  bool applicationCursor = false;
-  bool reverseColors = false;
-  uint8_t keyboardModeNormal = 0;
-  uint8_t keyboardModeAlt = 0;
-  bool sendFocus = false;
-  BidiPresentationState currentBidiState;
-  bool bidiArrowKeySwap = false;
-  std::optional<std::pair<bool, BidiPresentationState>> savedBidiPrivateModes;
-  bool cursorHidden = false;
-  bool originMode = false;
-  bool marginMode = false;
-  bool insertMode = false;
-  bool wraparound = true;
-  bool bracketedPasteMode = false;
-  bool alternateScrollMode = false;
-  const CharSet* charset = nullptr;
-  std::array<const CharSet*, 4> gCharsets{};
-  int gcharset = 0;
-  bool reverseWraparound = false;
-  Attribute curAttr;
-  int gLevel = 0;
-  bool cursorBlink = false;
-  bool allow80To132 = false;
-  bool lineFeedMode = false;
-  bool smoothScroll = false;
-  MouseProtocolEncoding mouseProtocol = MouseProtocolEncoding::x10;
-  MouseMode mouseMode = MouseMode::off;
-  bool mouseShiftCapture = false;
-  TerminalConformance conformance = TerminalConformance::vt500;
-  bool xtermTitleSetUtf = false;
-  bool xtermTitleSetHex = false;
-  bool xtermTitleQueryUtf = false;
-  bool xtermTitleQueryHex = false;
-  std::string terminalTitle;
-  std::string iconTitle;
-  std::vector<std::string> terminalTitleStack;
-  std::vector<std::string> terminalIconStack;
-  std::string hostCurrentDirectory;
-  std::string hostCurrentDocument;
-  Color foregroundColor = Color::from8bit(0, 0, 0);
-  Color backgroundColor = Color::from8bit(0xFF, 0xFF, 0xFF);
-  std::optional<Color> cursorColor;
-  std::vector<Color> installedColors;
-  std::vector<Color> defaultAnsiColors;
-  std::array<Color, 256> ansiColors{};
-  CC cc;
-  bool silentLog = false;
-  bool synchronizedOutputActive = false;
-  std::optional<TerminalScheduler::Token> synchronizedOutputTimeoutItem;
-  std::chrono::milliseconds synchronizedOutputTimeout = kSynchronizedOutputTimeout;
-  bool userScrolling = false;
-  CursorStyle cursorStyle = CursorStyle::blinkBlock;
-  std::optional<ActiveHyperlink> activeHyperlink;
-  std::unordered_set<uint16_t> payloadCodes;
-  /// Where log lines go; the process-wide sink by default.
-  std::function<void(std::string_view)> logSink;
-
- private:
-  friend class DecrqssHandler;
-
-  // ParserDelegate
-  void print(std::span<const uint8_t> data) override;
-  void printStateReset() override;
-  void dispatchExecute(uint8_t code) override;
-  void dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<const uint8_t> collect) override;
-  void dispatchEsc(std::span<const uint8_t> collect, uint8_t final) override;
-  void dispatchOsc(int code, std::span<const uint8_t> data) override;
-  void handleKittyGraphics(std::span<const uint8_t> data) override;
-  DcsHandler* sixelDcsHandler() override;
-  DcsHandler* decrqssDcsHandler() override;
-  // BufferObserver
-  void bufferScrolled(int yDisp) override;
-  bool isUserScrolling() const override { return userScrolling; }
-
-  // Set-up
-  void configureParser();
-  void makeBuffers();
-  void syncBufferModes();
-  void refreshAttributes();
-  void ensureAttributes() {
-    if (m_attrDirty) refreshAttributes();
-  }
-  void markAttributes(const std::function<void(AttributeId)>& mark) const;
-
-  // Printing (TerminalPrint.cpp)
-  void handlePrint(std::span<const uint8_t> data);
-  void printScalar(char32_t scalar, int width, uint16_t payload);
-  // The line the print path is writing into, marked changed when it is let go.
-  struct RowCache {
-    BufferLine* line = nullptr;
-    int index = -1;
-    // The column right after the last cell this cache wrote with a single scalar of its own
-    // width, which never calls for the next one to join it; -1 when unknown.
-    int plainEnd = -1;
-    void release() {
-      if (line != nullptr) line->touch();
-      line = nullptr;
-      plainEnd = -1;
+    // --- Output to the host ------------------------------------------------------------------
+    /// Sends the concatenation of the items to the delegate.
+    void sendResponse(std::initializer_list<ResponseItem> items);
+    /// The environment for a child: TERM, COLORTERM, LANG, then some of the parent's.
+    static std::vector<std::string> getEnvironmentVariables(std::string_view termName = "xterm-256color",
+                                                            bool trueColor = true);
+    /// A handler for an OSC code that wins over the built-in one.
+    void registerOscHandler(int code, EscapeSequenceParser::OscHandler handler) {
+        m_parser.registerOscHandler(code, std::move(handler));
     }
-  };
-  bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
-  bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
-  size_t cellCluster(int32_t code, char* out, size_t room) const;
-  static int extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length);
-  /// A scalar from a sequence the fast decoders did not take: -1 for bytes skipped,
-  /// `kCarried` when the chunk ends inside it.
-  static constexpr int32_t kCarried = -2;
-  int32_t decodeSlow(const uint8_t* p, int n, int& i);
-  void printGeneral(const uint8_t* data, int length, uint16_t payload);
-  bool finishCarried(const uint8_t* p, int n, int& i, uint16_t payload);
-  void printAscii(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload);
-  bool tryJoin(char32_t scalar, int width, uint8_t info);
-  std::pair<char32_t, int> lastScalarOf(int32_t code);
-  int32_t joinedCode(int32_t targetCode, char32_t scalar);
-  int combiningTarget(int& lineIndex, BufferLine*& line) const;
+    /// Writes a log line with "Info: " unless `silentLog`.
+    void log(std::string_view message) const;
 
-  // Cursor (TerminalCursor.cpp)
-  void cmdBackspace();
-  void cmdTab(int count);
-  void cmdBackTab(int count);
-  void cmdCursorUp(const CsiParameters& pars);
-  void cmdCursorDown(const CsiParameters& pars);
-  void cursorForward(int count);
-  void cursorBackward(int count);
-  void cmdCursorNextLine(const CsiParameters& pars, bool up);
-  void cmdCursorCharAbsolute(const CsiParameters& pars);
-  void cmdCursorPosition(const CsiParameters& pars);
-  void cmdCharPosAbsolute(const CsiParameters& pars);
-  void cmdHPositionRelative(const CsiParameters& pars);
-  void cmdLinePosAbsolute(const CsiParameters& pars);
-  void cmdVPositionRelative(const CsiParameters& pars);
-  void cmdHVPosition(const CsiParameters& pars);
-  void cmdNextLine();
-  void cmdBackIndex();
-  void cmdForwardIndex();
-  void reverseIndex();
-  void cmdSaveCursor();
-  void cmdRestoreCursor();
-  void setCursor(int col, int row);
-  void restrictCursor();
-  void moveToLineStart();
+    // --- Colours -----------------------------------------------------------------------------
+    /// Stores the default foreground and rebuilds the palette; tells the delegate once.
+    void setForegroundColor(Color color);
+    void setBackgroundColor(Color color);
+    /// Stores without telling the delegate (the delegate's default does this).
+    void storeForegroundColor(Color color);
+    void storeBackgroundColor(Color color);
+    void storeCursorColor(std::optional<Color> color) { cursorColor = color; }
+    /// Installs 16 colours as palette entries 0 to 15 and rebuilds the rest.
+    void installColors(std::span<const Color> colors);
+    /// The same as `installColors`, under the name hosts of the palette know it by.
+    void installPalette(std::span<const Color> colors) { installColors(colors); }
+    /// Rebuilds entries 16 to 255 by the strategy; optionally tells the delegate.
+    void rebuildAnsiPalette(bool notifyDelegate);
 
-  // Editing (TerminalEdit.cpp)
-  void cmdEraseInDisplay(const CsiParameters& pars, bool selective);
-  void cmdEraseInLine(const CsiParameters& pars, bool selective);
-  void eraseInRow(int row, int start, int end, bool clearWrap);
-  void resetBufferLine(int row);
-  void cmdInsertChars(const CsiParameters& pars);
-  void cmdDeleteChars(const CsiParameters& pars);
-  void cmdEraseChars(const CsiParameters& pars);
-  void cmdInsertLines(const CsiParameters& pars);
-  void cmdDeleteLines(const CsiParameters& pars);
-  void cmdScrollUp(const CsiParameters& pars);
-  void cmdScrollDown(const CsiParameters& pars);
-  void scrollDownOne();
-  void cmdInsertColumns(const CsiParameters& pars);
-  void cmdDeleteColumns(const CsiParameters& pars);
-  void columnScroll(bool back, int count);
-  void cmdRepeatPrecedingCharacter(const CsiParameters& pars);
-  void cmdScreenAlignmentPattern();
-  void csiCopyRectangularArea(const CsiParameters& pars);
-  void cmdFillRectangularArea(const CsiParameters& pars);
-  void cmdDECERA(const CsiParameters& pars);
-  void cmdSelectiveEraseRectangularArea(const CsiParameters& pars);
-  void cmdDECRQCRA(const CsiParameters& pars);
-  void cmdSetScrollRegion(const CsiParameters& pars);
-  void cmdSetMargins(const CsiParameters& pars);
-  void cmdTabClear(const CsiParameters& pars);
-  void setRenderMode(BufferLine::RenderLineMode mode);
-  struct Rect {
-    int top, left, bottom, right;  // inclusive, 0-based screen rows and columns
-  };
-  std::optional<Rect> rectangle(const CsiParameters& pars, int first) const;
+    // --- Extension support ---------------------------------------------------------------------
+    /// Sets or closes the open hyperlink (OSC 8 payload text, or nothing).
+    void setActiveHyperlink(std::optional<std::string> payload);
+    /// The handle cells written now get, interning a pending link on first use; 0 for none.
+    uint16_t resolveActiveHyperlink();
+    /// Frees the payload handles this terminal made that no line uses any more.
+    void garbageCollectPayload();
+    /// Scrolls the active buffer's region up by one line.
+    void scroll(bool isWrapped = false) {
+        ensureAttributes();
+        m_buffer->scroll(isWrapped);
+    }
+    void cmdIndex();
+    void cmdLineFeedBasic();
+    void cmdCarriageReturn();
+    TerminalDelegate* delegate() const { return m_delegate; }
+    EscapeSequenceParser& parser() { return m_parser; }
+    const TerminalOptions& options() const { return m_options; }
 
-  // Dispatch (TerminalCsi.cpp, TerminalEsc.cpp)
-  void csiPHandler(const CsiParameters& pars, std::span<const uint8_t> collect);
-  void csiX(const CsiParameters& pars, std::span<const uint8_t> collect);
-  void csiT(const CsiParameters& pars, std::span<const uint8_t> collect);
-  void csiS(const CsiParameters& pars, std::span<const uint8_t> collect);
-  void cmdSetCursorStyle(const CsiParameters& pars);
-  void cmdSoftReset();
-  void cmdSetConformanceLevel(const CsiParameters& pars);
-  void selectCharset(uint8_t intermediate, uint8_t final);
-  void setgCharset(int g, const CharSet* set);
-  void setgLevel(int level);
-  void logUnknownCsi(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars);
+    // --- Mode state ------------------------------------------------------------------------------
+    bool applicationKeypad = false;
+    bool applicationCursor = false;
+    bool reverseColors = false;
+    uint8_t keyboardModeNormal = 0;
+    uint8_t keyboardModeAlt = 0;
+    bool sendFocus = false;
+    BidiPresentationState currentBidiState;
+    bool bidiArrowKeySwap = false;
+    std::optional<std::pair<bool, BidiPresentationState>> savedBidiPrivateModes;
+    bool cursorHidden = false;
+    bool originMode = false;
+    bool marginMode = false;
+    bool insertMode = false;
+    bool wraparound = true;
+    bool bracketedPasteMode = false;
+    bool alternateScrollMode = false;
+    const CharSet* charset = nullptr;
+    std::array<const CharSet*, 4> gCharsets{};
+    int gcharset = 0;
+    bool reverseWraparound = false;
+    Attribute curAttr;
+    int gLevel = 0;
+    bool cursorBlink = false;
+    bool allow80To132 = false;
+    bool lineFeedMode = false;
+    bool smoothScroll = false;
+    MouseProtocolEncoding mouseProtocol = MouseProtocolEncoding::x10;
+    MouseMode mouseMode = MouseMode::off;
+    bool mouseShiftCapture = false;
+    TerminalConformance conformance = TerminalConformance::vt500;
+    bool xtermTitleSetUtf = false;
+    bool xtermTitleSetHex = false;
+    bool xtermTitleQueryUtf = false;
+    bool xtermTitleQueryHex = false;
+    std::string terminalTitle;
+    std::string iconTitle;
+    std::vector<std::string> terminalTitleStack;
+    std::vector<std::string> terminalIconStack;
+    std::string hostCurrentDirectory;
+    std::string hostCurrentDocument;
+    Color foregroundColor = Color::from8bit(0, 0, 0);
+    Color backgroundColor = Color::from8bit(0xFF, 0xFF, 0xFF);
+    std::optional<Color> cursorColor;
+    std::vector<Color> installedColors;
+    std::vector<Color> defaultAnsiColors;
+    std::array<Color, 256> ansiColors{};
+    CC cc;
+    bool silentLog = false;
+    bool synchronizedOutputActive = false;
+    std::optional<TerminalScheduler::Token> synchronizedOutputTimeoutItem;
+    std::chrono::milliseconds synchronizedOutputTimeout = kSynchronizedOutputTimeout;
+    bool userScrolling = false;
+    CursorStyle cursorStyle = CursorStyle::blinkBlock;
+    std::optional<ActiveHyperlink> activeHyperlink;
+    std::unordered_set<uint16_t> payloadCodes;
+    /// Where log lines go; the process-wide sink by default.
+    std::function<void(std::string_view)> logSink;
 
-  // Modes (TerminalModes.cpp)
-  void cmdSetMode(const CsiParameters& pars, std::span<const uint8_t> collect);
-  void cmdResetMode(const CsiParameters& pars, std::span<const uint8_t> collect);
-  void setPrivateMode(int mode, bool on);
-  void setAnsiMode(int mode, bool on);
-  void cmdDecRqm(const CsiParameters& pars, bool isPrivate);
-  int privateModeState(int mode) const;
-  int ansiModeState(int mode) const;
-  void cmdSavePrivateModes(const CsiParameters& pars);
-  void cmdRestorePrivateModes(const CsiParameters& pars);
-  void activateAltBuffer(bool clearFirst);
-  void activateNormalBuffer(bool clearAlt);
-  void setSynchronizedOutput(bool on);
-  void setColumnMode(bool wide);
-  void setMouseMode(MouseMode mode);
-  void changeBidiState(const std::function<void(BidiPresentationState&)>& change, unsigned properties);
-  void cmdSelectCharacterPath(const CsiParameters& pars);
-  void cmdSelectPresentationDirection(const CsiParameters& pars);
+private:
+    friend class DecrqssHandler;
 
-  // SGR (TerminalSgr.cpp)
-  void cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> collect);
-  int extendedColor(const CsiParameters& pars, int i, std::optional<Attribute::Color>& out);
+    // ParserDelegate
+    void print(std::span<const uint8_t> data) override;
+    void printStateReset() override;
+    void dispatchExecute(uint8_t code) override;
+    void dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<const uint8_t> collect) override;
+    void dispatchEsc(std::span<const uint8_t> collect, uint8_t final) override;
+    void dispatchOsc(int code, std::span<const uint8_t> data) override;
+    void handleKittyGraphics(std::span<const uint8_t> data) override;
+    DcsHandler* sixelDcsHandler() override;
+    DcsHandler* decrqssDcsHandler() override;
+    // BufferObserver
+    void bufferScrolled(int yDisp) override;
+    bool isUserScrolling() const override { return userScrolling; }
 
-  // Replies (TerminalReplies.cpp)
-  void cmdSendDeviceAttributes(const CsiParameters& pars, std::span<const uint8_t> collect);
-  void cmdDeviceStatus(const CsiParameters& pars, std::span<const uint8_t> collect);
-  void cmdXTVERSION(const CsiParameters& pars);
-  void cmdWindowOptions(const CsiParameters& pars);
-  void replyStatusString(std::string_view request);
-  std::string csi() const { return cc.send8bit ? "\x9b" : "\x1b["; }
-  std::string dcs() const { return cc.send8bit ? "\x90" : "\x1bP"; }
-  std::string st() const { return cc.send8bit ? "\x9c" : "\x1b\\"; }
-  std::string osc() const { return cc.send8bit ? "\x9d" : "\x1b]"; }
+    // Set-up
+    void configureParser();
+    void makeBuffers();
+    void syncBufferModes();
+    void refreshAttributes();
+    void ensureAttributes() {
+        if (m_attrDirty)
+            refreshAttributes();
+    }
+    void markAttributes(const std::function<void(AttributeId)>& mark) const;
 
-  // OSC (TerminalOsc.cpp)
-  void oscSetTitle(std::span<const uint8_t> data, bool title, bool icon);
-  void oscChangeOrQueryColorIndex(std::span<const uint8_t> data);
-  void oscSetColors(std::span<const uint8_t> data, int first);
-  void oscResetColor(std::span<const uint8_t> data);
-  void oscClipboard(std::span<const uint8_t> data);
-  void oscNotification(std::span<const uint8_t> data);
-  void osciTerm2(std::span<const uint8_t> data);
-  void oscHyperlink(std::span<const uint8_t> data);
-  void oscSetCurrentDirectory(std::span<const uint8_t> data);
-  void oscSetCurrentDocument(std::span<const uint8_t> data);
-  bool parseProgressReport(std::span<const uint8_t> data);
+    // Printing (TerminalPrint.cpp)
+    void handlePrint(std::span<const uint8_t> data);
+    void printScalar(char32_t scalar, int width, uint16_t payload);
+    // The line the print path is writing into, marked changed when it is let go.
+    struct RowCache {
+        BufferLine* line = nullptr;
+        int index = -1;
+        // The column right after the last cell this cache wrote with a single scalar of its own
+        // width, which never calls for the next one to join it; -1 when unknown.
+        int plainEnd = -1;
+        void release() {
+            if (line != nullptr)
+                line->touch();
+            line = nullptr;
+            plainEnd = -1;
+        }
+    };
+    bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
+    bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
+    size_t cellCluster(int32_t code, char* out, size_t room) const;
+    static int extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length);
+    /// A scalar from a sequence the fast decoders did not take: -1 for bytes skipped,
+    /// `kCarried` when the chunk ends inside it.
+    static constexpr int32_t kCarried = -2;
+    int32_t decodeSlow(const uint8_t* p, int n, int& i);
+    void printGeneral(const uint8_t* data, int length, uint16_t payload);
+    bool finishCarried(const uint8_t* p, int n, int& i, uint16_t payload);
+    void printAscii(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload);
+    bool tryJoin(char32_t scalar, int width, uint8_t info);
+    std::pair<char32_t, int> lastScalarOf(int32_t code);
+    int32_t joinedCode(int32_t targetCode, char32_t scalar);
+    int combiningTarget(int& lineIndex, BufferLine*& line) const;
 
-  TerminalDelegate* m_delegate;
-  TerminalOptions m_options;
-  TerminalScheduler* m_scheduler;
-  TerminalExtensions* m_extensions;
-  std::unique_ptr<TerminalExtensions> m_defaultExtensions;
-  std::shared_ptr<CellTables> m_tables;
-  std::unique_ptr<Buffer> m_normalBuffer;
-  std::unique_ptr<Buffer> m_altBuffer;
-  Buffer* m_buffer = nullptr;
-  UpdateRange m_updates;
-  EscapeSequenceParser m_parser;
-  std::unique_ptr<DcsHandler> m_decrqss;
-  bool m_settingFgColor = false;
-  bool m_settingBgColor = false;
-  bool m_attrDirty = true;
+    // Cursor (TerminalCursor.cpp)
+    void cmdBackspace();
+    void cmdTab(int count);
+    void cmdBackTab(int count);
+    void cmdCursorUp(const CsiParameters& pars);
+    void cmdCursorDown(const CsiParameters& pars);
+    void cursorForward(int count);
+    void cursorBackward(int count);
+    void cmdCursorNextLine(const CsiParameters& pars, bool up);
+    void cmdCursorCharAbsolute(const CsiParameters& pars);
+    void cmdCursorPosition(const CsiParameters& pars);
+    void cmdCharPosAbsolute(const CsiParameters& pars);
+    void cmdHPositionRelative(const CsiParameters& pars);
+    void cmdLinePosAbsolute(const CsiParameters& pars);
+    void cmdVPositionRelative(const CsiParameters& pars);
+    void cmdHVPosition(const CsiParameters& pars);
+    void cmdNextLine();
+    void cmdBackIndex();
+    void cmdForwardIndex();
+    void reverseIndex();
+    void cmdSaveCursor();
+    void cmdRestoreCursor();
+    void setCursor(int col, int row);
+    void restrictCursor();
+    void moveToLineStart();
 
-  // Print state: bytes of a UTF-8 character cut by the end of a chunk.
-  std::array<uint8_t, 4> m_carried{};
-  int m_carriedCount = 0;
-  // The last character printed, for REP.
-  int32_t m_lastCode = 0;
-  int m_lastWidth = 1;
-  bool m_hasLastChar = false;
-  // Recent joins: (cluster code, scalar) to the joined code, or -1 when they do not join.
-  static constexpr int kJoinCacheBits = 14;
-  struct JoinCacheEntry {
-    uint64_t key = ~0ull;
-    int32_t code = 0;
-  };
-  std::vector<JoinCacheEntry> m_joinCache;  // allocated on the first join
-  // Scratch for joining, kept to avoid allocating on the hot path.
-  std::string m_joinScratch;
-  std::u32string m_scalarScratch;
+    // Editing (TerminalEdit.cpp)
+    void cmdEraseInDisplay(const CsiParameters& pars, bool selective);
+    void cmdEraseInLine(const CsiParameters& pars, bool selective);
+    void eraseInRow(int row, int start, int end, bool clearWrap);
+    void resetBufferLine(int row);
+    void cmdInsertChars(const CsiParameters& pars);
+    void cmdDeleteChars(const CsiParameters& pars);
+    void cmdEraseChars(const CsiParameters& pars);
+    void cmdInsertLines(const CsiParameters& pars);
+    void cmdDeleteLines(const CsiParameters& pars);
+    void cmdScrollUp(const CsiParameters& pars);
+    void cmdScrollDown(const CsiParameters& pars);
+    void scrollDownOne();
+    void cmdInsertColumns(const CsiParameters& pars);
+    void cmdDeleteColumns(const CsiParameters& pars);
+    void columnScroll(bool back, int count);
+    void cmdRepeatPrecedingCharacter(const CsiParameters& pars);
+    void cmdScreenAlignmentPattern();
+    void csiCopyRectangularArea(const CsiParameters& pars);
+    void cmdFillRectangularArea(const CsiParameters& pars);
+    void cmdDECERA(const CsiParameters& pars);
+    void cmdSelectiveEraseRectangularArea(const CsiParameters& pars);
+    void cmdDECRQCRA(const CsiParameters& pars);
+    void cmdSetScrollRegion(const CsiParameters& pars);
+    void cmdSetMargins(const CsiParameters& pars);
+    void cmdTabClear(const CsiParameters& pars);
+    void setRenderMode(BufferLine::RenderLineMode mode);
+    struct Rect {
+        int top, left, bottom, right; // inclusive, 0-based screen rows and columns
+    };
+    std::optional<Rect> rectangle(const CsiParameters& pars, int first) const;
+
+    // Dispatch (TerminalCsi.cpp, TerminalEsc.cpp)
+    void csiPHandler(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void csiX(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void csiT(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void csiS(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void cmdSetCursorStyle(const CsiParameters& pars);
+    void cmdSoftReset();
+    void cmdSetConformanceLevel(const CsiParameters& pars);
+    void selectCharset(uint8_t intermediate, uint8_t final);
+    void setgCharset(int g, const CharSet* set);
+    void setgLevel(int level);
+    void logUnknownCsi(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars);
+
+    // Modes (TerminalModes.cpp)
+    void cmdSetMode(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void cmdResetMode(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void setPrivateMode(int mode, bool on);
+    void setAnsiMode(int mode, bool on);
+    void cmdDecRqm(const CsiParameters& pars, bool isPrivate);
+    int privateModeState(int mode) const;
+    int ansiModeState(int mode) const;
+    void cmdSavePrivateModes(const CsiParameters& pars);
+    void cmdRestorePrivateModes(const CsiParameters& pars);
+    void activateAltBuffer(bool clearFirst);
+    void activateNormalBuffer(bool clearAlt);
+    void setSynchronizedOutput(bool on);
+    void setColumnMode(bool wide);
+    void setMouseMode(MouseMode mode);
+    void changeBidiState(const std::function<void(BidiPresentationState&)>& change, unsigned properties);
+    void cmdSelectCharacterPath(const CsiParameters& pars);
+    void cmdSelectPresentationDirection(const CsiParameters& pars);
+
+    // SGR (TerminalSgr.cpp)
+    void cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> collect);
+    int extendedColor(const CsiParameters& pars, int i, std::optional<Attribute::Color>& out);
+
+    // Replies (TerminalReplies.cpp)
+    void cmdSendDeviceAttributes(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void cmdDeviceStatus(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void cmdXTVERSION(const CsiParameters& pars);
+    void cmdWindowOptions(const CsiParameters& pars);
+    void replyStatusString(std::string_view request);
+    std::string csi() const { return cc.send8bit ? "\x9b" : "\x1b["; }
+    std::string dcs() const { return cc.send8bit ? "\x90" : "\x1bP"; }
+    std::string st() const { return cc.send8bit ? "\x9c" : "\x1b\\"; }
+    std::string osc() const { return cc.send8bit ? "\x9d" : "\x1b]"; }
+
+    // OSC (TerminalOsc.cpp)
+    void oscSetTitle(std::span<const uint8_t> data, bool title, bool icon);
+    void oscChangeOrQueryColorIndex(std::span<const uint8_t> data);
+    void oscSetColors(std::span<const uint8_t> data, int first);
+    void oscResetColor(std::span<const uint8_t> data);
+    void oscClipboard(std::span<const uint8_t> data);
+    void oscNotification(std::span<const uint8_t> data);
+    void osciTerm2(std::span<const uint8_t> data);
+    void oscHyperlink(std::span<const uint8_t> data);
+    void oscSetCurrentDirectory(std::span<const uint8_t> data);
+    void oscSetCurrentDocument(std::span<const uint8_t> data);
+    bool parseProgressReport(std::span<const uint8_t> data);
+
+    TerminalDelegate* m_delegate;
+    TerminalOptions m_options;
+    TerminalScheduler* m_scheduler;
+    TerminalExtensions* m_extensions;
+    std::unique_ptr<TerminalExtensions> m_defaultExtensions;
+    std::shared_ptr<CellTables> m_tables;
+    std::unique_ptr<Buffer> m_normalBuffer;
+    std::unique_ptr<Buffer> m_altBuffer;
+    Buffer* m_buffer = nullptr;
+    UpdateRange m_updates;
+    EscapeSequenceParser m_parser;
+    std::unique_ptr<DcsHandler> m_decrqss;
+    bool m_settingFgColor = false;
+    bool m_settingBgColor = false;
+    bool m_attrDirty = true;
+
+    // Print state: bytes of a UTF-8 character cut by the end of a chunk.
+    std::array<uint8_t, 4> m_carried{};
+    int m_carriedCount = 0;
+    // The last character printed, for REP.
+    int32_t m_lastCode = 0;
+    int m_lastWidth = 1;
+    bool m_hasLastChar = false;
+    // Recent joins: (cluster code, scalar) to the joined code, or -1 when they do not join.
+    static constexpr int kJoinCacheBits = 14;
+    struct JoinCacheEntry {
+        uint64_t key = ~0ull;
+        int32_t code = 0;
+    };
+    std::vector<JoinCacheEntry> m_joinCache; // allocated on the first join
+    // Scratch for joining, kept to avoid allocating on the hot path.
+    std::string m_joinScratch;
+    std::u32string m_scalarScratch;
 };
 
-}  // namespace termkit
+} // namespace termkit

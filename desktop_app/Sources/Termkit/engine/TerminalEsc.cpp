@@ -5,134 +5,203 @@
 namespace termkit {
 
 void Terminal::dispatchExecute(uint8_t code) {
-  ensureAttributes();
-  m_hasLastChar = false;
-  switch (code) {
+    ensureAttributes();
+    m_hasLastChar = false;
+    switch (code) {
     case 0x07:
-      if (m_delegate) m_delegate->bell(*this);
-      break;
-    case 0x08: cmdBackspace(); break;
-    case 0x09: cmdTab(1); break;
+        if (m_delegate)
+            m_delegate->bell(*this);
+        break;
+    case 0x08:
+        cmdBackspace();
+        break;
+    case 0x09:
+        cmdTab(1);
+        break;
     case 0x0A:
     case 0x0B:
-    case 0x0C: cmdLineFeedBasic(); break;
-    case 0x0D: cmdCarriageReturn(); break;
-    case 0x0E: setgLevel(1); break;
-    case 0x0F: setgLevel(0); break;
-    case 0x84: cmdIndex(); break;
-    case 0x85: cmdNextLine(); break;
-    case 0x88: m_buffer->tabSet(std::min(m_buffer->x, m_buffer->cols() - 1)); break;
+    case 0x0C:
+        cmdLineFeedBasic();
+        break;
+    case 0x0D:
+        cmdCarriageReturn();
+        break;
+    case 0x0E:
+        setgLevel(1);
+        break;
+    case 0x0F:
+        setgLevel(0);
+        break;
+    case 0x84:
+        cmdIndex();
+        break;
+    case 0x85:
+        cmdNextLine();
+        break;
+    case 0x88:
+        m_buffer->tabSet(std::min(m_buffer->x, m_buffer->cols() - 1));
+        break;
     default:
-      // Every other control does nothing.
-      break;
-  }
+        // Every other control does nothing.
+        break;
+    }
 }
 
 void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
-  ensureAttributes();
-  m_hasLastChar = false;
-  if (collect.empty()) {
-    switch (final) {
-      case '6': cmdBackIndex(); return;
-      case '7': cmdSaveCursor(); return;
-      case '8': cmdRestoreCursor(); return;
-      case '9': cmdForwardIndex(); return;
-      case '=': applicationKeypad = true; return;
-      case '>': applicationKeypad = false; return;
-      case 'D': cmdIndex(); return;
-      case 'E': cmdNextLine(); return;
-      case 'H': m_buffer->tabSet(std::min(m_buffer->x, m_buffer->cols() - 1)); return;
-      case 'M': reverseIndex(); return;
-      case '\\': return;  // the string terminator after OSC, APC or DCS: nothing more to do
-      case 'c':
-        m_parser.reset();
-        resetToInitialState();
-        return;
-      case 'n':
-      case '}': setgLevel(2); return;
-      case 'o':
-      case '|': setgLevel(3); return;
-      case '~': setgLevel(1); return;
-      default: break;
-    }
-  } else if (collect.size() == 1) {
-    const uint8_t intermediate = collect[0];
-    switch (intermediate) {
-      case '#':
+    ensureAttributes();
+    m_hasLastChar = false;
+    if (collect.empty()) {
         switch (final) {
-          case '3': setRenderMode(BufferLine::RenderLineMode::doubledTop); return;
-          case '4': setRenderMode(BufferLine::RenderLineMode::doubledDown); return;
-          case '5': setRenderMode(BufferLine::RenderLineMode::single); return;
-          case '6': setRenderMode(BufferLine::RenderLineMode::doubleWidth); return;
-          case '8': cmdScreenAlignmentPattern(); return;
-          default: break;
+        case '6':
+            cmdBackIndex();
+            return;
+        case '7':
+            cmdSaveCursor();
+            return;
+        case '8':
+            cmdRestoreCursor();
+            return;
+        case '9':
+            cmdForwardIndex();
+            return;
+        case '=':
+            applicationKeypad = true;
+            return;
+        case '>':
+            applicationKeypad = false;
+            return;
+        case 'D':
+            cmdIndex();
+            return;
+        case 'E':
+            cmdNextLine();
+            return;
+        case 'H':
+            m_buffer->tabSet(std::min(m_buffer->x, m_buffer->cols() - 1));
+            return;
+        case 'M':
+            reverseIndex();
+            return;
+        case '\\':
+            return; // the string terminator after OSC, APC or DCS: nothing more to do
+        case 'c':
+            m_parser.reset();
+            resetToInitialState();
+            return;
+        case 'n':
+        case '}':
+            setgLevel(2);
+            return;
+        case 'o':
+        case '|':
+            setgLevel(3);
+            return;
+        case '~':
+            setgLevel(1);
+            return;
+        default:
+            break;
         }
-        break;
-      case '%':
-        if (final == '@' || final == 'G') {
-          setgLevel(0);
-          gCharsets[0] = nullptr;
-          charset = nullptr;
-          return;
+    } else if (collect.size() == 1) {
+        const uint8_t intermediate = collect[0];
+        switch (intermediate) {
+        case '#':
+            switch (final) {
+            case '3':
+                setRenderMode(BufferLine::RenderLineMode::doubledTop);
+                return;
+            case '4':
+                setRenderMode(BufferLine::RenderLineMode::doubledDown);
+                return;
+            case '5':
+                setRenderMode(BufferLine::RenderLineMode::single);
+                return;
+            case '6':
+                setRenderMode(BufferLine::RenderLineMode::doubleWidth);
+                return;
+            case '8':
+                cmdScreenAlignmentPattern();
+                return;
+            default:
+                break;
+            }
+            break;
+        case '%':
+            if (final == '@' || final == 'G') {
+                setgLevel(0);
+                gCharsets[0] = nullptr;
+                charset = nullptr;
+                return;
+            }
+            break;
+        case ' ':
+            if (final == 'F') {
+                cc.send8bit = false;
+                return;
+            }
+            if (final == 'G') {
+                cc.send8bit = true;
+                return;
+            }
+            break;
+        case '(':
+        case ')':
+        case '*':
+        case '+':
+        case '-':
+        case '.':
+        case '/': {
+            const CharSet* set = nullptr;
+            if (CharSets::find(final, set)) {
+                selectCharset(intermediate, final);
+                return;
+            }
+            break;
         }
-        break;
-      case ' ':
-        if (final == 'F') {
-          cc.send8bit = false;
-          return;
+        default:
+            break;
         }
-        if (final == 'G') {
-          cc.send8bit = true;
-          return;
-        }
-        break;
-      case '(':
-      case ')':
-      case '*':
-      case '+':
-      case '-':
-      case '.':
-      case '/': {
-        const CharSet* set = nullptr;
-        if (CharSets::find(final, set)) {
-          selectCharset(intermediate, final);
-          return;
-        }
-        break;
-      }
-      default:
-        break;
     }
-  }
-  if (m_parser.escHandlerFallback) m_parser.escHandlerFallback(collect, final);
+    if (m_parser.escHandlerFallback)
+        m_parser.escHandlerFallback(collect, final);
 }
 
 void Terminal::selectCharset(uint8_t intermediate, uint8_t final) {
-  const CharSet* set = nullptr;
-  CharSets::find(final, set);
-  int g = 0;
-  switch (intermediate) {
-    case '(': g = 0; break;
+    const CharSet* set = nullptr;
+    CharSets::find(final, set);
+    int g = 0;
+    switch (intermediate) {
+    case '(':
+        g = 0;
+        break;
     case ')':
-    case '-': g = 1; break;
+    case '-':
+        g = 1;
+        break;
     case '*':
-    case '.': g = 2; break;
+    case '.':
+        g = 2;
+        break;
     case '+':
-    case '/': g = 3; break;
-    default: return;
-  }
-  setgCharset(g, set);
+    case '/':
+        g = 3;
+        break;
+    default:
+        return;
+    }
+    setgCharset(g, set);
 }
 
 void Terminal::setgCharset(int g, const CharSet* set) {
-  gCharsets[g] = set;
-  if (gLevel == g) charset = set;
+    gCharsets[g] = set;
+    if (gLevel == g)
+        charset = set;
 }
 
 void Terminal::setgLevel(int level) {
-  gLevel = level;
-  gcharset = level;
-  charset = gCharsets[level];
+    gLevel = level;
+    gcharset = level;
+    charset = gCharsets[level];
 }
 
-}  // namespace termkit
+} // namespace termkit

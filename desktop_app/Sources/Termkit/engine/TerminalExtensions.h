@@ -16,24 +16,24 @@ class Terminal;
 /// semantic prompts, bidi presentation) reach the core's dispatch and are handed here.
 /// The defaults log what they drop; an extension overrides the methods it implements.
 class TerminalExtensions {
- public:
-  virtual ~TerminalExtensions() = default;
-  /// `CSI ... u` with a collect of one of `> < = ?`; returns whether it took the sequence.
-  virtual bool handleKittyKeyboardProtocol(Terminal& terminal, const CsiParameters& pars,
-                                           std::span<const uint8_t> collect);
-  /// The data of an APC `G` string.
-  virtual void handleKittyGraphics(Terminal& terminal, std::span<const uint8_t> data);
-  /// A handler for a sixel DCS string, or none.
-  virtual DcsHandler* sixelDcsHandler(Terminal& terminal);
-  /// The body of OSC 133.
-  virtual void oscSemanticPrompt(Terminal& terminal, std::span<const uint8_t> data);
-  /// The bidi state changed; `properties` names which fields (bit 0 support mode,
-  /// 1 autodetect, 2 fallback direction, 3 box mirroring) should reach the paragraph.
-  virtual void applyCurrentBidiStateAtParagraphStart(Terminal& terminal, unsigned properties);
-  /// The active buffer changed.
-  virtual void semanticNoteAlternateScreenSwitch(Terminal& terminal);
-  /// Soft or hard reset: drop any extension state.
-  virtual void reset(Terminal& terminal, bool hard);
+public:
+    virtual ~TerminalExtensions() = default;
+    /// `CSI ... u` with a collect of one of `> < = ?`; returns whether it took the sequence.
+    virtual bool handleKittyKeyboardProtocol(Terminal& terminal, const CsiParameters& pars,
+                                             std::span<const uint8_t> collect);
+    /// The data of an APC `G` string.
+    virtual void handleKittyGraphics(Terminal& terminal, std::span<const uint8_t> data);
+    /// A handler for a sixel DCS string, or none.
+    virtual DcsHandler* sixelDcsHandler(Terminal& terminal);
+    /// The body of OSC 133.
+    virtual void oscSemanticPrompt(Terminal& terminal, std::span<const uint8_t> data);
+    /// The bidi state changed; `properties` names which fields (bit 0 support mode,
+    /// 1 autodetect, 2 fallback direction, 3 box mirroring) should reach the paragraph.
+    virtual void applyCurrentBidiStateAtParagraphStart(Terminal& terminal, unsigned properties);
+    /// The active buffer changed.
+    virtual void semanticNoteAlternateScreenSwitch(Terminal& terminal);
+    /// Soft or hard reset: drop any extension state.
+    virtual void reset(Terminal& terminal, bool hard);
 };
 
-}  // namespace termkit
+} // namespace termkit

@@ -17,229 +17,252 @@ namespace {
 
 // Length of the UTF-8 sequence a lead byte starts, 0 for a byte that starts none.
 int sequenceLength(uint8_t lead) {
-  if (lead >= 0xC0 && lead < 0xE0) return 2;
-  if (lead >= 0xE0 && lead < 0xF0) return 3;
-  if (lead >= 0xF0 && lead < 0xF8) return 4;
-  return 0;
+    if (lead >= 0xC0 && lead < 0xE0)
+        return 2;
+    if (lead >= 0xE0 && lead < 0xF0)
+        return 3;
+    if (lead >= 0xF0 && lead < 0xF8)
+        return 4;
+    return 0;
 }
 
 // Decodes a complete sequence; -1 when it is overlong, a surrogate or beyond Unicode.
 int32_t decode(const uint8_t* s, int length) {
-  int32_t c = s[0] & (0x7F >> length);
-  for (int i = 1; i < length; ++i) c = c << 6 | (s[i] & 0x3F);
-  static constexpr int32_t kMinimum[5] = {0, 0, 0x80, 0x800, 0x10000};
-  if (c < kMinimum[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return -1;
-  return c;
+    int32_t c = s[0] & (0x7F >> length);
+    for (int i = 1; i < length; ++i)
+        c = c << 6 | (s[i] & 0x3F);
+    static constexpr int32_t kMinimum[5] = {0, 0, 0x80, 0x800, 0x10000};
+    if (c < kMinimum[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
+        return -1;
+    return c;
 }
 
 // Decodes a complete two- or three-byte sequence at `i` into `c` (-1 when it is overlong or
 // a surrogate) and returns its length; 0 for anything else, left to the general decoder.
 inline int decodeShort(const uint8_t* p, int n, int i, int32_t& c) {
-  const uint8_t lead = p[i];
-  if (lead >= 0xC2 && lead < 0xE0 && i + 1 < n && (p[i + 1] & 0xC0) == 0x80) {
-    c = (lead & 0x1F) << 6 | (p[i + 1] & 0x3F);
-    return 2;
-  }
-  if (lead >= 0xE0 && lead < 0xF0 && i + 2 < n && (p[i + 1] & 0xC0) == 0x80 && (p[i + 2] & 0xC0) == 0x80) {
-    c = (lead & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
-    if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF)) c = -1;
-    return 3;
-  }
-  return 0;
+    const uint8_t lead = p[i];
+    if (lead >= 0xC2 && lead < 0xE0 && i + 1 < n && (p[i + 1] & 0xC0) == 0x80) {
+        c = (lead & 0x1F) << 6 | (p[i + 1] & 0x3F);
+        return 2;
+    }
+    if (lead >= 0xE0 && lead < 0xF0 && i + 2 < n && (p[i + 1] & 0xC0) == 0x80 && (p[i + 2] & 0xC0) == 0x80) {
+        c = (lead & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
+        if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF))
+            c = -1;
+        return 3;
+    }
+    return 0;
 }
 
 // Writes one scalar as UTF-8 (up to four bytes) and returns the length.
 size_t encodeUtf8(char32_t c, char* out) {
-  if (c < 0x80) {
-    out[0] = static_cast<char>(c);
-    return 1;
-  }
-  if (c < 0x800) {
-    out[0] = static_cast<char>(0xC0 | (c >> 6));
-    out[1] = static_cast<char>(0x80 | (c & 0x3F));
-    return 2;
-  }
-  if (c < 0x10000) {
-    out[0] = static_cast<char>(0xE0 | (c >> 12));
-    out[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out[2] = static_cast<char>(0x80 | (c & 0x3F));
-    return 3;
-  }
-  out[0] = static_cast<char>(0xF0 | (c >> 18));
-  out[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-  out[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-  out[3] = static_cast<char>(0x80 | (c & 0x3F));
-  return 4;
+    if (c < 0x80) {
+        out[0] = static_cast<char>(c);
+        return 1;
+    }
+    if (c < 0x800) {
+        out[0] = static_cast<char>(0xC0 | (c >> 6));
+        out[1] = static_cast<char>(0x80 | (c & 0x3F));
+        return 2;
+    }
+    if (c < 0x10000) {
+        out[0] = static_cast<char>(0xE0 | (c >> 12));
+        out[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        out[2] = static_cast<char>(0x80 | (c & 0x3F));
+        return 3;
+    }
+    out[0] = static_cast<char>(0xF0 | (c >> 18));
+    out[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    out[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out[3] = static_cast<char>(0x80 | (c & 0x3F));
+    return 4;
 }
 
 // Scalars of a UTF-8 cluster.
 void decodeAll(std::string_view s, std::u32string& out) {
-  out.clear();
-  const auto* p = reinterpret_cast<const uint8_t*>(s.data());
-  const auto* end = p + s.size();
-  while (p < end) {
-    const int n = *p < 0x80 ? 1 : std::max(sequenceLength(*p), 1);
-    if (n == 1 || end - p < n) {
-      out.push_back(*p);
-      ++p;
-      continue;
+    out.clear();
+    const auto* p = reinterpret_cast<const uint8_t*>(s.data());
+    const auto* end = p + s.size();
+    while (p < end) {
+        const int n = *p < 0x80 ? 1 : std::max(sequenceLength(*p), 1);
+        if (n == 1 || end - p < n) {
+            out.push_back(*p);
+            ++p;
+            continue;
+        }
+        out.push_back(static_cast<char32_t>(decode(p, n)));
+        p += n;
     }
-    out.push_back(static_cast<char32_t>(decode(p, n)));
-    p += n;
-  }
 }
 
-}  // namespace
+} // namespace
 
 int32_t Terminal::decodeSlow(const uint8_t* p, int n, int& i) {
-  const uint8_t byte = p[i];
-  const int length = sequenceLength(byte);
-  if (length == 0) {
-    // Continuation bytes and bytes that start nothing have no width: skipped.
-    ++i;
-    return -1;
-  }
-  if (n - i < length) {
-    // Cut by the end of the chunk: keep the valid start for the next one.
-    int k = 1;
-    while (i + k < n && (p[i + k] & 0xC0) == 0x80) ++k;
-    if (i + k == n) {
-      std::copy(p + i, p + n, m_carried.begin());
-      m_carriedCount = n - i;
-      i = n;
-      return kCarried;
+    const uint8_t byte = p[i];
+    const int length = sequenceLength(byte);
+    if (length == 0) {
+        // Continuation bytes and bytes that start nothing have no width: skipped.
+        ++i;
+        return -1;
     }
-    i += k;
-    return -1;
-  }
-  int k = 1;
-  while (k < length && (p[i + k] & 0xC0) == 0x80) ++k;
-  if (k < length) {
-    // A bad continuation rejects the lead; the good bytes read so far stay consumed and
-    // the offending byte is read again as the start of what follows.
-    i += k;
-    return -1;
-  }
-  const int32_t c = decode(p + i, length);
-  i += length;
-  return c;
+    if (n - i < length) {
+        // Cut by the end of the chunk: keep the valid start for the next one.
+        int k = 1;
+        while (i + k < n && (p[i + k] & 0xC0) == 0x80)
+            ++k;
+        if (i + k == n) {
+            std::copy(p + i, p + n, m_carried.begin());
+            m_carriedCount = n - i;
+            i = n;
+            return kCarried;
+        }
+        i += k;
+        return -1;
+    }
+    int k = 1;
+    while (k < length && (p[i + k] & 0xC0) == 0x80)
+        ++k;
+    if (k < length) {
+        // A bad continuation rejects the lead; the good bytes read so far stay consumed and
+        // the offending byte is read again as the start of what follows.
+        i += k;
+        return -1;
+    }
+    const int32_t c = decode(p + i, length);
+    i += length;
+    return c;
 }
 
-void Terminal::print(std::span<const uint8_t> data) { handlePrint(data); }
+void Terminal::print(std::span<const uint8_t> data) {
+    handlePrint(data);
+}
 
-void Terminal::printStateReset() { m_carriedCount = 0; }
+void Terminal::printStateReset() {
+    m_carriedCount = 0;
+}
 
 void Terminal::handlePrint(std::span<const uint8_t> data) {
-  ensureAttributes();
-  Buffer& b = *m_buffer;
-  const uint8_t* p = data.data();
-  const int n = static_cast<int>(data.size());
-  const uint16_t payload = activeHyperlink ? resolveActiveHyperlink() : 0;
-  // Plain ASCII takes one scan and one bulk write.
-  if (charset == nullptr && m_carriedCount == 0 && allPrintableAscii(p, p + n)) {
+    ensureAttributes();
+    Buffer& b = *m_buffer;
+    const uint8_t* p = data.data();
+    const int n = static_cast<int>(data.size());
+    const uint16_t payload = activeHyperlink ? resolveActiveHyperlink() : 0;
+    // Plain ASCII takes one scan and one bulk write.
+    if (charset == nullptr && m_carriedCount == 0 && allPrintableAscii(p, p + n)) {
+        b.markRows(b.y, b.y);
+        const int taken = b.insertAsciiRun(p, n, payload);
+        if (taken > 0) {
+            m_lastCode = p[taken - 1];
+            m_lastWidth = 1;
+            m_hasLastChar = true;
+        }
+        if (taken == n) {
+            b.markRows(b.y, b.y);
+            return;
+        }
+        printGeneral(p + taken, n - taken, payload);
+        return;
+    }
     b.markRows(b.y, b.y);
-    const int taken = b.insertAsciiRun(p, n, payload);
-    if (taken > 0) {
-      m_lastCode = p[taken - 1];
-      m_lastWidth = 1;
-      m_hasLastChar = true;
-    }
-    if (taken == n) {
-      b.markRows(b.y, b.y);
-      return;
-    }
-    printGeneral(p + taken, n - taken, payload);
-    return;
-  }
-  b.markRows(b.y, b.y);
-  printGeneral(p, n, payload);
-  b.markRows(b.y, b.y);
+    printGeneral(p, n, payload);
+    b.markRows(b.y, b.y);
 }
 
 // The common case of the print path, done inline: a scalar that joins nothing, after a
 // cell that asks for nothing, that fits on the current row. The row stays cached across a
 // run of such scalars and is marked changed once. Anything else returns false.
-__attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& row, char32_t scalar, int width,
-                                                                     uint16_t payload) {
-  Buffer& b = *m_buffer;
-  if (b.insertMode) return false;
-  const int x = b.x;
-  const int index = b.yBase + b.y;
-  if (row.line == nullptr || row.index != index) {
-    row.release();
-    row.line = &b.lines[index];
-    row.index = index;
-  }
-  CharData* cells = row.line->cellsForWrite(std::min(x + width, b.cols()));
-  // The cell that a joiner would have called the scalar into: left of the cursor, or at
-  // the start of a wrapped row the last one of the row above. Right after a plain scalar
-  // written here there is nothing to look at.
-  int32_t before = 0;
-  if (x == row.plainEnd) {
-    // A single scalar of non-zero width: neither a joiner nor a cluster ending in one.
-  } else if (x > 0) {
-    int col = std::min(x, b.cols()) - 1;
-    if (cells[col].width == 0 && col > 0) --col;
-    before = cells[col].code;
-  } else if (row.line->isWrapped && index > 0) {
-    const CharData* above = std::as_const(b.lines[index - 1]).cells();
-    int col = b.cols() - 1;
-    if (above[col].width == 0 && col > 0) --col;
-    before = above[col].code;
-  }
-  if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner)) return false;
-  if (before >= kCharacterTableBase) {
-    // A stored cluster that ends in a joiner calls for the next scalar.
-    const std::string_view stored = m_tables->characters.stored(before);
-    if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d") return false;
-  }
-  const int32_t code = scalar < 0x10000 ? static_cast<int32_t>(scalar) : m_tables->characters.code(scalar);
-  m_lastCode = code;
-  m_lastWidth = width;
-  m_hasLastChar = true;
-  const int right = b.marginMode ? b.marginRight : b.cols() - 1;
-  if (x + width - 1 > right) {
-    // Wrapping, margins and the edge: the buffer's general writer decides.
-    row.release();
-    b.insertCharacter(code, width, payload);
+__attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& row, char32_t scalar,
+                                                                      int width, uint16_t payload) {
+    Buffer& b = *m_buffer;
+    if (b.insertMode)
+        return false;
+    const int x = b.x;
+    const int index = b.yBase + b.y;
+    if (row.line == nullptr || row.index != index) {
+        row.release();
+        row.line = &b.lines[index];
+        row.index = index;
+    }
+    CharData* cells = row.line->cellsForWrite(std::min(x + width, b.cols()));
+    // The cell that a joiner would have called the scalar into: left of the cursor, or at
+    // the start of a wrapped row the last one of the row above. Right after a plain scalar
+    // written here there is nothing to look at.
+    int32_t before = 0;
+    if (x == row.plainEnd) {
+        // A single scalar of non-zero width: neither a joiner nor a cluster ending in one.
+    } else if (x > 0) {
+        int col = std::min(x, b.cols()) - 1;
+        if (cells[col].width == 0 && col > 0)
+            --col;
+        before = cells[col].code;
+    } else if (row.line->isWrapped && index > 0) {
+        const CharData* above = std::as_const(b.lines[index - 1]).cells();
+        int col = b.cols() - 1;
+        if (above[col].width == 0 && col > 0)
+            --col;
+        before = above[col].code;
+    }
+    if (before == static_cast<int32_t>(UnicodeUtil::kZeroWidthJoiner))
+        return false;
+    if (before >= kCharacterTableBase) {
+        // A stored cluster that ends in a joiner calls for the next scalar.
+        const std::string_view stored = m_tables->characters.stored(before);
+        if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d")
+            return false;
+    }
+    const int32_t code = scalar < 0x10000 ? static_cast<int32_t>(scalar) : m_tables->characters.code(scalar);
+    m_lastCode = code;
+    m_lastWidth = width;
+    m_hasLastChar = true;
+    const int right = b.marginMode ? b.marginRight : b.cols() - 1;
+    if (x + width - 1 > right) {
+        // Wrapping, margins and the edge: the buffer's general writer decides.
+        row.release();
+        b.insertCharacter(code, width, payload);
+        return true;
+    }
+    cells[x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
+    if (width == 2)
+        cells[x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
+    b.x = x + width;
+    row.plainEnd = b.x;
     return true;
-  }
-  cells[x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
-  if (width == 2) cells[x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
-  b.x = x + width;
-  row.plainEnd = b.x;
-  return true;
 }
 
 // Writes the cluster of a cell's code into `out` as UTF-8 and returns its length, or a
 // length beyond `room` when it would not fit there.
 size_t Terminal::cellCluster(int32_t code, char* out, size_t room) const {
-  if (code >= kCharacterTableBase) {
-    const std::string_view stored = m_tables->characters.stored(code);
-    if (stored.size() > room) return room + 1;
-    std::memcpy(out, stored.data(), stored.size());
-    return stored.size();
-  }
-  return code != 0 ? encodeUtf8(static_cast<char32_t>(code), out) : 0;
+    if (code >= kCharacterTableBase) {
+        const std::string_view stored = m_tables->characters.stored(code);
+        if (stored.size() > room)
+            return room + 1;
+        std::memcpy(out, stored.data(), stored.size());
+        return stored.size();
+    }
+    return code != 0 ? encodeUtf8(static_cast<char32_t>(code), out) : 0;
 }
 
 // Copies the marks that directly follow `i` in the chunk into `out` (after `length` bytes)
 // as long as each one extends any cluster and has no width, and returns where they end.
 // Stops before anything else, a sequence cut by the chunk, or when `out` would overflow.
 int Terminal::extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length) {
-  while (i < n) {
-    int32_t c = -1;
-    const int bytes = decodeShort(p, n, i, c);
-    if (bytes == 0 || c < 0) break;
-    const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
-    if ((info & UnicodeUtil::kWidthMask) != 1 || (info & UnicodeUtil::kExtendsCluster) == 0) break;
-    if (c == UnicodeUtil::kTextSelector || c == UnicodeUtil::kEmojiSelector) break;
-    if (length + bytes > capacity) break;
-    std::memcpy(out + length, p + i, bytes);
-    length += bytes;
-    i += bytes;
-  }
-  return i;
+    while (i < n) {
+        int32_t c = -1;
+        const int bytes = decodeShort(p, n, i, c);
+        if (bytes == 0 || c < 0)
+            break;
+        const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+        if ((info & UnicodeUtil::kWidthMask) != 1 || (info & UnicodeUtil::kExtendsCluster) == 0)
+            break;
+        if (c == UnicodeUtil::kTextSelector || c == UnicodeUtil::kEmojiSelector)
+            break;
+        if (length + bytes > capacity)
+            break;
+        std::memcpy(out + length, p + i, bytes);
+        length += bytes;
+        i += bytes;
+    }
+    return i;
 }
 
 // A zero-width scalar other than a presentation selector, joined to the cell before the
@@ -247,286 +270,321 @@ int Terminal::extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_
 // false when the cell before is not on this row, leaving the case to the general path.
 // Marks that extend any cluster always append to it, so when more of them follow in the
 // chunk the whole cluster is built at once and only it is stored, not every step to it.
-__attribute__((always_inline)) inline bool Terminal::joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info,
-                                                                  const uint8_t* p, int n, int& i) {
-  Buffer& b = *m_buffer;
-  const int x = b.x;
-  if (x == 0) return false;
-  const int index = b.yBase + b.y;
-  if (row.line == nullptr || row.index != index) {
-    row.release();
-    row.line = &b.lines[index];
-    row.index = index;
-  }
-  CharData* cells = row.line->cellsForWrite(std::min(x, b.cols()));
-  int col = std::min(x, b.cols()) - 1;
-  if (cells[col].width == 0 && col > 0) --col;
-  const int32_t target = cells[col].code;
-  row.plainEnd = -1;
-  // Building the whole cluster only pays when a two- or three-byte sequence follows.
-  if ((info & UnicodeUtil::kExtendsCluster) != 0 && i < n && p[i] >= 0xC2 && p[i] < 0xF0) {
-    char cluster[64];
-    size_t length = cellCluster(target, cluster, sizeof cluster - 4);
-    if (length <= sizeof cluster - 4) {
-      length += encodeUtf8(scalar, cluster + length);
-      const size_t first = length;
-      const int end = extendingMarksEnd(p, n, i, cluster, sizeof cluster, length);
-      if (length > first) {
-        cells[col].code = m_tables->characters.code(std::string_view(cluster, length));
-        i = end;
-        return true;
-      }
+__attribute__((always_inline)) inline bool
+Terminal::joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i) {
+    Buffer& b = *m_buffer;
+    const int x = b.x;
+    if (x == 0)
+        return false;
+    const int index = b.yBase + b.y;
+    if (row.line == nullptr || row.index != index) {
+        row.release();
+        row.line = &b.lines[index];
+        row.index = index;
     }
-  }
-  const int32_t joined = joinedCode(target, scalar);
-  // Not one cluster: a zero-width scalar has nowhere to go and is dropped.
-  if (joined >= 0) cells[col].code = joined;
-  return true;
+    CharData* cells = row.line->cellsForWrite(std::min(x, b.cols()));
+    int col = std::min(x, b.cols()) - 1;
+    if (cells[col].width == 0 && col > 0)
+        --col;
+    const int32_t target = cells[col].code;
+    row.plainEnd = -1;
+    // Building the whole cluster only pays when a two- or three-byte sequence follows.
+    if ((info & UnicodeUtil::kExtendsCluster) != 0 && i < n && p[i] >= 0xC2 && p[i] < 0xF0) {
+        char cluster[64];
+        size_t length = cellCluster(target, cluster, sizeof cluster - 4);
+        if (length <= sizeof cluster - 4) {
+            length += encodeUtf8(scalar, cluster + length);
+            const size_t first = length;
+            const int end = extendingMarksEnd(p, n, i, cluster, sizeof cluster, length);
+            if (length > first) {
+                cells[col].code = m_tables->characters.code(std::string_view(cluster, length));
+                i = end;
+                return true;
+            }
+        }
+    }
+    const int32_t joined = joinedCode(target, scalar);
+    // Not one cluster: a zero-width scalar has nowhere to go and is dropped.
+    if (joined >= 0)
+        cells[col].code = joined;
+    return true;
 }
 
 // Finishes the character the previous chunk cut; false when this chunk ended inside it too.
 bool Terminal::finishCarried(const uint8_t* p, int n, int& i, uint16_t payload) {
-  const int length = sequenceLength(m_carried[0]);
-  while (m_carriedCount < length && i < n && (p[i] & 0xC0) == 0x80) m_carried[m_carriedCount++] = p[i++];
-  if (m_carriedCount < length && i == n) return false;
-  const int32_t c = m_carriedCount == length ? decode(m_carried.data(), length) : -1;
-  m_carriedCount = 0;
-  if (c >= 0) {
-    const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
-    const int width = (info & UnicodeUtil::kWidthMask) - 1;
-    if (width >= 0 && !tryJoin(static_cast<char32_t>(c), width, info)) {
-      if (width > 0) printScalar(static_cast<char32_t>(c), width, payload);
+    const int length = sequenceLength(m_carried[0]);
+    while (m_carriedCount < length && i < n && (p[i] & 0xC0) == 0x80)
+        m_carried[m_carriedCount++] = p[i++];
+    if (m_carriedCount < length && i == n)
+        return false;
+    const int32_t c = m_carriedCount == length ? decode(m_carried.data(), length) : -1;
+    m_carriedCount = 0;
+    if (c >= 0) {
+        const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+        const int width = (info & UnicodeUtil::kWidthMask) - 1;
+        if (width >= 0 && !tryJoin(static_cast<char32_t>(c), width, info)) {
+            if (width > 0)
+                printScalar(static_cast<char32_t>(c), width, payload);
+        }
     }
-  }
-  return true;
+    return true;
 }
 
 // An ASCII byte at `i`: through the character set when one is active, otherwise the whole
 // run of printable ASCII that starts there (a control or DEL inside a print run is skipped).
 void Terminal::printAscii(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload) {
-  Buffer& b = *m_buffer;
-  const uint8_t byte = p[i];
-  if (charset != nullptr) {
-    row.release();
-    const char32_t mapped = charset->lookup(byte);
-    if (mapped != 0) {
-      printScalar(mapped, 1, payload);
-    } else if (byte >= 0x20 && byte < 0x7F) {
-      printScalar(byte, 1, payload);
+    Buffer& b = *m_buffer;
+    const uint8_t byte = p[i];
+    if (charset != nullptr) {
+        row.release();
+        const char32_t mapped = charset->lookup(byte);
+        if (mapped != 0) {
+            printScalar(mapped, 1, payload);
+        } else if (byte >= 0x20 && byte < 0x7F) {
+            printScalar(byte, 1, payload);
+        }
+        ++i;
+        return;
     }
-    ++i;
-    return;
-  }
-  // A run of printable ASCII goes through the bulk writer; anything else is skipped.
-  const uint8_t* runEnd = findNonPrintableAscii(p + i, p + n);
-  const int run = static_cast<int>(runEnd - (p + i));
-  if (run == 0) {
-    ++i;
-    return;
-  }
-  // ASCII never joins the cell before it, so a run that fits goes straight into the
-  // cached row; longer runs take the bulk writer, which wraps.
-  const int right = b.marginMode ? b.marginRight : b.cols() - 1;
-  if (!b.insertMode && b.x + run - 1 <= right) {
-    const int index = b.yBase + b.y;
-    if (row.line == nullptr || row.index != index) {
-      row.release();
-      row.line = &b.lines[index];
-      row.index = index;
+    // A run of printable ASCII goes through the bulk writer; anything else is skipped.
+    const uint8_t* runEnd = findNonPrintableAscii(p + i, p + n);
+    const int run = static_cast<int>(runEnd - (p + i));
+    if (run == 0) {
+        ++i;
+        return;
     }
-    writeAsciiCells(row.line->cellsForWrite(b.x + run) + b.x, p + i, run,
-                    CharData{0, b.curAttr, payload, 1, b.semanticContent});
-    b.x += run;
-    row.plainEnd = b.x;
-  } else {
-    row.release();
-    const int taken = b.insertAsciiRun(p + i, run, payload);
-    for (int k = taken; k < run; ++k) printScalar(p[i + k], 1, payload);
-  }
-  m_lastCode = p[i + run - 1];
-  m_lastWidth = 1;
-  m_hasLastChar = true;
-  i += run;
+    // ASCII never joins the cell before it, so a run that fits goes straight into the
+    // cached row; longer runs take the bulk writer, which wraps.
+    const int right = b.marginMode ? b.marginRight : b.cols() - 1;
+    if (!b.insertMode && b.x + run - 1 <= right) {
+        const int index = b.yBase + b.y;
+        if (row.line == nullptr || row.index != index) {
+            row.release();
+            row.line = &b.lines[index];
+            row.index = index;
+        }
+        writeAsciiCells(row.line->cellsForWrite(b.x + run) + b.x, p + i, run,
+                        CharData{0, b.curAttr, payload, 1, b.semanticContent});
+        b.x += run;
+        row.plainEnd = b.x;
+    } else {
+        row.release();
+        const int taken = b.insertAsciiRun(p + i, run, payload);
+        for (int k = taken; k < run; ++k)
+            printScalar(p[i + k], 1, payload);
+    }
+    m_lastCode = p[i + run - 1];
+    m_lastWidth = 1;
+    m_hasLastChar = true;
+    i += run;
 }
 
 void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
-  int i = 0;
-  if (m_carriedCount > 0 && !finishCarried(p, n, i, payload)) return;
-  RowCache row;
-  while (i < n) {
-    const uint8_t byte = p[i];
-    if (byte < 0x80) {
-      printAscii(row, p, n, i, payload);
-      continue;
-    }
-    int32_t c = -1;
-    if (const int length = decodeShort(p, n, i, c); length > 0) {
-      i += length;
-      if (c < 0) continue;
-    } else {
-      c = decodeSlow(p, n, i);
-      if (c == kCarried) {
-        row.release();
+    int i = 0;
+    if (m_carriedCount > 0 && !finishCarried(p, n, i, payload))
         return;
-      }
-      if (c < 0) continue;
-    }
-    const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
-    const int width = (info & UnicodeUtil::kWidthMask) - 1;
-    if (width < 0) continue;
-    if (width > 0 && (info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) == 0 &&
-        writePlainScalar(row, static_cast<char32_t>(c), width, payload)) {
-      continue;
-    }
-    if (width == 0 && c != UnicodeUtil::kTextSelector && c != UnicodeUtil::kEmojiSelector &&
-        joinZeroWidth(row, static_cast<char32_t>(c), info, p, n, i)) {
-      continue;
+    RowCache row;
+    while (i < n) {
+        const uint8_t byte = p[i];
+        if (byte < 0x80) {
+            printAscii(row, p, n, i, payload);
+            continue;
+        }
+        int32_t c = -1;
+        if (const int length = decodeShort(p, n, i, c); length > 0) {
+            i += length;
+            if (c < 0)
+                continue;
+        } else {
+            c = decodeSlow(p, n, i);
+            if (c == kCarried) {
+                row.release();
+                return;
+            }
+            if (c < 0)
+                continue;
+        }
+        const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+        const int width = (info & UnicodeUtil::kWidthMask) - 1;
+        if (width < 0)
+            continue;
+        if (width > 0 && (info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) == 0 &&
+            writePlainScalar(row, static_cast<char32_t>(c), width, payload)) {
+            continue;
+        }
+        if (width == 0 && c != UnicodeUtil::kTextSelector && c != UnicodeUtil::kEmojiSelector &&
+            joinZeroWidth(row, static_cast<char32_t>(c), info, p, n, i)) {
+            continue;
+        }
+        row.release();
+        if (tryJoin(static_cast<char32_t>(c), width, info))
+            continue;
+        if (width > 0)
+            printScalar(static_cast<char32_t>(c), width, payload);
     }
     row.release();
-    if (tryJoin(static_cast<char32_t>(c), width, info)) continue;
-    if (width > 0) printScalar(static_cast<char32_t>(c), width, payload);
-  }
-  row.release();
 }
 
 void Terminal::printScalar(char32_t scalar, int width, uint16_t payload) {
-  if (width == 2 && m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow &&
-      UnicodeUtil::isRegionalIndicator(scalar)) {
-    width = 1;
-  }
-  const int32_t code = m_tables->characters.code(scalar);
-  m_buffer->insertCharacter(code, width, payload);
-  m_lastCode = code;
-  m_lastWidth = width;
-  m_hasLastChar = true;
+    if (width == 2 && m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow &&
+        UnicodeUtil::isRegionalIndicator(scalar)) {
+        width = 1;
+    }
+    const int32_t code = m_tables->characters.code(scalar);
+    m_buffer->insertCharacter(code, width, payload);
+    m_lastCode = code;
+    m_lastWidth = width;
+    m_hasLastChar = true;
 }
 
 __attribute__((always_inline)) inline int Terminal::combiningTarget(int& lineIndex, BufferLine*& line) const {
-  Buffer& b = *m_buffer;
-  const int row = b.yBase + b.y;
-  int col;
-  if (b.x == 0) {
-    if (row == 0 || !b.lines[row].isWrapped) return -1;
-    lineIndex = row - 1;
-    col = b.cols() - 1;
-  } else {
-    lineIndex = row;
-    col = std::min(b.x, b.cols()) - 1;
-  }
-  line = &b.lines[lineIndex];
-  const CharData* cells = std::as_const(*line).cells();
-  if (cells[col].width == 0 && col > 0) --col;
-  return col;
+    Buffer& b = *m_buffer;
+    const int row = b.yBase + b.y;
+    int col;
+    if (b.x == 0) {
+        if (row == 0 || !b.lines[row].isWrapped)
+            return -1;
+        lineIndex = row - 1;
+        col = b.cols() - 1;
+    } else {
+        lineIndex = row;
+        col = std::min(b.x, b.cols()) - 1;
+    }
+    line = &b.lines[lineIndex];
+    const CharData* cells = std::as_const(*line).cells();
+    if (cells[col].width == 0 && col > 0)
+        --col;
+    return col;
 }
 
 // The last scalar of a stored cluster, and its scalar count as far as it matters here:
 // 0, 1, or 2 for "more than one".
 std::pair<char32_t, int> Terminal::lastScalarOf(int32_t code) {
-  if (code < kCharacterTableBase) return {static_cast<char32_t>(code), code != 0 ? 1 : 0};
-  const std::string_view s = m_tables->characters.stored(code);
-  if (s.empty()) return {0, 0};
-  // Step back over continuation bytes to the start of the last sequence.
-  size_t start = s.size() - 1;
-  while (start > 0 && (static_cast<uint8_t>(s[start]) & 0xC0) == 0x80) --start;
-  const auto* p = reinterpret_cast<const uint8_t*>(s.data()) + start;
-  const int length = static_cast<int>(s.size() - start);
-  const int32_t last = length == 1 ? p[0] : decode(p, length);
-  return {last < 0 ? 0 : static_cast<char32_t>(last), start == 0 ? 1 : 2};
+    if (code < kCharacterTableBase)
+        return {static_cast<char32_t>(code), code != 0 ? 1 : 0};
+    const std::string_view s = m_tables->characters.stored(code);
+    if (s.empty())
+        return {0, 0};
+    // Step back over continuation bytes to the start of the last sequence.
+    size_t start = s.size() - 1;
+    while (start > 0 && (static_cast<uint8_t>(s[start]) & 0xC0) == 0x80)
+        --start;
+    const auto* p = reinterpret_cast<const uint8_t*>(s.data()) + start;
+    const int length = static_cast<int>(s.size() - start);
+    const int32_t last = length == 1 ? p[0] : decode(p, length);
+    return {last < 0 ? 0 : static_cast<char32_t>(last), start == 0 ? 1 : 2};
 }
 
 int32_t Terminal::joinedCode(int32_t targetCode, char32_t scalar) {
-  // Joining is a pure function of the stored cluster and the scalar, and the character
-  // table never forgets, so recent answers are kept in a small two-way cache: each key has
-  // two places side by side, the newer answer in front.
-  const uint64_t key = static_cast<uint64_t>(static_cast<uint32_t>(targetCode)) << 21 | scalar;
-  if (m_joinCache.empty()) m_joinCache.resize(size_t(1) << kJoinCacheBits);
-  JoinCacheEntry* pair = &m_joinCache[((key * 0x9E3779B97F4A7C15ull) >> (64 - kJoinCacheBits)) & ~size_t(1)];
-  if (pair[0].key == key) return pair[0].code;
-  if (pair[1].key == key) {
-    std::swap(pair[0], pair[1]);
-    return pair[0].code;
-  }
-  // Extenders, joiners and spacing marks continue any cluster that is not a control, and
-  // cells never hold controls: only other scalars need the full boundary rules.
-  bool joins = targetCode == 0 || (UnicodeUtil::info(scalar) & UnicodeUtil::kExtendsCluster) != 0;
-  if (!joins) {
-    m_joinScratch.clear();
-    m_tables->characters.appendCharacter(targetCode, m_joinScratch);
-    decodeAll(m_joinScratch, m_scalarScratch);
-    joins = UnicodeUtil::continuesCluster(m_scalarScratch.data(), static_cast<int>(m_scalarScratch.size()), scalar);
-  }
-  int32_t result = -1;
-  if (joins) {
-    // The joined cluster is built in a stack buffer; only very long ones need the heap.
-    char buffer[64];
-    size_t length = cellCluster(targetCode, buffer, sizeof buffer - 4);
-    if (length <= sizeof buffer - 4) {
-      length += encodeUtf8(scalar, buffer + length);
-      result = m_tables->characters.code(std::string_view(buffer, length));
-    } else {
-      m_joinScratch.clear();
-      m_tables->characters.appendCharacter(targetCode, m_joinScratch);
-      appendUtf8(scalar, m_joinScratch);
-      result = m_tables->characters.code(std::string_view(m_joinScratch));
+    // Joining is a pure function of the stored cluster and the scalar, and the character
+    // table never forgets, so recent answers are kept in a small two-way cache: each key has
+    // two places side by side, the newer answer in front.
+    const uint64_t key = static_cast<uint64_t>(static_cast<uint32_t>(targetCode)) << 21 | scalar;
+    if (m_joinCache.empty())
+        m_joinCache.resize(size_t(1) << kJoinCacheBits);
+    JoinCacheEntry* pair =
+        &m_joinCache[((key * 0x9E3779B97F4A7C15ull) >> (64 - kJoinCacheBits)) & ~size_t(1)];
+    if (pair[0].key == key)
+        return pair[0].code;
+    if (pair[1].key == key) {
+        std::swap(pair[0], pair[1]);
+        return pair[0].code;
     }
-  }
-  pair[1] = pair[0];
-  pair[0] = {key, result};
-  return result;
+    // Extenders, joiners and spacing marks continue any cluster that is not a control, and
+    // cells never hold controls: only other scalars need the full boundary rules.
+    bool joins = targetCode == 0 || (UnicodeUtil::info(scalar) & UnicodeUtil::kExtendsCluster) != 0;
+    if (!joins) {
+        m_joinScratch.clear();
+        m_tables->characters.appendCharacter(targetCode, m_joinScratch);
+        decodeAll(m_joinScratch, m_scalarScratch);
+        joins = UnicodeUtil::continuesCluster(m_scalarScratch.data(),
+                                              static_cast<int>(m_scalarScratch.size()), scalar);
+    }
+    int32_t result = -1;
+    if (joins) {
+        // The joined cluster is built in a stack buffer; only very long ones need the heap.
+        char buffer[64];
+        size_t length = cellCluster(targetCode, buffer, sizeof buffer - 4);
+        if (length <= sizeof buffer - 4) {
+            length += encodeUtf8(scalar, buffer + length);
+            result = m_tables->characters.code(std::string_view(buffer, length));
+        } else {
+            m_joinScratch.clear();
+            m_tables->characters.appendCharacter(targetCode, m_joinScratch);
+            appendUtf8(scalar, m_joinScratch);
+            result = m_tables->characters.code(std::string_view(m_joinScratch));
+        }
+    }
+    pair[1] = pair[0];
+    pair[0] = {key, result};
+    return result;
 }
 
 bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
-  const bool narrowIndicators = m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow;
-  const bool regional = (info & UnicodeUtil::kRegionalIndicator) != 0;
-  if (width == 2 && narrowIndicators && regional) width = 1;
-  bool wants = (info & UnicodeUtil::kJoins) != 0;
-  int lineIndex = 0;
-  BufferLine* targetLine = nullptr;
-  const int col = combiningTarget(lineIndex, targetLine);
-  if (col < 0) return wants && width == 0;  // nothing to join: a zero-width scalar is dropped
-  Buffer& b = *m_buffer;
-  BufferLine& line = *targetLine;
-  CharData& target = line.cellsForWrite(std::min(col + 2, b.cols()))[col];
-  if (!wants) {
-    // Only a joiner at the end of the cell before, or a first flag letter, calls for more.
-    if (target.code < kCharacterTableBase) {
-      const auto last = static_cast<char32_t>(target.code);
-      wants = last == UnicodeUtil::kZeroWidthJoiner || (regional && UnicodeUtil::isRegionalIndicator(last));
-    } else {
-      const auto [last, count] = lastScalarOf(target.code);
-      wants = last == UnicodeUtil::kZeroWidthJoiner || (regional && count == 1 && UnicodeUtil::isRegionalIndicator(last));
+    const bool narrowIndicators = m_options.regionalIndicatorWidth == RegionalIndicatorWidth::narrow;
+    const bool regional = (info & UnicodeUtil::kRegionalIndicator) != 0;
+    if (width == 2 && narrowIndicators && regional)
+        width = 1;
+    bool wants = (info & UnicodeUtil::kJoins) != 0;
+    int lineIndex = 0;
+    BufferLine* targetLine = nullptr;
+    const int col = combiningTarget(lineIndex, targetLine);
+    if (col < 0)
+        return wants && width == 0; // nothing to join: a zero-width scalar is dropped
+    Buffer& b = *m_buffer;
+    BufferLine& line = *targetLine;
+    CharData& target = line.cellsForWrite(std::min(col + 2, b.cols()))[col];
+    if (!wants) {
+        // Only a joiner at the end of the cell before, or a first flag letter, calls for more.
+        if (target.code < kCharacterTableBase) {
+            const auto last = static_cast<char32_t>(target.code);
+            wants =
+                last == UnicodeUtil::kZeroWidthJoiner || (regional && UnicodeUtil::isRegionalIndicator(last));
+        } else {
+            const auto [last, count] = lastScalarOf(target.code);
+            wants = last == UnicodeUtil::kZeroWidthJoiner ||
+                    (regional && count == 1 && UnicodeUtil::isRegionalIndicator(last));
+        }
+        if (!wants)
+            return false;
     }
-    if (!wants) return false;
-  }
-  const bool selector = scalar == UnicodeUtil::kTextSelector || scalar == UnicodeUtil::kEmojiSelector;
-  char32_t last = 0;
-  int count = 0;
-  if (selector || regional) std::tie(last, count) = lastScalarOf(target.code);
-  // A selector after something that takes none is ignored altogether.
-  if (selector && !UnicodeUtil::isEmojiVariationBase(last)) return true;
-  const int32_t joined = joinedCode(target.code, scalar);
-  if (joined < 0) return width == 0;  // not one cluster: a zero-width scalar is dropped, others print alone
-  auto widen = [&]() {
-    // The next cell becomes the right half, and the cursor moves past it.
-    if (col + 1 >= b.cols()) return;
-    line.cellsForWrite(col + 2)[col + 1] = CharData{0, target.attribute, target.payload, 0, target.semanticContentCode};
-    target.width = 2;
-    if (lineIndex == b.yBase + b.y) b.x = std::min(b.x + 1, b.cols());
-  };
-  if (scalar == UnicodeUtil::kTextSelector && target.width == 2) {
-    target.width = 1;
-    if (lineIndex == b.yBase + b.y && b.x > 0) --b.x;
-  } else if (scalar == UnicodeUtil::kEmojiSelector && target.width == 1) {
-    widen();
-  } else if (regional && narrowIndicators && count == 1 && UnicodeUtil::isRegionalIndicator(last) &&
-             target.width == 1) {
-    widen();
-  }
-  target.code = joined;
-  line.touch();
-  // The cursor row is marked by the print call; a join onto the row above marks that too.
-  if (lineIndex != b.yBase + b.y) b.markRows(std::max(lineIndex - b.yBase, 0), b.y);
-  return true;
+    const bool selector = scalar == UnicodeUtil::kTextSelector || scalar == UnicodeUtil::kEmojiSelector;
+    char32_t last = 0;
+    int count = 0;
+    if (selector || regional)
+        std::tie(last, count) = lastScalarOf(target.code);
+    // A selector after something that takes none is ignored altogether.
+    if (selector && !UnicodeUtil::isEmojiVariationBase(last))
+        return true;
+    const int32_t joined = joinedCode(target.code, scalar);
+    if (joined < 0)
+        return width == 0; // not one cluster: a zero-width scalar is dropped, others print alone
+    auto widen = [&]() {
+        // The next cell becomes the right half, and the cursor moves past it.
+        if (col + 1 >= b.cols())
+            return;
+        line.cellsForWrite(col + 2)[col + 1] =
+            CharData{0, target.attribute, target.payload, 0, target.semanticContentCode};
+        target.width = 2;
+        if (lineIndex == b.yBase + b.y)
+            b.x = std::min(b.x + 1, b.cols());
+    };
+    if (scalar == UnicodeUtil::kTextSelector && target.width == 2) {
+        target.width = 1;
+        if (lineIndex == b.yBase + b.y && b.x > 0)
+            --b.x;
+    } else if (scalar == UnicodeUtil::kEmojiSelector && target.width == 1) {
+        widen();
+    } else if (regional && narrowIndicators && count == 1 && UnicodeUtil::isRegionalIndicator(last) &&
+               target.width == 1) {
+        widen();
+    }
+    target.code = joined;
+    line.touch();
+    // The cursor row is marked by the print call; a join onto the row above marks that too.
+    if (lineIndex != b.yBase + b.y)
+        b.markRows(std::max(lineIndex - b.yBase, 0), b.y);
+    return true;
 }
 
-}  // namespace termkit
+} // namespace termkit

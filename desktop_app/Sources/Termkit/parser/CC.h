@@ -5,7 +5,7 @@ namespace termkit {
 
 /// Whether replies to the child use 8-bit C1 controls (0x9B) or their 7-bit forms (ESC [).
 struct CC {
-  bool send8bit = false;
+    bool send8bit = false;
 };
 
-}  // namespace termkit
+} // namespace termkit

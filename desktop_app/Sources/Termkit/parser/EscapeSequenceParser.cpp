@@ -18,384 +18,415 @@ constexpr uint8_t kSub = 0x1A;
 constexpr uint8_t kEsc = 0x1B;
 
 std::span<const uint8_t> slice(const uint8_t* data, int start, int end) {
-  return {data + start, static_cast<size_t>(end - start)};
+    return {data + start, static_cast<size_t>(end - start)};
 }
 
-}  // namespace
+} // namespace
 
 std::optional<int64_t> parseDecimal(std::span<const uint8_t> digits) {
-  if (digits.empty()) return std::nullopt;
-  constexpr int64_t kLimit = INT64_MAX;
-  int64_t value = 0;
-  for (uint8_t c : digits) {
-    if (c < '0' || c > '9') return std::nullopt;
-    const int d = c - '0';
-    if (value > (kLimit - d) / 10) return std::nullopt;
-    value = value * 10 + d;
-  }
-  return value;
+    if (digits.empty())
+        return std::nullopt;
+    constexpr int64_t kLimit = INT64_MAX;
+    int64_t value = 0;
+    for (uint8_t c : digits) {
+        if (c < '0' || c > '9')
+            return std::nullopt;
+        const int d = c - '0';
+        if (value > (kLimit - d) / 10)
+            return std::nullopt;
+        value = value * 10 + d;
+    }
+    return value;
 }
 
 EscapeSequenceParser::EscapeSequenceParser(ParserDelegate* target)
     : terminal(target), table(sharedVt500Table()) {
-  // Capacity for the usual sizes up front, so that steady parsing never allocates.
-  _collect.bytes.reserve(16);
-  _collect.spare.reserve(16);
-  _osc.bytes.reserve(256);
-  _osc.spare.reserve(256);
-  // Before a terminal installs its own, an unknown CSI only says what it could not do.
-  csiHandlerFallback = [](std::span<const uint8_t>, uint8_t final, const CsiParameters&) {
-    std::printf("Cannot handle ESC-%c\n", static_cast<char>(final));
-  };
+    // Capacity for the usual sizes up front, so that steady parsing never allocates.
+    _collect.bytes.reserve(16);
+    _collect.spare.reserve(16);
+    _osc.bytes.reserve(256);
+    _osc.spare.reserve(256);
+    // Before a terminal installs its own, an unknown CSI only says what it could not do.
+    csiHandlerFallback = [](std::span<const uint8_t>, uint8_t final, const CsiParameters&) {
+        std::printf("Cannot handle ESC-%c\n", static_cast<char>(final));
+    };
 }
 
 void EscapeSequenceParser::reset() {
-  currentState = initialState;
-  _osc.bytes.clear();
-  _apc.bytes.clear();
-  _collect.bytes.clear();
-  _pars.reset();
-  _parameterLimitExceeded = false;
-  activeDcsHandler = nullptr;
-  if (terminal != nullptr) terminal->printStateReset();
+    currentState = initialState;
+    _osc.bytes.clear();
+    _apc.bytes.clear();
+    _collect.bytes.clear();
+    _pars.reset();
+    _parameterLimitExceeded = false;
+    activeDcsHandler = nullptr;
+    if (terminal != nullptr)
+        terminal->printStateReset();
 }
 
 void EscapeSequenceParser::beginChunk() {
-  _osc.begin();
-  _apc.begin();
-  _collect.begin();
-  m_stateAtStart = currentState;
-  m_parsAtStart = _pars;
-  m_limitAtStart = _parameterLimitExceeded;
-  m_dcsAtStart = activeDcsHandler;
+    _osc.begin();
+    _apc.begin();
+    _collect.begin();
+    m_stateAtStart = currentState;
+    m_parsAtStart = _pars;
+    m_limitAtStart = _parameterLimitExceeded;
+    m_dcsAtStart = activeDcsHandler;
 }
 
 void EscapeSequenceParser::restoreChunkStart() {
-  _osc.restore();
-  _apc.restore();
-  _collect.restore();
-  currentState = m_stateAtStart;
-  _pars = m_parsAtStart;
-  _parameterLimitExceeded = m_limitAtStart;
-  activeDcsHandler = m_dcsAtStart;
+    _osc.restore();
+    _apc.restore();
+    _collect.restore();
+    currentState = m_stateAtStart;
+    _pars = m_parsAtStart;
+    _parameterLimitExceeded = m_limitAtStart;
+    activeDcsHandler = m_dcsAtStart;
 }
 
 void EscapeSequenceParser::clearCollected() {
-  _osc.clear();
-  _apc.clear();
-  _collect.clear();
-  _pars.reset();
-  _parameterLimitExceeded = false;
-}
-
-void EscapeSequenceParser::appendParameterByte(uint8_t code) {
-  if (code == ';' || code == ':') {
-    if (_pars.count < CsiParameters::kMaxCount && !_parameterLimitExceeded) {
-      _pars.separators[_pars.count - 1] = code;
-      _pars.values[_pars.count++] = 0;
-    } else {
-      _parameterLimitExceeded = true;
-    }
-    return;
-  }
-  if (_parameterLimitExceeded) return;
-  // A value never exceeds the maximum, so v * 10 + d cannot overflow; taking the minimum
-  // is the same as saturating once v > (max - d) / 10.
-  const int d = code - '0';
-  int32_t& v = _pars.values[_pars.count - 1];
-  v = std::min(v * 10 + d, CsiParameters::kMaxValue);
-}
-
-void EscapeSequenceParser::dispatchOscString() {
-  const std::vector<uint8_t>& body = _osc.bytes;
-  const auto semicolon = std::find(body.begin(), body.end(), ';');
-  const auto code = parseDecimal(std::span<const uint8_t>(body.data(), semicolon - body.begin()));
-  // A string without a decimal code is dropped without a word: it is nothing we know.
-  if (!code || *code > INT32_MAX) return;
-  std::span<const uint8_t> data;
-  if (semicolon != body.end()) {
-    data = std::span<const uint8_t>(&*semicolon + 1, body.end() - semicolon - 1);
-  }
-  const int number = static_cast<int>(*code);
-  if (auto it = oscHandlers.find(number); it != oscHandlers.end()) {
-    it->second(data);
-    return;
-  }
-  if (terminal != nullptr) terminal->dispatchOsc(number, data);
-}
-
-void EscapeSequenceParser::dispatchApcString() {
-  const std::vector<uint8_t>& body = _apc.bytes;
-  const uint8_t command = body[0];
-  const std::span<const uint8_t> data(body.data() + 1, body.size() - 1);
-  if (command == 'G') {
-    if (terminal != nullptr) terminal->handleKittyGraphics(data);
-  } else if (apcHandlerFallback) {
-    apcHandlerFallback(command, data);
-  }
-}
-
-void EscapeSequenceParser::endString(ParserState state, uint8_t terminator) {
-  const bool cancelled = terminator == kCan || terminator == kSub;
-  if (!cancelled) {
-    if (state == ParserState::apcString) {
-      if (!_apc.bytes.empty()) dispatchApcString();
-    } else if (!_osc.bytes.empty()) {
-      dispatchOscString();
-    }
-  }
-  if (terminal != nullptr) terminal->printStateReset();
-  clearCollected();
-}
-
-void EscapeSequenceParser::hookDcs(uint8_t final) {
-  activeDcsHandler = nullptr;
-  if (_parameterLimitExceeded || terminal == nullptr) return;
-  const std::vector<uint8_t>& collect = _collect.bytes;
-  if (final == 'q' && collect.empty()) {
-    activeDcsHandler = terminal->sixelDcsHandler();
-  } else if (final == 'q' && collect.size() == 1 && collect[0] == '$') {
-    activeDcsHandler = terminal->decrqssDcsHandler();
-  } else if (dscHandlerFallback) {
-    dscHandlerFallback(collect, final);
-  }
-  if (activeDcsHandler != nullptr) activeDcsHandler->hook(collect, _pars, final);
-}
-
-int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) {
-  // Reads `ESC [ marker? params* intermediates* final` in one pass, collecting as it goes.
-  // On anything else it gives up; the table path then starts at the ESC, whose clear
-  // discards what was collected here.
-  int j = i + 1;
-  if (j + 1 >= length || data[j] != '[') return 0;
-  ++j;
-  if (!_osc.bytes.empty() || !_apc.bytes.empty()) {
-    clearCollected();
-  } else {
+    _osc.clear();
+    _apc.clear();
     _collect.clear();
     _pars.reset();
     _parameterLimitExceeded = false;
-  }
-  uint8_t b = data[j];
-  if (b >= 0x3C && b <= 0x3F) {
-    _collect.bytes.push_back(b);
-    ++j;
-  } else if (b == ':') {
-    return 0;  // a colon right after the introducer is an error the table reports
-  }
-  int32_t* values = _pars.values.data();
-  int count = 1;
-  bool limit = false;
-  // The parameter being read stays in a register until its separator; past the limit the
-  // sequence will be dropped, so its values no longer matter.
-  int32_t current = 0;
-  for (; j < length; ++j) {
-    b = data[j];
-    const unsigned digit = static_cast<unsigned>(b) - '0';
-    if (digit <= 9) {
-      current = std::min(current * 10 + static_cast<int32_t>(digit), CsiParameters::kMaxValue);
-    } else if (b == ';' || b == ':') {
-      if (count < CsiParameters::kMaxCount && !limit) {
-        values[count - 1] = current;
-        _pars.separators[count - 1] = b;
-        ++count;
-        current = 0;
-      } else {
-        limit = true;
-      }
-    } else {
-      break;
+}
+
+void EscapeSequenceParser::appendParameterByte(uint8_t code) {
+    if (code == ';' || code == ':') {
+        if (_pars.count < CsiParameters::kMaxCount && !_parameterLimitExceeded) {
+            _pars.separators[_pars.count - 1] = code;
+            _pars.values[_pars.count++] = 0;
+        } else {
+            _parameterLimitExceeded = true;
+        }
+        return;
     }
-  }
-  values[count - 1] = current;
-  _pars.count = count;
-  _parameterLimitExceeded = limit;
-  for (; j < length && data[j] >= 0x20 && data[j] <= 0x2F; ++j) _collect.bytes.push_back(data[j]);
-  if (j >= length || data[j] < 0x40 || data[j] > 0x7E) return 0;
-  return j;
+    if (_parameterLimitExceeded)
+        return;
+    // A value never exceeds the maximum, so v * 10 + d cannot overflow; taking the minimum
+    // is the same as saturating once v > (max - d) / 10.
+    const int d = code - '0';
+    int32_t& v = _pars.values[_pars.count - 1];
+    v = std::min(v * 10 + d, CsiParameters::kMaxValue);
+}
+
+void EscapeSequenceParser::dispatchOscString() {
+    const std::vector<uint8_t>& body = _osc.bytes;
+    const auto semicolon = std::find(body.begin(), body.end(), ';');
+    const auto code = parseDecimal(std::span<const uint8_t>(body.data(), semicolon - body.begin()));
+    // A string without a decimal code is dropped without a word: it is nothing we know.
+    if (!code || *code > INT32_MAX)
+        return;
+    std::span<const uint8_t> data;
+    if (semicolon != body.end()) {
+        data = std::span<const uint8_t>(&*semicolon + 1, body.end() - semicolon - 1);
+    }
+    const int number = static_cast<int>(*code);
+    if (auto it = oscHandlers.find(number); it != oscHandlers.end()) {
+        it->second(data);
+        return;
+    }
+    if (terminal != nullptr)
+        terminal->dispatchOsc(number, data);
+}
+
+void EscapeSequenceParser::dispatchApcString() {
+    const std::vector<uint8_t>& body = _apc.bytes;
+    const uint8_t command = body[0];
+    const std::span<const uint8_t> data(body.data() + 1, body.size() - 1);
+    if (command == 'G') {
+        if (terminal != nullptr)
+            terminal->handleKittyGraphics(data);
+    } else if (apcHandlerFallback) {
+        apcHandlerFallback(command, data);
+    }
+}
+
+void EscapeSequenceParser::endString(ParserState state, uint8_t terminator) {
+    const bool cancelled = terminator == kCan || terminator == kSub;
+    if (!cancelled) {
+        if (state == ParserState::apcString) {
+            if (!_apc.bytes.empty())
+                dispatchApcString();
+        } else if (!_osc.bytes.empty()) {
+            dispatchOscString();
+        }
+    }
+    if (terminal != nullptr)
+        terminal->printStateReset();
+    clearCollected();
+}
+
+void EscapeSequenceParser::hookDcs(uint8_t final) {
+    activeDcsHandler = nullptr;
+    if (_parameterLimitExceeded || terminal == nullptr)
+        return;
+    const std::vector<uint8_t>& collect = _collect.bytes;
+    if (final == 'q' && collect.empty()) {
+        activeDcsHandler = terminal->sixelDcsHandler();
+    } else if (final == 'q' && collect.size() == 1 && collect[0] == '$') {
+        activeDcsHandler = terminal->decrqssDcsHandler();
+    } else if (dscHandlerFallback) {
+        dscHandlerFallback(collect, final);
+    }
+    if (activeDcsHandler != nullptr)
+        activeDcsHandler->hook(collect, _pars, final);
+}
+
+int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) {
+    // Reads `ESC [ marker? params* intermediates* final` in one pass, collecting as it goes.
+    // On anything else it gives up; the table path then starts at the ESC, whose clear
+    // discards what was collected here.
+    int j = i + 1;
+    if (j + 1 >= length || data[j] != '[')
+        return 0;
+    ++j;
+    if (!_osc.bytes.empty() || !_apc.bytes.empty()) {
+        clearCollected();
+    } else {
+        _collect.clear();
+        _pars.reset();
+        _parameterLimitExceeded = false;
+    }
+    uint8_t b = data[j];
+    if (b >= 0x3C && b <= 0x3F) {
+        _collect.bytes.push_back(b);
+        ++j;
+    } else if (b == ':') {
+        return 0; // a colon right after the introducer is an error the table reports
+    }
+    int32_t* values = _pars.values.data();
+    int count = 1;
+    bool limit = false;
+    // The parameter being read stays in a register until its separator; past the limit the
+    // sequence will be dropped, so its values no longer matter.
+    int32_t current = 0;
+    for (; j < length; ++j) {
+        b = data[j];
+        const unsigned digit = static_cast<unsigned>(b) - '0';
+        if (digit <= 9) {
+            current = std::min(current * 10 + static_cast<int32_t>(digit), CsiParameters::kMaxValue);
+        } else if (b == ';' || b == ':') {
+            if (count < CsiParameters::kMaxCount && !limit) {
+                values[count - 1] = current;
+                _pars.separators[count - 1] = b;
+                ++count;
+                current = 0;
+            } else {
+                limit = true;
+            }
+        } else {
+            break;
+        }
+    }
+    values[count - 1] = current;
+    _pars.count = count;
+    _parameterLimitExceeded = limit;
+    for (; j < length && data[j] >= 0x20 && data[j] <= 0x2F; ++j)
+        _collect.bytes.push_back(data[j]);
+    if (j >= length || data[j] < 0x40 || data[j] > 0x7E)
+        return 0;
+    return j;
 }
 
 void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
-  ParserProfileScope profile(input.size());
-  beginChunk();
-  const uint8_t* const data = input.data();
-  const int length = static_cast<int>(input.size());
-  ParserState state = currentState;
-  int printStart = -1;
-  int dcsStart = -1;
+    ParserProfileScope profile(input.size());
+    beginChunk();
+    const uint8_t* const data = input.data();
+    const int length = static_cast<int>(input.size());
+    ParserState state = currentState;
+    int printStart = -1;
+    int dcsStart = -1;
 
-  auto flushPrint = [&](int end) {
-    if (printStart >= 0) {
-      if (terminal != nullptr) terminal->print(slice(data, printStart, end));
-      printStart = -1;
-    }
-  };
-
-  for (int i = 0; i < length; ++i) {
-    const uint8_t code = data[i];
-
-    // Printable text in the ground state never touches the table: C1 and UTF-8 bytes
-    // reach the print path as they are.
-    if (state == ParserState::ground && code > 0x1F) {
-      if (printStart < 0) printStart = i;
-      i = static_cast<int>(findControl(data + i + 1, data + length) - data) - 1;
-      continue;
-    }
-    // A whole CSI sequence in the chunk is read without the table: the same clears, the same
-    // parameter rules and the same dispatch as the machine would do byte by byte. Anything
-    // unusual inside it (controls, DEL, a marker after a parameter) takes the table path.
-    if (code == kEsc && state == ParserState::ground) {
-      const int end = readSimpleCsi(data, i, length);
-      if (end > 0) {
-        flushPrint(i);
-        if (terminal != nullptr) {
-          terminal->printStateReset();
-          terminal->printStateReset();
-        }
-        dcsStart = -1;
-        if (!_parameterLimitExceeded && terminal != nullptr) terminal->dispatchCsi(data[end], _pars, _collect.bytes);
-        i = end;
-        continue;
-      }
-    }
-    // Parameter digits are the commonest bytes of a sequence; they skip the table too.
-    if (state == ParserState::csiParam && code >= '0' && code <= '9') {
-      if (!_parameterLimitExceeded) {
-        const int d = code - '0';
-        int32_t& v = _pars.values[_pars.count - 1];
-        v = std::min(v * 10 + d, CsiParameters::kMaxValue);
-      }
-      continue;
-    }
-
-    const uint8_t entry = table.table[static_cast<int>(state) << 8 | std::min<uint8_t>(code, 0xA0)];
-    const auto action = static_cast<ParserAction>(entry >> 4);
-    auto next = static_cast<ParserState>(entry & 0x0F);
-
-    switch (action) {
-      case ParserAction::ignore:
+    auto flushPrint = [&](int end) {
         if (printStart >= 0) {
-          flushPrint(i);
-        } else if (dcsStart >= 0 && activeDcsHandler != nullptr) {
-          activeDcsHandler->put(slice(data, dcsStart, i));
-          dcsStart = -1;
+            if (terminal != nullptr)
+                terminal->print(slice(data, printStart, end));
+            printStart = -1;
         }
-        break;
-      case ParserAction::print:
-        if (printStart < 0) printStart = i;
-        break;
-      case ParserAction::execute:
-        flushPrint(i);
-        if (terminal != nullptr) terminal->dispatchExecute(code);
-        break;
-      case ParserAction::oscStart:
-        flushPrint(i);
-        if (next == ParserState::apcString) {
-          _apc.clear();
-        } else {
-          _osc.clear();
-        }
-        break;
-      case ParserAction::oscPut: {
-        // The body is taken in one inner loop; other controls inside it are dropped, so
-        // SUB and the 8-bit ST stop nothing once the body has begun.
-        std::vector<uint8_t>& body = state == ParserState::apcString ? _apc.bytes : _osc.bytes;
-        int j = i;
-        while (j < length) {
-          const uint8_t c = data[j];
-          if (c == kBel || c == kCan || c == kEsc) break;
-          if (c > 0x1F) body.push_back(c);
-          ++j;
-        }
-        i = j - 1;
-        next = state;
-        break;
-      }
-      case ParserAction::oscEnd:
-        endString(state, code);
-        if (code == kEsc) next = ParserState::escape;
-        break;
-      case ParserAction::csiDispatch:
-        // A sequence with too many parameters is swallowed whole.
-        if (!_parameterLimitExceeded && terminal != nullptr) {
-          terminal->dispatchCsi(code, _pars, _collect.bytes);
-        }
-        break;
-      case ParserAction::param:
-        appendParameterByte(code);
-        break;
-      case ParserAction::collect:
-        _collect.bytes.push_back(code);
-        break;
-      case ParserAction::escDispatch:
-        if (terminal != nullptr) terminal->dispatchEsc(_collect.bytes, code);
-        break;
-      case ParserAction::clear:
-        flushPrint(i);
-        clearCollected();
-        if (terminal != nullptr) terminal->printStateReset();
-        dcsStart = -1;
-        break;
-      case ParserAction::dcsHook:
-        hookDcs(code);
-        break;
-      case ParserAction::dcsPut:
-        if (dcsStart < 0) dcsStart = i;
-        break;
-      case ParserAction::dcsUnhook:
-        if (activeDcsHandler != nullptr) {
-          if (dcsStart >= 0) activeDcsHandler->put(slice(data, dcsStart, i));
-          activeDcsHandler->unhook();
-          activeDcsHandler = nullptr;
-        }
-        dcsStart = -1;
-        if (terminal != nullptr) terminal->printStateReset();
-        clearCollected();
-        if (code == kEsc) next = ParserState::escape;
-        break;
-      case ParserAction::error:
-        if (code > 0x9F) {
-          if (state == ParserState::ground) {
-            if (printStart < 0) printStart = i;
-            break;
-          }
-          if (state == ParserState::csiIgnore || state == ParserState::dcsIgnore) {
-            next = state;
-            break;
-          }
-          if (state == ParserState::dcsPassthrough) {
-            if (dcsStart < 0) dcsStart = i;
-            next = state;
-            break;
-          }
-        }
-        if (errorHandler) {
-          ParsingState report;
-          report.position = i;
-          report.code = code;
-          report.currentState = state;
-          report.print = printStart;
-          report.dcs = dcsStart;
-          report.osc = _osc.bytes;
-          report.apc = _apc.bytes;
-          report.collect = _collect.bytes;
-          const ParsingState answer = errorHandler(std::move(report));
-          if (answer.abort) {
-            restoreChunkStart();
-            return;
-          }
-        }
-        break;
-    }
-    state = next;
-  }
+    };
 
-  if (state == ParserState::ground) {
-    flushPrint(length);
-  } else if (state == ParserState::dcsPassthrough && dcsStart >= 0 && activeDcsHandler != nullptr) {
-    activeDcsHandler->put(slice(data, dcsStart, length));
-  }
-  currentState = state;
+    for (int i = 0; i < length; ++i) {
+        const uint8_t code = data[i];
+
+        // Printable text in the ground state never touches the table: C1 and UTF-8 bytes
+        // reach the print path as they are.
+        if (state == ParserState::ground && code > 0x1F) {
+            if (printStart < 0)
+                printStart = i;
+            i = static_cast<int>(findControl(data + i + 1, data + length) - data) - 1;
+            continue;
+        }
+        // A whole CSI sequence in the chunk is read without the table: the same clears, the same
+        // parameter rules and the same dispatch as the machine would do byte by byte. Anything
+        // unusual inside it (controls, DEL, a marker after a parameter) takes the table path.
+        if (code == kEsc && state == ParserState::ground) {
+            const int end = readSimpleCsi(data, i, length);
+            if (end > 0) {
+                flushPrint(i);
+                if (terminal != nullptr) {
+                    terminal->printStateReset();
+                    terminal->printStateReset();
+                }
+                dcsStart = -1;
+                if (!_parameterLimitExceeded && terminal != nullptr)
+                    terminal->dispatchCsi(data[end], _pars, _collect.bytes);
+                i = end;
+                continue;
+            }
+        }
+        // Parameter digits are the commonest bytes of a sequence; they skip the table too.
+        if (state == ParserState::csiParam && code >= '0' && code <= '9') {
+            if (!_parameterLimitExceeded) {
+                const int d = code - '0';
+                int32_t& v = _pars.values[_pars.count - 1];
+                v = std::min(v * 10 + d, CsiParameters::kMaxValue);
+            }
+            continue;
+        }
+
+        const uint8_t entry = table.table[static_cast<int>(state) << 8 | std::min<uint8_t>(code, 0xA0)];
+        const auto action = static_cast<ParserAction>(entry >> 4);
+        auto next = static_cast<ParserState>(entry & 0x0F);
+
+        switch (action) {
+        case ParserAction::ignore:
+            if (printStart >= 0) {
+                flushPrint(i);
+            } else if (dcsStart >= 0 && activeDcsHandler != nullptr) {
+                activeDcsHandler->put(slice(data, dcsStart, i));
+                dcsStart = -1;
+            }
+            break;
+        case ParserAction::print:
+            if (printStart < 0)
+                printStart = i;
+            break;
+        case ParserAction::execute:
+            flushPrint(i);
+            if (terminal != nullptr)
+                terminal->dispatchExecute(code);
+            break;
+        case ParserAction::oscStart:
+            flushPrint(i);
+            if (next == ParserState::apcString) {
+                _apc.clear();
+            } else {
+                _osc.clear();
+            }
+            break;
+        case ParserAction::oscPut: {
+            // The body is taken in one inner loop; other controls inside it are dropped, so
+            // SUB and the 8-bit ST stop nothing once the body has begun.
+            std::vector<uint8_t>& body = state == ParserState::apcString ? _apc.bytes : _osc.bytes;
+            int j = i;
+            while (j < length) {
+                const uint8_t c = data[j];
+                if (c == kBel || c == kCan || c == kEsc)
+                    break;
+                if (c > 0x1F)
+                    body.push_back(c);
+                ++j;
+            }
+            i = j - 1;
+            next = state;
+            break;
+        }
+        case ParserAction::oscEnd:
+            endString(state, code);
+            if (code == kEsc)
+                next = ParserState::escape;
+            break;
+        case ParserAction::csiDispatch:
+            // A sequence with too many parameters is swallowed whole.
+            if (!_parameterLimitExceeded && terminal != nullptr) {
+                terminal->dispatchCsi(code, _pars, _collect.bytes);
+            }
+            break;
+        case ParserAction::param:
+            appendParameterByte(code);
+            break;
+        case ParserAction::collect:
+            _collect.bytes.push_back(code);
+            break;
+        case ParserAction::escDispatch:
+            if (terminal != nullptr)
+                terminal->dispatchEsc(_collect.bytes, code);
+            break;
+        case ParserAction::clear:
+            flushPrint(i);
+            clearCollected();
+            if (terminal != nullptr)
+                terminal->printStateReset();
+            dcsStart = -1;
+            break;
+        case ParserAction::dcsHook:
+            hookDcs(code);
+            break;
+        case ParserAction::dcsPut:
+            if (dcsStart < 0)
+                dcsStart = i;
+            break;
+        case ParserAction::dcsUnhook:
+            if (activeDcsHandler != nullptr) {
+                if (dcsStart >= 0)
+                    activeDcsHandler->put(slice(data, dcsStart, i));
+                activeDcsHandler->unhook();
+                activeDcsHandler = nullptr;
+            }
+            dcsStart = -1;
+            if (terminal != nullptr)
+                terminal->printStateReset();
+            clearCollected();
+            if (code == kEsc)
+                next = ParserState::escape;
+            break;
+        case ParserAction::error:
+            if (code > 0x9F) {
+                if (state == ParserState::ground) {
+                    if (printStart < 0)
+                        printStart = i;
+                    break;
+                }
+                if (state == ParserState::csiIgnore || state == ParserState::dcsIgnore) {
+                    next = state;
+                    break;
+                }
+                if (state == ParserState::dcsPassthrough) {
+                    if (dcsStart < 0)
+                        dcsStart = i;
+                    next = state;
+                    break;
+                }
+            }
+            if (errorHandler) {
+                ParsingState report;
+                report.position = i;
+                report.code = code;
+                report.currentState = state;
+                report.print = printStart;
+                report.dcs = dcsStart;
+                report.osc = _osc.bytes;
+                report.apc = _apc.bytes;
+                report.collect = _collect.bytes;
+                const ParsingState answer = errorHandler(std::move(report));
+                if (answer.abort) {
+                    restoreChunkStart();
+                    return;
+                }
+            }
+            break;
+        }
+        state = next;
+    }
+
+    if (state == ParserState::ground) {
+        flushPrint(length);
+    } else if (state == ParserState::dcsPassthrough && dcsStart >= 0 && activeDcsHandler != nullptr) {
+        activeDcsHandler->put(slice(data, dcsStart, length));
+    }
+    currentState = state;
 }
 
-}  // namespace termkit
+} // namespace termkit

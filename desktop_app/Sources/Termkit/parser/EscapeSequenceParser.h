@@ -19,16 +19,16 @@ class ParserDelegate;
 
 /// What the error handler is told about a byte that the table calls an error.
 struct ParsingState {
-  int position = 0;          // index of the byte in the chunk
-  uint8_t code = 0;          // the byte
-  ParserState currentState = ParserState::ground;
-  int print = -1;            // start of the pending print run, or -1
-  int dcs = -1;              // start of the pending DCS span, or -1
-  std::vector<uint8_t> osc;
-  std::vector<uint8_t> apc;
-  std::vector<uint8_t> collect;
-  std::vector<int32_t> parameters;  // passed empty
-  bool abort = false;        // set by the handler to stop parsing this chunk
+    int position = 0; // index of the byte in the chunk
+    uint8_t code = 0; // the byte
+    ParserState currentState = ParserState::ground;
+    int print = -1; // start of the pending print run, or -1
+    int dcs = -1;   // start of the pending DCS span, or -1
+    std::vector<uint8_t> osc;
+    std::vector<uint8_t> apc;
+    std::vector<uint8_t> collect;
+    std::vector<int32_t> parameters; // passed empty
+    bool abort = false;              // set by the handler to stop parsing this chunk
 };
 
 /// Reads a decimal number from ASCII digits; nothing for an empty slice, a non-digit or
@@ -39,97 +39,99 @@ std::optional<int64_t> parseDecimal(std::span<const uint8_t> digits);
 /// Everything but partial UTF-8 characters is kept across `parse` calls, so a sequence
 /// may be cut anywhere between two chunks.
 class EscapeSequenceParser {
- public:
-  using OscHandler = std::function<void(std::span<const uint8_t>)>;
+public:
+    using OscHandler = std::function<void(std::span<const uint8_t>)>;
 
-  explicit EscapeSequenceParser(ParserDelegate* terminal);
+    explicit EscapeSequenceParser(ParserDelegate* terminal);
 
-  /// Runs the machine over one chunk. The only entry point; not re-entrant.
-  void parse(std::span<const uint8_t> data);
-  /// Back to the initial state, dropping everything collected and any DCS handler.
-  void reset();
+    /// Runs the machine over one chunk. The only entry point; not re-entrant.
+    void parse(std::span<const uint8_t> data);
+    /// Back to the initial state, dropping everything collected and any DCS handler.
+    void reset();
 
-  /// Registers a handler for an OSC code; it wins over the terminal's own handling, and a
-  /// later registration for the same code replaces the earlier one.
-  void registerOscHandler(int code, OscHandler handler) { oscHandlers[code] = std::move(handler); }
+    /// Registers a handler for an OSC code; it wins over the terminal's own handling, and a
+    /// later registration for the same code replaces the earlier one.
+    void registerOscHandler(int code, OscHandler handler) { oscHandlers[code] = std::move(handler); }
 
-  /// Separators of the sequence being dispatched (`;` or `:`), one per parameter after the first.
-  std::span<const uint8_t> parsTxt() const { return _pars.separatorSpan(); }
-  /// Parameters of the sequence being dispatched.
-  const CsiParameters& pars() const { return _pars; }
-  /// Intermediate and private-marker bytes of the sequence being dispatched.
-  std::span<const uint8_t> collect() const { return _collect.bytes; }
+    /// Separators of the sequence being dispatched (`;` or `:`), one per parameter after the first.
+    std::span<const uint8_t> parsTxt() const { return _pars.separatorSpan(); }
+    /// Parameters of the sequence being dispatched.
+    const CsiParameters& pars() const { return _pars; }
+    /// Intermediate and private-marker bytes of the sequence being dispatched.
+    std::span<const uint8_t> collect() const { return _collect.bytes; }
 
-  std::unordered_map<int, OscHandler> oscHandlers;
-  DcsHandler* activeDcsHandler = nullptr;
-  std::function<ParsingState(ParsingState)> errorHandler;
-  ParserDelegate* terminal;
-  ParserState initialState = ParserState::ground;
-  ParserState currentState = ParserState::ground;
+    std::unordered_map<int, OscHandler> oscHandlers;
+    DcsHandler* activeDcsHandler = nullptr;
+    std::function<ParsingState(ParsingState)> errorHandler;
+    ParserDelegate* terminal;
+    ParserState initialState = ParserState::ground;
+    ParserState currentState = ParserState::ground;
 
-  std::function<void(std::span<const uint8_t> collect, uint8_t final)> escHandlerFallback;
-  std::function<void(std::span<const uint8_t> collect, uint8_t final)> dscHandlerFallback;
-  std::function<void(uint8_t code)> executeHandlerFallback;
-  std::function<void(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars)>
-      csiHandlerFallback;
-  std::function<void(int code, std::span<const uint8_t> data)> oscHandlerFallback;
-  std::function<void(uint8_t command, std::span<const uint8_t> data)> apcHandlerFallback;
+    std::function<void(std::span<const uint8_t> collect, uint8_t final)> escHandlerFallback;
+    std::function<void(std::span<const uint8_t> collect, uint8_t final)> dscHandlerFallback;
+    std::function<void(uint8_t code)> executeHandlerFallback;
+    std::function<void(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars)>
+        csiHandlerFallback;
+    std::function<void(int code, std::span<const uint8_t> data)> oscHandlerFallback;
+    std::function<void(uint8_t command, std::span<const uint8_t> data)> apcHandlerFallback;
 
-  int logFileCounter = 1;
+    int logFileCounter = 1;
 
- private:
-  // A byte vector whose content at the start of a chunk can be restored when the error
-  // handler aborts. Clearing swaps the old content aside instead of freeing it, so the
-  // snapshot costs nothing and steady parsing allocates nothing.
-  struct RestorableBytes {
-    std::vector<uint8_t> bytes;
-    std::vector<uint8_t> spare;
-    size_t sizeAtStart = 0;
-    bool swapped = false;
-    // A spare that once held a huge string is not kept for ever.
-    static constexpr size_t kSpareRetainLimit = 1 << 20;
-    void begin() {
-      sizeAtStart = bytes.size();
-      swapped = false;
-      if (spare.capacity() > kSpareRetainLimit) std::vector<uint8_t>().swap(spare);
-    }
-    void clear() {
-      if (!swapped && !bytes.empty()) {
-        std::swap(bytes, spare);
-        swapped = true;
-      }
-      bytes.clear();
-    }
-    void restore() {
-      if (swapped) std::swap(bytes, spare);
-      bytes.resize(sizeAtStart);
-      swapped = false;
-    }
-  };
+private:
+    // A byte vector whose content at the start of a chunk can be restored when the error
+    // handler aborts. Clearing swaps the old content aside instead of freeing it, so the
+    // snapshot costs nothing and steady parsing allocates nothing.
+    struct RestorableBytes {
+        std::vector<uint8_t> bytes;
+        std::vector<uint8_t> spare;
+        size_t sizeAtStart = 0;
+        bool swapped = false;
+        // A spare that once held a huge string is not kept for ever.
+        static constexpr size_t kSpareRetainLimit = 1 << 20;
+        void begin() {
+            sizeAtStart = bytes.size();
+            swapped = false;
+            if (spare.capacity() > kSpareRetainLimit)
+                std::vector<uint8_t>().swap(spare);
+        }
+        void clear() {
+            if (!swapped && !bytes.empty()) {
+                std::swap(bytes, spare);
+                swapped = true;
+            }
+            bytes.clear();
+        }
+        void restore() {
+            if (swapped)
+                std::swap(bytes, spare);
+            bytes.resize(sizeAtStart);
+            swapped = false;
+        }
+    };
 
-  void beginChunk();
-  void restoreChunkStart();
-  void clearCollected();
-  void endString(ParserState state, uint8_t terminator);
-  void hookDcs(uint8_t final);
-  void dispatchOscString();
-  void dispatchApcString();
-  void appendParameterByte(uint8_t code);
-  int readSimpleCsi(const uint8_t* data, int i, int length);
+    void beginChunk();
+    void restoreChunkStart();
+    void clearCollected();
+    void endString(ParserState state, uint8_t terminator);
+    void hookDcs(uint8_t final);
+    void dispatchOscString();
+    void dispatchApcString();
+    void appendParameterByte(uint8_t code);
+    int readSimpleCsi(const uint8_t* data, int i, int length);
 
-  RestorableBytes _osc;
-  RestorableBytes _apc;
-  RestorableBytes _collect;
-  CsiParameters _pars;
-  bool _parameterLimitExceeded = false;
+    RestorableBytes _osc;
+    RestorableBytes _apc;
+    RestorableBytes _collect;
+    CsiParameters _pars;
+    bool _parameterLimitExceeded = false;
 
-  // Scalars of the chunk start, for an aborting error handler.
-  ParserState m_stateAtStart = ParserState::ground;
-  CsiParameters m_parsAtStart;
-  bool m_limitAtStart = false;
-  DcsHandler* m_dcsAtStart = nullptr;
+    // Scalars of the chunk start, for an aborting error handler.
+    ParserState m_stateAtStart = ParserState::ground;
+    CsiParameters m_parsAtStart;
+    bool m_limitAtStart = false;
+    DcsHandler* m_dcsAtStart = nullptr;
 
-  const TransitionTable& table;
+    const TransitionTable& table;
 };
 
-}  // namespace termkit
+} // namespace termkit

@@ -18,55 +18,56 @@
 namespace {
 
 class SilentHost : public termkit::TerminalDelegate {
- public:
-  void send(termkit::Terminal&, std::span<const uint8_t>) override {}
+public:
+    void send(termkit::Terminal&, std::span<const uint8_t>) override {}
 };
 
 int usage() {
-  std::fprintf(stderr, "usage: termkit-dump --cols C --rows R [--scrollback N] [--attrs] FILE\n");
-  return 2;
+    std::fprintf(stderr, "usage: termkit-dump --cols C --rows R [--scrollback N] [--attrs] FILE\n");
+    return 2;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv) {
-  int cols = 0;
-  int rows = 0;
-  int scrollback = 500;
-  bool attrs = false;
-  const char* path = nullptr;
-  for (int i = 1; i < argc; ++i) {
-    if (!std::strcmp(argv[i], "--cols") && i + 1 < argc) {
-      cols = std::atoi(argv[++i]);
-    } else if (!std::strcmp(argv[i], "--rows") && i + 1 < argc) {
-      rows = std::atoi(argv[++i]);
-    } else if (!std::strcmp(argv[i], "--scrollback") && i + 1 < argc) {
-      scrollback = std::atoi(argv[++i]);
-    } else if (!std::strcmp(argv[i], "--attrs")) {
-      attrs = true;
-    } else if (argv[i][0] != '-' && path == nullptr) {
-      path = argv[i];
-    } else {
-      return usage();
+    int cols = 0;
+    int rows = 0;
+    int scrollback = 500;
+    bool attrs = false;
+    const char* path = nullptr;
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--cols") && i + 1 < argc) {
+            cols = std::atoi(argv[++i]);
+        } else if (!std::strcmp(argv[i], "--rows") && i + 1 < argc) {
+            rows = std::atoi(argv[++i]);
+        } else if (!std::strcmp(argv[i], "--scrollback") && i + 1 < argc) {
+            scrollback = std::atoi(argv[++i]);
+        } else if (!std::strcmp(argv[i], "--attrs")) {
+            attrs = true;
+        } else if (argv[i][0] != '-' && path == nullptr) {
+            path = argv[i];
+        } else {
+            return usage();
+        }
     }
-  }
-  if (cols <= 0 || rows <= 0 || path == nullptr) return usage();
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    std::perror(path);
-    return 1;
-  }
-  const std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (cols <= 0 || rows <= 0 || path == nullptr)
+        return usage();
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        std::perror(path);
+        return 1;
+    }
+    const std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 
-  SilentHost host;
-  termkit::TerminalOptions options;
-  options.cols = cols;
-  options.rows = rows;
-  options.scrollback = scrollback;
-  termkit::Terminal terminal(&host, options);
-  terminal.silentLog = true;
-  terminal.feed(data);
-  const std::string out = termkit::dumpScreen(terminal, attrs);
-  std::fwrite(out.data(), 1, out.size(), stdout);
-  return 0;
+    SilentHost host;
+    termkit::TerminalOptions options;
+    options.cols = cols;
+    options.rows = rows;
+    options.scrollback = scrollback;
+    termkit::Terminal terminal(&host, options);
+    terminal.silentLog = true;
+    terminal.feed(data);
+    const std::string out = termkit::dumpScreen(terminal, attrs);
+    std::fwrite(out.data(), 1, out.size(), stdout);
+    return 0;
 }

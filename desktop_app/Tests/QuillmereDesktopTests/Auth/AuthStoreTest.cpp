@@ -22,15 +22,16 @@ const QByteArray sessionJson = R"({"token":"tok-new","user":{"id":"u1","email":"
 
 // A relay that answers health, and the given answers by path; anything else is 404.
 void scriptRelay(ScriptedHttpServer& server, QHash<QByteArray, QPair<int, QByteArray>> answers) {
-    server.setHandler([answers](const ScriptedHttpServer::Request& request, ScriptedHttpServer::Exchange& exchange) {
-        if (request.path == "/v1/health")
-            return exchange.reply(200, R"({"ok":true})");
-        if (answers.contains(request.path)) {
-            const auto [status, body] = answers.value(request.path);
-            return exchange.reply(status, body);
-        }
-        exchange.reply(404, R"({"error":{"message":"not found"}})");
-    });
+    server.setHandler(
+        [answers](const ScriptedHttpServer::Request& request, ScriptedHttpServer::Exchange& exchange) {
+            if (request.path == "/v1/health")
+                return exchange.reply(200, R"({"ok":true})");
+            if (answers.contains(request.path)) {
+                const auto [status, body] = answers.value(request.path);
+                return exchange.reply(status, body);
+            }
+            exchange.reply(404, R"({"error":{"message":"not found"}})");
+        });
 }
 
 QStringList pathsOf(const ScriptedHttpServer& server) {
@@ -96,7 +97,8 @@ private slots:
         QCOMPARE(account.size(), QString("relay_session_").size() + 64);
         // SHA-256 of "http://127.0.0.1:8787/", in lowercase hexadecimal.
         QCOMPARE(AuthStore::tokenAccount("http://127.0.0.1:8787/"),
-                 "relay_session_" + QCryptographicHash::hash("http://127.0.0.1:8787/", QCryptographicHash::Sha256).toHex());
+                 "relay_session_" +
+                     QCryptographicHash::hash("http://127.0.0.1:8787/", QCryptographicHash::Sha256).toHex());
     }
 
     void loopbackAndOwnership() {
@@ -167,8 +169,10 @@ private slots:
 
     void disabledLocalAuthGivesTheEmailFormWithoutAnError() {
         ScriptedHttpServer server;
-        scriptRelay(server, {{"/v1/auth/local",
-                              {403, R"({"error":{"message":"local authentication is disabled"},"request_id":"r1"})"}}});
+        scriptRelay(
+            server,
+            {{"/v1/auth/local",
+              {403, R"({"error":{"message":"local authentication is disabled"},"request_id":"r1"})"}}});
         auto store = makeStore(localURL(server));
         await(store->start());
         QCOMPARE(store->state(), AuthStore::State::needsEmail);
@@ -248,11 +252,13 @@ private slots:
 
     void emailCodeAndSecondFactor() {
         ScriptedHttpServer server;
-        scriptRelay(server, {{"/v1/auth/local", {403, R"({"error":{"message":"local authentication is disabled"}})"}},
-                             {"/v1/auth/request-code", {200, R"({"sent":true})"}},
-                             {"/v1/auth/verify-code",
-                              {200, R"({"mfa_required":true,"mfa_ticket":"tk","methods":["totp","passkey","smoke"]})"}},
-                             {"/v1/auth/mfa/verify", {200, sessionJson}}});
+        scriptRelay(
+            server,
+            {{"/v1/auth/local", {403, R"({"error":{"message":"local authentication is disabled"}})"}},
+             {"/v1/auth/request-code", {200, R"({"sent":true})"}},
+             {"/v1/auth/verify-code",
+              {200, R"({"mfa_required":true,"mfa_ticket":"tk","methods":["totp","passkey","smoke"]})"}},
+             {"/v1/auth/mfa/verify", {200, sessionJson}}});
         auto store = makeStore(localURL(server));
         await(store->start());
         QCOMPARE(store->state(), AuthStore::State::needsEmail);
@@ -292,8 +298,9 @@ private slots:
 
     void failuresLandInAuthErrorAndKeepTheState() {
         ScriptedHttpServer server;
-        scriptRelay(server, {{"/v1/auth/request-code", {200, R"({"sent":true})"}},
-                             {"/v1/auth/verify-code", {400, R"({"error":{"message":"invalid or expired code"}})"}}});
+        scriptRelay(server,
+                    {{"/v1/auth/request-code", {200, R"({"sent":true})"}},
+                     {"/v1/auth/verify-code", {400, R"({"error":{"message":"invalid or expired code"}})"}}});
         auto store = makeStore(localURL(server));
         await(store->requestCode("dev@example.com"));
         await(store->verifyCode("000000"));
@@ -306,9 +313,10 @@ private slots:
 
     void unknownMethodsGiveAnEmptyListAndThePasskeyCard() {
         ScriptedHttpServer server;
-        scriptRelay(server, {{"/v1/auth/request-code", {200, R"({"sent":true})"}},
-                             {"/v1/auth/verify-code",
-                              {200, R"({"mfa_required":true,"mfa_ticket":"tk","methods":["sms","webauthn"]})"}}});
+        scriptRelay(server,
+                    {{"/v1/auth/request-code", {200, R"({"sent":true})"}},
+                     {"/v1/auth/verify-code",
+                      {200, R"({"mfa_required":true,"mfa_ticket":"tk","methods":["sms","webauthn"]})"}}});
         auto store = makeStore(localURL(server));
         LoginViewModel view;
         view.setAuth(store.get());
@@ -320,12 +328,14 @@ private slots:
     }
 
     void methodsOfTheWrongTypeGiveAnEmptyList() {
-        const auto outcome = decodeSignInOutcome(R"({"mfa_required":true,"mfa_ticket":"t","methods":"totp"})");
+        const auto outcome =
+            decodeSignInOutcome(R"({"mfa_required":true,"mfa_ticket":"t","methods":"totp"})");
         QVERIFY(outcome.ok());
         QVERIFY(std::get<SecondFactorChallenge>(outcome.value()).methods.isEmpty());
         QVERIFY(!decodeSignInOutcome(R"({"mfa_required":true})").ok());
         QVERIFY(std::holds_alternative<AuthResponse>(
-            decodeSignInOutcome(R"({"mfa_required":false,"token":"t","user":{"id":"1","email":"e"}})").value()));
+            decodeSignInOutcome(R"({"mfa_required":false,"token":"t","user":{"id":"1","email":"e"}})")
+                .value()));
         QVERIFY(!decodeSignInOutcome(R"({"mfa_required":false})").ok());
     }
 

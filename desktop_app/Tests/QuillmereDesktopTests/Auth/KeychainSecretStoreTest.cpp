@@ -1,5 +1,5 @@
-#include "QuillmereDesktop/Auth/AuthStore.h"
 #include "QuillmereDesktop/Auth/KeychainSecretStore.h"
+#include "QuillmereDesktop/Auth/AuthStore.h"
 #include "support/Await.h"
 
 #include <QTest>

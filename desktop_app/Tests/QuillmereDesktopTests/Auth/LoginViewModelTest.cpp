@@ -5,8 +5,8 @@
 #include "support/ScriptedHttpServer.h"
 
 #include <QSignalSpy>
-#include <QTimer>
 #include <QTest>
+#include <QTimer>
 
 #include <chrono>
 
@@ -46,7 +46,8 @@ private slots:
         m_server->setHandler([this](const auto& request, auto& exchange) {
             if (m_delayMs == 0)
                 return answer(request, exchange);
-            QTimer::singleShot(m_delayMs, m_server.get(), [this, request, exchange]() mutable { answer(request, exchange); });
+            QTimer::singleShot(m_delayMs, m_server.get(),
+                               [this, request, exchange]() mutable { answer(request, exchange); });
         });
         m_prefs = MemoryPreferencesStore();
         m_prefs.setString("relayURL", m_server->url().toString());

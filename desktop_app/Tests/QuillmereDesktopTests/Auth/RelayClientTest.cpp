@@ -1,9 +1,9 @@
 #include "QuillmereDesktop/Auth/RelayClient.h"
 #include "support/ScriptedHttpServer.h"
 
+#include "support/Await.h"
 #include <QJsonDocument>
 #include <QTest>
-#include "support/Await.h"
 
 #include <chrono>
 
@@ -178,8 +178,12 @@ private slots:
         QVERIFY(await(client.recordRunEvent("run-1", "started", "local", 12, 0.5, "hello")).ok());
         const QJsonObject body = QJsonDocument::fromJson(server.requests()[0].body).object();
         QCOMPARE(server.requests()[0].path, "/v1/events");
-        QCOMPARE(body, (QJsonObject{{"run_id", "run-1"}, {"name", "started"}, {"type", "local"},
-                                    {"tokens", 12}, {"cost_usd", 0.5}, {"detail", "hello"}}));
+        QCOMPARE(body, (QJsonObject{{"run_id", "run-1"},
+                                    {"name", "started"},
+                                    {"type", "local"},
+                                    {"tokens", 12},
+                                    {"cost_usd", 0.5},
+                                    {"detail", "hello"}}));
         server.replyAlways(200, R"({"ok":true})");
         QVERIFY(!await(client.recordRunEvent("run-1", "x", "local", 0, 0, "")).ok());
     }

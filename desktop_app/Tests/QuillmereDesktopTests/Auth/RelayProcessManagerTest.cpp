@@ -121,7 +121,8 @@ private slots:
         QCOMPARE(*manager.pythonPath(), path("usr/bin/python3"));
         writeFile(path("bin-b/python3"), fakePython, true);
         QCOMPARE(*manager.pythonPath(), path("bin-b/python3"));
-        QCOMPARE(RelayProcessConfig{}.systemInterpreters, (QStringList{"/usr/bin/python3", "/usr/local/bin/python3"}));
+        QCOMPARE(RelayProcessConfig{}.systemInterpreters,
+                 (QStringList{"/usr/bin/python3", "/usr/local/bin/python3"}));
     }
 
     void pathIsSearchedInOrderAndNonExecutablesArePassedOver() {

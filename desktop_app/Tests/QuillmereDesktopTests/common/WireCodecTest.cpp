@@ -36,13 +36,14 @@ struct Sample {
     friend bool operator==(const Sample&, const Sample&) = default;
 
     static constexpr auto wireFields() {
-        return std::tuple{wire::field("count", &Sample::count),   wire::field("bigCount", &Sample::bigCount),
-                          wire::field("enabled", &Sample::enabled), wire::field("ratio", &Sample::ratio),
-                          wire::field("name", &Sample::name),     wire::field("flavour", &Sample::flavour),
-                          wire::field("when", &Sample::when),     wire::field("tags", &Sample::tags),
-                          wire::field("inners", &Sample::inners), wire::field("scores", &Sample::scores),
-                          wire::field("extra", &Sample::extra),   wire::field("note", &Sample::note),
-                          wire::field("inner", &Sample::inner)};
+        return std::tuple{
+            wire::field("count", &Sample::count),     wire::field("bigCount", &Sample::bigCount),
+            wire::field("enabled", &Sample::enabled), wire::field("ratio", &Sample::ratio),
+            wire::field("name", &Sample::name),       wire::field("flavour", &Sample::flavour),
+            wire::field("when", &Sample::when),       wire::field("tags", &Sample::tags),
+            wire::field("inners", &Sample::inners),   wire::field("scores", &Sample::scores),
+            wire::field("extra", &Sample::extra),     wire::field("note", &Sample::note),
+            wire::field("inner", &Sample::inner)};
     }
 };
 
@@ -116,9 +117,14 @@ TEST(WireCodec, IntegersAreStrict) {
 }
 
 TEST(WireCodec, StringsBooleansAndNumbersDoNotStandInForEachOther) {
-    for (const auto& [key, wrong] : std::vector<std::pair<QString, QJsonValue>>{
-             {"name", 5}, {"enabled", 1}, {"enabled", "true"}, {"ratio", "0.5"}, {"tags", "a"},
-             {"inners", QJsonObject{}}, {"scores", QJsonArray{}}, {"inner", "y"}}) {
+    for (const auto& [key, wrong] : std::vector<std::pair<QString, QJsonValue>>{{"name", 5},
+                                                                                {"enabled", 1},
+                                                                                {"enabled", "true"},
+                                                                                {"ratio", "0.5"},
+                                                                                {"tags", "a"},
+                                                                                {"inners", QJsonObject{}},
+                                                                                {"scores", QJsonArray{}},
+                                                                                {"inner", "y"}}) {
         QJsonObject json = fullSample();
         json.insert(key, wrong);
         EXPECT_FALSE(wire::decode<Sample>(json).ok()) << key.toStdString();
@@ -177,8 +183,8 @@ TEST(WireCodec, DatesAreInternetDateTimesWithoutFractions) {
     QJsonObject json = fullSample();
     json.insert("when", "2026-01-31T10:30:00+01:00");
     EXPECT_EQ(wire::decode<Sample>(json).value().when, QDateTime(QDate(2026, 1, 31), QTime(9, 30), Qt::UTC));
-    for (const char* bad : {"2026-01-31T09:30:00.5Z", "2026-01-31T09:30:00", "2026-01-31", "2026-13-01T00:00:00Z",
-                            "yesterday", "2026-01-31 09:30:00Z"}) {
+    for (const char* bad : {"2026-01-31T09:30:00.5Z", "2026-01-31T09:30:00", "2026-01-31",
+                            "2026-13-01T00:00:00Z", "yesterday", "2026-01-31 09:30:00Z"}) {
         json.insert("when", bad);
         EXPECT_FALSE(wire::decode<Sample>(json).ok()) << bad;
     }

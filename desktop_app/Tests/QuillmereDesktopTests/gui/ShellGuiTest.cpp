@@ -15,8 +15,11 @@ class ShellGuiTest : public QObject {
 
     static QString raise(const RelayFixture& relay, const QString& token, const QString& runName) {
         RelayClient agent(relay.url(), token);
-        const QJsonObject body{{"run_id", "run-1"}, {"run_name", runName}, {"kind", "question"},
-                               {"prompt", "Which region?"}, {"options", QJsonArray{"eu", "us"}}};
+        const QJsonObject body{{"run_id", "run-1"},
+                               {"run_name", runName},
+                               {"kind", "question"},
+                               {"prompt", "Which region?"},
+                               {"options", QJsonArray{"eu", "us"}}};
         const auto raised = await(agent.postRaw<QJsonObject>("v1/interrupts", body));
         return raised ? raised->value("id").toString() : QString();
     }
@@ -59,8 +62,9 @@ private slots:
         harness.screenshot("queue-demo");
 
         // Item: the approval with its real action, answered.
-        QVERIFY(harness.clickUntil("AURORA-MIGRATE",
-                                   [&] { return harness.showsText("Delete 4 stale feature branches on origin?"); }));
+        QVERIFY(harness.clickUntil("AURORA-MIGRATE", [&] {
+            return harness.showsText("Delete 4 stale feature branches on origin?");
+        }));
         QVERIFY(harness.showsText("github \u00B7 GITHUB_DELETE_A_REFERENCE"));
         QVERIFY(harness.showsText("\u2192 tarnfield/quillmere"));
         QVERIFY(harness.visibleTexts("NOT SUPPLIED").size() >= 5);

@@ -42,7 +42,8 @@ class RelayRoadTest : public QObject {
         AppStateConfig config;
         config.toastDuration = 50ms;
         config.homeDirectory = m_home.path();
-        config.makeRelayClient = [retry](const QUrl& url, const QString& token, QObject* parent) -> MereClient* {
+        config.makeRelayClient = [retry](const QUrl& url, const QString& token,
+                                         QObject* parent) -> MereClient* {
             return new MereCloudClient(url, token, parent, retry);
         };
         return config;
@@ -50,8 +51,11 @@ class RelayRoadTest : public QObject {
 
     // An agent raising an interrupt through the relay's intake.
     static QString raise(RelayClient& agent, const QString& prompt, const QString& kind = "approval") {
-        QJsonObject body{{"run_id", "run-7"}, {"run_name", "nightly-cleanup"}, {"kind", kind},
-                         {"prompt", prompt}, {"options", QJsonArray{"Approve", "Reject"}},
+        QJsonObject body{{"run_id", "run-7"},
+                         {"run_name", "nightly-cleanup"},
+                         {"kind", kind},
+                         {"prompt", prompt},
+                         {"options", QJsonArray{"Approve", "Reject"}},
                          {"action_slug", "GITHUB_DELETE_A_REFERENCE"}};
         const auto raised = await(agent.postRaw<Raised>("v1/interrupts", body));
         return raised ? raised->id : QString();
@@ -92,15 +96,17 @@ private slots:
         const QString id = raise(agent, "Delete 3 stale branches?");
         QVERIFY(!id.isEmpty());
         QTRY_VERIFY_WITH_TIMEOUT(holds(app, id), 3000);
-        const Interrupt shown = *std::find_if(app.snapshot().interrupts.begin(), app.snapshot().interrupts.end(),
-                                              [&](const Interrupt& i) { return i.id == id; });
+        const Interrupt shown =
+            *std::find_if(app.snapshot().interrupts.begin(), app.snapshot().interrupts.end(),
+                          [&](const Interrupt& i) { return i.id == id; });
         QCOMPARE(shown.prompt, "Delete 3 stale branches?");
         QCOMPARE(shown.actionSlug, QString("GITHUB_DELETE_A_REFERENCE"));
 
         // The person answers; the relay takes it and the next snapshot drops it.
         app.setSelectedInterruptId(id);
         app.setScreen(AppState::Screen::item);
-        app.submit({VerdictKind::approve, QString("Approve"), Verdict::desktopSource, QDateTime::currentDateTimeUtc()});
+        app.submit({VerdictKind::approve, QString("Approve"), Verdict::desktopSource,
+                    QDateTime::currentDateTimeUtc()});
         QTRY_COMPARE(app.sentToast(), QString("SENT"));
         QTRY_VERIFY_WITH_TIMEOUT(!holds(app, id), 3000);
 
@@ -114,7 +120,8 @@ private slots:
         // A second answer to the same interrupt was already given elsewhere.
         QTRY_VERIFY(!app.sentToast());
         app.setSelectedInterruptId(id);
-        app.submit({VerdictKind::reject, QString("Reject"), Verdict::desktopSource, QDateTime::currentDateTimeUtc()});
+        app.submit({VerdictKind::reject, QString("Reject"), Verdict::desktopSource,
+                    QDateTime::currentDateTimeUtc()});
         QTRY_COMPARE(app.sentToast(), QString("ALREADY RESOLVED ELSEWHERE"));
         QCOMPARE(app.screen(), AppState::Screen::queue);
     }

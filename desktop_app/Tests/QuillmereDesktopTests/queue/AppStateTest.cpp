@@ -1,5 +1,5 @@
-#include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
+#include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "fakes/FakeMereClient.h"
 
 #include <QSignalSpy>

@@ -35,7 +35,8 @@ private slots:
         state.setScreen(AppState::Screen::item);
         QCOMPARE(state.selectedInterrupt()->id, picked.id);
 
-        state.submit({VerdictKind::approve, std::nullopt, Verdict::desktopSource, QDateTime::currentDateTimeUtc()});
+        state.submit(
+            {VerdictKind::approve, std::nullopt, Verdict::desktopSource, QDateTime::currentDateTimeUtc()});
         QTRY_COMPARE(state.sentToast(), QString("SENT"));
         QCOMPARE(state.screen(), AppState::Screen::queue);
         QVERIFY(!state.selectedInterruptId());
@@ -52,7 +53,8 @@ private slots:
         // Answer the other one too: the demo client goes home when nothing is left...
         state.setSelectedInterruptId(state.snapshot().interrupts.first().id);
         state.setScreen(AppState::Screen::item);
-        state.submit({VerdictKind::reply, QString("Billing"), Verdict::desktopSource, QDateTime::currentDateTimeUtc()});
+        state.submit({VerdictKind::reply, QString("Billing"), Verdict::desktopSource,
+                      QDateTime::currentDateTimeUtc()});
         QTRY_COMPARE(state.sentToast(), QString("SENT"));
         if (state.snapshot().interrupts.isEmpty())
             QCOMPARE(state.screen(), AppState::Screen::home);

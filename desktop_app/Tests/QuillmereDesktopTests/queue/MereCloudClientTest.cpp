@@ -1,9 +1,9 @@
 #include "QuillmereDesktop/queue/MereCloudClient.h"
 #include "support/ScriptedHttpServer.h"
 
+#include "support/Await.h"
 #include <QJsonDocument>
 #include <QTest>
-#include "support/Await.h"
 
 #include <chrono>
 
@@ -12,9 +12,13 @@ using namespace std::chrono_literals;
 namespace {
 
 QByteArray snapshotLine(int done, const QString& raisedAt = "2026-01-31T09:30:00Z") {
-    const QByteArray json = QStringLiteral(
-        R"({"running":1,"done":%1,"interrupts":[{"id":"i1","run_id":"r","run_name":"n","kind":"approval",)"
-        R"("prompt":"p","options":[],"raised_at":"%2"}]})").arg(done).arg(raisedAt).toUtf8();
+    const QByteArray json =
+        QStringLiteral(
+            R"({"running":1,"done":%1,"interrupts":[{"id":"i1","run_id":"r","run_name":"n","kind":"approval",)"
+            R"("prompt":"p","options":[],"raised_at":"%2"}]})")
+            .arg(done)
+            .arg(raisedAt)
+            .toUtf8();
     return "data: " + json + "\n\n";
 }
 
@@ -219,7 +223,9 @@ private slots:
         QCOMPARE(request.header("authorization"), "Bearer tok");
         QCOMPARE(request.header("content-type"), "application/json");
         QCOMPARE(QJsonDocument::fromJson(request.body).object(),
-                 (QJsonObject{{"verdict", "reply"}, {"reply", "use billing"}, {"source", "desktop"},
+                 (QJsonObject{{"verdict", "reply"},
+                              {"reply", "use billing"},
+                              {"source", "desktop"},
                               {"decided_at", "2026-02-01T08:00:00Z"}}));
     }
 

@@ -53,7 +53,8 @@ private slots:
         QCOMPARE(second.runName, "triage-bot");
         QCOMPARE(second.kind, InterruptKind::question);
         QCOMPARE(second.prompt,
-                 QString::fromUtf8("Which service owns the /v1/events 500s from last night \u2014 billing or ingest?"));
+                 QString::fromUtf8(
+                     "Which service owns the /v1/events 500s from last night \u2014 billing or ingest?"));
         QCOMPARE(second.options, (QStringList{"Billing", "Ingest", "Not sure"}));
         QVERIFY(qAbs(second.raisedAt.secsTo(before) - 40) <= 1);
         QVERIFY(!second.detail && !second.actionSlug && !second.actionToolkit && !second.target);

@@ -6,10 +6,10 @@
 namespace {
 
 const QStringList interruptRequiredKeys{"id", "run_id", "run_name", "kind", "prompt", "options", "raised_at"};
-const QStringList interruptOptionalKeys{"detail",     "action_toolkit",  "action_slug",        "target",
-                                        "requester",  "reason",          "proposed_action",    "affected_resources",
-                                        "blast_radius", "reversibility", "evidence",           "expires_at",
-                                        "timeout_behavior"};
+const QStringList interruptOptionalKeys{
+    "detail",   "action_toolkit",  "action_slug",        "target",       "requester",
+    "reason",   "proposed_action", "affected_resources", "blast_radius", "reversibility",
+    "evidence", "expires_at",      "timeout_behavior"};
 
 QJsonObject fullInterrupt() {
     return QJsonObject{{"id", "i-1"},
@@ -35,11 +35,12 @@ QJsonObject fullInterrupt() {
 }
 
 QJsonObject snapshotWith(const QJsonObject& interrupt) {
-    return QJsonObject{{"running", 1},
-                       {"done", 2},
-                       {"interrupts", QJsonArray{interrupt}},
-                       {"usage", QJsonObject{{"limit_pct", 72}, {"spend_delta_pct", -4}, {"tokens_today", 812000}}},
-                       {"open_suggestions", 3}};
+    return QJsonObject{
+        {"running", 1},
+        {"done", 2},
+        {"interrupts", QJsonArray{interrupt}},
+        {"usage", QJsonObject{{"limit_pct", 72}, {"spend_delta_pct", -4}, {"tokens_today", 812000}}},
+        {"open_suggestions", 3}};
 }
 
 wire::Decoded<Snapshot> decode(const QJsonObject& snapshot) {
@@ -160,7 +161,8 @@ TEST(QueueModel, EveryInterruptFieldGivenAWrongTypeFailsTheSnapshot) {
 
 TEST(QueueModel, EverySnapshotAndUsageFieldGivenAWrongTypeFails) {
     for (const QString key : {"running", "done", "open_suggestions"}) {
-        for (const QJsonValue& wrong : {QJsonValue("1"), QJsonValue(1.5), QJsonValue(true), QJsonValue(QJsonArray{})}) {
+        for (const QJsonValue& wrong :
+             {QJsonValue("1"), QJsonValue(1.5), QJsonValue(true), QJsonValue(QJsonArray{})}) {
             QJsonObject snapshot = snapshotWith(fullInterrupt());
             snapshot.insert(key, wrong);
             EXPECT_FALSE(decode(snapshot).ok()) << key.toStdString();
@@ -216,7 +218,9 @@ TEST(QueueModel, VerdictWithoutReplyHasNoReplyKey) {
     const Verdict verdict{VerdictKind::approve, std::nullopt, Verdict::desktopSource,
                           QDateTime(QDate(2026, 1, 31), QTime(9, 30, 5), Qt::UTC)};
     const QJsonObject json = QJsonDocument::fromJson(encodeVerdict(verdict)).object();
-    EXPECT_EQ(json, (QJsonObject{{"verdict", "approve"}, {"source", "desktop"}, {"decided_at", "2026-01-31T09:30:05Z"}}));
+    EXPECT_EQ(
+        json,
+        (QJsonObject{{"verdict", "approve"}, {"source", "desktop"}, {"decided_at", "2026-01-31T09:30:05Z"}}));
 }
 
 TEST(QueueModel, VerdictWithReplyRoundTrips) {
@@ -228,9 +232,10 @@ TEST(QueueModel, VerdictWithReplyRoundTrips) {
 }
 
 TEST(QueueModel, UnknownVerdictFails) {
-    EXPECT_FALSE(wire::decodeJson<Verdict>(R"({"verdict":"maybe","source":"desktop","decided_at":"2026-01-31T09:30:05Z"})",
-                                           queueWireOptions)
-                     .ok());
+    EXPECT_FALSE(
+        wire::decodeJson<Verdict>(
+            R"({"verdict":"maybe","source":"desktop","decided_at":"2026-01-31T09:30:05Z"})", queueWireOptions)
+            .ok());
 }
 
 TEST(QueueModel, KindsHaveTheirRawValues) {

@@ -48,7 +48,8 @@ TEST(HomeUsage, RowsByConnection) {
 TEST(HomeUsage, ClaudePrefersItsProbeAndFallsBackToTheStatus) {
     const CLIStatusResponse status{CLIInfo{true, true, 900, 3}, CLIInfo{}};
     EXPECT_EQ(HomeViewModel::claudeUsageValue(status, std::nullopt), "900 TOKENS \u00B7 3 MSGS");
-    EXPECT_EQ(HomeViewModel::claudeUsageValue(status, ClaudeUsage{"1.2M", "14"}), "1.2M TOKENS \u00B7 14 SESSIONS");
+    EXPECT_EQ(HomeViewModel::claudeUsageValue(status, ClaudeUsage{"1.2M", "14"}),
+              "1.2M TOKENS \u00B7 14 SESSIONS");
     EXPECT_EQ(HomeViewModel::claudeUsageValue(std::nullopt, ClaudeUsage{"1.2M", "14"}), "NOT CONNECTED");
     const CLIStatusResponse signedOut{CLIInfo{true, false, 0, 0}, CLIInfo{}};
     EXPECT_EQ(HomeViewModel::claudeUsageValue(signedOut, ClaudeUsage{"1.2M", "14"}), "NOT CONNECTED");

@@ -1,5 +1,5 @@
-#include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "QuillmereDesktop/shell/RootController.h"
+#include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "fakes/FakeSecretStore.h"
 #include "support/Await.h"
 #include "support/RelayFixture.h"

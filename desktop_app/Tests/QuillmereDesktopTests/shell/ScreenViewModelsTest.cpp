@@ -64,7 +64,8 @@ private slots:
         QVERIFY(queue.isEmpty());
         Interrupt tiedA = interrupt("a", InterruptKind::question, 100);
         Interrupt tiedB = interrupt("b", InterruptKind::choice, 100);
-        show({interrupt("new", InterruptKind::approval, 5), tiedA, tiedB, interrupt("old", InterruptKind::approval, 4000)});
+        show({interrupt("new", InterruptKind::approval, 5), tiedA, tiedB,
+              interrupt("old", InterruptKind::approval, 4000)});
         QCOMPARE(queue.rowCount(), 4);
         QCOMPARE(queue.banner(), "needs input 4");
         QStringList order;

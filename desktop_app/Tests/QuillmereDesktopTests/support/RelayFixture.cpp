@@ -20,7 +20,8 @@ RelayFixture::~RelayFixture() {
 }
 
 QString RelayFixture::serverScript() {
-    return QDir(QStringLiteral(QUILLMERE_SOURCE_ROOT)).filePath(QStringLiteral("cloud_app/src/relay/server.py"));
+    return QDir(QStringLiteral(QUILLMERE_SOURCE_ROOT))
+        .filePath(QStringLiteral("cloud_app/src/relay/server.py"));
 }
 
 QString RelayFixture::python() {
@@ -110,7 +111,8 @@ std::optional<QString> RelayFixture::latestCode(const QString& email) const {
 
 std::optional<RelayFixture::SecondFactorSetup> RelayFixture::enableSecondFactor(const QString& email) const {
     QProcess admin;
-    admin.start(python(), {serverScript(), QStringLiteral("totp-enable"), email, QStringLiteral("--db"), databasePath()});
+    admin.start(python(), {serverScript(), QStringLiteral("totp-enable"), email, QStringLiteral("--db"),
+                           databasePath()});
     if (!admin.waitForFinished(15000) || admin.exitCode() != 0)
         return std::nullopt;
     const QString text = QString::fromUtf8(admin.readAllStandardOutput());
@@ -155,7 +157,8 @@ QString totpCode(const QString& base32Secret, qint64 unixSeconds) {
     const QByteArray mac =
         QMessageAuthenticationCode::hash(counter, base32Decode(base32Secret), QCryptographicHash::Sha1);
     const int offset = mac.at(mac.size() - 1) & 0x0f;
-    const quint32 binary = (quint32(uchar(mac[offset]) & 0x7f) << 24) | (quint32(uchar(mac[offset + 1])) << 16) |
-                           (quint32(uchar(mac[offset + 2])) << 8) | quint32(uchar(mac[offset + 3]));
+    const quint32 binary = (quint32(uchar(mac[offset]) & 0x7f) << 24) |
+                           (quint32(uchar(mac[offset + 1])) << 16) | (quint32(uchar(mac[offset + 2])) << 8) |
+                           quint32(uchar(mac[offset + 3]));
     return QStringLiteral("%1").arg(binary % 1000000, 6, 10, QLatin1Char('0'));
 }

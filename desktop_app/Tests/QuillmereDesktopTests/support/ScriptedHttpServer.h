@@ -20,7 +20,7 @@ class ScriptedHttpServer : public QObject {
 public:
     struct Request {
         QByteArray method;
-        QByteArray path; // with its query
+        QByteArray path;                       // with its query
         QHash<QByteArray, QByteArray> headers; // names in lower case
         QByteArray body;
         bool hasHeader(const QByteArray& name) const { return headers.contains(name.toLower()); }
@@ -31,7 +31,8 @@ public:
     class Exchange {
     public:
         explicit Exchange(QTcpSocket* socket) : m_socket(socket) {}
-        void reply(int status, const QByteArray& body = {}, const QByteArray& contentType = "application/json");
+        void reply(int status, const QByteArray& body = {},
+                   const QByteArray& contentType = "application/json");
         void startStream(int status = 200, const QByteArray& contentType = "text/event-stream");
         void sendChunk(const QByteArray& data);
         void endStream();   // the terminal chunk: a clean end of the body
@@ -46,7 +47,8 @@ public:
 
     using Handler = std::function<void(const Request&, Exchange&)>;
 
-    explicit ScriptedHttpServer(QObject* parent = nullptr, const QHostAddress& address = QHostAddress::LocalHost);
+    explicit ScriptedHttpServer(QObject* parent = nullptr,
+                                const QHostAddress& address = QHostAddress::LocalHost);
     ~ScriptedHttpServer() override;
 
     // The base URL, ending in a slash.

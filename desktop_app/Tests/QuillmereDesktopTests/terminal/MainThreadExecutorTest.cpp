@@ -46,7 +46,7 @@ private:
 constexpr qint64 kFloodBytes = 100'000'000;
 const char kFloodLine[] = "the quick brown fox jumps over the lazy dog 0123456789";
 
-}  // namespace
+} // namespace
 
 class MainThreadExecutorTest : public QObject {
     Q_OBJECT
@@ -171,14 +171,16 @@ void MainThreadExecutorTest::aHundredMegabyteFloodLeavesTheEventLoopTurning() {
           "%.2f s (longest stretch %.1f ms), %d ticks, %d ticks between slices, longest gap between ticks "
           "%.1f ms, peak backlog %zu bytes, %llu suspensions",
           static_cast<long long>(status.totalRead), elapsed / 1e9, status.totalRead / (elapsed / 1e3), slices,
-          static_cast<unsigned long long>(status.slicesCut), executor.busyNs / 1e9, executor.longestNs / 1e6, ticks,
-          interleaved, longestGap / 1e6, status.peakPendingBytes, static_cast<unsigned long long>(status.suspensions));
+          static_cast<unsigned long long>(status.slicesCut), executor.busyNs / 1e9, executor.longestNs / 1e6,
+          ticks, interleaved, longestGap / 1e6, status.peakPendingBytes,
+          static_cast<unsigned long long>(status.suspensions));
     QCOMPARE(exitCode, std::optional<int32_t>(0));
     // Every byte arrived; the pseudo-terminal sent each line feed as a carriage return and a line feed.
-    const qint64 lineLength = static_cast<qint64>(sizeof kFloodLine);  // the text and its line feed
+    const qint64 lineLength = static_cast<qint64>(sizeof kFloodLine); // the text and its line feed
     const qint64 lineFeeds = kFloodBytes / lineLength;
     QCOMPARE(static_cast<qint64>(status.totalRead), kFloodBytes + lineFeeds);
-    QVERIFY2(status.peakPendingBytes < termkit::LocalProcess::kPendingHighWaterBytes + termkit::LocalProcess::kReadSize,
+    QVERIFY2(status.peakPendingBytes <
+                 termkit::LocalProcess::kPendingHighWaterBytes + termkit::LocalProcess::kReadSize,
              qPrintable(QString::number(status.peakPendingBytes)));
     QVERIFY(status.suspensions >= 1);
     QCOMPARE(status.resumptions, status.suspensions);
@@ -199,12 +201,12 @@ void MainThreadExecutorTest::schedulerRunsAndCancelsTerminalTimers() {
     QVERIFY(first != second);
     QCOMPARE(scheduler.pending(), size_t(2));
     scheduler.cancel(second);
-    scheduler.cancel(12345);  // unknown: ignored
+    scheduler.cancel(12345); // unknown: ignored
     QTRY_COMPARE(fired, 1);
     QCOMPARE(scheduler.pending(), size_t(0));
     QTest::qWait(20);
     QCOMPARE(fired, 1);
-    scheduler.cancel(first);  // already ran: ignored
+    scheduler.cancel(first); // already ran: ignored
 
     // A terminal's synchronized output ends by itself through the scheduler.
     QtTerminalScheduler terminalTimers;

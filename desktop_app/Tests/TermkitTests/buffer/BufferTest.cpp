@@ -15,359 +15,365 @@ using testing::write;
 using Lines = std::vector<std::string>;
 
 class UserScrollObserver : public BufferObserver {
- public:
-  bool holding = false;
-  int inPlace = 0;
-  bool isUserScrolling() const override { return holding; }
-  void bufferScrolledInPlace() override { ++inPlace; }
+public:
+    bool holding = false;
+    int inPlace = 0;
+    bool isUserScrolling() const override { return holding; }
+    void bufferScrolledInPlace() override { ++inPlace; }
 };
 
 TEST(BufferTest, StartsWithLazyBlankScreenRowsAndDefaultRegions) {
-  Buffer b(10, 4, 8, 100, {});
-  EXPECT_EQ(b.lines.count(), 4);
-  EXPECT_EQ(b.lines.maxLength(), 104);
-  EXPECT_EQ(b.lines.peek(0), nullptr);
-  EXPECT_EQ(b.scrollTop, 0);
-  EXPECT_EQ(b.scrollBottom, 3);
-  EXPECT_EQ(b.marginLeft, 0);
-  EXPECT_EQ(b.marginRight, 9);
-  EXPECT_EQ(b.lines[0].count(), 10);
-  EXPECT_NE(b.lines.peek(0), nullptr);
+    Buffer b(10, 4, 8, 100, {});
+    EXPECT_EQ(b.lines.count(), 4);
+    EXPECT_EQ(b.lines.maxLength(), 104);
+    EXPECT_EQ(b.lines.peek(0), nullptr);
+    EXPECT_EQ(b.scrollTop, 0);
+    EXPECT_EQ(b.scrollBottom, 3);
+    EXPECT_EQ(b.marginLeft, 0);
+    EXPECT_EQ(b.marginRight, 9);
+    EXPECT_EQ(b.lines[0].count(), 10);
+    EXPECT_NE(b.lines.peek(0), nullptr);
 }
 
 TEST(BufferTest, FullRingScrollKeepsYBaseGrowsLinesTopAndDropsTheOldestLine) {
-  Buffer b(5, 2, 8, 2, {});
-  for (int i = 0; i < 4; ++i) {
-    write(b, std::u32string(1, U'a' + i));
+    Buffer b(5, 2, 8, 2, {});
+    for (int i = 0; i < 4; ++i) {
+        write(b, std::u32string(1, U'a' + i));
+        newline(b);
+    }
+    // Four lines and the cursor line: the ring of 4 is full and has dropped "a".
+    EXPECT_TRUE(b.lines.isFull());
+    EXPECT_EQ(allLines(b), (Lines{"b", "c", "d", ""}));
+    const int yBase = b.yBase;
+    const long long top = b.linesTop;
+    write(b, U"e");
     newline(b);
-  }
-  // Four lines and the cursor line: the ring of 4 is full and has dropped "a".
-  EXPECT_TRUE(b.lines.isFull());
-  EXPECT_EQ(allLines(b), (Lines{"b", "c", "d", ""}));
-  const int yBase = b.yBase;
-  const long long top = b.linesTop;
-  write(b, U"e");
-  newline(b);
-  EXPECT_EQ(b.yBase, yBase);
-  EXPECT_EQ(b.linesTop, top + 1);
-  EXPECT_EQ(allLines(b), (Lines{"c", "d", "e", ""}));
+    EXPECT_EQ(b.yBase, yBase);
+    EXPECT_EQ(b.linesTop, top + 1);
+    EXPECT_EQ(allLines(b), (Lines{"c", "d", "e", ""}));
 }
 
 TEST(BufferTest, UserScrolledUpViewStaysStillUntilItsLinesAreRecycled) {
-  Buffer b(5, 2, 8, 4, {});
-  UserScrollObserver observer;
-  b.observer = &observer;
-  for (int i = 0; i < 5; ++i) {
-    write(b, std::u32string(1, U'a' + i));
+    Buffer b(5, 2, 8, 4, {});
+    UserScrollObserver observer;
+    b.observer = &observer;
+    for (int i = 0; i < 5; ++i) {
+        write(b, std::u32string(1, U'a' + i));
+        newline(b);
+    }
+    // The person scrolls to the top of the history; the ring of 6 is just full.
+    ASSERT_TRUE(b.lines.isFull());
+    b.yDisp = 2;
+    observer.holding = true;
+    const std::string shown = text(b, b.yDisp);
+    EXPECT_EQ(shown, "c");
+    write(b, U"f");
     newline(b);
-  }
-  // The person scrolls to the top of the history; the ring of 6 is just full.
-  ASSERT_TRUE(b.lines.isFull());
-  b.yDisp = 2;
-  observer.holding = true;
-  const std::string shown = text(b, b.yDisp);
-  EXPECT_EQ(shown, "c");
-  write(b, U"f");
-  newline(b);
-  // The line on display moved one index up and yDisp with it: the text stays still.
-  EXPECT_EQ(b.yDisp, 1);
-  EXPECT_EQ(text(b, b.yDisp), shown);
-  EXPECT_EQ(observer.inPlace, 1);
-  b.yDisp = 0;
-  write(b, U"g");
-  newline(b);
-  // At the very top the line on display is itself recycled, and the view moves on.
-  EXPECT_EQ(b.yDisp, 0);
-  EXPECT_EQ(text(b, b.yDisp), "c");
+    // The line on display moved one index up and yDisp with it: the text stays still.
+    EXPECT_EQ(b.yDisp, 1);
+    EXPECT_EQ(text(b, b.yDisp), shown);
+    EXPECT_EQ(observer.inPlace, 1);
+    b.yDisp = 0;
+    write(b, U"g");
+    newline(b);
+    // At the very top the line on display is itself recycled, and the view moves on.
+    EXPECT_EQ(b.yDisp, 0);
+    EXPECT_EQ(text(b, b.yDisp), "c");
 }
 
 TEST(BufferTest, NotFullRingScrollGrowsYBaseAndFollowsUnlessTheUserHolds) {
-  Buffer b(5, 2, 8, 10, {});
-  UserScrollObserver observer;
-  b.observer = &observer;
-  newline(b);
-  newline(b);
-  EXPECT_EQ(b.yBase, 1);
-  EXPECT_EQ(b.yDisp, 1);
-  observer.holding = true;
-  newline(b);
-  EXPECT_EQ(b.yBase, 2);
-  EXPECT_EQ(b.yDisp, 1);
+    Buffer b(5, 2, 8, 10, {});
+    UserScrollObserver observer;
+    b.observer = &observer;
+    newline(b);
+    newline(b);
+    EXPECT_EQ(b.yBase, 1);
+    EXPECT_EQ(b.yDisp, 1);
+    observer.holding = true;
+    newline(b);
+    EXPECT_EQ(b.yBase, 2);
+    EXPECT_EQ(b.yDisp, 1);
 }
 
 TEST(BufferTest, ScrollRegionBelowTheTopKeepsHistoryOut) {
-  Buffer b(5, 4, 8, 10, {});
-  for (char32_t c : std::u32string(U"abcd")) {
-    write(b, std::u32string(1, c));
-    if (c != U'd') newline(b);
-  }
-  b.scrollTop = 1;
-  b.scrollBottom = 2;
-  b.y = 2;
-  b.scroll(false);
-  EXPECT_EQ(b.yBase, 0);
-  EXPECT_EQ(screen(b), (Lines{"a", "c", "", "d"}));
+    Buffer b(5, 4, 8, 10, {});
+    for (char32_t c : std::u32string(U"abcd")) {
+        write(b, std::u32string(1, c));
+        if (c != U'd')
+            newline(b);
+    }
+    b.scrollTop = 1;
+    b.scrollBottom = 2;
+    b.y = 2;
+    b.scroll(false);
+    EXPECT_EQ(b.yBase, 0);
+    EXPECT_EQ(screen(b), (Lines{"a", "c", "", "d"}));
 }
 
 TEST(BufferTest, ScrollRegionAtTheTopWithABottomMarginSendsTheTopLineToHistory) {
-  Buffer b(5, 4, 8, 10, {});
-  for (char32_t c : std::u32string(U"abcd")) {
-    write(b, std::u32string(1, c));
-    if (c != U'd') newline(b);
-  }
-  b.scrollBottom = 2;
-  b.scroll(false);
-  EXPECT_EQ(b.yBase, 1);
-  EXPECT_EQ(allLines(b), (Lines{"a", "b", "c", "", "d"}));
+    Buffer b(5, 4, 8, 10, {});
+    for (char32_t c : std::u32string(U"abcd")) {
+        write(b, std::u32string(1, c));
+        if (c != U'd')
+            newline(b);
+    }
+    b.scrollBottom = 2;
+    b.scroll(false);
+    EXPECT_EQ(b.yBase, 1);
+    EXPECT_EQ(allLines(b), (Lines{"a", "b", "c", "", "d"}));
 }
 
 TEST(BufferTest, WideCharacterThatWrappedJoinsTheRowAboveWhenWidened) {
-  Buffer b(6, 3, 8, 10, {});
-  write(b, U"hello\u4E16");
-  newline(b);
-  EXPECT_EQ(screen(b), (Lines{"hello", "\xe4\xb8\x96", ""}));
-  EXPECT_TRUE(b.lines[1].isWrapped);
-  b.resize(7, 3);
-  EXPECT_EQ(screen(b)[0], "hello\xe4\xb8\x96");
-  EXPECT_EQ(b.lines[0].count(), 7);
-  EXPECT_EQ(b.lines[0][5].width, 2);
-  EXPECT_EQ(b.lines[0][6].width, 0);
+    Buffer b(6, 3, 8, 10, {});
+    write(b, U"hello\u4E16");
+    newline(b);
+    EXPECT_EQ(screen(b), (Lines{"hello", "\xe4\xb8\x96", ""}));
+    EXPECT_TRUE(b.lines[1].isWrapped);
+    b.resize(7, 3);
+    EXPECT_EQ(screen(b)[0], "hello\xe4\xb8\x96");
+    EXPECT_EQ(b.lines[0].count(), 7);
+    EXPECT_EQ(b.lines[0][5].width, 2);
+    EXPECT_EQ(b.lines[0][6].width, 0);
 }
 
 TEST(BufferTest, WideningMovesTheCursorUpByTheLinesRemovedAboveIt) {
-  Buffer b(6, 3, 8, 10, {});
-  write(b, U"hello\u4E16");
-  newline(b);
-  b.resize(7, 3);
-  EXPECT_EQ(b.y, 1);
-  EXPECT_EQ(b.x, 0);
-  EXPECT_EQ(screen(b), (Lines{"hello\xe4\xb8\x96", "", ""}));
+    Buffer b(6, 3, 8, 10, {});
+    write(b, U"hello\u4E16");
+    newline(b);
+    b.resize(7, 3);
+    EXPECT_EQ(b.y, 1);
+    EXPECT_EQ(b.x, 0);
+    EXPECT_EQ(screen(b), (Lines{"hello\xe4\xb8\x96", "", ""}));
 }
 
 TEST(BufferTest, NarrowingPutsAWideCharacterOnTheEdgeOntoTheNextRow) {
-  Buffer b(10, 3, 8, 10, {});
-  write(b, U"abcd\u4E16x");
-  newline(b);
-  b.resize(5, 3);
-  EXPECT_EQ(screen(b), (Lines{"abcd", "\xe4\xb8\x96x", ""}));
-  EXPECT_TRUE(b.lines[0][4].isUntouchedBlank());
-  EXPECT_TRUE(b.lines[1].isWrapped);
-  EXPECT_EQ(b.y, 2);
-  // And back: the filler blank disappears again.
-  b.resize(10, 3);
-  EXPECT_EQ(screen(b)[0], "abcd\xe4\xb8\x96x");
+    Buffer b(10, 3, 8, 10, {});
+    write(b, U"abcd\u4E16x");
+    newline(b);
+    b.resize(5, 3);
+    EXPECT_EQ(screen(b), (Lines{"abcd", "\xe4\xb8\x96x", ""}));
+    EXPECT_TRUE(b.lines[0][4].isUntouchedBlank());
+    EXPECT_TRUE(b.lines[1].isWrapped);
+    EXPECT_EQ(b.y, 2);
+    // And back: the filler blank disappears again.
+    b.resize(10, 3);
+    EXPECT_EQ(screen(b)[0], "abcd\xe4\xb8\x96x");
 }
 
 TEST(BufferTest, GroupHoldingTheCursorIsNotReflowed) {
-  Buffer b(5, 3, 8, 10, {});
-  write(b, U"abcdefg");
-  ASSERT_TRUE(b.lines[1].isWrapped);
-  b.resize(10, 3);
-  EXPECT_EQ(screen(b), (Lines{"abcde", "fg", ""}));
-  EXPECT_TRUE(b.lines[1].isWrapped);
+    Buffer b(5, 3, 8, 10, {});
+    write(b, U"abcdefg");
+    ASSERT_TRUE(b.lines[1].isWrapped);
+    b.resize(10, 3);
+    EXPECT_EQ(screen(b), (Lines{"abcde", "fg", ""}));
+    EXPECT_TRUE(b.lines[1].isWrapped);
 }
 
 TEST(BufferTest, WideningRemovesLinesAboveTheCursorAndMovesItUp) {
-  Buffer b(5, 4, 8, 10, {});
-  write(b, U"abcdefg");
-  newline(b);
-  write(b, U"$");
-  EXPECT_EQ(b.y, 2);
-  b.resize(10, 4);
-  EXPECT_EQ(screen(b), (Lines{"abcdefg", "$", "", ""}));
-  EXPECT_EQ(b.y, 1);
-  EXPECT_EQ(b.x, 1);
+    Buffer b(5, 4, 8, 10, {});
+    write(b, U"abcdefg");
+    newline(b);
+    write(b, U"$");
+    EXPECT_EQ(b.y, 2);
+    b.resize(10, 4);
+    EXPECT_EQ(screen(b), (Lines{"abcdefg", "$", "", ""}));
+    EXPECT_EQ(b.y, 1);
+    EXPECT_EQ(b.x, 1);
 }
 
 TEST(BufferTest, NarrowingMovesTheCursorDownOnAScreenWithRoom) {
-  Buffer b(10, 4, 8, 10, {});
-  write(b, U"abcdefg");
-  newline(b);
-  write(b, U"$");
-  b.resize(5, 4);
-  EXPECT_EQ(screen(b), (Lines{"abcde", "fg", "$", ""}));
-  EXPECT_EQ(b.y, 2);
-  EXPECT_EQ(b.yBase, 0);
+    Buffer b(10, 4, 8, 10, {});
+    write(b, U"abcdefg");
+    newline(b);
+    write(b, U"$");
+    b.resize(5, 4);
+    EXPECT_EQ(screen(b), (Lines{"abcde", "fg", "$", ""}));
+    EXPECT_EQ(b.y, 2);
+    EXPECT_EQ(b.yBase, 0);
 }
 
 TEST(BufferTest, NarrowingAFullScreenPushesItsTopIntoHistory) {
-  Buffer b(10, 2, 8, 10, {});
-  write(b, U"abcdefg");
-  newline(b);
-  write(b, U"$");
-  b.resize(5, 2);
-  EXPECT_EQ(b.yBase, 1);
-  EXPECT_EQ(allLines(b), (Lines{"abcde", "fg", "$"}));
-  EXPECT_EQ(b.y, 1);
+    Buffer b(10, 2, 8, 10, {});
+    write(b, U"abcdefg");
+    newline(b);
+    write(b, U"$");
+    b.resize(5, 2);
+    EXPECT_EQ(b.yBase, 1);
+    EXPECT_EQ(allLines(b), (Lines{"abcde", "fg", "$"}));
+    EXPECT_EQ(b.y, 1);
 }
 
 TEST(BufferTest, NarrowingKeepsEveryCellWhenTheRowCountStaysTheSame) {
-  Buffer b(10, 3, 8, 10, {});
-  write(b, U"abcdefghijk");
-  newline(b);
-  b.resize(9, 3);
-  EXPECT_EQ(screen(b), (Lines{"abcdefghi", "jk", ""}));
+    Buffer b(10, 3, 8, 10, {});
+    write(b, U"abcdefghijk");
+    newline(b);
+    b.resize(9, 3);
+    EXPECT_EQ(screen(b), (Lines{"abcdefghi", "jk", ""}));
 }
 
 TEST(BufferTest, AlternateBufferResizeTruncatesText) {
-  Buffer alt(10, 3, 8, std::nullopt, {}, nullptr, false);
-  write(alt, U"abcdefghij");
-  alt.x = 0;
-  alt.y = 1;
-  write(alt, U"xyz");
-  alt.resize(4, 3);
-  EXPECT_EQ(screen(alt), (Lines{"abcd", "xyz", ""}));
-  EXPECT_FALSE(alt.lines[1].isWrapped);
-  EXPECT_EQ(alt.lines.maxLength(), 3);
+    Buffer alt(10, 3, 8, std::nullopt, {}, nullptr, false);
+    write(alt, U"abcdefghij");
+    alt.x = 0;
+    alt.y = 1;
+    write(alt, U"xyz");
+    alt.resize(4, 3);
+    EXPECT_EQ(screen(alt), (Lines{"abcd", "xyz", ""}));
+    EXPECT_FALSE(alt.lines[1].isWrapped);
+    EXPECT_EQ(alt.lines.maxLength(), 3);
 }
 
 TEST(BufferTest, ShrinkingRowsWithTheCursorInTheMiddlePopsEmptyRows) {
-  Buffer b(5, 6, 8, 10, {});
-  write(b, U"a");
-  newline(b);
-  write(b, U"b");
-  b.resize(5, 3);
-  EXPECT_EQ(b.yBase, 0);
-  EXPECT_EQ(b.y, 1);
-  EXPECT_EQ(b.lines.count(), 3);
-  EXPECT_EQ(screen(b), (Lines{"a", "b", ""}));
+    Buffer b(5, 6, 8, 10, {});
+    write(b, U"a");
+    newline(b);
+    write(b, U"b");
+    b.resize(5, 3);
+    EXPECT_EQ(b.yBase, 0);
+    EXPECT_EQ(b.y, 1);
+    EXPECT_EQ(b.lines.count(), 3);
+    EXPECT_EQ(screen(b), (Lines{"a", "b", ""}));
 }
 
 TEST(BufferTest, ShrinkingRowsWithTheCursorAtTheBottomScrolls) {
-  Buffer b(5, 4, 8, 10, {});
-  for (char32_t c : std::u32string(U"abcd")) {
-    write(b, std::u32string(1, c));
-    if (c != U'd') newline(b);
-  }
-  b.resize(5, 2);
-  EXPECT_EQ(b.yBase, 2);
-  EXPECT_EQ(b.y, 1);
-  EXPECT_EQ(screen(b), (Lines{"c", "d"}));
+    Buffer b(5, 4, 8, 10, {});
+    for (char32_t c : std::u32string(U"abcd")) {
+        write(b, std::u32string(1, c));
+        if (c != U'd')
+            newline(b);
+    }
+    b.resize(5, 2);
+    EXPECT_EQ(b.yBase, 2);
+    EXPECT_EQ(b.y, 1);
+    EXPECT_EQ(screen(b), (Lines{"c", "d"}));
 }
 
 TEST(BufferTest, GrowingRowsPullsHistoryBackIntoView) {
-  Buffer b(5, 2, 8, 10, {});
-  for (char32_t c : std::u32string(U"abcd")) {
-    write(b, std::u32string(1, c));
-    if (c != U'd') newline(b);
-  }
-  ASSERT_EQ(b.yBase, 2);
-  b.resize(5, 3);
-  EXPECT_EQ(b.yBase, 1);
-  EXPECT_EQ(b.y, 2);
-  EXPECT_EQ(screen(b), (Lines{"b", "c", "d"}));
+    Buffer b(5, 2, 8, 10, {});
+    for (char32_t c : std::u32string(U"abcd")) {
+        write(b, std::u32string(1, c));
+        if (c != U'd')
+            newline(b);
+    }
+    ASSERT_EQ(b.yBase, 2);
+    b.resize(5, 3);
+    EXPECT_EQ(b.yBase, 1);
+    EXPECT_EQ(b.y, 2);
+    EXPECT_EQ(screen(b), (Lines{"b", "c", "d"}));
 }
 
 TEST(BufferTest, ChangeHistorySizeToNothingLeavesOnlyTheScreen) {
-  Buffer b(5, 2, 8, 10, {});
-  for (int i = 0; i < 6; ++i) {
-    write(b, std::u32string(1, U'a' + i));
-    newline(b);
-  }
-  ASSERT_EQ(b.lines.count(), 7);
-  b.changeHistorySize(std::nullopt);
-  EXPECT_EQ(b.lines.maxLength(), 2);
-  EXPECT_EQ(b.lines.count(), 2);
-  EXPECT_EQ(b.yBase, 0);
-  EXPECT_EQ(b.yDisp, 0);
-  EXPECT_FALSE(b.scrollback.has_value());
-  EXPECT_EQ(screen(b), (Lines{"f", ""}));
-  b.changeHistorySize(3);
-  EXPECT_EQ(b.lines.maxLength(), 5);
+    Buffer b(5, 2, 8, 10, {});
+    for (int i = 0; i < 6; ++i) {
+        write(b, std::u32string(1, U'a' + i));
+        newline(b);
+    }
+    ASSERT_EQ(b.lines.count(), 7);
+    b.changeHistorySize(std::nullopt);
+    EXPECT_EQ(b.lines.maxLength(), 2);
+    EXPECT_EQ(b.lines.count(), 2);
+    EXPECT_EQ(b.yBase, 0);
+    EXPECT_EQ(b.yDisp, 0);
+    EXPECT_FALSE(b.scrollback.has_value());
+    EXPECT_EQ(screen(b), (Lines{"f", ""}));
+    b.changeHistorySize(3);
+    EXPECT_EQ(b.lines.maxLength(), 5);
 }
 
 TEST(BufferTest, TabStopsEveryWidthAndKeptWhenWidening) {
-  Buffer b(20, 2, 8, 0, {});
-  EXPECT_EQ(b.nextTabStop(0, false), 8);
-  EXPECT_EQ(b.nextTabStop(8, false), 16);
-  EXPECT_EQ(b.nextTabStop(16, false), 19);
-  EXPECT_EQ(b.previousTabStop(10), 8);
-  EXPECT_EQ(b.previousTabStop(3), 0);
-  b.tabSet(3);
-  b.tabClear(8);
-  EXPECT_EQ(b.nextTabStop(0, false), 3);
-  EXPECT_EQ(b.nextTabStop(3, false), 16);
-  b.resize(30, 2);
-  EXPECT_EQ(b.nextTabStop(3, false), 16);
-  EXPECT_EQ(b.nextTabStop(16, false), 24);
-  b.marginRight = 20;
-  EXPECT_EQ(b.nextTabStop(16, true), 20);
-  b.clearTabStops();
-  EXPECT_EQ(b.nextTabStop(0, false), 29);
+    Buffer b(20, 2, 8, 0, {});
+    EXPECT_EQ(b.nextTabStop(0, false), 8);
+    EXPECT_EQ(b.nextTabStop(8, false), 16);
+    EXPECT_EQ(b.nextTabStop(16, false), 19);
+    EXPECT_EQ(b.previousTabStop(10), 8);
+    EXPECT_EQ(b.previousTabStop(3), 0);
+    b.tabSet(3);
+    b.tabClear(8);
+    EXPECT_EQ(b.nextTabStop(0, false), 3);
+    EXPECT_EQ(b.nextTabStop(3, false), 16);
+    b.resize(30, 2);
+    EXPECT_EQ(b.nextTabStop(3, false), 16);
+    EXPECT_EQ(b.nextTabStop(16, false), 24);
+    b.marginRight = 20;
+    EXPECT_EQ(b.nextTabStop(16, true), 20);
+    b.clearTabStops();
+    EXPECT_EQ(b.nextTabStop(0, false), 29);
 }
 
 TEST(BufferTest, InsertCharacterWithoutWraparoundDropsWideAndOverwritesTheEdge) {
-  Buffer b(10, 2, 8, 0, {});
-  b.wraparound = false;
-  write(b, U"abcdefghi");
-  write(b, U"\u4E16");
-  EXPECT_EQ(text(b, 0), "abcdefghi");
-  write(b, U"jk");
-  EXPECT_EQ(text(b, 0), "abcdefghik");
-  EXPECT_EQ(b.y, 0);
+    Buffer b(10, 2, 8, 0, {});
+    b.wraparound = false;
+    write(b, U"abcdefghi");
+    write(b, U"\u4E16");
+    EXPECT_EQ(text(b, 0), "abcdefghi");
+    write(b, U"jk");
+    EXPECT_EQ(text(b, 0), "abcdefghik");
+    EXPECT_EQ(b.y, 0);
 }
 
 TEST(BufferTest, InsertModeWithAWideCharacterAtTheEdgeLeavesNoHalf) {
-  Buffer b(6, 2, 8, 0, {});
-  write(b, U"abcd\u4E16");
-  b.x = 0;
-  b.insertMode = true;
-  write(b, U"x");
-  // The wide character was pushed to columns 5 and 6; column 6 does not exist.
-  EXPECT_EQ(b.lines[0][5].width, 1);
-  EXPECT_EQ(b.lines[0][5].code, 0);
-  EXPECT_EQ(text(b, 0), "xabcd");
+    Buffer b(6, 2, 8, 0, {});
+    write(b, U"abcd\u4E16");
+    b.x = 0;
+    b.insertMode = true;
+    write(b, U"x");
+    // The wide character was pushed to columns 5 and 6; column 6 does not exist.
+    EXPECT_EQ(b.lines[0][5].width, 1);
+    EXPECT_EQ(b.lines[0][5].code, 0);
+    EXPECT_EQ(text(b, 0), "xabcd");
 }
 
 TEST(BufferTest, AsciiRunsWrapLikeSingleCharacters) {
-  Buffer viaRun(4, 3, 8, 10, {});
-  Buffer viaChars(4, 3, 8, 10, {});
-  const std::string s = "abcdefghijklmn";
-  EXPECT_EQ(viaRun.insertAsciiRun(reinterpret_cast<const uint8_t*>(s.data()), static_cast<int>(s.size()), 0),
-            static_cast<int>(s.size()));
-  write(viaChars, U"abcdefghijklmn");
-  EXPECT_EQ(allLines(viaRun), allLines(viaChars));
-  EXPECT_EQ(viaRun.x, viaChars.x);
-  EXPECT_EQ(viaRun.y, viaChars.y);
-  EXPECT_EQ(viaRun.yBase, viaChars.yBase);
-  for (int i = 1; i < viaRun.lines.count(); ++i) EXPECT_EQ(viaRun.lines[i].isWrapped, viaChars.lines[i].isWrapped);
+    Buffer viaRun(4, 3, 8, 10, {});
+    Buffer viaChars(4, 3, 8, 10, {});
+    const std::string s = "abcdefghijklmn";
+    EXPECT_EQ(
+        viaRun.insertAsciiRun(reinterpret_cast<const uint8_t*>(s.data()), static_cast<int>(s.size()), 0),
+        static_cast<int>(s.size()));
+    write(viaChars, U"abcdefghijklmn");
+    EXPECT_EQ(allLines(viaRun), allLines(viaChars));
+    EXPECT_EQ(viaRun.x, viaChars.x);
+    EXPECT_EQ(viaRun.y, viaChars.y);
+    EXPECT_EQ(viaRun.yBase, viaChars.yBase);
+    for (int i = 1; i < viaRun.lines.count(); ++i)
+        EXPECT_EQ(viaRun.lines[i].isWrapped, viaChars.lines[i].isWrapped);
 }
 
 TEST(BufferTest, AsciiRunLeavesInsertModeToTheGeneralPath) {
-  Buffer b(4, 3, 8, 10, {});
-  b.insertMode = true;
-  const uint8_t s[] = {'a', 'b'};
-  EXPECT_EQ(b.insertAsciiRun(s, 2, 0), 0);
+    Buffer b(4, 3, 8, 10, {});
+    b.insertMode = true;
+    const uint8_t s[] = {'a', 'b'};
+    EXPECT_EQ(b.insertAsciiRun(s, 2, 0), 0);
 }
 
 TEST(BufferTest, ScrollWithLeftAndRightMarginsMovesOnlyTheCellsInside) {
-  Buffer b(6, 3, 8, 10, {});
-  write(b, U"abcdef");
-  b.x = 0;
-  b.y = 1;
-  write(b, U"ghijkl");
-  b.x = 0;
-  b.y = 2;
-  write(b, U"mnopqr");
-  b.marginMode = true;
-  b.marginLeft = 1;
-  b.marginRight = 3;
-  b.scroll(false);
-  EXPECT_EQ(screen(b), (Lines{"ahijef", "gnopkl", "m   qr"}));
-  EXPECT_EQ(b.yBase, 0);
+    Buffer b(6, 3, 8, 10, {});
+    write(b, U"abcdef");
+    b.x = 0;
+    b.y = 1;
+    write(b, U"ghijkl");
+    b.x = 0;
+    b.y = 2;
+    write(b, U"mnopqr");
+    b.marginMode = true;
+    b.marginLeft = 1;
+    b.marginRight = 3;
+    b.scroll(false);
+    EXPECT_EQ(screen(b), (Lines{"ahijef", "gnopkl", "m   qr"}));
+    EXPECT_EQ(b.yBase, 0);
 }
 
 TEST(BufferTest, AttributeMarkingReportsEveryIdOnMaterialisedLines) {
-  Buffer b(4, 2, 8, 0, {});
-  b.curAttr = 5;
-  write(b, U"ab");
-  b.curAttr = 9;
-  write(b, U"c");
-  std::vector<AttributeId> seen;
-  b.markAttributes([&](AttributeId id) { seen.push_back(id); });
-  EXPECT_NE(std::find(seen.begin(), seen.end(), 5u), seen.end());
-  EXPECT_NE(std::find(seen.begin(), seen.end(), 9u), seen.end());
+    Buffer b(4, 2, 8, 0, {});
+    b.curAttr = 5;
+    write(b, U"ab");
+    b.curAttr = 9;
+    write(b, U"c");
+    std::vector<AttributeId> seen;
+    b.markAttributes([&](AttributeId id) { seen.push_back(id); });
+    EXPECT_NE(std::find(seen.begin(), seen.end(), 5u), seen.end());
+    EXPECT_NE(std::find(seen.begin(), seen.end(), 9u), seen.end());
 }
 
-}  // namespace
-}  // namespace termkit
+} // namespace
+} // namespace termkit

@@ -10,39 +10,41 @@ namespace termkit::testing {
 
 /// Writes text at the cursor; characters from U+1100 up are taken as wide for brevity.
 inline void write(Buffer& buffer, const std::u32string& text) {
-  for (char32_t c : text) {
-    const int width = c >= 0x1100 ? 2 : 1;
-    buffer.insertCharacter(buffer.tables->characters.code(c), width, 0);
-  }
+    for (char32_t c : text) {
+        const int width = c >= 0x1100 ? 2 : 1;
+        buffer.insertCharacter(buffer.tables->characters.code(c), width, 0);
+    }
 }
 
 /// Carriage return and line feed.
 inline void newline(Buffer& buffer) {
-  buffer.x = 0;
-  if (buffer.y == buffer.scrollBottom) {
-    buffer.scroll(false);
-  } else if (buffer.y < buffer.rows() - 1) {
-    ++buffer.y;
-  }
+    buffer.x = 0;
+    if (buffer.y == buffer.scrollBottom) {
+        buffer.scroll(false);
+    } else if (buffer.y < buffer.rows() - 1) {
+        ++buffer.y;
+    }
 }
 
 /// Text of a line, right halves of wide characters left out, trailing blanks trimmed.
 inline std::string text(Buffer& buffer, int lineIndex) {
-  return buffer.lines[lineIndex].translateToString(buffer.tables->characters);
+    return buffer.lines[lineIndex].translateToString(buffer.tables->characters);
 }
 
 /// Every line of the buffer as text.
 inline std::vector<std::string> allLines(Buffer& buffer) {
-  std::vector<std::string> out;
-  for (int i = 0; i < buffer.lines.count(); ++i) out.push_back(text(buffer, i));
-  return out;
+    std::vector<std::string> out;
+    for (int i = 0; i < buffer.lines.count(); ++i)
+        out.push_back(text(buffer, i));
+    return out;
 }
 
 /// The screen rows as text.
 inline std::vector<std::string> screen(Buffer& buffer) {
-  std::vector<std::string> out;
-  for (int r = 0; r < buffer.rows(); ++r) out.push_back(text(buffer, buffer.yBase + r));
-  return out;
+    std::vector<std::string> out;
+    for (int r = 0; r < buffer.rows(); ++r)
+        out.push_back(text(buffer, buffer.yBase + r));
+    return out;
 }
 
-}  // namespace termkit::testing
+} // namespace termkit::testing

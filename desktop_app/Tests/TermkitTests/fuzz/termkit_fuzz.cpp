@@ -13,85 +13,89 @@
 namespace {
 
 class Host : public termkit::TerminalDelegate {
- public:
-  void send(termkit::Terminal&, std::span<const uint8_t>) override {}
-  std::optional<std::vector<uint8_t>> clipboardRead(termkit::Terminal&) override {
-    return std::vector<uint8_t>{'x'};
-  }
+public:
+    void send(termkit::Terminal&, std::span<const uint8_t>) override {}
+    std::optional<std::vector<uint8_t>> clipboardRead(termkit::Terminal&) override {
+        return std::vector<uint8_t>{'x'};
+    }
 };
 
 void check(bool condition) {
-  if (!condition) std::abort();
+    if (!condition)
+        std::abort();
 }
 
 // The invariants every operation must keep.
 void checkInvariants(termkit::Terminal& t) {
-  for (termkit::Buffer* b : {&t.normalBuffer(), &t.altBuffer()}) {
-    check(b->cols() == t.cols() && b->rows() == t.rows());
-    check(b->x >= 0 && b->x <= b->cols());
-    check(b->y >= 0 && b->y < b->rows());
-    check(b->yBase >= 0 && b->yDisp >= 0 && b->yDisp <= b->yBase);
-    check(b->lines.count() == b->yBase + b->rows());
-    check(b->lines.count() <= b->lines.maxLength());
-    check(b->scrollTop >= 0 && b->scrollTop < b->scrollBottom + 1 && b->scrollBottom < b->rows());
-    check(b->marginLeft >= 0 && b->marginLeft <= b->marginRight && b->marginRight < b->cols());
-    for (int i = 0; i < b->lines.count(); ++i) {
-      const termkit::BufferLine* line = b->lines.peek(i);
-      if (line == nullptr) continue;
-      check(line->count() == b->cols());
-      // Cells past the clean mark must really be empty, or a recycled line would show them.
-      for (int c = line->cleanFrom(); c < line->count(); ++c) check(line->cells()[c] == termkit::CharData::Null);
+    for (termkit::Buffer* b : {&t.normalBuffer(), &t.altBuffer()}) {
+        check(b->cols() == t.cols() && b->rows() == t.rows());
+        check(b->x >= 0 && b->x <= b->cols());
+        check(b->y >= 0 && b->y < b->rows());
+        check(b->yBase >= 0 && b->yDisp >= 0 && b->yDisp <= b->yBase);
+        check(b->lines.count() == b->yBase + b->rows());
+        check(b->lines.count() <= b->lines.maxLength());
+        check(b->scrollTop >= 0 && b->scrollTop < b->scrollBottom + 1 && b->scrollBottom < b->rows());
+        check(b->marginLeft >= 0 && b->marginLeft <= b->marginRight && b->marginRight < b->cols());
+        for (int i = 0; i < b->lines.count(); ++i) {
+            const termkit::BufferLine* line = b->lines.peek(i);
+            if (line == nullptr)
+                continue;
+            check(line->count() == b->cols());
+            // Cells past the clean mark must really be empty, or a recycled line would show them.
+            for (int c = line->cleanFrom(); c < line->count(); ++c)
+                check(line->cells()[c] == termkit::CharData::Null);
+        }
     }
-  }
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size < 4) return 0;
-  Host host;
-  termkit::TerminalOptions options;
-  options.cols = 2 + data[0] % 100;
-  options.rows = 1 + data[1] % 40;
-  options.scrollback = data[2] % 50;
-  options.regionalIndicatorWidth = (data[3] & 1) ? termkit::RegionalIndicatorWidth::narrow
-                                                 : termkit::RegionalIndicatorWidth::wide;
-  options.convertEol = (data[3] & 2) != 0;
-  termkit::Terminal terminal(&host, options);
-  terminal.silentLog = true;
-  size_t i = 4;
-  while (i < size) {
-    const uint8_t op = data[i++];
-    if (op < 0xF0) {
-      // A chunk of up to 64 bytes.
-      const size_t n = std::min<size_t>(op % 64 + 1, size - i);
-      terminal.feed(std::span<const uint8_t>(data + i, n));
-      i += n;
-    } else if (op < 0xF4 && i + 1 < size) {
-      terminal.resize(1 + data[i] % 120, data[i + 1] % 50);
-      i += 2;
-    } else if (op == 0xF4 && i < size) {
-      terminal.changeScrollback(data[i] % 3 == 0 ? std::nullopt : std::optional<int>(data[i] % 40));
-      ++i;
-    } else if (op == 0xF5) {
-      terminal.clearScrollback();
-    } else if (op == 0xF6) {
-      terminal.garbageCollectPayload();
-    } else if (op == 0xF7) {
-      (void)termkit::dumpScreen(terminal, true);
-      (void)terminal.getText(termkit::Position(termkit::Col(0), termkit::LineIndex(0)),
-                             termkit::Position(termkit::Col(3), termkit::LineIndex(5)));
-    } else if (op == 0xF8) {
-      terminal.userScrolling = !terminal.userScrolling;
-      terminal.buffer().yDisp = 0;
-    } else {
-      // A longer chunk, to reach states that need many bytes.
-      const size_t n = std::min<size_t>(512, size - i);
-      terminal.feed(std::span<const uint8_t>(data + i, n));
-      i += n;
+    if (size < 4)
+        return 0;
+    Host host;
+    termkit::TerminalOptions options;
+    options.cols = 2 + data[0] % 100;
+    options.rows = 1 + data[1] % 40;
+    options.scrollback = data[2] % 50;
+    options.regionalIndicatorWidth =
+        (data[3] & 1) ? termkit::RegionalIndicatorWidth::narrow : termkit::RegionalIndicatorWidth::wide;
+    options.convertEol = (data[3] & 2) != 0;
+    termkit::Terminal terminal(&host, options);
+    terminal.silentLog = true;
+    size_t i = 4;
+    while (i < size) {
+        const uint8_t op = data[i++];
+        if (op < 0xF0) {
+            // A chunk of up to 64 bytes.
+            const size_t n = std::min<size_t>(op % 64 + 1, size - i);
+            terminal.feed(std::span<const uint8_t>(data + i, n));
+            i += n;
+        } else if (op < 0xF4 && i + 1 < size) {
+            terminal.resize(1 + data[i] % 120, data[i + 1] % 50);
+            i += 2;
+        } else if (op == 0xF4 && i < size) {
+            terminal.changeScrollback(data[i] % 3 == 0 ? std::nullopt : std::optional<int>(data[i] % 40));
+            ++i;
+        } else if (op == 0xF5) {
+            terminal.clearScrollback();
+        } else if (op == 0xF6) {
+            terminal.garbageCollectPayload();
+        } else if (op == 0xF7) {
+            (void)termkit::dumpScreen(terminal, true);
+            (void)terminal.getText(termkit::Position(termkit::Col(0), termkit::LineIndex(0)),
+                                   termkit::Position(termkit::Col(3), termkit::LineIndex(5)));
+        } else if (op == 0xF8) {
+            terminal.userScrolling = !terminal.userScrolling;
+            terminal.buffer().yDisp = 0;
+        } else {
+            // A longer chunk, to reach states that need many bytes.
+            const size_t n = std::min<size_t>(512, size - i);
+            terminal.feed(std::span<const uint8_t>(data + i, n));
+            i += n;
+        }
+        checkInvariants(terminal);
     }
-    checkInvariants(terminal);
-  }
-  (void)termkit::dumpScreen(terminal, true);
-  return 0;
+    (void)termkit::dumpScreen(terminal, true);
+    return 0;
 }

@@ -30,16 +30,18 @@
 namespace termkit::testing {
 
 struct GoldenCase {
-  std::string file;
-  std::string name;
-  std::vector<std::string> steps;     // directive lines before `expect`
-  std::vector<std::string> expected;  // lines after `expect`
-  int expectLine = 0;                 // 0-based line of `expect` in the file
-  int endLine = 0;                    // one past the last line of the case
+    std::string file;
+    std::string name;
+    std::vector<std::string> steps;    // directive lines before `expect`
+    std::vector<std::string> expected; // lines after `expect`
+    int expectLine = 0;                // 0-based line of `expect` in the file
+    int endLine = 0;                   // one past the last line of the case
 };
 
 /// Test names show the case, not its bytes.
-inline void PrintTo(const GoldenCase& c, std::ostream* os) { *os << c.file << "/" << c.name; }
+inline void PrintTo(const GoldenCase& c, std::ostream* os) {
+    *os << c.file << "/" << c.name;
+}
 
 /// Reads every case of every script in a folder.
 std::vector<GoldenCase> loadGoldenCases(const std::string& folder);
@@ -48,4 +50,4 @@ std::vector<std::string> runGoldenCase(const GoldenCase& c);
 /// Decodes the escapes of a feed line into bytes.
 std::string unescapeFeed(const std::string& text);
 
-}  // namespace termkit::testing
+} // namespace termkit::testing

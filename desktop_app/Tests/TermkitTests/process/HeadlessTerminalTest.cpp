@@ -15,151 +15,158 @@ using testing::hasLine;
 using testing::kWait;
 
 TerminalOptions sized(int cols, int rows) {
-  TerminalOptions options;
-  options.cols = cols;
-  options.rows = rows;
-  return options;
+    TerminalOptions options;
+    options.cols = cols;
+    options.rows = rows;
+    return options;
 }
 
 // A headless terminal on a loop driven by the test's thread, with its end recorded.
 struct Fixture {
-  explicit Fixture(TerminalOptions options = sized(80, 24))
-      : headless(loop, std::move(options), [this](std::optional<int32_t> code) {
-          ended = true;
-          exitCode = code;
-        }) {}
-  bool waitFor(const std::function<bool()>& done) { return loop.runUntil(done, kWait); }
-  bool waitForLine(const std::string& line) {
-    return waitFor([&] { return hasLine(headless.terminal(), line); });
-  }
-  bool waitForEnd() { return waitFor([&] { return ended; }); }
-  // An interactive shell without a prompt, so that each output line stands alone.
-  void startShell() {
-    std::vector<std::string> env = Terminal::getEnvironmentVariables();
-    env.push_back("PS1=");
-    headless.process().startProcess("/bin/sh", {}, env);
-  }
+    explicit Fixture(TerminalOptions options = sized(80, 24))
+        : headless(loop, std::move(options), [this](std::optional<int32_t> code) {
+              ended = true;
+              exitCode = code;
+          }) {}
+    bool waitFor(const std::function<bool()>& done) { return loop.runUntil(done, kWait); }
+    bool waitForLine(const std::string& line) {
+        return waitFor([&] { return hasLine(headless.terminal(), line); });
+    }
+    bool waitForEnd() {
+        return waitFor([&] { return ended; });
+    }
+    // An interactive shell without a prompt, so that each output line stands alone.
+    void startShell() {
+        std::vector<std::string> env = Terminal::getEnvironmentVariables();
+        env.push_back("PS1=");
+        headless.process().startProcess("/bin/sh", {}, env);
+    }
 
-  RunLoop loop;
-  bool ended = false;
-  std::optional<int32_t> exitCode;
-  HeadlessTerminal headless;
+    RunLoop loop;
+    bool ended = false;
+    std::optional<int32_t> exitCode;
+    HeadlessTerminal headless;
 };
 
-TEST(HeadlessTerminalTest, PixelSizeConstant) { EXPECT_EQ(HeadlessTerminal::kPixelsPerCell, 16); }
+TEST(HeadlessTerminalTest, PixelSizeConstant) {
+    EXPECT_EQ(HeadlessTerminal::kPixelsPerCell, 16);
+}
 
 TEST(HeadlessTerminalTest, EchoAndPrintfFromAShellLandInTheBuffer) {
-  Fixture f;
-  f.startShell();
-  f.headless.send("echo hello-termkit\n");
-  f.headless.send("printf 'a%sb\\tc\\n' X\n");
-  f.headless.send("exit\n");
-  ASSERT_TRUE(f.waitForEnd());
-  EXPECT_EQ(f.exitCode, 0);
-  Terminal& t = f.headless.terminal();
-  EXPECT_TRUE(hasLine(t, "hello-termkit"));
-  EXPECT_TRUE(hasLine(t, "aXb     c"));  // the tab was the terminal's to expand
+    Fixture f;
+    f.startShell();
+    f.headless.send("echo hello-termkit\n");
+    f.headless.send("printf 'a%sb\\tc\\n' X\n");
+    f.headless.send("exit\n");
+    ASSERT_TRUE(f.waitForEnd());
+    EXPECT_EQ(f.exitCode, 0);
+    Terminal& t = f.headless.terminal();
+    EXPECT_TRUE(hasLine(t, "hello-termkit"));
+    EXPECT_TRUE(hasLine(t, "aXb     c")); // the tab was the terminal's to expand
 }
 
 TEST(HeadlessTerminalTest, TheChildSeesTheTerminalsSizeAndItsChanges) {
-  Fixture f;
-  f.startShell();
-  f.headless.send("stty size\n");
-  ASSERT_TRUE(f.waitForLine("24 80"));
-  f.headless.resize(100, 30);
-  EXPECT_EQ(f.headless.terminal().cols(), 100);
-  EXPECT_EQ(f.headless.terminal().rows(), 30);
-  f.headless.send("stty size\n");
-  ASSERT_TRUE(f.waitForLine("30 100"));
-  f.headless.send("exit\n");
-  ASSERT_TRUE(f.waitForEnd());
+    Fixture f;
+    f.startShell();
+    f.headless.send("stty size\n");
+    ASSERT_TRUE(f.waitForLine("24 80"));
+    f.headless.resize(100, 30);
+    EXPECT_EQ(f.headless.terminal().cols(), 100);
+    EXPECT_EQ(f.headless.terminal().rows(), 30);
+    f.headless.send("stty size\n");
+    ASSERT_TRUE(f.waitForLine("30 100"));
+    f.headless.send("exit\n");
+    ASSERT_TRUE(f.waitForEnd());
 }
 
 TEST(HeadlessTerminalTest, AResizeSignalsTheForegroundProgram) {
-  Fixture f;
-  f.headless.process().startProcess("/bin/sh", {"-c", "trap 'stty size; exit 0' WINCH; echo armed; while :; do sleep 0.05; done"});
-  ASSERT_TRUE(f.waitForLine("armed"));
-  f.headless.resize(90, 20);
-  ASSERT_TRUE(f.waitForEnd());
-  EXPECT_TRUE(hasLine(f.headless.terminal(), "20 90"));
+    Fixture f;
+    f.headless.process().startProcess(
+        "/bin/sh", {"-c", "trap 'stty size; exit 0' WINCH; echo armed; while :; do sleep 0.05; done"});
+    ASSERT_TRUE(f.waitForLine("armed"));
+    f.headless.resize(90, 20);
+    ASSERT_TRUE(f.waitForEnd());
+    EXPECT_TRUE(hasLine(f.headless.terminal(), "20 90"));
 }
 
 TEST(HeadlessTerminalTest, TheWindowSizeCarriesSixteenPixelsPerCell) {
-  Fixture f(sized(120, 40));
-  const auto size = f.headless.getWindowSize();
-  ASSERT_TRUE(size);
-  EXPECT_EQ(size->ws_col, 120);
-  EXPECT_EQ(size->ws_row, 40);
-  EXPECT_EQ(size->ws_xpixel, 16);
-  EXPECT_EQ(size->ws_ypixel, 16);
-  f.headless.process().startProcess("/bin/sleep", {"30"});
-  const auto onPty = PseudoTerminalHelpers::getWinSize(f.headless.process().childfd());
-  ASSERT_TRUE(onPty);
-  EXPECT_EQ(onPty->ws_col, 120);
-  EXPECT_EQ(onPty->ws_row, 40);
-  EXPECT_EQ(onPty->ws_xpixel, 16);
-  EXPECT_EQ(onPty->ws_ypixel, 16);
-  f.headless.process().terminate();
+    Fixture f(sized(120, 40));
+    const auto size = f.headless.getWindowSize();
+    ASSERT_TRUE(size);
+    EXPECT_EQ(size->ws_col, 120);
+    EXPECT_EQ(size->ws_row, 40);
+    EXPECT_EQ(size->ws_xpixel, 16);
+    EXPECT_EQ(size->ws_ypixel, 16);
+    f.headless.process().startProcess("/bin/sleep", {"30"});
+    const auto onPty = PseudoTerminalHelpers::getWinSize(f.headless.process().childfd());
+    ASSERT_TRUE(onPty);
+    EXPECT_EQ(onPty->ws_col, 120);
+    EXPECT_EQ(onPty->ws_row, 40);
+    EXPECT_EQ(onPty->ws_xpixel, 16);
+    EXPECT_EQ(onPty->ws_ypixel, 16);
+    f.headless.process().terminate();
 }
 
 TEST(HeadlessTerminalTest, TheTerminalsRepliesGoBackToTheChild) {
-  Fixture f;
-  // The child asks for a status report and reads the four-byte answer, ESC [ 0 n.
-  f.headless.process().startProcess(
-      "/bin/sh", {"-c", "stty -echo -icanon min 1; printf '\\033[5n'; r=$(dd bs=1 count=4 2>/dev/null | tail -c 3); "
-                        "echo \"got:$r\""});
-  ASSERT_TRUE(f.waitForEnd());
-  EXPECT_TRUE(hasLine(f.headless.terminal(), "got:[0n"));
+    Fixture f;
+    // The child asks for a status report and reads the four-byte answer, ESC [ 0 n.
+    f.headless.process().startProcess(
+        "/bin/sh",
+        {"-c", "stty -echo -icanon min 1; printf '\\033[5n'; r=$(dd bs=1 count=4 2>/dev/null | tail -c 3); "
+               "echo \"got:$r\""});
+    ASSERT_TRUE(f.waitForEnd());
+    EXPECT_TRUE(hasLine(f.headless.terminal(), "got:[0n"));
 }
 
 TEST(HeadlessTerminalTest, AMissingExecutableEndsWith127) {
-  Fixture f;
-  f.headless.process().startProcess("/nonexistent/termkit-no-such-shell");
-  ASSERT_TRUE(f.waitForEnd());
-  EXPECT_EQ(f.exitCode, 127);
+    Fixture f;
+    f.headless.process().startProcess("/nonexistent/termkit-no-such-shell");
+    ASSERT_TRUE(f.waitForEnd());
+    EXPECT_EQ(f.exitCode, 127);
 }
 
 TEST(HeadlessTerminalTest, TheReportedDirectoryIsKept) {
-  Fixture f;
-  EXPECT_FALSE(f.headless.dir());
-  f.headless.process().startProcess("/bin/sh", {"-c", "printf '\\033]7;file://localhost/tmp/termkit-dir\\007'"});
-  ASSERT_TRUE(f.waitForEnd());
-  ASSERT_TRUE(f.headless.dir());
-  EXPECT_EQ(*f.headless.dir(), f.headless.terminal().hostCurrentDirectory);
-  EXPECT_NE(f.headless.dir()->find("/tmp/termkit-dir"), std::string::npos);
+    Fixture f;
+    EXPECT_FALSE(f.headless.dir());
+    f.headless.process().startProcess("/bin/sh",
+                                      {"-c", "printf '\\033]7;file://localhost/tmp/termkit-dir\\007'"});
+    ASSERT_TRUE(f.waitForEnd());
+    ASSERT_TRUE(f.headless.dir());
+    EXPECT_EQ(*f.headless.dir(), f.headless.terminal().hostCurrentDirectory);
+    EXPECT_NE(f.headless.dir()->find("/tmp/termkit-dir"), std::string::npos);
 }
 
 TEST(HeadlessTerminalTest, ChangeScrollbackLimitsTheKeptLines) {
-  Fixture f(sized(40, 10));
-  f.headless.changeScrollback(5);
-  f.headless.process().startProcess("/bin/sh", {"-c", "seq 1 200"});
-  ASSERT_TRUE(f.waitForEnd());
-  const auto lines = allLines(f.headless.terminal());
-  EXPECT_EQ(lines.size(), 15u);
-  EXPECT_TRUE(hasLine(lines, "200"));
-  EXPECT_FALSE(hasLine(lines, "1"));
+    Fixture f(sized(40, 10));
+    f.headless.changeScrollback(5);
+    f.headless.process().startProcess("/bin/sh", {"-c", "seq 1 200"});
+    ASSERT_TRUE(f.waitForEnd());
+    const auto lines = allLines(f.headless.terminal());
+    EXPECT_EQ(lines.size(), 15u);
+    EXPECT_TRUE(hasLine(lines, "200"));
+    EXPECT_FALSE(hasLine(lines, "1"));
 }
 
 TEST(HeadlessTerminalTest, BitmapsAreKeptForTheHost) {
-  Fixture f;
-  TerminalDelegate& asTerminalHost = f.headless;
-  asTerminalHost.createImageFromBitmap(f.headless.terminal(), {1, 2, 3, 4}, 1, 1);
-  ASSERT_EQ(f.headless.images().size(), 1u);
-  EXPECT_EQ(f.headless.images()[0].bytes, (std::vector<uint8_t>{1, 2, 3, 4}));
-  EXPECT_EQ(f.headless.images()[0].width, 1);
-  EXPECT_EQ(f.headless.images()[0].height, 1);
+    Fixture f;
+    TerminalDelegate& asTerminalHost = f.headless;
+    asTerminalHost.createImageFromBitmap(f.headless.terminal(), {1, 2, 3, 4}, 1, 1);
+    ASSERT_EQ(f.headless.images().size(), 1u);
+    EXPECT_EQ(f.headless.images()[0].bytes, (std::vector<uint8_t>{1, 2, 3, 4}));
+    EXPECT_EQ(f.headless.images()[0].width, 1);
+    EXPECT_EQ(f.headless.images()[0].height, 1);
 }
 
 TEST(HeadlessTerminalTest, AFloodIsRenderedWhole) {
-  Fixture f(sized(80, 24));
-  f.headless.process().startProcess("/bin/sh", {"-c", "seq 1 300000; echo end-of-flood"});
-  ASSERT_TRUE(f.waitForEnd());
-  const auto lines = allLines(f.headless.terminal());
-  EXPECT_TRUE(hasLine(lines, "300000"));
-  EXPECT_TRUE(hasLine(lines, "end-of-flood"));
-  EXPECT_LE(f.headless.process().pendingStatus().peakPendingBytes,
-            LocalProcess::kPendingHighWaterBytes + LocalProcess::kReadSize);
+    Fixture f(sized(80, 24));
+    f.headless.process().startProcess("/bin/sh", {"-c", "seq 1 300000; echo end-of-flood"});
+    ASSERT_TRUE(f.waitForEnd());
+    const auto lines = allLines(f.headless.terminal());
+    EXPECT_TRUE(hasLine(lines, "300000"));
+    EXPECT_TRUE(hasLine(lines, "end-of-flood"));
+    EXPECT_LE(f.headless.process().pendingStatus().peakPendingBytes,
+              LocalProcess::kPendingHighWaterBytes + LocalProcess::kReadSize);
 }
 
-}  // namespace
-}  // namespace termkit
+} // namespace
+} // namespace termkit

@@ -21,36 +21,40 @@ inline constexpr std::chrono::milliseconds kWait{20000};
 
 /// Every line of the active buffer, scrollback included, trailing blanks trimmed.
 inline std::vector<std::string> allLines(Terminal& terminal) {
-  Buffer& buffer = terminal.buffer();
-  std::vector<std::string> lines;
-  for (int i = 0; i < buffer.lines.count(); ++i) lines.push_back(rowText(buffer.lines[i], terminal.tables().characters));
-  return lines;
+    Buffer& buffer = terminal.buffer();
+    std::vector<std::string> lines;
+    for (int i = 0; i < buffer.lines.count(); ++i)
+        lines.push_back(rowText(buffer.lines[i], terminal.tables().characters));
+    return lines;
 }
 
 inline bool hasLine(Terminal& terminal, const std::string& text) {
-  const auto lines = allLines(terminal);
-  return std::find(lines.begin(), lines.end(), text) != lines.end();
+    const auto lines = allLines(terminal);
+    return std::find(lines.begin(), lines.end(), text) != lines.end();
 }
 
 inline bool hasLine(const std::vector<std::string>& lines, const std::string& text) {
-  return std::find(lines.begin(), lines.end(), text) != lines.end();
+    return std::find(lines.begin(), lines.end(), text) != lines.end();
 }
 
 /// A fresh directory under the system's temporary folder.
 inline std::string makeTempDir() {
-  std::string pattern = "/tmp/termkit-process-XXXXXX";
-  const char* made = mkdtemp(pattern.data());
-  return made != nullptr ? std::string(made) : std::string();
+    std::string pattern = "/tmp/termkit-process-XXXXXX";
+    const char* made = mkdtemp(pattern.data());
+    return made != nullptr ? std::string(made) : std::string();
 }
 
 /// How many descriptors this process has open.
 inline size_t openDescriptorCount() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
-  return count;
+    size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++count;
+    return count;
 }
 
 /// Whether `pid` names no process any more (not even a zombie).
-inline bool processIsGone(pid_t pid) { return access(("/proc/" + std::to_string(pid)).c_str(), F_OK) != 0; }
+inline bool processIsGone(pid_t pid) {
+    return access(("/proc/" + std::to_string(pid)).c_str(), F_OK) != 0;
+}
 
-}  // namespace termkit::testing
+} // namespace termkit::testing
