@@ -161,7 +161,9 @@ QCoro::Task<> AuthStore::waitForOwnRelay() {
     QPointer<AuthStore> self(this);
     if (!m_relayProcess)
         co_return;
-    const Result<void> started = m_relayProcess->start();
+    const Result<void> started = co_await m_relayProcess->start();
+    if (!self)
+        co_return;
     if (!started) {
         setAuthError(started.error().message);
         co_return;
