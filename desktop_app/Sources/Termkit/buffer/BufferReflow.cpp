@@ -89,8 +89,8 @@ void Buffer::placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out,
     const int n = static_cast<int>(newIndexOf.size());
     const int newCursorAbs = newIndexOf[cursorAbs];
     const int addedAbove = newCursorAbs - cursorAbs;
-    int newYBase = yBase;
-    int newY = y;
+    int newYBase = m_yBase.value;
+    int newY = m_y.value;
     if (wider) {
         // Lines removed above the cursor pull history down, or move the cursor up when there
         // is none; rows that went missing are blank lines at the bottom.
@@ -128,30 +128,31 @@ void Buffer::placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out,
         out.push_back(nullptr);
 
     // A ring that overflows loses its oldest lines.
-    const int overflow = std::max(0, static_cast<int>(out.size()) - lines.maxLength());
+    const int overflow = std::max(0, static_cast<int>(out.size()) - m_lines.maxLength());
     newYBase -= overflow;
-    linesTop += overflow;
-    lines.assign(std::move(out));
+    m_linesTop += overflow;
+    m_lines.assign(std::move(out));
 
-    yBase = std::max(newYBase, 0);
-    y = std::clamp(newCursorAbs - overflow - yBase, 0, newRows - 1);
+    m_yBase = LineIndex(std::max(newYBase, 0));
+    const int yBase = m_yBase.value;
+    m_y = ScreenRow(std::clamp(newCursorAbs - overflow - yBase, 0, newRows - 1));
     if (dispFollows) {
-        yDisp = yBase;
+        m_yDisp = m_yBase;
     } else {
-        yDisp = std::clamp(newIndexOf[std::clamp(yDisp, 0, n - 1)] - overflow, 0, yBase);
+        m_yDisp = LineIndex(std::clamp(newIndexOf[std::clamp(m_yDisp.value, 0, n - 1)] - overflow, 0, yBase));
     }
     const int newSavedAbs = newIndexOf[std::clamp(savedAbs, 0, n - 1)] - overflow;
-    savedY = std::clamp(newSavedAbs - yBase, 0, newRows - 1);
+    m_saved.y = ScreenRow(std::clamp(newSavedAbs - yBase, 0, newRows - 1));
 }
 
 void Buffer::reflow(int newCols, int newRows) {
     const int oldCols = m_cols;
     const bool wider = newCols > oldCols;
-    std::vector<LinePtr> old = lines.takeAll();
+    std::vector<LinePtr> old = m_lines.takeAll();
     const int n = static_cast<int>(old.size());
-    const int cursorAbs = yBase + y;
-    const bool dispFollows = yDisp == yBase;
-    const int savedAbs = yBase + savedY;
+    const int cursorAbs = lineIndex(m_y).value;
+    const bool dispFollows = m_yDisp == m_yBase;
+    const int savedAbs = lineIndex(m_saved.y).value;
 
     std::vector<LinePtr> out;
     out.reserve(static_cast<size_t>(n) + 16);

@@ -39,7 +39,7 @@ void Terminal::dispatchExecute(uint8_t code) {
         cmdNextLine();
         break;
     case 0x88:
-        m_buffer->tabSet(std::min(m_buffer->x, m_buffer->cols() - 1));
+        cmdTabSet();
         break;
     default:
         // Every other control does nothing.
@@ -65,10 +65,10 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             cmdForwardIndex();
             return;
         case '=':
-            applicationKeypad = true;
+            m_applicationKeypad = true;
             return;
         case '>':
-            applicationKeypad = false;
+            m_applicationKeypad = false;
             return;
         case 'D':
             cmdIndex();
@@ -77,7 +77,7 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             cmdNextLine();
             return;
         case 'H':
-            m_buffer->tabSet(std::min(m_buffer->x, m_buffer->cols() - 1));
+            cmdTabSet();
             return;
         case 'M':
             reverseIndex();
@@ -129,18 +129,18 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
         case '%':
             if (final == '@' || final == 'G') {
                 setgLevel(0);
-                gCharsets[0] = nullptr;
-                charset = nullptr;
+                m_gCharsets[0] = nullptr;
+                m_charset = nullptr;
                 return;
             }
             break;
         case ' ':
             if (final == 'F') {
-                cc.send8bit = false;
+                m_cc.send8bit = false;
                 return;
             }
             if (final == 'G') {
-                cc.send8bit = true;
+                m_cc.send8bit = true;
                 return;
             }
             break;
@@ -193,15 +193,15 @@ void Terminal::selectCharset(uint8_t intermediate, uint8_t final) {
 }
 
 void Terminal::setgCharset(int g, const CharSet* set) {
-    gCharsets[g] = set;
-    if (gLevel == g)
-        charset = set;
+    m_gCharsets[g] = set;
+    if (m_gLevel == g)
+        m_charset = set;
 }
 
 void Terminal::setgLevel(int level) {
-    gLevel = level;
-    gcharset = level;
-    charset = gCharsets[level];
+    m_gLevel = level;
+    m_gcharset = level;
+    m_charset = m_gCharsets[level];
 }
 
 } // namespace termkit

@@ -52,7 +52,7 @@ void HeadlessTerminal::sizeChanged(Terminal& /*source*/) {
 }
 
 void HeadlessTerminal::hostCurrentDirectoryUpdated(Terminal& source) {
-    m_dir = source.hostCurrentDirectory;
+    m_dir = source.hostCurrentDirectory();
 }
 
 void HeadlessTerminal::createImageFromBitmap(Terminal& /*source*/, std::vector<uint8_t> bytes, int width,

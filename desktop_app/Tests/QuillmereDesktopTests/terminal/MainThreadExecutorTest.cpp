@@ -220,10 +220,10 @@ void MainThreadExecutorTest::schedulerRunsAndCancelsTerminalTimers() {
     // A terminal's synchronized output ends by itself through the scheduler.
     QtTerminalScheduler terminalTimers;
     termkit::HeadlessTerminal headless(MainThreadExecutor::shared(), {}, {}, &terminalTimers);
-    headless.terminal().synchronizedOutputTimeout = std::chrono::milliseconds(10);
+    headless.terminal().setSynchronizedOutputTimeout(std::chrono::milliseconds(10));
     headless.terminal().feed(std::string_view("\x1b[?2026h"));
-    QVERIFY(headless.terminal().synchronizedOutputActive);
-    QTRY_VERIFY(!headless.terminal().synchronizedOutputActive);
+    QVERIFY(headless.terminal().synchronizedOutputActive());
+    QTRY_VERIFY(!headless.terminal().synchronizedOutputActive());
 }
 
 QTEST_GUILESS_MAIN(MainThreadExecutorTest)
