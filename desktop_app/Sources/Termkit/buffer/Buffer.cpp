@@ -37,7 +37,7 @@ void Buffer::attach(BufferObserver* observer, UpdateRange* updates, BufferModes*
 
 void Buffer::setupLinesCallbacks() {
     m_lines.makeEmpty = [this] { return getBlankLine(AttributeTable::kEmpty); };
-    m_lines.onLineAttached = [this](BufferLine& line) { line.owningBuffer = this; };
+    m_lines.onLineAttached = [this](BufferLine& line) { line.setOwningBuffer(this); };
     m_lines.onLinePushed = [this](BufferLine&) { ++m_linesWithImagesCount; };
     m_lines.onLineRecycled = [this](bool hadImages) {
         if (hadImages)
@@ -167,7 +167,7 @@ void Buffer::scrollWithMargins(bool isWrapped) {
         screenLine(row).copyFrom(screenLine(row + 1), m_marginLeft.value, m_marginLeft.value, width);
     BufferLine& last = screenLine(m_scrollBottom);
     last.replaceCells(m_marginLeft.value, m_marginRight.value + 1, CharData::Null.withAttribute(eraseAttr()));
-    last.isWrapped = isWrapped && last.isWrapped;
+    last.setWrapped(isWrapped && last.isWrapped());
     markRows(m_scrollTop, m_scrollBottom);
 }
 
@@ -181,7 +181,7 @@ void Buffer::scroll(bool isWrapped) {
     const LineIndex oldYDisp = m_yDisp;
     const bool userHolds = m_observer != nullptr && m_observer->isUserScrolling();
     const BufferLine* bottomLine = bottom.value < m_lines.count() ? m_lines.peek(bottom.value) : nullptr;
-    const BidiPresentationState bidi = isWrapped && bottomLine ? bottomLine->bidiState : defaultBidiState();
+    const BidiPresentationState bidi = isWrapped && bottomLine ? bottomLine->bidiState() : defaultBidiState();
     TERMKIT_INVARIANT(top.value >= 0 && bottom.value < m_lines.count() && top <= bottom,
                       "Assertion on scroll, state was: bottomRow=" + std::to_string(bottom.value) +
                           " topRow=" + std::to_string(top.value) + " yBase=" + std::to_string(m_yBase.value) +
@@ -193,8 +193,8 @@ void Buffer::scroll(bool isWrapped) {
             // The oldest line is reused as the new bottom line: nothing is allocated, `yBase`
             // stays, and the line numbers shift, which `linesTop` records.
             BufferLine& fresh = m_lines.recycle(erase);
-            fresh.isWrapped = isWrapped;
-            fresh.bidiState = bidi;
+            fresh.setWrapped(isWrapped);
+            fresh.setBidiState(bidi);
             if (bottom.value != m_lines.count() - 1)
                 m_lines.rotate(m_lines.count() - 1, bottom.value);
             ++m_linesTop;
@@ -207,7 +207,7 @@ void Buffer::scroll(bool isWrapped) {
                              ? nullptr
                              : getBlankLine(erase, isWrapped);
             if (fresh)
-                fresh->bidiState = bidi;
+                fresh->setBidiState(bidi);
             if (bottom.value == m_lines.count() - 1) {
                 m_lines.push(std::move(fresh));
             } else {
@@ -226,8 +226,8 @@ void Buffer::scroll(bool isWrapped) {
         BufferLine& fresh = line(bottom);
         fresh.clear(erase);
         fresh.destroySemanticState();
-        fresh.isWrapped = isWrapped;
-        fresh.bidiState = bidi;
+        fresh.setWrapped(isWrapped);
+        fresh.setBidiState(bidi);
     }
     markRows(m_scrollTop, m_scrollBottom);
     if (m_yDisp != oldYDisp && m_observer)
@@ -246,9 +246,9 @@ void Buffer::wrapToNextRow() {
     if (m_y < lastRow())
         ++m_y;
     BufferLine& next = screenLine(m_y);
-    next.isWrapped = true;
+    next.setWrapped(true);
     if (m_y != previous)
-        next.bidiState = screenLine(previous).bidiState;
+        next.setBidiState(screenLine(previous).bidiState());
     markRow(m_y);
 }
 
@@ -347,7 +347,7 @@ void Buffer::markAttributes(const std::function<void(AttributeId)>& mark) const 
         const BufferLine* line = m_lines.peek(i);
         if (!line)
             continue;
-        mark(line->fillCharacter.attribute);
+        mark(line->fillCharacter().attribute);
         const CharData* cells = line->cells();
         AttributeId last = AttributeTable::kEmpty;
         for (int c = 0; c < line->count(); ++c) {

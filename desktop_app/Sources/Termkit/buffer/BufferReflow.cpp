@@ -78,7 +78,7 @@ GroupLayout layoutGroup(const std::vector<LinePtr>& lines, int start, int end, i
 }
 
 bool isBlankLine(const BufferLine* line) {
-    return line == nullptr || (!line->isWrapped && !line->hasAnyContent());
+    return line == nullptr || (!line->isWrapped() && !line->hasAnyContent());
 }
 
 } // namespace
@@ -161,7 +161,7 @@ void Buffer::reflow(int newCols, int newRows) {
 
     for (int s = 0; s < n;) {
         int e = s + 1;
-        while (e < n && old[e] && old[e]->isWrapped)
+        while (e < n && old[e] && old[e]->isWrapped())
             ++e;
         const bool holdsCursor = cursorAbs >= s && cursorAbs < e;
         const bool tooLong = old[s] != nullptr && old[s]->getTrimmedLength() > newCols;
@@ -178,7 +178,7 @@ void Buffer::reflow(int newCols, int newRows) {
         const int first = static_cast<int>(out.size());
         for (int k = s; k < e; ++k)
             newIndexOf[k] = first + layout.rowOfLine[k - s];
-        const BidiPresentationState bidi = old[s]->bidiState;
+        const BidiPresentationState bidi = old[s]->bidiState();
         int offset = 0;
         for (size_t r = 0; r < layout.rowLengths.size(); ++r) {
             LinePtr row;
@@ -187,13 +187,13 @@ void Buffer::reflow(int newCols, int newRows) {
                 row->resize(newCols, CharData::Null);
             } else {
                 row = std::make_unique<BufferLine>(newCols, CharData::Null, true, bidi);
-                row->owningBuffer = this;
+                row->setOwningBuffer(this);
             }
             const int len = layout.rowLengths[r];
             std::copy(cells.begin() + offset, cells.begin() + offset + len, row->cells());
             std::fill(row->cells() + len, row->cells() + newCols, CharData::Null);
-            row->isWrapped = r > 0;
-            row->bidiState = bidi;
+            row->setWrapped(r > 0);
+            row->setBidiState(bidi);
             row->marksClampTo(newCols);
             row->touch();
             offset += len;

@@ -63,30 +63,29 @@ void Terminal::log(std::string_view message) const {
 }
 
 void Terminal::configureParser() {
-    m_parser.csiHandlerFallback = [this](std::span<const uint8_t> collect, uint8_t final,
-                                         const CsiParameters& pars) { logUnknownCsi(collect, final, pars); };
-    m_parser.escHandlerFallback = [this](std::span<const uint8_t> collect, uint8_t final) {
-        if (m_silentLog)
-            return;
-        log("Termkit: Unknown ESC Code: ESC + " + std::string(1, static_cast<char>(final)) +
-            " txt=" + printable(collect));
-    };
-    m_parser.executeHandlerFallback = [this](uint8_t) { log("Termkit: Unknown EXECUTE code"); };
-    m_parser.oscHandlerFallback = [this](int code, std::span<const uint8_t>) {
-        if (m_silentLog)
-            return;
-        log("Termkit: Unknown OSC code: " + std::to_string(code));
-    };
-    m_parser.apcHandlerFallback = [this](uint8_t command, std::span<const uint8_t>) {
+    m_parser.setApcFallback([this](uint8_t command, std::span<const uint8_t>) {
         if (m_silentLog)
             return;
         log("Termkit: Unknown APC code: " + std::string(1, static_cast<char>(command)));
-    };
-    m_parser.errorHandler = [this](ParsingState state) {
+    });
+    m_parser.setErrorHandler([this](ParsingState state) {
         if (!m_silentLog)
             log(std::string("Termkit: Parsing error, state: ") + parserStateName(state.currentState));
         return state;
-    };
+    });
+}
+
+void Terminal::logUnknownEsc(std::span<const uint8_t> collect, uint8_t final) {
+    if (m_silentLog)
+        return;
+    log("Termkit: Unknown ESC Code: ESC + " + std::string(1, static_cast<char>(final)) +
+        " txt=" + printable(collect));
+}
+
+void Terminal::logUnknownOsc(int code) {
+    if (m_silentLog)
+        return;
+    log("Termkit: Unknown OSC code: " + std::to_string(code));
 }
 
 void Terminal::logUnknownCsi(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars) {
@@ -296,7 +295,7 @@ std::string Terminal::getText(Position start, Position end) const {
         const int to = row == end.row ? end.col.value : line.count();
         const bool lastRow = row == last;
         out += line.translateToString(!lastRow || to >= line.count(), from, to, true, m_tables->characters);
-        if (!lastRow && !((row + 1).value < m_buffer->lineCount() && m_buffer->line(row + 1).isWrapped))
+        if (!lastRow && !((row + 1).value < m_buffer->lineCount() && m_buffer->line(row + 1).isWrapped()))
             out += '\n';
     }
     return out;

@@ -256,7 +256,6 @@ public:
     void cmdLineFeedBasic();
     void cmdCarriageReturn();
     TerminalDelegate* delegate() const { return m_delegate; }
-    EscapeSequenceParser& parser() { return m_parser; }
     const TerminalOptions& options() const { return m_options; }
 
 private:
@@ -410,6 +409,8 @@ private:
     void setgCharset(int g, const CharSet* set);
     void setgLevel(int level);
     void logUnknownCsi(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars);
+    void logUnknownEsc(std::span<const uint8_t> collect, uint8_t final);
+    void logUnknownOsc(int code);
 
     // Modes (TerminalModes.cpp)
     void cmdSetMode(const CsiParameters& pars, std::span<const uint8_t> collect);

@@ -223,8 +223,7 @@ void Terminal::dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<c
         }
         break;
     default:
-        if (m_parser.csiHandlerFallback)
-            m_parser.csiHandlerFallback(collect, final, pars);
+        logUnknownCsi(collect, final, pars);
         break;
     }
 }

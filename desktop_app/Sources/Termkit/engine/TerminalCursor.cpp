@@ -45,8 +45,8 @@ void Terminal::cmdBackspace() {
     }
     // Reverse wraparound: from column 0 of a wrapped line back onto the line above.
     BufferLine& line = b.screenLine(b.y());
-    if (b.y() > b.scrollTop() && b.y() <= b.scrollBottom() && line.isWrapped) {
-        line.isWrapped = false;
+    if (b.y() > b.scrollTop() && b.y() <= b.scrollBottom() && line.isWrapped()) {
+        line.setWrapped(false);
         b.setCursor(b.lastCol(), b.y() - 1);
         const BufferLine& above = b.screenLine(b.y());
         // The last cell may be the blank a wide character left when it wrapped.

@@ -44,7 +44,7 @@ void Terminal::eraseInRow(ScreenRow row, Col start, Col end, bool clearWrap) {
     BufferLine& line = b.screenLine(row);
     line.replaceCells(start.value, end.value, CharData::Null.withAttribute(m_modes.eraseAttr));
     if (clearWrap)
-        line.isWrapped = false;
+        line.setWrapped(false);
     b.markRow(row);
 }
 
@@ -52,7 +52,7 @@ void Terminal::resetBufferLine(ScreenRow row) {
     Buffer& b = *m_buffer;
     BufferLine& line = b.screenLine(row);
     line.clear(m_modes.eraseAttr);
-    line.bidiState = currentBidiState();
+    line.setBidiState(currentBidiState());
     line.destroySemanticState();
     line.clearImages();
     b.markRow(row);
@@ -89,7 +89,7 @@ void Terminal::cmdEraseInDisplay(const CsiParameters& pars, bool selective) {
             eraseRow(row);
         eraseRange(b.y(), Col(0), x + 1, false);
         if (x + 1 >= end && b.y() < b.lastRow())
-            b.screenLine(b.y() + 1).isWrapped = false;
+            b.screenLine(b.y() + 1).setWrapped(false);
         break;
     case 2:
         for (ScreenRow row(0); row <= b.lastRow(); ++row)
@@ -300,7 +300,7 @@ void Terminal::cmdScreenAlignmentPattern() {
     for (ScreenRow row(0); row <= b.lastRow(); ++row) {
         BufferLine& line = b.screenLine(row);
         line.fill(e);
-        line.isWrapped = false;
+        line.setWrapped(false);
     }
     b.resetRegionAndMargins();
     b.setCursor(Col(0), ScreenRow(0));
@@ -343,7 +343,7 @@ void Terminal::cmdTabClear(const CsiParameters& pars) {
 void Terminal::setRenderMode(BufferLine::RenderLineMode mode) {
     Buffer& b = *m_buffer;
     BufferLine& line = b.screenLine(b.y());
-    line.renderMode = mode;
+    line.setRenderMode(mode);
     line.touch();
     b.markRow(b.y());
 }

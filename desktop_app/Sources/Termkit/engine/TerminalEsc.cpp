@@ -162,8 +162,7 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             break;
         }
     }
-    if (m_parser.escHandlerFallback)
-        m_parser.escHandlerFallback(collect, final);
+    logUnknownEsc(collect, final);
 }
 
 void Terminal::selectCharset(uint8_t intermediate, uint8_t final) {

@@ -154,8 +154,8 @@ void Terminal::dispatchOsc(int code, std::span<const uint8_t> data) {
         oscHyperlink(data);
         break;
     case 9:
-        if (!parseProgressReport(data) && m_parser.oscHandlerFallback)
-            m_parser.oscHandlerFallback(code, data);
+        if (!parseProgressReport(data))
+            logUnknownOsc(code);
         break;
     case 10:
         oscSetColors(data, 0);
@@ -186,8 +186,7 @@ void Terminal::dispatchOsc(int code, std::span<const uint8_t> data) {
         osciTerm2(data);
         break;
     default:
-        if (m_parser.oscHandlerFallback)
-            m_parser.oscHandlerFallback(code, data);
+        logUnknownOsc(code);
         break;
     }
 }

@@ -178,7 +178,7 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
         if (cells[col].width == 0 && col > 0)
             --col;
         before = cells[col].code;
-    } else if (line.isWrapped && row.index > LineIndex(0)) {
+    } else if (line.isWrapped() && row.index > LineIndex(0)) {
         const CharData* above = std::as_const(b).line(row.index - 1).cells();
         int col = b.cols() - 1;
         if (above[col].width == 0 && col > 0)
@@ -415,7 +415,7 @@ __attribute__((always_inline)) inline std::optional<Col> Terminal::combiningTarg
     const LineIndex cursorRow = b.lineIndex(b.y());
     int col;
     if (b.x() == Col(0)) {
-        if (cursorRow == LineIndex(0) || !b.line(cursorRow).isWrapped)
+        if (cursorRow == LineIndex(0) || !b.line(cursorRow).isWrapped())
             return std::nullopt;
         lineIndex = cursorRow - 1;
         col = b.cols() - 1;

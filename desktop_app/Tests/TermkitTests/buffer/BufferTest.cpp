@@ -127,7 +127,7 @@ TEST(BufferTest, WideCharacterThatWrappedJoinsTheRowAboveWhenWidened) {
     write(b, U"hello\u4E16");
     newline(b);
     EXPECT_EQ(screen(b), (Lines{"hello", "\xe4\xb8\x96", ""}));
-    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped);
+    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped());
     b.resize(7, 3);
     EXPECT_EQ(screen(b)[0], "hello\xe4\xb8\x96");
     EXPECT_EQ(b.line(LineIndex(0)).count(), 7);
@@ -152,7 +152,7 @@ TEST(BufferTest, NarrowingPutsAWideCharacterOnTheEdgeOntoTheNextRow) {
     b.resize(5, 3);
     EXPECT_EQ(screen(b), (Lines{"abcd", "\xe4\xb8\x96x", ""}));
     EXPECT_TRUE(b.line(LineIndex(0))[4].isUntouchedBlank());
-    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped);
+    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped());
     EXPECT_EQ(b.y(), ScreenRow(2));
     // And back: the filler blank disappears again.
     b.resize(10, 3);
@@ -162,10 +162,10 @@ TEST(BufferTest, NarrowingPutsAWideCharacterOnTheEdgeOntoTheNextRow) {
 TEST(BufferTest, GroupHoldingTheCursorIsNotReflowed) {
     Buffer b(5, 3, 8, 10, {});
     write(b, U"abcdefg");
-    ASSERT_TRUE(b.line(LineIndex(1)).isWrapped);
+    ASSERT_TRUE(b.line(LineIndex(1)).isWrapped());
     b.resize(10, 3);
     EXPECT_EQ(screen(b), (Lines{"abcde", "fg", ""}));
-    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped);
+    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped());
 }
 
 TEST(BufferTest, WideningRemovesLinesAboveTheCursorAndMovesItUp) {
@@ -217,7 +217,7 @@ TEST(BufferTest, AlternateBufferResizeTruncatesText) {
     write(alt, U"xyz");
     alt.resize(4, 3);
     EXPECT_EQ(screen(alt), (Lines{"abcd", "xyz", ""}));
-    EXPECT_FALSE(alt.line(LineIndex(1)).isWrapped);
+    EXPECT_FALSE(alt.line(LineIndex(1)).isWrapped());
     EXPECT_EQ(alt.lines().maxLength(), 3);
 }
 
@@ -334,7 +334,7 @@ TEST(BufferTest, AsciiRunsWrapLikeSingleCharacters) {
     EXPECT_EQ(viaRun.y(), viaChars.y());
     EXPECT_EQ(viaRun.yBase(), viaChars.yBase());
     for (int i = 1; i < viaRun.lineCount(); ++i)
-        EXPECT_EQ(viaRun.line(LineIndex(i)).isWrapped, viaChars.line(LineIndex(i)).isWrapped);
+        EXPECT_EQ(viaRun.line(LineIndex(i)).isWrapped(), viaChars.line(LineIndex(i)).isWrapped());
 }
 
 TEST(BufferTest, AsciiRunLeavesInsertModeToTheGeneralPath) {
