@@ -95,6 +95,8 @@ public:
     const BufferLine& screenLine(ScreenRow row) const { return line(lineIndex(row)); }
     /// The line index of a screen row.
     LineIndex lineIndex(ScreenRow row) const { return m_yBase + row.value; }
+    /// The screen row of a line index; negative for a line in the scrollback.
+    ScreenRow screenRow(LineIndex index) const { return ScreenRow(index - m_yBase); }
     /// The cell at a screen position.
     const CharData& getChar(Col col, ScreenRow row) const { return screenLine(row)[col.value]; }
     /// A new blank line of `cols` cells carrying the attribute.

@@ -558,7 +558,7 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
     line.touch();
     // The cursor row is marked by the print call; a join onto the row above marks that too.
     if (lineIndex != cursorRow)
-        b.markRows(ScreenRow(std::max(lineIndex - b.yBase(), 0)), b.y());
+        b.markRows(std::max(b.screenRow(lineIndex), ScreenRow(0)), b.y());
     return true;
 }
 
