@@ -123,6 +123,25 @@ TEST(TerminalTest, UpdateRangeCoversChangedRowsUntilCleared) {
     EXPECT_EQ(t.getUpdateRange(), std::pair(0, 4));
 }
 
+TEST(TerminalTest, TheDisplayScrollsWithinTheScrollbackAndGetLineReadsWhatItShows) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    t.feed("a\r\nb\r\nc\r\nd\r\ne");
+    ASSERT_EQ(t.buffer().yBase(), LineIndex(3));
+    EXPECT_EQ(rowText(*t.getLine(ScreenRow(0)), t.tables().characters), "d");
+    t.scrollDisplay(LineIndex(1));
+    EXPECT_EQ(t.buffer().yDisp(), LineIndex(1));
+    EXPECT_EQ(rowText(*t.getLine(ScreenRow(0)), t.tables().characters), "b");
+    EXPECT_EQ(rowText(*t.getLine(ScreenRow(1)), t.tables().characters), "c");
+    // The screen stays where the program writes: the cursor row is still the last one.
+    EXPECT_EQ(t.getCursorLocation().second, ScreenRow(1));
+    // Beyond either end the display stops at the end.
+    t.scrollDisplay(LineIndex(9));
+    EXPECT_EQ(t.buffer().yDisp(), LineIndex(3));
+    t.scrollDisplay(LineIndex(-4));
+    EXPECT_EQ(t.buffer().yDisp(), LineIndex(0));
+}
+
 TEST(TerminalTest, ScrollInvariantRowsSurviveRecycling) {
     RecordingTerminalDelegate host;
     Terminal t(&host, sized(10, 2, 2));
