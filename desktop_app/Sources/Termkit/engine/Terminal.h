@@ -405,6 +405,9 @@ private:
     void cmdSaveCursorOrSetMargins(const CsiParameters& pars);
     void cmdSoftReset();
     void cmdSetConformanceLevel(const CsiParameters& pars);
+    void cmdSetApplicationKeypad(bool on);
+    void cmdSelectDefaultCharset();
+    void cmdSetC1Transmission(bool eightBit);
     void selectCharset(uint8_t intermediate, uint8_t final);
     void setgCharset(int g, const CharSet* set);
     void setgLevel(int level);

@@ -65,10 +65,10 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             cmdForwardIndex();
             return;
         case '=':
-            m_applicationKeypad = true;
+            cmdSetApplicationKeypad(true);
             return;
         case '>':
-            m_applicationKeypad = false;
+            cmdSetApplicationKeypad(false);
             return;
         case 'D':
             cmdIndex();
@@ -128,19 +128,13 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             break;
         case '%':
             if (final == '@' || final == 'G') {
-                setgLevel(0);
-                m_gCharsets[0] = nullptr;
-                m_charset = nullptr;
+                cmdSelectDefaultCharset();
                 return;
             }
             break;
         case ' ':
-            if (final == 'F') {
-                m_cc.send8bit = false;
-                return;
-            }
-            if (final == 'G') {
-                m_cc.send8bit = true;
+            if (final == 'F' || final == 'G') {
+                cmdSetC1Transmission(final == 'G');
                 return;
             }
             break;
@@ -189,6 +183,22 @@ void Terminal::selectCharset(uint8_t intermediate, uint8_t final) {
         return;
     }
     setgCharset(g, set);
+}
+
+void Terminal::cmdSetApplicationKeypad(bool on) {
+    m_applicationKeypad = on;
+}
+
+void Terminal::cmdSelectDefaultCharset() {
+    // UTF-8 and ISO 2022 both come back to US-ASCII in G0 at level 0.
+    setgLevel(0);
+    m_gCharsets[0] = nullptr;
+    m_charset = nullptr;
+}
+
+void Terminal::cmdSetC1Transmission(bool eightBit) {
+    // S8C1T and S7C1T: whether replies use the 8-bit forms of the C1 introducers.
+    m_cc.send8bit = eightBit;
 }
 
 void Terminal::setgCharset(int g, const CharSet* set) {
