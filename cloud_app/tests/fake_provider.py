@@ -1,0 +1,748 @@
+#!/usr/bin/env python3
+"""A fake model provider on 127.0.0.1 that answers the three wire protocols the relay routes to.
+
+It serves OpenAI Responses (`/v1/responses`), OpenAI Chat Completions
+(`/v1/chat/completions`) and Anthropic Messages (`/v1/messages`, with
+`/v1/messages/count_tokens`), plus `/v1/models`, each streamed (server-sent
+events in that protocol's own event format) and not. What it answers is
+scripted: a queue of `Reply` values consumed one per model request, then an
+optional `responder` function, then `default_reply`. Every request is recorded
+(secrets taken out of the headers) for tests to read.
+
+In a test:
+
+    with FakeProvider(expected_key="sk-test") as provider:
+        provider.script(Reply(text="hi"), failure(429))
+        ... point a client at provider.url ...
+        provider.requests()[0].body
+
+As a program (benchmarks, other processes), it prints its base URL and serves
+until interrupted; `/_fake/...` lets another process script and read it:
+
+    python3 fake_provider.py --port 0 --key sk-test
+"""
+
+import argparse
+import asyncio
+import collections
+import itertools
+import json
+import os
+import re
+import signal
+import sys
+import threading
+import time
+from dataclasses import dataclass, field, fields
+
+try:
+    from aiohttp import web
+except ImportError:  # pragma: no cover - depends on the interpreter CTest found
+    # CTest may run the suite under an interpreter other than Debian's own, and
+    # python3-aiohttp lives in Debian's folder; borrow it when the versions agree.
+    DEBIAN_PACKAGES = "/usr/lib/python3/dist-packages"
+    if sys.version_info[:2] != (3, 11) or not os.path.isdir(DEBIAN_PACKAGES):
+        raise
+    sys.path.append(DEBIAN_PACKAGES)
+    from aiohttp import web
+
+OPENAI_RESPONSES = "openai_responses"
+OPENAI_CHAT = "openai_chat"
+ANTHROPIC_MESSAGES = "anthropic_messages"
+
+DEFAULT_TEXT = "Hello from the fake provider."
+DEFAULT_MODEL = "fake-model"
+# Models listed by /v1/models; a request may name any model, these are only what a client can discover.
+LISTED_MODELS = ("fake-model", "claude-sonnet-4-5", "gpt-5-codex")
+# Anthropic answers an overloaded service with this status; the OpenAI protocols answer 503.
+OVERLOADED = 529
+# How long the started server may take to bind before `start` gives up.
+START_TIMEOUT_SECONDS = 10.0
+# How long `stop` waits for in-flight answers before it cancels them.
+SHUTDOWN_GRACE_SECONDS = 0.2
+# A scripted time-out holds its request at most this long, so a forgotten one cannot keep a run alive.
+HANG_LIMIT_SECONDS = 300.0
+# Requests kept in the record; older ones fall off so a long benchmark run stays small.
+RECORD_LIMIT = 10_000
+# Header values that carry credentials; the record keeps the header but never its value.
+SECRET_HEADERS = frozenset({
+    "authorization", "x-api-key", "api-key", "proxy-authorization", "cookie", "x-goog-api-key",
+    "chatgpt-account-id", "openai-organization", "openai-project",
+})
+REDACTED = "<redacted>"
+# Streamed text goes out a word at a time, the way real providers cut their deltas.
+WORD_PATTERN = re.compile(r"\S+\s*|\s+")
+
+
+@dataclass
+class ToolCall:
+    """One call of a client-side tool (function call / tool_use block) that a reply asks for."""
+
+    name: str
+    arguments: dict = field(default_factory=dict)
+    call_id: str = ""  # generated per protocol when empty
+
+    @classmethod
+    def from_dict(cls, value):
+        return cls(value["name"], dict(value.get("arguments") or {}), value.get("call_id", ""))
+
+
+@dataclass
+class Reply:
+    """What the fake answers to one model request; the defaults are a short plain-text answer."""
+
+    text: str = DEFAULT_TEXT
+    tool_calls: list = field(default_factory=list)
+    # None reports a cheap estimate: a quarter of the request's bytes in, of the answer's characters out.
+    input_tokens: int | None = None
+    output_tokens: int | None = None
+    model: str | None = None  # None echoes the model the request named
+    # Seconds before the response headers go out, and between streamed chunks.
+    first_byte_delay: float = 0.0
+    chunk_delay: float = 0.0
+    # A status of 400 and above answers with the protocol's error body instead of a message.
+    status: int = 200
+    error_message: str = ""
+    retry_after: str | None = None
+    # In a stream, send this many chunks, then the error above as the protocol's in-stream error event.
+    error_after_chunks: int | None = None
+    # Hold the request this many seconds and close it without an answer (a time-out on the client).
+    hang_seconds: float = 0.0
+    # Close the connection with no status line (0), or after this many streamed chunks.
+    drop_after_chunks: int | None = None
+
+    @classmethod
+    def from_dict(cls, value):
+        known = {item.name for item in fields(cls)}
+        reply = cls(**{key: item for key, item in value.items() if key in known})
+        reply.tool_calls = [ToolCall.from_dict(call) for call in reply.tool_calls]
+        return reply
+
+
+def failure(status, message="", retry_after=None):
+    """A reply that answers `status` with the protocol's error body (OVERLOADED for overloaded)."""
+    return Reply(status=status, error_message=message, retry_after=retry_after)
+
+
+def stream_failure(status, after_chunks=1, message=""):
+    """A streamed reply that starts well and then reports `status` as an in-stream error event."""
+    return Reply(status=status, error_message=message, error_after_chunks=after_chunks)
+
+
+def timeout(seconds=HANG_LIMIT_SECONDS):
+    """A reply that never comes: the request is held until the client gives up (or `seconds` pass)."""
+    return Reply(hang_seconds=seconds)
+
+
+def dropped(after_chunks=0):
+    """A reply cut off by closing the connection, before the status line or after some chunks."""
+    return Reply(drop_after_chunks=after_chunks)
+
+
+@dataclass
+class RecordedRequest:
+    """One request as the fake received it; header names are lower case and secrets are redacted."""
+
+    method: str
+    path: str
+    query: str
+    headers: dict
+    body: object  # parsed JSON, the raw text when it is not JSON, None when empty
+    protocol: str | None
+    stream: bool
+    key_ok: bool | None  # None when no key is expected
+    status: int = 0  # what the fake answered; 0 while it is still answering or when it dropped
+    received_at: float = 0.0
+
+
+def _protocol_of(path):
+    if path == "/v1/responses":
+        return OPENAI_RESPONSES
+    if path == "/v1/chat/completions":
+        return OPENAI_CHAT
+    if path.startswith("/v1/messages"):
+        return ANTHROPIC_MESSAGES
+    return None
+
+
+def _public_headers(headers):
+    return {name.lower(): (REDACTED if name.lower() in SECRET_HEADERS else value) for name, value in headers.items()}
+
+
+def _dumps(value):
+    return json.dumps(value, separators=(",", ":"))
+
+
+def _estimate_tokens(size):
+    return size // 4 + 1
+
+
+# ---------------------------------------------------------------------------
+# Error bodies, one shape per protocol, as the official SDKs read them.
+
+_OPENAI_ERRORS = {
+    400: ("invalid_request_error", None, "Invalid request."),
+    401: ("invalid_request_error", "invalid_api_key", "Incorrect API key provided."),
+    403: ("permission_denied", None, "Permission denied."),
+    404: ("invalid_request_error", "not_found", "Not found."),
+    429: ("requests", "rate_limit_exceeded", "Rate limit reached for requests."),
+    500: ("server_error", None, "The server had an error while processing your request."),
+    503: ("server_error", "service_unavailable", "The service is temporarily unavailable."),
+    OVERLOADED: ("server_error", "overloaded", "The engine is currently overloaded, please try again later."),
+}
+_ANTHROPIC_ERRORS = {
+    400: ("invalid_request_error", "Invalid request."),
+    401: ("authentication_error", "invalid x-api-key"),
+    403: ("permission_error", "Permission denied."),
+    404: ("not_found_error", "Not found."),
+    413: ("request_too_large", "Request exceeds the maximum allowed number of bytes."),
+    429: ("rate_limit_error", "Number of requests has exceeded your rate limit."),
+    500: ("api_error", "Internal server error"),
+    503: ("api_error", "Service unavailable"),
+    OVERLOADED: ("overloaded_error", "Overloaded"),
+}
+
+
+def error_status(protocol, status):
+    """The HTTP status the fake sends for a scripted one: OpenAI says 503 where Anthropic says 529."""
+    if status == OVERLOADED and protocol != ANTHROPIC_MESSAGES:
+        return 503
+    return status
+
+
+def error_body(protocol, status, message="", request_id=""):
+    """The protocol's JSON error object for `status`."""
+    if protocol == ANTHROPIC_MESSAGES:
+        kind, default = _ANTHROPIC_ERRORS.get(status, ("api_error", "Error"))
+        return {"type": "error", "error": {"type": kind, "message": message or default}, "request_id": request_id}
+    kind, code, default = _OPENAI_ERRORS.get(status, ("server_error", None, "Error"))
+    return {"error": {"message": message or default, "type": kind, "param": None, "code": code}}
+
+
+# ---------------------------------------------------------------------------
+# Answers. Each builder returns the complete JSON (not streamed) or the list of
+# server-sent events (streamed); `chunks` are the text pieces of the stream.
+
+class _Answer:
+    """The facts of one answer that all three protocols spell in their own way."""
+
+    __slots__ = ("reply", "model", "serial", "input_tokens", "output_tokens", "calls")
+
+    def __init__(self, reply, model, serial, request_size):
+        self.reply = reply
+        self.model = reply.model or model or DEFAULT_MODEL
+        self.serial = serial
+        self.calls = [(call, json.dumps(call.arguments)) for call in reply.tool_calls]
+        self.input_tokens = reply.input_tokens if reply.input_tokens is not None else _estimate_tokens(request_size)
+        if reply.output_tokens is not None:
+            self.output_tokens = reply.output_tokens
+        else:
+            self.output_tokens = _estimate_tokens(len(reply.text) + sum(len(args) for _, args in self.calls))
+
+    def call_id(self, call, index, prefix):
+        return call.call_id or f"{prefix}{self.serial}_{index}"
+
+    def chunks(self):
+        return WORD_PATTERN.findall(self.reply.text)
+
+
+def _sse(event, data):
+    return f"event: {event}\ndata: {_dumps(data)}\n\n".encode()
+
+
+def _data_line(data):
+    return f"data: {_dumps(data)}\n\n".encode()
+
+
+# Anthropic Messages.
+
+def anthropic_message(answer):
+    content = []
+    if answer.reply.text:
+        content.append({"type": "text", "text": answer.reply.text})
+    for index, (call, _) in enumerate(answer.calls):
+        content.append({"type": "tool_use", "id": answer.call_id(call, index, "toolu_fake"),
+                        "name": call.name, "input": call.arguments})
+    return {
+        "id": f"msg_fake{answer.serial}", "type": "message", "role": "assistant", "model": answer.model,
+        "content": content, "stop_reason": "tool_use" if answer.calls else "end_turn", "stop_sequence": None,
+        "usage": {"input_tokens": answer.input_tokens, "output_tokens": answer.output_tokens,
+                  "cache_creation_input_tokens": 0, "cache_read_input_tokens": 0},
+    }
+
+
+def anthropic_events(answer):
+    message = anthropic_message(answer)
+    start = dict(message, content=[], stop_reason=None,
+                 usage=dict(message["usage"], output_tokens=1))
+    events = [_sse("message_start", {"type": "message_start", "message": start})]
+    index = 0
+    if answer.reply.text:
+        events.append(_sse("content_block_start", {"type": "content_block_start", "index": 0,
+                                                   "content_block": {"type": "text", "text": ""}}))
+        for piece in answer.chunks():
+            events.append(_sse("content_block_delta", {"type": "content_block_delta", "index": 0,
+                                                       "delta": {"type": "text_delta", "text": piece}}))
+        events.append(_sse("content_block_stop", {"type": "content_block_stop", "index": 0}))
+        index = 1
+    for block in message["content"][index:]:
+        events.append(_sse("content_block_start", {"type": "content_block_start", "index": index,
+                                                   "content_block": dict(block, input={})}))
+        events.append(_sse("content_block_delta", {"type": "content_block_delta", "index": index, "delta": {
+            "type": "input_json_delta", "partial_json": json.dumps(block["input"])}}))
+        events.append(_sse("content_block_stop", {"type": "content_block_stop", "index": index}))
+        index += 1
+    events.append(_sse("message_delta", {"type": "message_delta",
+                                         "delta": {"stop_reason": message["stop_reason"], "stop_sequence": None},
+                                         "usage": {"output_tokens": answer.output_tokens}}))
+    events.append(_sse("message_stop", {"type": "message_stop"}))
+    return events
+
+
+def anthropic_stream_error(status, message):
+    return _sse("error", error_body(ANTHROPIC_MESSAGES, status, message))
+
+
+# OpenAI Chat Completions.
+
+def chat_completion(answer, created):
+    message = {"role": "assistant", "content": answer.reply.text or None, "refusal": None}
+    if answer.calls:
+        message["tool_calls"] = [
+            {"id": answer.call_id(call, index, "call_fake"), "type": "function",
+             "function": {"name": call.name, "arguments": arguments}}
+            for index, (call, arguments) in enumerate(answer.calls)]
+    return {
+        "id": f"chatcmpl-fake{answer.serial}", "object": "chat.completion", "created": created,
+        "model": answer.model, "system_fingerprint": None,
+        "choices": [{"index": 0, "message": message, "logprobs": None,
+                     "finish_reason": "tool_calls" if answer.calls else "stop"}],
+        "usage": _chat_usage(answer),
+    }
+
+
+def _chat_usage(answer):
+    return {"prompt_tokens": answer.input_tokens, "completion_tokens": answer.output_tokens,
+            "total_tokens": answer.input_tokens + answer.output_tokens}
+
+
+def chat_events(answer, created, include_usage):
+    head = {"id": f"chatcmpl-fake{answer.serial}", "object": "chat.completion.chunk", "created": created,
+            "model": answer.model, "system_fingerprint": None}
+
+    def chunk(delta, finish_reason=None):
+        return _data_line(dict(head, choices=[{"index": 0, "delta": delta, "logprobs": None,
+                                               "finish_reason": finish_reason}]))
+
+    events = [chunk({"role": "assistant", "content": ""})]
+    events.extend(chunk({"content": piece}) for piece in answer.chunks())
+    for index, (call, arguments) in enumerate(answer.calls):
+        events.append(chunk({"tool_calls": [{"index": index, "id": answer.call_id(call, index, "call_fake"),
+                                             "type": "function",
+                                             "function": {"name": call.name, "arguments": ""}}]}))
+        events.append(chunk({"tool_calls": [{"index": index, "function": {"arguments": arguments}}]}))
+    events.append(chunk({}, "tool_calls" if answer.calls else "stop"))
+    if include_usage:
+        events.append(_data_line(dict(head, choices=[], usage=_chat_usage(answer))))
+    events.append(b"data: [DONE]\n\n")
+    return events
+
+
+def chat_stream_error(status, message):
+    return _data_line(error_body(OPENAI_CHAT, status, message))
+
+
+# OpenAI Responses.
+
+def _responses_items(answer):
+    items = []
+    if answer.reply.text:
+        items.append({"type": "message", "id": f"msg_fake{answer.serial}", "status": "completed",
+                      "role": "assistant",
+                      "content": [{"type": "output_text", "text": answer.reply.text, "annotations": []}]})
+    for index, (call, arguments) in enumerate(answer.calls):
+        items.append({"type": "function_call", "id": f"fc_fake{answer.serial}_{index}",
+                      "call_id": answer.call_id(call, index, "call_fake"), "name": call.name,
+                      "arguments": arguments, "status": "completed"})
+    return items
+
+
+def responses_object(answer, created, status="completed", output=None):
+    return {
+        "id": f"resp_fake{answer.serial}", "object": "response", "created_at": created, "status": status,
+        "model": answer.model, "output": _responses_items(answer) if output is None else output,
+        "error": None, "incomplete_details": None, "instructions": None, "metadata": {},
+        "parallel_tool_calls": True, "temperature": None, "tool_choice": "auto", "tools": [], "top_p": None,
+        "usage": None if status != "completed" else {
+            "input_tokens": answer.input_tokens, "input_tokens_details": {"cached_tokens": 0},
+            "output_tokens": answer.output_tokens, "output_tokens_details": {"reasoning_tokens": 0},
+            "total_tokens": answer.input_tokens + answer.output_tokens},
+    }
+
+
+def responses_events(answer, created):
+    sequence = itertools.count()
+
+    def event(kind, **data):
+        return _sse(kind, dict(type=kind, sequence_number=next(sequence), **data))
+
+    events = [event("response.created", response=responses_object(answer, created, "in_progress", [])),
+              event("response.in_progress", response=responses_object(answer, created, "in_progress", []))]
+    for index, item in enumerate(_responses_items(answer)):
+        if item["type"] == "message":
+            part = item["content"][0]
+            events.append(event("response.output_item.added", output_index=index,
+                                item=dict(item, status="in_progress", content=[])))
+            events.append(event("response.content_part.added", item_id=item["id"], output_index=index,
+                                content_index=0, part=dict(part, text="")))
+            events.extend(event("response.output_text.delta", item_id=item["id"], output_index=index,
+                                content_index=0, delta=piece, logprobs=[]) for piece in answer.chunks())
+            events.append(event("response.output_text.done", item_id=item["id"], output_index=index,
+                                content_index=0, text=part["text"], logprobs=[]))
+            events.append(event("response.content_part.done", item_id=item["id"], output_index=index,
+                                content_index=0, part=part))
+        else:
+            events.append(event("response.output_item.added", output_index=index,
+                                item=dict(item, status="in_progress", arguments="")))
+            events.append(event("response.function_call_arguments.delta", item_id=item["id"],
+                                output_index=index, delta=item["arguments"]))
+            events.append(event("response.function_call_arguments.done", item_id=item["id"],
+                                output_index=index, arguments=item["arguments"]))
+        events.append(event("response.output_item.done", output_index=index, item=item))
+    events.append(event("response.completed", response=responses_object(answer, created)))
+    return events
+
+
+def responses_stream_error(status, message):
+    body = error_body(OPENAI_RESPONSES, status, message)["error"]
+    return _sse("error", {"type": "error", "code": body["code"] or body["type"], "message": body["message"],
+                          "param": None, "sequence_number": 0})
+
+
+STREAM_ERRORS = {
+    ANTHROPIC_MESSAGES: anthropic_stream_error,
+    OPENAI_CHAT: chat_stream_error,
+    OPENAI_RESPONSES: responses_stream_error,
+}
+
+
+# ---------------------------------------------------------------------------
+# The server.
+
+class FakeProvider:
+    """The fake provider: an aiohttp server on 127.0.0.1 with its own event loop on its own thread."""
+
+    def __init__(self, expected_key=None, port=0, record_limit=RECORD_LIMIT, default_reply=None):
+        self.expected_key = expected_key
+        self.default_reply = default_reply or Reply()
+        # Called with the RecordedRequest when the script queue has nothing for it; returns a Reply or None.
+        self.responder = None
+        self._port = port
+        self._records = collections.deque(maxlen=record_limit)
+        self._script = []  # (predicate or None, Reply), consumed front first
+        self._lock = threading.Lock()
+        self._serial = itertools.count(1)
+        self._loop = None
+        self._thread = None
+        self._runner = None
+        self.port = None
+
+    # -- lifecycle ---------------------------------------------------------
+
+    @property
+    def url(self):
+        """The base URL without a version, e.g. http://127.0.0.1:41234 (Anthropic clients add /v1)."""
+        return f"http://127.0.0.1:{self.port}"
+
+    @property
+    def openai_base_url(self):
+        """The base URL OpenAI clients expect, with /v1."""
+        return self.url + "/v1"
+
+    def start(self):
+        started = threading.Event()
+        failures = []
+
+        def serve():
+            loop = asyncio.new_event_loop()
+            self._loop = loop
+            asyncio.set_event_loop(loop)
+            try:
+                loop.run_until_complete(self._open())
+            except Exception as error:  # reported to the starting thread below
+                failures.append(error)
+                started.set()
+                loop.close()
+                return
+            started.set()
+            loop.run_forever()
+            loop.run_until_complete(self._runner.cleanup())
+            loop.close()
+
+        self._thread = threading.Thread(target=serve, name="fake-provider", daemon=True)
+        self._thread.start()
+        if not started.wait(START_TIMEOUT_SECONDS):
+            raise RuntimeError("fake provider did not start in time")
+        if failures:
+            raise failures[0]
+        return self
+
+    def stop(self):
+        if self._thread is None:
+            return
+        self._loop.call_soon_threadsafe(self._loop.stop)
+        self._thread.join(START_TIMEOUT_SECONDS + SHUTDOWN_GRACE_SECONDS)
+        self._thread = None
+
+    def __enter__(self):
+        return self.start()
+
+    def __exit__(self, *exc):
+        self.stop()
+
+    async def _open(self):
+        self._runner = web.AppRunner(self.application(), access_log=None, handle_signals=False)
+        await self._runner.setup()
+        site = web.TCPSite(self._runner, "127.0.0.1", self._port, shutdown_timeout=SHUTDOWN_GRACE_SECONDS)
+        await site.start()
+        self.port = site._server.sockets[0].getsockname()[1]
+
+    def application(self):
+        app = web.Application(client_max_size=64 * 1024 * 1024)
+        app.router.add_post("/v1/responses", self._model_request)
+        app.router.add_post("/v1/chat/completions", self._model_request)
+        app.router.add_post("/v1/messages", self._model_request)
+        app.router.add_post("/v1/messages/count_tokens", self._count_tokens)
+        app.router.add_get("/v1/models", self._models)
+        app.router.add_post("/_fake/script", self._control_script)
+        app.router.add_get("/_fake/requests", self._control_requests)
+        app.router.add_post("/_fake/reset", self._control_reset)
+        # Anything else is recorded too, so a test sees every path a client tried.
+        app.router.add_route("*", "/{tail:.*}", self._unknown)
+        return app
+
+    # -- scripting and the record (any thread) -----------------------------
+
+    def script(self, *replies, when=None):
+        """Queues replies for the next model requests; `when(recorded)` limits which requests take them."""
+        with self._lock:
+            self._script.extend((when, reply) for reply in replies)
+
+    def pending(self):
+        """How many scripted replies are still waiting for a request."""
+        with self._lock:
+            return len(self._script)
+
+    def reset(self):
+        """Forgets the script, the responder and the record."""
+        with self._lock:
+            self._script.clear()
+            self._records.clear()
+            self.responder = None
+
+    def requests(self, path=None):
+        """A copy of the record, oldest first; only requests to `path` when given."""
+        with self._lock:
+            records = list(self._records)
+        return [record for record in records if path is None or record.path == path]
+
+    def model_requests(self):
+        """The recorded requests to the three model endpoints (not token counts, models or others)."""
+        paths = ("/v1/responses", "/v1/chat/completions", "/v1/messages")
+        return [record for record in self.requests() if record.path in paths]
+
+    def wait_for_requests(self, count, timeout=5.0, path=None):
+        """Waits until at least `count` requests (to `path`) are recorded; returns them."""
+        deadline = time.monotonic() + timeout
+        while True:
+            records = self.requests(path)
+            if len(records) >= count or time.monotonic() > deadline:
+                return records
+            time.sleep(0.01)
+
+    def _next_reply(self, recorded):
+        with self._lock:
+            for index, (when, reply) in enumerate(self._script):
+                if when is None or when(recorded):
+                    del self._script[index]
+                    return reply
+        responder = self.responder
+        reply = responder(recorded) if responder is not None else None
+        return reply or self.default_reply
+
+    # -- handlers (server thread) ------------------------------------------
+
+    async def _record(self, request):
+        raw = await request.read()
+        body = None
+        if raw:
+            try:
+                body = json.loads(raw)
+            except ValueError:
+                body = raw.decode("utf-8", "replace")
+        protocol = _protocol_of(request.path)
+        recorded = RecordedRequest(
+            method=request.method, path=request.path, query=request.query_string,
+            headers=_public_headers(request.headers), body=body, protocol=protocol,
+            stream=isinstance(body, dict) and body.get("stream") is True,
+            key_ok=self._key_ok(request, protocol), received_at=time.monotonic())
+        with self._lock:
+            self._records.append(recorded)
+        return recorded, len(raw)
+
+    def _key_ok(self, request, protocol):
+        if self.expected_key is None:
+            return None
+        bearer = request.headers.get("Authorization") == "Bearer " + self.expected_key
+        if protocol == ANTHROPIC_MESSAGES:
+            return request.headers.get("x-api-key") == self.expected_key
+        if protocol is None:
+            return bearer or request.headers.get("x-api-key") == self.expected_key
+        return bearer
+
+    def _error(self, recorded, protocol, status, message="", retry_after=None):
+        headers = {"x-request-id": f"req_fake{next(self._serial)}"}
+        if retry_after is not None:
+            headers["retry-after"] = str(retry_after)
+        sent = error_status(protocol, status)
+        recorded.status = sent
+        return web.Response(status=sent, headers=headers, content_type="application/json",
+                            text=_dumps(error_body(protocol, status, message, headers["x-request-id"])))
+
+    async def _model_request(self, request):
+        recorded, size = await self._record(request)
+        protocol = recorded.protocol
+        if recorded.key_ok is False:
+            return self._error(recorded, protocol, 401)
+        if not isinstance(recorded.body, dict):
+            return self._error(recorded, protocol, 400, "The body must be a JSON object.")
+        reply = self._next_reply(recorded)
+        if reply.first_byte_delay:
+            await asyncio.sleep(reply.first_byte_delay)
+        if reply.hang_seconds:
+            await asyncio.sleep(min(reply.hang_seconds, HANG_LIMIT_SECONDS))
+            return self._drop(request)
+        if reply.drop_after_chunks == 0:
+            return self._drop(request)
+        if reply.status >= 400 and not (recorded.stream and reply.error_after_chunks is not None):
+            return self._error(recorded, protocol, reply.status, reply.error_message, reply.retry_after)
+        answer = _Answer(reply, recorded.body.get("model"), next(self._serial), size)
+        created = int(time.time())
+        if not recorded.stream:
+            recorded.status = 200
+            return web.Response(content_type="application/json", text=_dumps(self._whole(protocol, answer, created)))
+        return await self._stream(request, recorded, reply, self._events(protocol, answer, created, recorded.body))
+
+    @staticmethod
+    def _whole(protocol, answer, created):
+        if protocol == ANTHROPIC_MESSAGES:
+            return anthropic_message(answer)
+        if protocol == OPENAI_CHAT:
+            return chat_completion(answer, created)
+        return responses_object(answer, created)
+
+    @staticmethod
+    def _events(protocol, answer, created, body):
+        if protocol == ANTHROPIC_MESSAGES:
+            return anthropic_events(answer)
+        if protocol == OPENAI_CHAT:
+            include_usage = bool((body.get("stream_options") or {}).get("include_usage"))
+            return chat_events(answer, created, include_usage)
+        return responses_events(answer, created)
+
+    async def _stream(self, request, recorded, reply, events):
+        cut = None
+        if reply.error_after_chunks is not None and reply.status >= 400:
+            cut = reply.error_after_chunks
+        elif reply.drop_after_chunks is not None:
+            cut = reply.drop_after_chunks
+        if cut is not None:
+            events = events[:cut]
+        response = web.StreamResponse(headers={"Content-Type": "text/event-stream; charset=utf-8",
+                                               "Cache-Control": "no-cache"})
+        await response.prepare(request)
+        recorded.status = 200
+        if reply.chunk_delay:
+            for event in events:
+                await response.write(event)
+                await asyncio.sleep(reply.chunk_delay)
+        else:
+            await response.write(b"".join(events))
+        if reply.drop_after_chunks is not None and reply.status < 400:
+            recorded.status = 0
+            return self._drop(request, response)
+        if cut is not None:
+            await response.write(STREAM_ERRORS[recorded.protocol](reply.status, reply.error_message))
+        await response.write_eof()
+        return response
+
+    @staticmethod
+    def _drop(request, response=None):
+        # Closing the socket under aiohttp leaves the client with a reset or a short chunked body.
+        if request.transport is not None:
+            request.transport.abort()
+        return response or web.Response(status=204)
+
+    async def _count_tokens(self, request):
+        recorded, size = await self._record(request)
+        if recorded.key_ok is False:
+            return self._error(recorded, ANTHROPIC_MESSAGES, 401)
+        recorded.status = 200
+        return web.json_response({"input_tokens": _estimate_tokens(size)})
+
+    async def _models(self, request):
+        recorded, _ = await self._record(request)
+        anthropic = "anthropic-version" in recorded.headers
+        if recorded.key_ok is False:
+            return self._error(recorded, ANTHROPIC_MESSAGES if anthropic else OPENAI_CHAT, 401)
+        recorded.status = 200
+        if anthropic:
+            data = [{"type": "model", "id": name, "display_name": name, "created_at": "2025-01-01T00:00:00Z"}
+                    for name in LISTED_MODELS]
+            return web.json_response({"data": data, "has_more": False, "first_id": data[0]["id"],
+                                      "last_id": data[-1]["id"]})
+        return web.json_response({"object": "list", "data": [
+            {"id": name, "object": "model", "created": 1735689600, "owned_by": "fake"} for name in LISTED_MODELS]})
+
+    async def _unknown(self, request):
+        recorded, _ = await self._record(request)
+        return self._error(recorded, OPENAI_CHAT, 404, f"No such path: {request.path}")
+
+    # -- control endpoints for a standalone fake ---------------------------
+
+    async def _control_script(self, request):
+        body = await request.json()
+        self.script(*(Reply.from_dict(item) for item in body.get("replies", [])))
+        return web.json_response({"pending": self.pending()})
+
+    async def _control_requests(self, request):
+        return web.json_response({"requests": [record.__dict__ for record in self.requests()]})
+
+    async def _control_reset(self, request):
+        self.reset()
+        return web.json_response({})
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description="Serve a fake model provider on 127.0.0.1.")
+    parser.add_argument("--port", type=int, default=0, help="port to listen on (0: any free port)")
+    parser.add_argument("--key", help="API key the clients must send (default: any)")
+    parser.add_argument("--text", default=DEFAULT_TEXT, help="the default answer's text")
+    parser.add_argument("--first-byte-delay", type=float, default=0.0, help="seconds before each answer")
+    parser.add_argument("--chunk-delay", type=float, default=0.0, help="seconds between streamed chunks")
+    parser.add_argument("--record-limit", type=int, default=RECORD_LIMIT, help="requests kept in the record")
+    args = parser.parse_args(argv)
+    reply = Reply(text=args.text, first_byte_delay=args.first_byte_delay, chunk_delay=args.chunk_delay)
+    provider = FakeProvider(expected_key=args.key, port=args.port, record_limit=args.record_limit,
+                            default_reply=reply).start()
+    print(provider.url, flush=True)
+    stopped = threading.Event()
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda *_: stopped.set())
+    stopped.wait()
+    provider.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
