@@ -55,9 +55,11 @@ CLAUDE_OFFLINE_ENV = {
     "IS_SANDBOX": "1",
 }
 
-# Codex: the settings that keep it from reaching GitHub (plugin sync), its vendor (plugins, analytics) and updates.
+# Codex: the settings that keep it from reaching GitHub (plugin sync, tips), its vendor (plugins, analytics) and updates.
 CODEX_OFFLINE_CONFIG = """\
 check_for_update_on_startup = false
+# Typed text followed at once by Enter looks like a paste to the TUI, which then keeps the Enter as a newline.
+disable_paste_burst = true
 
 [analytics]
 enabled = false
@@ -69,6 +71,11 @@ enabled = false
 plugins = false
 remote_plugin = false
 apps = false
+
+[tui]
+# The start screen's tip comes from GitHub; the animation only slows screen reads.
+show_tooltips = false
+animations = false
 """
 
 
@@ -236,13 +243,19 @@ def claude_tool_loop(tool_call, final_text):
     """A responder for Claude: asks for `tool_call` until the conversation holds a tool result, then answers."""
 
     def respond(recorded):
-        if recorded.protocol != ANTHROPIC_MESSAGES:
+        # Side requests (a title, a summary) offer no tools; they get the plain default answer.
+        if recorded.protocol != ANTHROPIC_MESSAGES or not offers_tool(recorded.body, tool_call.name):
             return None
         if claude_tool_results(recorded.body):
             return Reply(text=final_text)
         return Reply(text="", tool_calls=[tool_call])
 
     return respond
+
+
+def offers_tool(body, name):
+    """Whether a request body's tool list (either protocol's shape) holds a tool called `name`."""
+    return any(isinstance(tool, dict) and tool.get("name") == name for tool in body.get("tools") or [])
 
 
 def claude_tool_results(body):
@@ -309,7 +322,8 @@ def codex_tool_loop(tool_call, final_text):
     """A responder for Codex: asks for `tool_call` until the input holds a function_call_output, then answers."""
 
     def respond(recorded):
-        if recorded.protocol != OPENAI_RESPONSES:
+        # The TUI also asks for a session title, with no tools; that gets the plain default answer.
+        if recorded.protocol != OPENAI_RESPONSES or not offers_tool(recorded.body, tool_call.name):
             return None
         if codex_tool_outputs(recorded.body):
             return Reply(text=final_text)

@@ -476,7 +476,7 @@ class FakeProvider:
                 return
             started.set()
             loop.run_forever()
-            loop.run_until_complete(self._runner.cleanup())
+            loop.run_until_complete(self._close())
             loop.close()
 
         self._thread = threading.Thread(target=serve, name="fake-provider", daemon=True)
@@ -506,6 +506,14 @@ class FakeProvider:
         site = web.TCPSite(self._runner, "127.0.0.1", self._port, shutdown_timeout=SHUTDOWN_GRACE_SECONDS)
         await site.start()
         self.port = site._server.sockets[0].getsockname()[1]
+
+    async def _close(self):
+        await self._runner.cleanup()
+        # Answers still held (scripted time-outs, slow streams) end with the server, not after it.
+        pending = [task for task in asyncio.all_tasks() if task is not asyncio.current_task()]
+        for task in pending:
+            task.cancel()
+        await asyncio.gather(*pending, return_exceptions=True)
 
     def application(self):
         app = web.Application(client_max_size=64 * 1024 * 1024)
@@ -594,9 +602,8 @@ class FakeProvider:
         if self.expected_key is None:
             return None
         bearer = request.headers.get("Authorization") == "Bearer " + self.expected_key
-        if protocol == ANTHROPIC_MESSAGES:
-            return request.headers.get("x-api-key") == self.expected_key
-        if protocol is None:
+        if protocol == ANTHROPIC_MESSAGES or protocol is None:
+            # Claude Code sends x-api-key; the official SDK from 1.x on sends the same key as a bearer token.
             return bearer or request.headers.get("x-api-key") == self.expected_key
         return bearer
 
