@@ -38,6 +38,8 @@ RUN_TIMEOUT_SECONDS = 60.0
 # How long a TUI may take to draw a text a test waits for.
 SCREEN_TIMEOUT_SECONDS = 20.0
 SCREEN_POLL_SECONDS = 0.1
+# How long a key press gets to take a prompt off the screen before it is pressed again.
+PROMPT_RETRY_SECONDS = 0.5
 TMUX_COLUMNS = 120
 TMUX_ROWS = 40
 # Stand-in for the throwaway folder in recorded fixtures, so they hold no machine-specific path.
@@ -381,6 +383,21 @@ class TmuxSession:
                 raise AssertionError(f"screen never showed {pattern!r}; last screen:\n{screen}")
             time.sleep(SCREEN_POLL_SECONDS)
 
+    def answer_prompt(self, key, prompt_pattern, timeout=SCREEN_TIMEOUT_SECONDS):
+        """Presses `key` until the prompt matching `prompt_pattern` leaves the screen.
+
+        A freshly drawn permission dialog ignores keys for a moment, so that a key meant
+        for something else does not answer it; pressing again until it goes is the only
+        way to know the answer landed.
+        """
+        deadline = time.monotonic() + timeout
+        expression = re.compile(prompt_pattern)
+        while expression.search(self.screen()):
+            if time.monotonic() > deadline:
+                raise AssertionError(f"the prompt {prompt_pattern!r} never took {key!r}:\n{self.screen()}")
+            self.send_keys(key)
+            time.sleep(PROMPT_RETRY_SECONDS)
+
     def close(self):
         self._tmux("kill-server", check=False)
 
@@ -403,6 +420,8 @@ def start_codex_tui(peers, home, extra_args=(), key=CODEX_KEY):
 def scrubbed(value, home, secrets=()):
     """`value` with the throwaway folder replaced by FIXTURE_HOME and each secret by a placeholder."""
     text = json.dumps(value, indent=2, ensure_ascii=False)
+    # Claude names its per-project folder after the project path with everything but letters and digits a dash.
+    text = text.replace(re.sub(r"[^A-Za-z0-9]", "-", home.work), re.sub(r"[^A-Za-z0-9]", "-", FIXTURE_HOME + "/project"))
     text = text.replace(home.home, FIXTURE_HOME).replace(home.work, FIXTURE_HOME + "/project")
     text = text.replace(home.hook_inputs, FIXTURE_HOME + "/hook-inputs").replace(home.root, FIXTURE_HOME)
     for secret in secrets:
