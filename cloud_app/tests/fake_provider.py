@@ -62,6 +62,8 @@ START_TIMEOUT_SECONDS = 10.0
 SHUTDOWN_GRACE_SECONDS = 0.2
 # A scripted time-out holds its request at most this long, so a forgotten one cannot keep a run alive.
 HANG_LIMIT_SECONDS = 300.0
+# Claude Code sends about 50 KB per turn; long conversations grow well past that.
+MAX_BODY_BYTES = 64 * 1024 * 1024
 # Requests kept in the record; older ones fall off so a long benchmark run stays small.
 RECORD_LIMIT = 10_000
 # Header values that carry credentials; the record keeps the header but never its value.
@@ -501,7 +503,13 @@ class FakeProvider:
         self.stop()
 
     async def _open(self):
-        self._runner = web.AppRunner(self.application(), access_log=None, handle_signals=False)
+        loop = asyncio.get_running_loop()
+
+        def make_request(message, payload, protocol, writer, task):
+            return web.BaseRequest(message, payload, protocol, writer, task, loop, client_max_size=MAX_BODY_BYTES)
+
+        server = web.Server(self._dispatcher(), request_factory=make_request, access_log=None)
+        self._runner = web.ServerRunner(server, handle_signals=False)
         await self._runner.setup()
         site = web.TCPSite(self._runner, "127.0.0.1", self._port, shutdown_timeout=SHUTDOWN_GRACE_SECONDS)
         await site.start()
@@ -515,19 +523,29 @@ class FakeProvider:
             task.cancel()
         await asyncio.gather(*pending, return_exceptions=True)
 
-    def application(self):
-        app = web.Application(client_max_size=64 * 1024 * 1024)
-        app.router.add_post("/v1/responses", self._model_request)
-        app.router.add_post("/v1/chat/completions", self._model_request)
-        app.router.add_post("/v1/messages", self._model_request)
-        app.router.add_post("/v1/messages/count_tokens", self._count_tokens)
-        app.router.add_get("/v1/models", self._models)
-        app.router.add_post("/_fake/script", self._control_script)
-        app.router.add_get("/_fake/requests", self._control_requests)
-        app.router.add_post("/_fake/reset", self._control_reset)
-        # Anything else is recorded too, so a test sees every path a client tried.
-        app.router.add_route("*", "/{tail:.*}", self._unknown)
-        return app
+    def routes(self):
+        """(method, path) -> handler; anything else is recorded too, so a test sees every path a client tried."""
+        return {
+            ("POST", "/v1/responses"): self._model_request,
+            ("POST", "/v1/chat/completions"): self._model_request,
+            ("POST", "/v1/messages"): self._model_request,
+            ("POST", "/v1/messages/count_tokens"): self._count_tokens,
+            ("GET", "/v1/models"): self._models,
+            ("POST", "/_fake/script"): self._control_script,
+            ("GET", "/_fake/requests"): self._control_requests,
+            ("POST", "/_fake/reset"): self._control_reset,
+        }
+
+    def _dispatcher(self):
+        # One dictionary look-up instead of aiohttp's router and middleware chain: the
+        # fake sits in benchmarks, where its own cost should stay far below the relay's.
+        routes = self.routes()
+        unknown = self._unknown
+
+        async def dispatch(request):
+            return await routes.get((request.method, request.path), unknown)(request)
+
+        return dispatch
 
     # -- scripting and the record (any thread) -----------------------------
 
