@@ -9,7 +9,7 @@ processes starting at once take turns on a file lock; the second finds the
 stamp and does nothing.
 
     peers = npm_peers.require(self)   # in a unittest: skips the test when the install failed
-    peers.claude, peers.codex, peers.node_modules
+    peers.claude, peers.codex, peers.node_modules, peers.gateway_command(port)
 
     python3 npm_peers.py              # installs, then prints the paths as JSON
 """
@@ -18,6 +18,7 @@ import fcntl
 import hashlib
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -27,6 +28,9 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 NPM_DIR = os.path.join(HERE, "npm")
 LOCK_FILE = os.path.join(NPM_DIR, "package-lock.json")
 MANIFEST = os.path.join(NPM_DIR, "package.json")
+LOOPBACK_PRELOAD = os.path.join(NPM_DIR, "loopback_only.cjs")
+# Environment for the gateway: production mode skips its interactive start-up extras.
+GATEWAY_ENV = {"NODE_ENV": "production"}
 # A cold install downloads about 300 MB; past this the tests skip rather than run into CTest's time-out.
 INSTALL_TIMEOUT_SECONDS = float(os.environ.get("QUILLMERE_TEST_NPM_TIMEOUT", "100"))
 # Short network patience, so that an unreachable registry fails fast instead of retrying for minutes.
@@ -50,6 +54,14 @@ class NpmPeers:
         self.claude = os.path.join(bin_dir, "claude")
         self.codex = os.path.join(bin_dir, "codex")
         self.gateway = os.path.join(self.node_modules, "@portkey-ai", "gateway", "build", "start-server.js")
+
+    def gateway_command(self, port):
+        """The command that starts the Portkey gateway on 127.0.0.1:`port`, headless, without its log page.
+
+        The gateway itself listens on every interface and has no host option; the preloaded
+        loopback_only.cjs pins its listening socket to 127.0.0.1.
+        """
+        return ["node", "--require", LOOPBACK_PRELOAD, self.gateway, f"--port={port}", "--headless"]
 
     def version(self, package):
         """The installed version of `package`, as its package.json says."""
@@ -106,7 +118,8 @@ def ensure_installed(timeout=INSTALL_TIMEOUT_SECONDS):
 def _npm_ci(root, timeout):
     for path in (MANIFEST, LOCK_FILE):
         shutil.copyfile(path, os.path.join(root, os.path.basename(path)))
-    command = ["npm", "ci", "--no-audit", "--no-fund", "--loglevel=error", *NPM_NETWORK_OPTIONS]
+    # --prefer-offline lets a machine that installed these versions once reinstall them from npm's cache.
+    command = ["npm", "ci", "--prefer-offline", "--no-audit", "--no-fund", "--loglevel=error", *NPM_NETWORK_OPTIONS]
     names = ", ".join(PACKAGES)
     try:
         result = subprocess.run(command, cwd=root, capture_output=True, text=True, timeout=timeout,
@@ -114,8 +127,10 @@ def _npm_ci(root, timeout):
     except subprocess.TimeoutExpired:
         raise PeersUnavailable(f"npm ci did not finish in {timeout:.0f} s; not installed: {names}") from None
     if result.returncode != 0:
-        tail = "\n".join((result.stderr or result.stdout).strip().splitlines()[-5:])
-        raise PeersUnavailable(f"npm ci failed (registry unreachable?); not installed: {names}\n{tail}")
+        lines = (result.stderr or result.stdout).strip().splitlines()
+        telling = [line for line in lines if re.match(r"npm (error|ERR!) (code|errno|request to|network|404)", line)]
+        detail = "\n".join(telling[:4] or lines[-4:])
+        raise PeersUnavailable(f"npm ci failed (registry unreachable?); not installed: {names}\n{detail}")
 
 
 _cached = None

@@ -27,6 +27,8 @@ CLIENT_TIMEOUT_SECONDS = 0.3
 # A scripted latency small enough for a test and large enough to see.
 SCRIPTED_DELAY_SECONDS = 0.2
 NODE_TIMEOUT_SECONDS = 45
+# Bounds the gateway's start (node loading its bundle) before the test gives up on it.
+GATEWAY_START_SECONDS = 20
 
 
 def request_body(protocol, stream=False):
@@ -440,6 +442,62 @@ class OfficialSdkTest(unittest.TestCase):
                 tries = self.provider.model_requests()
                 self.assertEqual([record.status for record in tries], [429, 200])
                 self.assertEqual([record.headers["x-stainless-retry-count"] for record in tries], ["0", "1"])
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def listening_addresses(port):
+    """The local addresses of the IPv4 and IPv6 sockets listening on `port`, from /proc."""
+    addresses = []
+    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
+        with open(table, encoding="ascii") as handle:
+            for line in handle.readlines()[1:]:
+                local, state = line.split()[1], line.split()[3]
+                address, hex_port = local.rsplit(":", 1)
+                if state == "0A" and int(hex_port, 16) == port:  # 0A: LISTEN
+                    addresses.append(address)
+    return addresses
+
+
+class GatewayPeerTest(unittest.TestCase):
+    """The pinned Portkey gateway, started as benchmarks will start it, relays to the fake."""
+
+    def setUp(self):
+        self.peers = npm_peers.require(self)
+        self.provider = FakeProvider(expected_key=KEY).start()
+        self.addCleanup(self.provider.stop)
+        self.port = free_port()
+        self.gateway = subprocess.Popen(self.peers.gateway_command(self.port), stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL, env={**os.environ, **npm_peers.GATEWAY_ENV})
+        self.addCleanup(self.gateway.wait, GATEWAY_START_SECONDS)
+        self.addCleanup(self.gateway.terminate)
+        deadline = time.monotonic() + GATEWAY_START_SECONDS
+        while not listening_addresses(self.port):
+            if time.monotonic() > deadline or self.gateway.poll() is not None:
+                self.fail("the gateway did not start listening")
+            time.sleep(0.05)
+
+    def test_gateway_listens_on_loopback_only_and_relays_both_protocols_to_the_fake(self):
+        self.assertEqual(listening_addresses(self.port), ["0100007F"], "127.0.0.1 and nothing else")
+        gateway = FakeProvider()
+        gateway.port = self.port
+        status, _, raw = post(gateway, "/v1/chat/completions", request_body(OPENAI_CHAT), {
+            **key_headers(OPENAI_CHAT), "x-portkey-provider": "openai",
+            "x-portkey-custom-host": self.provider.openai_base_url})
+        self.assertEqual(status, 200, raw)
+        self.assertEqual(json.loads(raw)["choices"][0]["message"]["content"], DEFAULT_TEXT)
+        status, _, raw = post(gateway, "/v1/messages", request_body(ANTHROPIC_MESSAGES), {
+            **key_headers(ANTHROPIC_MESSAGES), "x-portkey-provider": "anthropic",
+            "x-portkey-custom-host": self.provider.url + "/v1"})
+        self.assertEqual(status, 200, raw)
+        self.assertEqual(json.loads(raw)["content"][0]["text"], DEFAULT_TEXT)
+        records = self.provider.model_requests()
+        self.assertEqual([(record.path, record.key_ok) for record in records],
+                         [("/v1/chat/completions", True), ("/v1/messages", True)])
 
 
 if __name__ == "__main__":
