@@ -57,7 +57,8 @@ CLAUDE_OFFLINE_ENV = {
     "IS_SANDBOX": "1",
 }
 
-# Codex: the settings that keep it from reaching GitHub (plugin sync, tips), its vendor (plugins, analytics) and updates.
+# Codex: the settings that keep it from reaching GitHub (plugin sync), its vendor (plugins, analytics)
+# and its update check.
 CODEX_OFFLINE_CONFIG = """\
 check_for_update_on_startup = false
 # Typed text followed at once by Enter looks like a paste to the TUI, which then keeps the Enter as a newline.
@@ -243,12 +244,19 @@ def run_claude_print(peers, provider, home, prompt, permission_mode=None, extra_
 
 def claude_tool_loop(tool_call, final_text):
     """A responder for Claude: asks for `tool_call` until the conversation holds a tool result, then answers."""
+    return tool_loop(ANTHROPIC_MESSAGES, tool_call, final_text, claude_tool_results)
+
+
+def tool_loop(protocol, tool_call, final_text, tool_results):
+    """A responder that asks for `tool_call` until `tool_results(body)` finds an answer to it, then says `final_text`.
+
+    Side requests (a session title, a summary) offer no tools; they get the fake's default answer.
+    """
 
     def respond(recorded):
-        # Side requests (a title, a summary) offer no tools; they get the plain default answer.
-        if recorded.protocol != ANTHROPIC_MESSAGES or not offers_tool(recorded.body, tool_call.name):
+        if recorded.protocol != protocol or not offers_tool(recorded.body, tool_call.name):
             return None
-        if claude_tool_results(recorded.body):
+        if tool_results(recorded.body):
             return Reply(text=final_text)
         return Reply(text="", tool_calls=[tool_call])
 
@@ -322,16 +330,7 @@ def run_codex_exec(peers, provider, home, prompt, bypass_sandbox=False, extra_ar
 
 def codex_tool_loop(tool_call, final_text):
     """A responder for Codex: asks for `tool_call` until the input holds a function_call_output, then answers."""
-
-    def respond(recorded):
-        # The TUI also asks for a session title, with no tools; that gets the plain default answer.
-        if recorded.protocol != OPENAI_RESPONSES or not offers_tool(recorded.body, tool_call.name):
-            return None
-        if codex_tool_outputs(recorded.body):
-            return Reply(text=final_text)
-        return Reply(text="", tool_calls=[tool_call])
-
-    return respond
+    return tool_loop(OPENAI_RESPONSES, tool_call, final_text, codex_tool_outputs)
 
 
 def codex_tool_outputs(body):
@@ -421,7 +420,8 @@ def scrubbed(value, home, secrets=()):
     """`value` with the throwaway folder replaced by FIXTURE_HOME and each secret by a placeholder."""
     text = json.dumps(value, indent=2, ensure_ascii=False)
     # Claude names its per-project folder after the project path with everything but letters and digits a dash.
-    text = text.replace(re.sub(r"[^A-Za-z0-9]", "-", home.work), re.sub(r"[^A-Za-z0-9]", "-", FIXTURE_HOME + "/project"))
+    project_folder = re.sub(r"[^A-Za-z0-9]", "-", home.work)
+    text = text.replace(project_folder, re.sub(r"[^A-Za-z0-9]", "-", FIXTURE_HOME + "/project"))
     text = text.replace(home.home, FIXTURE_HOME).replace(home.work, FIXTURE_HOME + "/project")
     text = text.replace(home.hook_inputs, FIXTURE_HOME + "/hook-inputs").replace(home.root, FIXTURE_HOME)
     for secret in secrets:

@@ -112,7 +112,19 @@ def ensure_installed(timeout=INSTALL_TIMEOUT_SECONDS):
             _npm_ci(root, timeout)
             with open(os.path.join(root, STAMP), "w", encoding="utf-8") as handle:
                 handle.write(expected + "\n")
+            _remove_older_installs(root)
     return NpmPeers(root)
+
+
+def _remove_older_installs(root):
+    """Removes installs for earlier lock files beside `root`: each is most of a gigabyte."""
+    if "QUILLMERE_TEST_NPM_DIR" in os.environ:
+        return  # an explicit folder has no siblings of ours
+    parent = os.path.dirname(root)
+    for name in os.listdir(parent):
+        path = os.path.join(parent, name)
+        if path != root and re.fullmatch(r"[0-9a-f]{16}", name) and os.path.isdir(path):
+            shutil.rmtree(path, ignore_errors=True)
 
 
 def _npm_ci(root, timeout):

@@ -189,6 +189,17 @@ class CodexExecTest(CliTestCase):
 class InteractiveTest(CliTestCase):
     """The interactive CLIs under tmux: a permission prompt on screen, answered by a key press."""
 
+    def approve_on_screen(self, session, ready, dialog, key):
+        """Asks for the file through the TUI, sees the dialog hold the tool back, approves, sees it run."""
+        written = os.path.join(self.home.work, "out.txt")
+        session.wait_for(ready)
+        session.type_line("Write hi to a file")
+        session.wait_for(dialog)
+        self.assertFalse(os.path.exists(written))
+        session.answer_prompt(key, dialog)
+        session.wait_for(FINAL_TEXT)
+        self.assertTrue(os.path.exists(written))
+
     def test_claude_asks_permission_and_runs_the_tool_once_allowed(self):
         provider = self.start_provider(CLAUDE_KEY)
         write_claude_settings(self.home, claude_capture_hooks(self.home, ["PermissionRequest", "Notification"]))
@@ -196,13 +207,7 @@ class InteractiveTest(CliTestCase):
             ToolCall("Bash", {"command": "echo hi > out.txt", "description": "Write hi"}), FINAL_TEXT)
         session = start_claude_tui(self.peers, provider, self.home, ["--permission-mode", "default"])
         self.addCleanup(session.close)
-        session.wait_for(r"manual mode on")
-        session.type_line("Write hi to a file")
-        session.wait_for(r"Do you want to proceed\?")
-        self.assertFalse(os.path.exists(os.path.join(self.home.work, "out.txt")))
-        session.answer_prompt("Enter", r"Do you want to proceed\?")
-        session.wait_for(FINAL_TEXT)
-        self.assertTrue(os.path.exists(os.path.join(self.home.work, "out.txt")))
+        self.approve_on_screen(session, r"manual mode on", r"Do you want to proceed\?", "Enter")
         self.assertEqual(self.home.captured_hook_inputs()["PermissionRequest"]["tool_name"], "Bash")
         self.assert_offline()
 
@@ -216,13 +221,7 @@ class InteractiveTest(CliTestCase):
         session = start_codex_tui(self.peers, self.home, ["-a", "on-request", "-s", "read-only",
                                                           "--dangerously-bypass-hook-trust"])
         self.addCleanup(session.close)
-        session.wait_for(r"Ask Codex")
-        session.type_line("Write hi to a file")
-        session.wait_for(r"Yes, proceed")
-        self.assertFalse(os.path.exists(os.path.join(self.home.work, "out.txt")))
-        session.answer_prompt("y", r"Yes, proceed")
-        session.wait_for(FINAL_TEXT)
-        self.assertTrue(os.path.exists(os.path.join(self.home.work, "out.txt")))
+        self.approve_on_screen(session, r"Ask Codex", r"Yes, proceed", "y")
         permission = self.home.captured_hook_inputs()["PermissionRequest"]
         self.assertEqual(permission["tool_name"], "Bash")
         self.assertEqual(permission["tool_input"]["command"], "echo hi > out.txt")

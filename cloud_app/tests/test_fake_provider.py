@@ -355,7 +355,8 @@ class StandaloneTest(unittest.TestCase):
     def test_program_prints_its_address_and_serves_until_terminated(self):
         process = subprocess.Popen([sys.executable, os.path.join(HERE, "fake_provider.py"), "--port", "0",
                                     "--key", KEY, "--text", "standalone"],
-                                   stdout=subprocess.PIPE, text=True, env={**os.environ, "PYTHONDONTWRITEBYTECODE": "1"})
+                                   stdout=subprocess.PIPE, text=True,
+                                   env={**os.environ, "PYTHONDONTWRITEBYTECODE": "1"})
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.kill)
         url = process.stdout.readline().strip()
@@ -415,7 +416,8 @@ class OfficialSdkTest(unittest.TestCase):
             (failure(500), False, {"chat": "InternalServerError", "messages": "InternalServerError"}),
             (failure(503), False, {"chat": "InternalServerError", "messages": "ServiceUnavailableError"}),
             (failure(OVERLOADED), False, {"chat": "InternalServerError", "messages": "OverloadedError"}),
-            (timeout(seconds=10), False, {"chat": "APIConnectionTimeoutError", "messages": "APIConnectionTimeoutError"}),
+            (timeout(seconds=10), False,
+             {"chat": "APIConnectionTimeoutError", "messages": "APIConnectionTimeoutError"}),
             (dropped(0), False, {"chat": "APIConnectionError", "messages": "APIConnectionError"}),
             (dropped(after_chunks=3), True, {"chat": "OpenAIError", "messages": "AnthropicError"}),
             (stream_failure(OVERLOADED, after_chunks=3), True, {"chat": "APIError", "messages": "APIError"}),
