@@ -42,6 +42,8 @@ SCREEN_POLL_SECONDS = 0.1
 PROMPT_RETRY_SECONDS = 0.5
 TMUX_COLUMNS = 120
 TMUX_ROWS = 40
+# How long the trap waits for the first line of a connection it is about to refuse.
+TRAP_READ_SECONDS = 1.0
 # Stand-in for the throwaway folder in recorded fixtures, so they hold no machine-specific path.
 FIXTURE_HOME = "/home/user"
 
@@ -115,7 +117,7 @@ class StrayTrafficTrap:
             except OSError:
                 return
             with connection:
-                connection.settimeout(1.0)
+                connection.settimeout(TRAP_READ_SECONDS)
                 try:
                     first = connection.recv(4096).split(b"\r\n", 1)[0]
                     self.attempts.append(first.decode("latin-1"))

@@ -24,6 +24,8 @@ import aiohttp
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 KEY = "sk-bench"
+# How long the fake gets to exit once told to.
+STOP_SECONDS = 10
 # (label, path, body, headers)
 CASES = [
     ("openai_chat", "/v1/chat/completions", {"model": "m", "messages": [{"role": "user", "content": "hi"}]},
@@ -86,7 +88,7 @@ def main():
                       f"{cost * 1e6:5.0f} us CPU each in the fake = {1 / cost:6.0f} requests/s per core")
     finally:
         server.terminate()
-        server.wait(timeout=10)
+        server.wait(timeout=STOP_SECONDS)
         server.stdout.close()
     return 0
 

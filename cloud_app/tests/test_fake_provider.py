@@ -27,6 +27,9 @@ CLIENT_TIMEOUT_SECONDS = 0.3
 # A scripted latency small enough for a test and large enough to see.
 SCRIPTED_DELAY_SECONDS = 0.2
 NODE_TIMEOUT_SECONDS = 45
+# Bounds every plain HTTP exchange with the fake, and the standalone fake's exit.
+HTTP_TIMEOUT_SECONDS = 10.0
+GATEWAY_POLL_SECONDS = 0.05
 # Bounds the gateway's start (node loading its bundle) before the test gives up on it.
 GATEWAY_START_SECONDS = 20
 
@@ -50,7 +53,7 @@ def key_headers(protocol, key=KEY):
     return {"Authorization": f"Bearer {key}"}
 
 
-def post(provider, path, body, headers, timeout=5.0):
+def post(provider, path, body, headers, timeout=HTTP_TIMEOUT_SECONDS):
     """Sends one POST with http.client; returns (status, headers, raw body)."""
     connection = http.client.HTTPConnection("127.0.0.1", provider.port, timeout=timeout)
     try:
@@ -315,7 +318,7 @@ class RawHttpTest(unittest.TestCase):
         self.assertEqual(self.provider.pending(), 0)
 
     def test_models_and_token_counts_answer_in_the_asking_protocol_shape(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.provider.port, timeout=5)
+        connection = http.client.HTTPConnection("127.0.0.1", self.provider.port, timeout=HTTP_TIMEOUT_SECONDS)
         self.addCleanup(connection.close)
         connection.request("GET", "/v1/models", headers=key_headers(OPENAI_CHAT))
         self.assertEqual(json.loads(connection.getresponse().read())["object"], "list")
@@ -342,7 +345,7 @@ class RawHttpTest(unittest.TestCase):
         status, _, _ = post(self.provider, "/v1/messages", request_body(ANTHROPIC_MESSAGES),
                             key_headers(ANTHROPIC_MESSAGES))
         self.assertEqual(status, 429)
-        connection = http.client.HTTPConnection("127.0.0.1", self.provider.port, timeout=5)
+        connection = http.client.HTTPConnection("127.0.0.1", self.provider.port, timeout=HTTP_TIMEOUT_SECONDS)
         self.addCleanup(connection.close)
         connection.request("GET", "/_fake/requests")
         recorded = json.loads(connection.getresponse().read())["requests"]
@@ -366,7 +369,7 @@ class StandaloneTest(unittest.TestCase):
         _, _, raw = post(provider, "/v1/chat/completions", request_body(OPENAI_CHAT), key_headers(OPENAI_CHAT))
         self.assertEqual(json.loads(raw)["choices"][0]["message"]["content"], "standalone")
         process.terminate()
-        self.assertEqual(process.wait(timeout=10), 0)
+        self.assertEqual(process.wait(timeout=HTTP_TIMEOUT_SECONDS), 0)
 
 
 def run_sdk(peers, script, cases):
@@ -481,7 +484,7 @@ class GatewayPeerTest(unittest.TestCase):
         while not listening_addresses(self.port):
             if time.monotonic() > deadline or self.gateway.poll() is not None:
                 self.fail("the gateway did not start listening")
-            time.sleep(0.05)
+            time.sleep(GATEWAY_POLL_SECONDS)
 
     def test_gateway_listens_on_loopback_only_and_relays_both_protocols_to_the_fake(self):
         self.assertEqual(listening_addresses(self.port), ["0100007F"], "127.0.0.1 and nothing else")
