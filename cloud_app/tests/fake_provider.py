@@ -501,10 +501,11 @@ def main(argv=None):
     reply = Reply(text=args.text, first_byte_delay=args.first_byte_delay, chunk_delay=args.chunk_delay)
     provider = FakeProvider(expected_key=args.key, port=args.port, record_limit=args.record_limit,
                             default_reply=reply).start()
-    print(provider.url, flush=True)
     stopped = threading.Event()
+    # Handlers first: whoever reads the address may stop the fake the moment it has read it.
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: stopped.set())
+    print(provider.url, flush=True)
     stopped.wait()
     provider.stop()
     return 0
