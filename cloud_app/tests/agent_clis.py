@@ -166,6 +166,15 @@ class CliHome:
                 captured[name.rsplit(".", 1)[0]] = json.loads(text)
         return captured
 
+    def wait_for_hook_input(self, event, timeout=SCREEN_TIMEOUT_SECONDS):
+        """Waits until a hook has written the input of `event`; returns it or raises."""
+        deadline = time.monotonic() + timeout
+        while event not in self.captured_hook_inputs():
+            if time.monotonic() > deadline:
+                raise AssertionError(f"no {event} hook input within {timeout} s")
+            time.sleep(SCREEN_POLL_SECONDS)
+        return self.captured_hook_inputs()[event]
+
     def capture_command(self, event, answer=None):
         """A hook command that writes its standard input to hook-inputs/<event>.json and prints `answer`."""
         command = f"cat > {shell_quote(os.path.join(self.hook_inputs, event + '.json'))}"

@@ -189,12 +189,13 @@ class CodexExecTest(CliTestCase):
 class InteractiveTest(CliTestCase):
     """The interactive CLIs under tmux: a permission prompt on screen, answered by a key press."""
 
-    def approve_on_screen(self, session, ready, dialog, key):
+    def approve_on_screen(self, session, ready, dialog, key, before_answer=lambda: None):
         """Asks for the file through the TUI, sees the dialog hold the tool back, approves, sees it run."""
         written = os.path.join(self.home.work, "out.txt")
         session.wait_for(ready)
         session.type_line("Write hi to a file")
         session.wait_for(dialog)
+        before_answer()
         self.assertFalse(os.path.exists(written))
         session.answer_prompt(key, dialog)
         session.wait_for(FINAL_TEXT)
@@ -207,9 +208,15 @@ class InteractiveTest(CliTestCase):
             ToolCall("Bash", {"command": "echo hi > out.txt", "description": "Write hi"}), FINAL_TEXT)
         session = start_claude_tui(self.peers, provider, self.home, ["--permission-mode", "default"])
         self.addCleanup(session.close)
-        self.approve_on_screen(session, r"manual mode on", r"Do you want to proceed\?", "Enter")
+        # A prompt left unanswered for a few seconds (six, as measured) raises a Notification.
+        notification = {}
+        self.approve_on_screen(session, r"manual mode on", r"Do you want to proceed\?", "Enter",
+                               before_answer=lambda: notification.update(self.home.wait_for_hook_input("Notification")))
         self.assertEqual(self.home.captured_hook_inputs()["PermissionRequest"]["tool_name"], "Bash")
+        self.assertEqual(notification["notification_type"], "permission_prompt")
+        self.assertEqual(notification["message"], "Claude needs your permission")
         self.assert_offline()
+        self.keep_or_check_fixture("claude_hook_notification.json", notification)
 
     def test_codex_asks_approval_and_runs_the_tool_once_approved(self):
         provider = self.start_provider(CODEX_KEY)
