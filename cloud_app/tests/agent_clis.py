@@ -78,7 +78,8 @@ remote_plugin = false
 apps = false
 
 [tui]
-# The start screen's tip comes from GitHub; the animation only slows screen reads.
+# Tips and the animation only clutter the screen a test reads. (The TUI still fetches its tip from
+# GitHub whatever this says; the trap refuses that.)
 show_tooltips = false
 animations = false
 """
