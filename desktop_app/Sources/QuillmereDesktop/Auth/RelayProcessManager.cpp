@@ -206,8 +206,10 @@ void RelayProcessManager::terminateOwned() {
 }
 
 void RelayProcessManager::terminateProcess(QProcess* process) {
+    // Deferred: the caller may be running inside one of the process's own signals (a wait
+    // resumes there), and the process must outlive its emission.
     if (process->state() == QProcess::NotRunning) {
-        delete process;
+        process->deleteLater();
         return;
     }
     // Deleting a running QProcess would block until it is gone. Asked to stop, it is instead

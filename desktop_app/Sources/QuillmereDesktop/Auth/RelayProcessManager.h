@@ -100,8 +100,8 @@ public:
 private:
     // The launch itself, once the checks have passed.
     QCoro::Task<Result<void>> launch(QProcess* process);
-    // Lets go of a child without waiting for it: deleted now if it has ended, otherwise
-    // asked to stop and deleted when it has.
+    // Lets go of a child without waiting for it: deleted soon if it has ended, otherwise
+    // asked to stop and deleted once it has.
     static void terminateProcess(QProcess* process);
 
     RelayProcessConfig m_config;
