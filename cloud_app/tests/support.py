@@ -9,6 +9,7 @@ import os
 import queue
 import select
 import shutil
+import socket
 import subprocess
 import sys
 import tempfile
@@ -120,6 +121,42 @@ class Relay:
     @property
     def base_url(self):
         return f"http://127.0.0.1:{self.port}/"
+
+    @property
+    def host_header(self):
+        """The Host a client of this relay sends, as bytes for raw requests."""
+        return f"127.0.0.1:{self.port}".encode()
+
+    def raw(self, data, timeout=5.0):
+        """Sends bytes as they are and reads until the relay closes or goes quiet.
+
+        Returns (status or None, the head as text, the body as bytes).
+        """
+        with socket.create_connection(("127.0.0.1", self.port), timeout=timeout) as sock:
+            try:
+                sock.sendall(data)
+            except (BrokenPipeError, ConnectionResetError):
+                pass
+            reply = b""
+            try:
+                while chunk := sock.recv(65536):
+                    reply += chunk
+            except (socket.timeout, ConnectionResetError):
+                pass
+        head, _, body = reply.partition(b"\r\n\r\n")
+        parts = head.split(b" ", 2)
+        status = int(parts[1]) if len(parts) > 1 and parts[1].isdigit() else None
+        return status, head.decode("latin-1"), body
+
+    def code_token(self, address):
+        """Signs `address` in with an e-mailed code read from the outbox; returns the token and user."""
+        status, answer, _ = self.request("POST", "v1/auth/request-code", {"email": address})
+        assert status == 200, answer
+        with open(os.path.join(self.folder, "relay-outbox.txt"), encoding="utf-8") as handle:
+            code = [line for line in handle if f" to={address} " in line][-1].rsplit("code=", 1)[1].strip()
+        status, answer, _ = self.request("POST", "v1/auth/verify-code", {"email": address, "code": code})
+        assert status == 200, answer
+        return answer["token"], answer["user"]
 
     def connection(self, timeout=30):
         return http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)

@@ -2,7 +2,7 @@
 
 Session tokens, codes, tickets and recovery codes are random and kept only as
 SHA-256 hashes; a stored hash is compared in constant time. None of them is ever
-logged (a code written to the local outbox is the one, deliberate, exception).
+logged: without mail, a code goes to the private outbox file only.
 """
 
 import collections
@@ -104,6 +104,8 @@ class Auth:
         token = request.bearer_token()
         if token is None:
             raise unauthorized("missing session token")
+        if not token:
+            raise unauthorized("invalid or expired session token")
         token_hash = sha256(token)
         now = clock.now()
         with self.db.read() as conn:

@@ -29,3 +29,7 @@ def conflict(message):
 
 def unauthorized(message):
     return ApiError(401, message, {"WWW-Authenticate": 'Bearer realm="quillmere"'})
+
+
+def forbidden(message):
+    return ApiError(403, message)
