@@ -49,7 +49,7 @@ class DefaultsTest(unittest.TestCase):
         self.assertEqual(config.BODY_TIMEOUT_SECONDS, 30.0)
         self.assertEqual(config.LINGER_SECONDS, 2.0)
         self.assertEqual(config.MAX_CONNECTIONS, 4096)
-        self.assertEqual(config.RESERVED_FILES, 64)
+        self.assertEqual(config.RESERVED_FILES, 256)
         self.assertEqual(config.WORKER_THREADS, 16)
         self.assertEqual(config.UPSTREAM_CONNECT_SECONDS, 10.0)
         self.assertEqual(config.UPSTREAM_READ_SECONDS, 60.0)

@@ -31,7 +31,7 @@ from .runs import Runs
 from .terminal import Terminal
 from .trust import HostRules
 from .upstream import Upstream
-from .web import ConnectionGuard, Dispatcher, RelayServer
+from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_sockets
 
 log = logging.getLogger("relay")
 
@@ -88,16 +88,17 @@ class App:
                              max_headers=MAX_HEADER_COUNT, lingering_time=timings.linger_seconds,
                              auto_decompress=False)
         try:
-            listener = await loop.create_server(server, self.settings.host, self.settings.port,
-                                                backlog=LISTEN_BACKLOG, reuse_address=True)
+            sockets = listening_sockets(self.settings.host, self.settings.port, LISTEN_BACKLOG)
         except OSError as error:
             log.error("cannot listen on %s:%s: %s", self.settings.host, self.settings.port,
                       error.strerror or error)
             self._close_resources()
             return 1
-        host, port = listener.sockets[0].getsockname()[:2]
+        host, port = sockets[0].getsockname()[:2]
         self.address = (host, port)
         dispatcher.rules = HostRules(self.settings.host, port, self.settings.public_hosts)
+        listener = Listener(sockets, server, self.guard)
+        listener.start(loop)
         await self.upstream.start()
         for area in self.areas.values():
             if hasattr(area, "start"):
@@ -140,7 +141,8 @@ class App:
 
 def connection_limit(configured):
     """The connection cap: as configured, but always leaving files free under the process's
-    open-file limit (raised to what the relay needs, where the hard limit allows)."""
+    open-file limit (raised to what the relay needs, where the hard limit allows) for the
+    database, the log, mail and calls to providers."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     wanted = configured + RESERVED_FILES
     if soft != resource.RLIM_INFINITY and soft < wanted:

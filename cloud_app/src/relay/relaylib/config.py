@@ -34,8 +34,10 @@ LINGER_SECONDS = 2.0
 # Open connections are capped (and lowered to fit the open-file limit) so that a flood of
 # connections can neither exhaust file descriptors nor keep "v1/health" from answering.
 MAX_CONNECTIONS = 4096
-# File descriptors kept free of connections: the database, the log, mail, the listener.
-RESERVED_FILES = 64
+# File descriptors kept free of connections: the database (three for each of up to one
+# connection per worker), the log, mail, the listener, and calls to providers; under a
+# low open-file limit, half of it.
+RESERVED_FILES = 256
 # Connections the kernel holds for the relay before it accepts them.
 LISTEN_BACKLOG = 512
 # Handlers are synchronous and run on this many threads beside the event loop; the

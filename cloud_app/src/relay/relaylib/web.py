@@ -20,9 +20,11 @@ the path and the status: no body, no header, no token.
 """
 
 import asyncio
+import errno
 import inspect
 import logging
 import secrets
+import socket
 import urllib.parse
 
 from aiohttp import http_exceptions, web
@@ -42,6 +44,10 @@ SUPPORTED_VERSIONS = frozenset({(1, 0), (1, 1)})
 MAX_QUERY_FIELDS = 50
 # How much of a path a log line or an error message repeats.
 SHOWN_PATH_LENGTH = 200
+# Connections accepted in one go before the event loop turns to other work.
+ACCEPT_BATCH = 64
+# When the process is out of file descriptors anyway, accepting pauses this long.
+ACCEPT_PAUSE_SECONDS = 0.5
 
 
 class Response:
@@ -333,14 +339,15 @@ def _check_content_type(headers, has_body):
 # The relay's connections
 
 class ConnectionGuard:
-    """Caps open connections and closes the idle ones, so floods cannot starve the relay.
+    """Counts every connection the relay holds, closes idle ones, and decides who may come in.
 
     A connection is busy while it is being answered for a signed-in caller (or, on the
     paths that need no session, once its body is in); otherwise it is idle: just
     opened, sending its request, or kept alive between requests. Idle connections are
-    closed after `idle_seconds`. At the cap, a new connection pushes out the one that
-    has been idle longest; when none is idle the new one is refused, so the relay never
-    runs out of file descriptors. Used on the event loop only.
+    closed after `idle_seconds`. Counted are also the connections accepted but not yet
+    set up and those told to close but not yet closed, so the count is the number of
+    file descriptors that connections hold, and the listener never accepts beyond
+    `limit`. Used on the event loop only.
     """
 
     def __init__(self, limit, idle_seconds):
@@ -349,29 +356,29 @@ class ConnectionGuard:
         # Idle connections by the time they became idle, oldest first.
         self._idle = {}
         self._busy = set()
+        self._closing = set()
+        self.pending = 0
+        self.on_room = None
         self.evicted = 0
         self.refused = 0
         self.timed_out = 0
 
     @property
     def open_count(self):
-        return len(self._idle) + len(self._busy)
+        return len(self._idle) + len(self._busy) + len(self._closing) + self.pending
+
+    def has_room(self):
+        return self.open_count < self.limit
 
     def opened(self, protocol, now):
-        if self.open_count >= self.limit:
-            if not self._idle:
-                self.refused += 1
-                protocol.force_close()
-                return
-            oldest = next(iter(self._idle))
-            del self._idle[oldest]
-            self.evicted += 1
-            oldest.force_close()
         self._idle[protocol] = now
 
     def closed(self, protocol):
         self._idle.pop(protocol, None)
         self._busy.discard(protocol)
+        self._closing.discard(protocol)
+        if self.on_room is not None:
+            self.on_room()
 
     def busy(self, protocol):
         if self._idle.pop(protocol, None) is not None:
@@ -385,15 +392,128 @@ class ConnectionGuard:
             return
         self._idle[protocol] = now
 
+    def evict_oldest_idle(self):
+        """Starts closing the connection idle the longest; False when every one is busy."""
+        if not self._idle:
+            return False
+        self.evicted += 1
+        self._close(next(iter(self._idle)))
+        return True
+
     def sweep(self, now):
         """Closes the connections idle for longer than allowed; oldest first, so it stops early."""
         while self._idle:
             protocol, since = next(iter(self._idle.items()))
             if now - since < self.idle_seconds:
                 return
-            del self._idle[protocol]
             self.timed_out += 1
-            protocol.force_close()
+            self._close(protocol)
+
+    def _close(self, protocol):
+        del self._idle[protocol]
+        self._closing.add(protocol)
+        protocol.force_close()
+
+
+class Listener:
+    """Accepts connections on the relay's sockets, never more than the guard has room for.
+
+    At the limit it makes room by closing the connection idle the longest and waits
+    for that close to finish before it accepts again; when every connection is busy it
+    turns newcomers away at once. So a flood of half-open connections costs each of
+    them its place in turn, "v1/health" still gets in, and the process never runs out
+    of file descriptors (if it does anyway, accepting pauses instead of spinning).
+    """
+
+    def __init__(self, sockets, protocol_factory, guard):
+        self._sockets = sockets
+        self._factory = protocol_factory
+        self._guard = guard
+        self._loop = None
+        self._paused = False
+        self._closed = False
+        guard.on_room = self._resume
+
+    def start(self, loop):
+        self._loop = loop
+        for sock in self._sockets:
+            loop.add_reader(sock.fileno(), self._accept, sock)
+
+    def close(self):
+        self._closed = True
+        for sock in self._sockets:
+            if not self._paused:
+                self._loop.remove_reader(sock.fileno())
+            sock.close()
+
+    def _pause(self, seconds=None):
+        if not self._paused:
+            self._paused = True
+            for sock in self._sockets:
+                self._loop.remove_reader(sock.fileno())
+        if seconds is not None:
+            self._loop.call_later(seconds, self._resume)
+
+    def _resume(self):
+        if self._paused and not self._closed and self._guard.has_room():
+            self._paused = False
+            for sock in self._sockets:
+                self._loop.add_reader(sock.fileno(), self._accept, sock)
+
+    def _accept(self, sock):
+        for _ in range(ACCEPT_BATCH):
+            if not self._guard.has_room() and self._guard.evict_oldest_idle():
+                # The evicted connection's descriptor is free once it has closed.
+                self._pause()
+                return
+            try:
+                conn, _ = sock.accept()
+            except (BlockingIOError, InterruptedError):
+                return
+            except OSError as error:
+                if error.errno in (errno.EMFILE, errno.ENFILE, errno.ENOBUFS, errno.ENOMEM):
+                    log.warning("out of file descriptors; accepting again in %g s", ACCEPT_PAUSE_SECONDS)
+                    self._pause(ACCEPT_PAUSE_SECONDS)
+                return
+            if not self._guard.has_room():
+                # Every connection is in use: this one is turned away at once.
+                self._guard.refused += 1
+                conn.close()
+                continue
+            conn.setblocking(False)
+            self._guard.pending += 1
+            self._loop.create_task(self._connect(conn))
+
+    async def _connect(self, conn):
+        try:
+            await self._loop.connect_accepted_socket(self._factory, conn)
+        except OSError:
+            conn.close()
+        finally:
+            self._guard.pending -= 1
+
+
+def listening_sockets(host, port, backlog):
+    """Bound, listening, non-blocking sockets for every address `host` stands for."""
+    sockets = []
+    try:
+        for family, kind, proto, _, address in socket.getaddrinfo(host or None, port, type=socket.SOCK_STREAM,
+                                                                  flags=socket.AI_PASSIVE):
+            sock = socket.socket(family, kind, proto)
+            sockets.append(sock)
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            if family == socket.AF_INET6 and len(sockets) > 1:
+                sock.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
+            sock.bind(address)
+            sock.listen(backlog)
+            sock.setblocking(False)
+            # With port 0 every address of the name must share the port chosen first.
+            port = sock.getsockname()[1]
+    except OSError:
+        for sock in sockets:
+            sock.close()
+        raise
+    return sockets
 
 
 class RelayProtocol(RequestHandler):
