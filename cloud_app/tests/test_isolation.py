@@ -56,7 +56,7 @@ class EveryPathTest(TwoUsersTestCase):
         folder = tempfile.mkdtemp(prefix="relay-routes-")
         try:
             app = relay_app.App(config.load_settings({"MERE_RELAY_DB_PATH": folder + "/relay.db", "HOME": folder}))
-            registered = {(route.method, "/".join(route.segments)) for route in app.router._routes}
+            registered = {(route.method, "/".join(route.segments)) for route in app.router.routes}
             app.workers.shutdown()
             app.db.close()
         finally:

@@ -9,7 +9,6 @@ the one client for calls to model providers.
 """
 
 import asyncio
-import concurrent.futures
 import logging
 import os
 import resource
@@ -31,6 +30,7 @@ from .runs import Runs
 from .terminal import Terminal
 from .trust import HostRules
 from .upstream import Upstream
+from .workers import WorkerPool
 from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_sockets
 
 log = logging.getLogger("relay")
@@ -38,6 +38,8 @@ log = logging.getLogger("relay")
 AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects)
 # How often idle connections are looked for, as a share of the idle time-out.
 IDLE_SWEEPS_PER_TIMEOUT = 4
+# How often committed changes are copied from the write-ahead log into the database.
+CHECKPOINT_SECONDS = 1.0
 # Everything the relay creates (database, outbox) is for its own user only.
 PRIVATE_UMASK = 0o077
 
@@ -45,11 +47,10 @@ PRIVATE_UMASK = 0o077
 class App:
     def __init__(self, settings):
         self.settings = settings
-        self.db = Database(settings.db_path)
+        self.db = Database(settings.db_path, background_checkpoints=True)
         self.mailer = Mailer(settings)
         self.router = Router()
-        self.workers = concurrent.futures.ThreadPoolExecutor(max_workers=WORKER_THREADS,
-                                                             thread_name_prefix="relay-worker")
+        self.workers = WorkerPool(WORKER_THREADS)
         self.upstream = Upstream(settings.timings)
         self.areas = {area: area(self) for area in AREAS}
         self.auth = self.areas[Auth]
@@ -81,7 +82,9 @@ class App:
         self._stop = asyncio.Event()
         timings = self.settings.timings
         self.hub.bind(loop)
-        self.guard = ConnectionGuard(connection_limit(timings.max_connections), timings.idle_timeout_seconds)
+        self.workers.start(loop)
+        limit, reserve = connection_limit(timings.max_connections)
+        self.guard = ConnectionGuard(limit, timings.idle_timeout_seconds, slack=reserve // 4)
         dispatcher = Dispatcher(self, None)
         server = RelayServer(dispatcher.handle, self.guard, keepalive_timeout=timings.idle_timeout_seconds,
                              access_log=None, max_line_size=MAX_REQUEST_LINE_BYTES, max_field_size=MAX_HEADER_BYTES,
@@ -104,6 +107,7 @@ class App:
             if hasattr(area, "start"):
                 await area.start()
         sweeper = asyncio.create_task(self._sweep_idle())
+        checkpoints = asyncio.create_task(self._checkpoint())
         if handle_signals:
             for number in (signal.SIGTERM, signal.SIGINT):
                 loop.add_signal_handler(number, self._stop.set)
@@ -112,6 +116,7 @@ class App:
         if on_listening is not None:
             on_listening(host, port)
         await self._stop.wait()
+        checkpoints.cancel()
         await self._shut_down(listener, server, sweeper)
         return 0
 
@@ -120,6 +125,18 @@ class App:
         while True:
             await asyncio.sleep(interval)
             self.guard.sweep(self._loop.time())
+
+    async def _checkpoint(self):
+        """Copies the write-ahead log into the database now and then, on a worker."""
+        done = self.db.commits
+        while True:
+            await asyncio.sleep(CHECKPOINT_SECONDS)
+            if self.db.commits != done:
+                done = self.db.commits
+                try:
+                    await self.workers.run(self.db.checkpoint)
+                except Exception:
+                    log.exception("checkpoint failed")
 
     async def _shut_down(self, listener, server, sweeper):
         listener.close()
@@ -135,14 +152,15 @@ class App:
         log.info("relay stopped")
 
     def _close_resources(self):
-        self.workers.shutdown(wait=True)
+        self.workers.shutdown()
         self.db.close()
 
 
 def connection_limit(configured):
-    """The connection cap: as configured, but always leaving files free under the process's
-    open-file limit (raised to what the relay needs, where the hard limit allows) for the
-    database, the log, mail and calls to providers."""
+    """The connection cap and the descriptors held in reserve: the cap as configured, but always
+    leaving files free under the process's open-file limit (raised to what the relay needs,
+    where the hard limit allows) for the database, the log, mail, calls to providers and
+    connections on their way out."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     wanted = configured + RESERVED_FILES
     if soft != resource.RLIM_INFINITY and soft < wanted:
@@ -154,9 +172,9 @@ def connection_limit(configured):
             except (ValueError, OSError):
                 pass
     if soft == resource.RLIM_INFINITY:
-        return configured
+        return configured, RESERVED_FILES
     reserve = min(RESERVED_FILES, soft // 2)
-    return max(1, min(configured, soft - reserve))
+    return max(1, min(configured, soft - reserve)), reserve
 
 
 def configure_logging(settings):

@@ -99,8 +99,12 @@ class Scoped:
 
 
 class Database:
-    def __init__(self, path, migrations=MIGRATIONS):
+    def __init__(self, path, migrations=MIGRATIONS, background_checkpoints=False):
+        """`background_checkpoints`: commits never copy the log into the database themselves;
+        the owner calls `checkpoint` from a worker instead, so that a commit made on the event
+        loop never waits for a disk flush."""
         self.path = path
+        self.commits = 0
         make_private_folder(os.path.dirname(os.path.abspath(path)))
         if not os.path.exists(path):
             os.close(os.open(path, os.O_WRONLY | os.O_CREAT, FILE_MODE))
@@ -108,6 +112,8 @@ class Database:
         self._write_lock = threading.RLock()
         self._writer = _connect(path)
         self._writer.execute("PRAGMA journal_mode = WAL")
+        if background_checkpoints:
+            self._writer.execute("PRAGMA wal_autocheckpoint = 0")
         # SQLite gives the side files the database's own mode; older ones may predate that.
         self._protect_files()
         self._pool = []
@@ -153,6 +159,21 @@ class Database:
                 conn.execute("ROLLBACK")
                 raise
             conn.execute("COMMIT")
+            self.commits += 1
+
+    def try_hold_writer(self):
+        """Takes the writer if no other thread has it, without waiting; True if taken. The
+        holder's own transactions then start at once; `release_writer` gives it back."""
+        return self._write_lock.acquire(blocking=False)
+
+    def release_writer(self):
+        self._write_lock.release()
+
+    def checkpoint(self):
+        """Copies committed pages from the write-ahead log into the database (without waiting
+        for readers), so the log stops growing; for a worker, never the event loop."""
+        with self.read() as conn:
+            conn.execute("PRAGMA wal_checkpoint(PASSIVE)")
 
     @contextlib.contextmanager
     def read(self):

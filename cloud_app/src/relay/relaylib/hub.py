@@ -9,6 +9,12 @@ work in order, so the last snapshot a stream receives always shows the latest
 state. A stream that falls far behind loses its oldest snapshots, never the newest:
 each snapshot is the whole queue, so nothing is lost but intermediate states.
 
+A stream that has caught up takes new snapshots straight onto its connection (no
+task wakes for it); the snapshots published during one step of the event loop go
+out together, one write per stream, however many changes there were. A stream
+whose client reads slowly gets its snapshots queued instead, and its own task
+writes them as the connection drains.
+
 Waiters for a verdict (a held GET on an interrupt) sleep on a generation counter
 that any resolution bumps; they look again after each bump.
 """
@@ -19,6 +25,9 @@ import threading
 
 # A stream this many snapshots behind drops the oldest ones it has not read.
 MAX_BACKLOG = 256
+# A snapshot goes straight onto a stream's connection while less than this is still
+# waiting to be sent on it; beyond, the client is slow and snapshots queue.
+DIRECT_WRITE_LIMIT = 256 * 1024
 
 CLOSED = object()
 
@@ -28,18 +37,51 @@ def frame(snapshot):
     return b"data: " + snapshot + b"\n\n"
 
 
-class Subscription:
-    """The frames waiting for one stream; used on the event loop only."""
+def chunked(data):
+    """`data` as one chunk of an HTTP/1.1 chunked answer."""
+    return b"%x\r\n" % len(data) + data + b"\r\n"
 
-    __slots__ = ("user_id", "_items", "_waiter", "_closed")
+
+class Subscription:
+    """The frames waiting for one stream, and the stream's connection once it is open; used
+    on the event loop only."""
+
+    __slots__ = ("user_id", "_items", "_waiter", "_closed", "_transport", "_chunked", "last_sent")
 
     def __init__(self, user_id):
         self.user_id = user_id
         self._items = collections.deque()
         self._waiter = None
         self._closed = False
+        self._transport = None
+        self._chunked = False
+        self.last_sent = 0.0
 
-    def offer(self, data):
+    def attach(self, transport, is_chunked, now):
+        """From now on frames go onto `transport` (as chunks or not, as the answer's headers
+        said); everything written before must already be on it."""
+        self._transport = transport
+        self._chunked = is_chunked
+        self.last_sent = now
+
+    def can_write(self):
+        """Whether the connection takes more now: open, and the client keeping up."""
+        transport = self._transport
+        return (transport is not None and not transport.is_closing()
+                and transport.get_write_buffer_size() < DIRECT_WRITE_LIMIT)
+
+    def write(self, data, encoded=None, now=0.0):
+        """Puts whole frames onto the connection; `encoded` is `data` as one chunk, if built."""
+        if self._chunked:
+            data = encoded if encoded is not None else chunked(data)
+        self._transport.write(data)
+        self.last_sent = now
+
+    def offer(self, data, encoded=None, now=0.0):
+        """Sends frames at once if the stream has caught up, else queues them in order."""
+        if not self._items and self.can_write():
+            self.write(data, encoded, now)
+            return
         if len(self._items) >= MAX_BACKLOG:
             self._items.popleft()
         self._items.append(data)
@@ -73,19 +115,31 @@ class Hub:
         """`build_snapshot(user_id)` returns that user's snapshot as the bytes of one JSON object."""
         self._build = build_snapshot
         self._loop = None
+        self._loop_thread = None
         self._lock = threading.Lock()
         # Guarded by the lock: how many streams each user has, as the publishing threads see it.
         self._counts = collections.Counter()
         self._closed = False
         # Used on the event loop only.
         self._streams = collections.defaultdict(set)
+        # Frames published during this step of the loop, by user, sent together at its end.
+        self._outgoing = {}
         self.generation = 0
         self._resolved = None
 
     def bind(self, loop):
         """Attaches the hub to the event loop that runs the streams; called once at start."""
         self._loop = loop
+        self._loop_thread = threading.get_ident()
         self._resolved = loop.create_future()
+
+    def _on_loop(self, callback, *args):
+        """Runs `callback` on the loop after what is already scheduled there, from any thread
+        (from the loop's own thread without the wake-up a thread-safe call costs)."""
+        if threading.get_ident() == self._loop_thread:
+            self._loop.call_soon(callback, *args)
+        else:
+            self._loop.call_soon_threadsafe(callback, *args)
 
     # Called from worker threads
 
@@ -98,7 +152,7 @@ class Hub:
                 subscription.close()
             else:
                 self._counts[user_id] += 1
-                self._loop.call_soon_threadsafe(self._streams[user_id].add, subscription)
+                self._on_loop(self._streams[user_id].add, subscription)
         return subscription, first
 
     def publish(self, user_id):
@@ -107,12 +161,12 @@ class Hub:
             if self._closed or not self._counts[user_id]:
                 return
             data = frame(self._build(user_id))
-            self._loop.call_soon_threadsafe(self._deliver, user_id, data)
+            self._on_loop(self._deliver, user_id, data)
 
     def notify_resolved(self):
         """Wakes every waiter for a verdict to look again."""
         if self._loop is not None:
-            self._loop.call_soon_threadsafe(self._bump)
+            self._on_loop(self._bump)
 
     # Called on the event loop
 
@@ -132,8 +186,21 @@ class Hub:
         return sum(len(streams) for streams in self._streams.values())
 
     def _deliver(self, user_id, data):
-        for subscription in self._streams.get(user_id, ()):
-            subscription.offer(data)
+        if not self._outgoing:
+            self._loop.call_soon(self._send_outgoing)
+        self._outgoing.setdefault(user_id, []).append(data)
+
+    def _send_outgoing(self):
+        outgoing, self._outgoing = self._outgoing, {}
+        now = self._loop.time()
+        for user_id, frames in outgoing.items():
+            streams = self._streams.get(user_id)
+            if not streams:
+                continue
+            data = b"".join(frames)
+            encoded = b"".join(chunked(one) for one in frames)
+            for subscription in streams:
+                subscription.offer(data, encoded, now)
 
     def _bump(self):
         self.generation += 1

@@ -16,7 +16,7 @@ import uuid
 from . import clock, jsonio
 from .errors import bad_request, conflict, not_found
 from .hub import CLOSED, frame
-from .web import EventStream
+from .web import ClientGone, EventStream
 
 log = logging.getLogger("relay")
 
@@ -34,6 +34,8 @@ SNAPSHOT_EXTRA_ORDER = ("usage", "open_suggestions")
 # A held wait looks at the interrupt again at least this often, whatever wakes it.
 WAIT_RECHECK_SECONDS = 5.0
 KEEPALIVE_FRAME = b": keep-alive\n\n"
+# How often a stream whose client reads slowly looks whether it can send again.
+DRAIN_POLL_SECONDS = 0.05
 
 
 def _compact(value):
@@ -52,9 +54,9 @@ class Queue:
 
     def register(self, router):
         router.add("GET", "v1/stream", self.stream)
-        router.add("POST", "v1/interrupts", self.raise_interrupt)
+        router.add("POST", "v1/interrupts", self.raise_interrupt, quick=True)
         router.add("GET", "v1/interrupts/{id}", self.get_interrupt)
-        router.add("POST", "v1/interrupts/{id}/verdict", self.verdict)
+        router.add("POST", "v1/interrupts/{id}/verdict", self.verdict, quick=True)
 
     # Snapshot
 
@@ -88,14 +90,26 @@ class Queue:
             # The caller left while the worker was subscribing: let go of it once it is done.
             subscribing.add_done_callback(_release(hub))
             raise
+        loop = asyncio.get_running_loop()
+        keepalive = self.timings.keepalive_seconds
         try:
             events = await EventStream(request).open()
             await events.send(frame(first))
+            # Snapshots now go straight onto the connection; this task sends what queued up
+            # while the client was slow, and a comment when the stream has been quiet.
+            subscription.attach(events.direct_transport(), events.chunked, loop.time())
             while True:
-                item = await subscription.get(self.timings.keepalive_seconds)
+                quiet = loop.time() - subscription.last_sent
+                item = await subscription.get(keepalive - quiet) if quiet < keepalive else None
                 if item is CLOSED:
                     return events.response
-                await events.send(KEEPALIVE_FRAME if item is None else item)
+                if item is None and loop.time() - subscription.last_sent < keepalive:
+                    continue
+                while not subscription.can_write():
+                    if events.direct_transport().is_closing():
+                        raise ClientGone()
+                    await asyncio.sleep(DRAIN_POLL_SECONDS)
+                subscription.write(KEEPALIVE_FRAME if item is None else item, now=loop.time())
         finally:
             hub.unsubscribe(subscription)
 
@@ -237,11 +251,10 @@ class Queue:
             self._sweeper.cancel()
 
     async def _sweep(self):
-        loop = asyncio.get_running_loop()
         while True:
             await asyncio.sleep(self.timings.expiry_sweep_seconds)
             try:
-                await loop.run_in_executor(self.app.workers, self.expire_and_announce)
+                await self.app.workers.run(self.expire_and_announce)
             except Exception:
                 log.exception("expiry sweep failed")
 

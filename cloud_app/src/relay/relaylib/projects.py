@@ -45,11 +45,11 @@ class Projects:
         self.db = app.db
 
     def register(self, router):
-        router.add("GET", "v1/projects", self.list_projects)
-        router.add("POST", "v1/projects", self.upsert)
+        router.add("GET", "v1/projects", self.list_projects, quick=True)
+        router.add("POST", "v1/projects", self.upsert, quick=True)
         router.add("GET", "v1/projects/{id}/context", self.list_items)
         router.add("POST", "v1/projects/{id}/context", self.save_item)
-        router.add("DELETE", "v1/projects/{id}/context/{item}", self.delete_item)
+        router.add("DELETE", "v1/projects/{id}/context/{item}", self.delete_item, quick=True)
         router.add("POST", "v1/projects/{id}/context/pack", self.pack)
 
     def list_projects(self, request):

@@ -20,8 +20,8 @@ class Runs:
         self.db = app.db
 
     def register(self, router):
-        router.add("POST", "v1/events", self.record_event)
-        router.add("POST", "v1/router/health", self.record_health)
+        router.add("POST", "v1/events", self.record_event, quick=True)
+        router.add("POST", "v1/router/health", self.record_health, quick=True)
 
     def record_event(self, request):
         body = request.body()

@@ -22,11 +22,11 @@ class Terminal:
         self.db = app.db
 
     def register(self, router):
-        router.add("POST", "v1/terminal/sessions", self.create)
+        router.add("POST", "v1/terminal/sessions", self.create, quick=True)
         router.add("GET", "v1/terminal/sessions", self.list_sessions)
         router.add("GET", "v1/terminal/sessions/{id}", self.transcript)
         router.add("POST", "v1/terminal/sessions/{id}/events", self.append)
-        router.add("POST", "v1/terminal/sessions/{id}/end", self.end)
+        router.add("POST", "v1/terminal/sessions/{id}/end", self.end, quick=True)
 
     def create(self, request):
         source = request.body().string("source", max_length=200)

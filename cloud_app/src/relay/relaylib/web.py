@@ -22,6 +22,7 @@ the path and the status: no body, no header, no token.
 import asyncio
 import errno
 import inspect
+import itertools
 import logging
 import secrets
 import socket
@@ -44,6 +45,9 @@ SUPPORTED_VERSIONS = frozenset({(1, 0), (1, 1)})
 MAX_QUERY_FIELDS = 50
 # How much of a path a log line or an error message repeats.
 SHOWN_PATH_LENGTH = 200
+# A quick handler runs on the event loop only with a body up to this size: parsing a
+# larger one would hold up every other connection.
+QUICK_BODY_BYTES = 64 * 1024
 # Connections accepted in one go before the event loop turns to other work.
 ACCEPT_BATCH = 64
 # When the process is out of file descriptors anyway, accepting pauses this long.
@@ -114,7 +118,7 @@ class Request:
 
     async def run(self, function, *args):
         """Runs blocking work (the database, files) on the worker pool and waits for it."""
-        return await asyncio.get_running_loop().run_in_executor(self.app.workers, function, *args)
+        return await self.app.workers.run(function, *args)
 
 
 class EventStream:
@@ -146,14 +150,36 @@ class EventStream:
         except ConnectionError as error:
             raise ClientGone() from error
 
+    def direct_transport(self):
+        """The connection itself, for writers of whole events that do not wait (the hub);
+        what the answer wrote so far goes out first, so that nothing overtakes it."""
+        transport = self._raw.transport
+        if isinstance(transport, CoalescingTransport):
+            transport.flush()
+            return transport.real
+        return transport
+
+    @property
+    def chunked(self):
+        """Whether the answer went out in chunks (HTTP/1.1) or as a plain byte stream."""
+        return self._raw.writer.chunked
+
+
+# Request ids only have to be unique and say nothing about anything: a random prefix per
+# process and a counter, without a system call per request.
+_REQUEST_PREFIX = "req_" + secrets.token_hex(4)
+_request_numbers = itertools.count(1)
+
 
 def new_request_id():
-    return "req_" + secrets.token_hex(8)
+    return f"{_REQUEST_PREFIX}{next(_request_numbers):08x}"
 
 
 def shown(text):
     """A path as the log and error messages repeat it: printable ASCII, cut short."""
     text = text[:SHOWN_PATH_LENGTH]
+    if text.isascii() and text.isprintable():
+        return text
     return "".join(c if " " <= c <= "~" else "?" for c in text)
 
 
@@ -275,13 +301,19 @@ class Dispatcher:
         route = request.route
         protocol = raw.protocol
         if route.auth:
-            await request.run(self.app.authenticate, request)
+            if not self.app.auth.authenticate_remembered(request):
+                await request.run(self.app.authenticate, request)
             protocol.guard.busy(protocol)
         await self._read_body(raw, request, route)
         if not route.auth:
             protocol.guard.busy(protocol)
         if route.is_async:
             return await route.handler(request)
+        if route.quick and len(request.body_bytes) <= QUICK_BODY_BYTES and self.app.db.try_hold_writer():
+            try:
+                return route.handler(request)
+            finally:
+                self.app.db.release_writer()
         return await request.run(route.handler, request)
 
     async def _read_body(self, raw, request, route):
@@ -350,8 +382,11 @@ class ConnectionGuard:
     `limit`. Used on the event loop only.
     """
 
-    def __init__(self, limit, idle_seconds):
+    def __init__(self, limit, idle_seconds, slack=1):
         self.limit = max(1, int(limit))
+        # Connections told to close may hold their descriptors a little longer; up to this
+        # many of them are allowed beyond the limit, so that a flood is worked off in batches.
+        self.slack = max(1, int(slack))
         self.idle_seconds = idle_seconds
         # Idle connections by the time they became idle, oldest first.
         self._idle = {}
@@ -368,7 +403,12 @@ class ConnectionGuard:
         return len(self._idle) + len(self._busy) + len(self._closing) + self.pending
 
     def has_room(self):
-        return self.open_count < self.limit
+        """Whether a connection may come in without pushing another one out."""
+        return len(self._idle) + len(self._busy) + self.pending < self.limit
+
+    def may_push_out(self):
+        """Whether another idle connection may be told to close to make room."""
+        return len(self._closing) < self.slack
 
     def opened(self, protocol, now):
         self._idle[protocol] = now
@@ -418,9 +458,9 @@ class ConnectionGuard:
 class Listener:
     """Accepts connections on the relay's sockets, never more than the guard has room for.
 
-    At the limit it makes room by closing the connection idle the longest and waits
-    for that close to finish before it accepts again; when every connection is busy it
-    turns newcomers away at once. So a flood of half-open connections costs each of
+    At the limit it makes room by closing the connection idle the longest (a bounded
+    number of closes may be under way at once; beyond, it waits for them); when every
+    connection is busy it turns newcomers away at once. So a flood of half-open connections costs each of
     them its place in turn, "v1/health" still gets in, and the process never runs out
     of file descriptors (if it does anyway, accepting pauses instead of spinning).
     """
@@ -455,17 +495,21 @@ class Listener:
             self._loop.call_later(seconds, self._resume)
 
     def _resume(self):
-        if self._paused and not self._closed and self._guard.has_room():
+        if self._paused and not self._closed:
             self._paused = False
             for sock in self._sockets:
                 self._loop.add_reader(sock.fileno(), self._accept, sock)
 
     def _accept(self, sock):
+        guard = self._guard
         for _ in range(ACCEPT_BATCH):
-            if not self._guard.has_room() and self._guard.evict_oldest_idle():
-                # The evicted connection's descriptor is free once it has closed.
-                self._pause()
-                return
+            turn_away = False
+            if not guard.has_room():
+                if not guard.may_push_out():
+                    # Enough connections are closing already; their descriptors free soon.
+                    self._pause()
+                    return
+                turn_away = not guard.evict_oldest_idle()
             try:
                 conn, _ = sock.accept()
             except (BlockingIOError, InterruptedError):
@@ -475,9 +519,9 @@ class Listener:
                     log.warning("out of file descriptors; accepting again in %g s", ACCEPT_PAUSE_SECONDS)
                     self._pause(ACCEPT_PAUSE_SECONDS)
                 return
-            if not self._guard.has_room():
+            if turn_away:
                 # Every connection is in use: this one is turned away at once.
-                self._guard.refused += 1
+                guard.refused += 1
                 conn.close()
                 continue
             conn.setblocking(False)
@@ -516,6 +560,56 @@ def listening_sockets(host, port, backlog):
     return sockets
 
 
+class CoalescingTransport:
+    """A connection's transport whose writes within one step of the event loop leave in one send.
+
+    aiohttp writes an answer's head and its body separately; on loopback every send is a
+    system call that wakes the client, so joining them halves the cost of small answers.
+    Everything but writing and closing is the real transport's.
+    """
+
+    __slots__ = ("_real", "_loop", "_pending")
+
+    def __init__(self, real, loop):
+        self._real = real
+        self._loop = loop
+        self._pending = []
+
+    @property
+    def real(self):
+        return self._real
+
+    def write(self, data):
+        if not self._pending:
+            self._loop.call_soon(self.flush)
+        self._pending.append(data)
+
+    def writelines(self, items):
+        for data in items:
+            self.write(data)
+
+    def flush(self):
+        if self._pending:
+            data = b"".join(self._pending) if len(self._pending) > 1 else self._pending[0]
+            self._pending.clear()
+            if not self._real.is_closing():
+                self._real.write(data)
+
+    def get_write_buffer_size(self):
+        return self._real.get_write_buffer_size() + sum(len(data) for data in self._pending)
+
+    def close(self):
+        self.flush()
+        self._real.close()
+
+    def abort(self):
+        self._pending.clear()
+        self._real.abort()
+
+    def __getattr__(self, name):
+        return getattr(self._real, name)
+
+
 class RelayProtocol(RequestHandler):
     """aiohttp's connection handler with the guard, cancellation and JSON parse errors."""
 
@@ -525,7 +619,7 @@ class RelayProtocol(RequestHandler):
         self.handler_task = None
 
     def connection_made(self, transport):
-        super().connection_made(transport)
+        super().connection_made(CoalescingTransport(transport, self._loop))
         self.guard.opened(self, self._loop.time())
 
     def connection_lost(self, exc):
