@@ -185,6 +185,17 @@ class Relay:
         return Stream(self, token)
 
 
+def closed_by_relay(sock, seconds):
+    """Whether the relay closes this connection, which has been sent nothing more, in time."""
+    sock.settimeout(seconds)
+    try:
+        return sock.recv(1) == b""
+    except ConnectionResetError:
+        return True
+    except socket.timeout:
+        return False
+
+
 def read_answer(sock):
     """One HTTP answer from a socket: (status or None, head text, body bytes)."""
     reply = b""

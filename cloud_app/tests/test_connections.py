@@ -73,15 +73,6 @@ class FloodTest(unittest.TestCase):
 class CapTest(RelayTestCase):
     relay_env = {"MERE_RELAY_MAX_CONNECTIONS": "4"}
 
-    def closed(self, sock, seconds=3):
-        sock.settimeout(seconds)
-        try:
-            return sock.recv(1) == b""
-        except ConnectionResetError:
-            return True
-        except socket.timeout:
-            return False
-
     def test_at_the_cap_the_longest_idle_connection_makes_room(self):
         first = socket.create_connection(("127.0.0.1", self.relay.port))
         time.sleep(0.1)
@@ -89,8 +80,8 @@ class CapTest(RelayTestCase):
         try:
             time.sleep(0.2)
             self.assertEqual(health(self.relay), 200)
-            self.assertTrue(self.closed(first))
-            self.assertFalse(self.closed(others[-1], 0.3))
+            self.assertTrue(support.closed_by_relay(first, 3))
+            self.assertFalse(support.closed_by_relay(others[-1], 0.3))
         finally:
             for sock in [first] + others:
                 sock.close()

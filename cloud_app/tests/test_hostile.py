@@ -274,15 +274,6 @@ class SlowClientTest(HostileTestCase):
     relay_env = dict(HostileTestCase.relay_env, MERE_RELAY_IDLE_TIMEOUT_SECONDS="0.5",
                      MERE_RELAY_BODY_TIMEOUT_SECONDS="0.8")
 
-    def closed_within(self, sock, seconds):
-        sock.settimeout(seconds)
-        try:
-            return sock.recv(1) == b""
-        except ConnectionResetError:
-            return True
-        except socket.timeout:
-            return False
-
     def test_half_open_and_half_sent_requests_are_closed(self):
         port = self.relay.port
         silent = socket.create_connection(("127.0.0.1", port))
@@ -295,9 +286,9 @@ class SlowClientTest(HostileTestCase):
                 trickle.sendall(b"X-Slow: y\r\n" if _ else b"GET /v1/health HTTP/1.1\r\n")
                 time.sleep(0.3)
             self.assertEqual(self.call("GET", "v1/health", token=None)[0], 200)
-            self.assertTrue(self.closed_within(silent, 3))
-            self.assertTrue(self.closed_within(partial, 3))
-            self.assertTrue(self.closed_within(trickle, 3))
+            self.assertTrue(support.closed_by_relay(silent, 3))
+            self.assertTrue(support.closed_by_relay(partial, 3))
+            self.assertTrue(support.closed_by_relay(trickle, 3))
             self.assertLess(time.monotonic() - started, 5)
         finally:
             for sock in (silent, partial, trickle):

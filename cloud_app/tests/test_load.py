@@ -15,7 +15,6 @@ import socket
 import sqlite3
 import tempfile
 import threading
-import time
 import unittest
 
 import support  # noqa: F401  (puts the relay on the import path)

@@ -6,7 +6,6 @@ test adds one route that pipes the provider's streamed answer to its caller, as 
 """
 
 import asyncio
-import http.client
 import shutil
 import socket
 import tempfile

@@ -21,7 +21,6 @@ the path and the status: no body, no header, no token.
 
 import asyncio
 import errno
-import inspect
 import itertools
 import logging
 import secrets
@@ -673,7 +672,3 @@ class RelayServer(web.Server):
 
     def __call__(self):
         return RelayProtocol(self, loop=self._loop, **self._kwargs)
-
-
-def is_async_handler(handler):
-    return inspect.iscoroutinefunction(handler)
