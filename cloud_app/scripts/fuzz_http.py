@@ -36,6 +36,7 @@ HEALTH_INTERVAL_SECONDS = 0.25
 HEALTH_TIMEOUT_SECONDS = 3.0
 # Findings kept for the report, at most.
 KEPT_FINDINGS = 20
+KEPT_TRACEBACKS = 3
 
 INTERRUPT = {"run_id": "fuzz", "run_name": "codex · fuzz", "kind": "approval", "prompt": "Allow?",
              "options": ["Approve", "Reject"], "detail": "{}", "expires_at": "2099-01-01T00:00:00Z"}
@@ -394,6 +395,9 @@ def report(stats, elapsed, log_text=None, integrity=None):
     if log_text is not None:
         lines.append(f"log: {log_text.count('Traceback')} tracebacks, "
                      f"{log_text.count('unexpected failure')} unexpected failures")
+        # The relay logs no body, header or token, so its tracebacks can be shown as they are.
+        for block in log_text.split("Traceback (most recent call last):")[1:KEPT_TRACEBACKS + 1]:
+            lines.append("  traceback:" + block.rstrip()[-1500:].replace("\n", "\n    "))
     if integrity is not None:
         lines.append(f"database integrity: {integrity}")
     for status, method, path, note in stats.findings:

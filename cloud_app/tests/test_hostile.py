@@ -330,6 +330,28 @@ class SlowClientTest(HostileTestCase):
         self.assertRelayIntact()
 
 
+class StreamAbuseTest(HostileTestCase):
+    def test_a_stream_that_reads_nothing_and_sends_garbage_after_its_request(self):
+        stream = self.head("GET", "v1/stream")
+        socks = []
+        for tail in [b"", b"GARBAGE\r\n\r\n", stream, b"POST /v1/events HTTP/1.1\r\nContent-Length: -1\r\n\r\n"]:
+            sock = socket.create_connection(("127.0.0.1", self.relay.port))
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            sock.sendall(stream + tail)
+            socks.append(sock)
+        try:
+            # Enough changes, each a snapshot of a growing queue, to fill what the clients never read.
+            for number in range(60):
+                body = dict(support.INTERRUPT, prompt=f"#{number}", detail="x" * 20000)
+                self.assertEqual(self.call("POST", "v1/interrupts", body)[0], 200)
+        finally:
+            for sock in socks:
+                sock.close()
+        time.sleep(0.5)
+        self.assertEqual(self.call("GET", "v1/health", token=None)[0], 200)
+        self.assertRelayIntact()
+
+
 class FuzzTest(HostileTestCase):
     def test_a_short_fuzz_run_finds_no_server_error(self):
         stats = fuzz_http.fuzz(self.relay.port, self.token, duration=4, workers=2, seed=20261123)

@@ -42,6 +42,11 @@ def chunked(data):
     return b"%x\r\n" % len(data) + data + b"\r\n"
 
 
+def _settle(waiter):
+    if not waiter.done():
+        waiter.set_result(None)
+
+
 class Subscription:
     """The frames waiting for one stream, and the stream's connection once it is open; used
     on the event loop only."""
@@ -63,6 +68,11 @@ class Subscription:
         self._transport = transport
         self._chunked = is_chunked
         self.last_sent = now
+
+    @property
+    def connection_lost(self):
+        transport = self._transport
+        return transport is None or transport.is_closing()
 
     def can_write(self):
         """Whether the connection takes more now: open, and the client keeping up."""
@@ -98,12 +108,15 @@ class Subscription:
     async def get(self, timeout):
         """The next frame; None when `timeout` passes first; CLOSED when the hub shuts down."""
         if not self._items and not self._closed:
-            self._waiter = asyncio.get_running_loop().create_future()
+            # A timer rather than asyncio.wait_for: wait_for can swallow a cancellation that
+            # arrives together with a frame, and a stream whose caller left must end.
+            loop = asyncio.get_running_loop()
+            waiter = self._waiter = loop.create_future()
+            timer = loop.call_later(timeout, _settle, waiter)
             try:
-                await asyncio.wait_for(self._waiter, timeout)
-            except asyncio.TimeoutError:
-                pass
+                await waiter
             finally:
+                timer.cancel()
                 self._waiter = None
         if self._items:
             return self._items.popleft()

@@ -97,7 +97,10 @@ class Queue:
             await events.send(frame(first))
             # Snapshots now go straight onto the connection; this task sends what queued up
             # while the client was slow, and a comment when the stream has been quiet.
-            subscription.attach(events.direct_transport(), events.chunked, loop.time())
+            transport = events.direct_transport()
+            if transport is None:
+                raise ClientGone()
+            subscription.attach(transport, events.chunked, loop.time())
             while True:
                 quiet = loop.time() - subscription.last_sent
                 item = await subscription.get(keepalive - quiet) if quiet < keepalive else None
@@ -106,7 +109,7 @@ class Queue:
                 if item is None and loop.time() - subscription.last_sent < keepalive:
                     continue
                 while not subscription.can_write():
-                    if events.direct_transport().is_closing():
+                    if subscription.connection_lost:
                         raise ClientGone()
                     await asyncio.sleep(DRAIN_POLL_SECONDS)
                 subscription.write(KEEPALIVE_FRAME if item is None else item, now=loop.time())

@@ -151,7 +151,8 @@ class EventStream:
 
     def direct_transport(self):
         """The connection itself, for writers of whole events that do not wait (the hub);
-        what the answer wrote so far goes out first, so that nothing overtakes it."""
+        what the answer wrote so far goes out first, so that nothing overtakes it. None
+        once the caller has gone."""
         transport = self._raw.transport
         if isinstance(transport, CoalescingTransport):
             transport.flush()
