@@ -86,6 +86,9 @@ ODD_CHUNK_SIZES = [b"-1", b"-2", b"ffffffffffffffffffff", b"0x5", b"\xc2\xb2", b
 ODD_QUERIES = ["limit=\u00b2", "limit=%C2%B2", "limit=-1", "limit=0", "limit=99999999", "wait=%D9%A3", "wait=1e9",
                "wait=nan", "wait=inf", "wait=0.5&wait=1", "x=%ff", "x=%ed%a0%80", "&&&=", "a=" + "b" * 9000]
 ODD_PATH_PARTS = ["%00", "%ff", "%ed%a0%80", "..", ".", "", "%2F", "\u00e9", "x" * 3000, "%", "%zz", "int_"]
+# Whole request targets other than a path: absolute, with broken hosts, or none at all.
+ODD_TARGETS = ["http://127.0.0.1/PATH", "http://\udcff\udcfe/PATH", "http://[::1/PATH", "http://a b/PATH",
+               "https://evil.example:99999/PATH", "//PATH", "*", "PATH", "http://%zz/PATH", "http://[v1.x]/PATH"]
 METHODS = ["GET", "POST", "PUT", "PATCH", "DELETE", "HEAD", "OPTIONS", "TRACE", "CONNECT", "get", "PRI", "G\x00T",
            "X" * 100]
 VERSIONS = ["HTTP/1.1", "HTTP/1.0", "HTTP/2.0", "HTTP/9.9", "HTTP/1.1 x", "HTTP/1", "", "http/1.1", "HTTP/1.01"]
@@ -117,7 +120,11 @@ class Mutator:
         if rng.random() < 0.05:
             version = rng.choice(VERSIONS)
             notes.append("version " + repr(version))
-        raw = f"{method} /{path} {version}\r\n".encode("utf-8", "surrogateescape")
+        target = "/" + path
+        if rng.random() < 0.03:
+            target = rng.choice(ODD_TARGETS).replace("PATH", path)
+            notes.append(f"target {target[:40]!r}")
+        raw = f"{method} {target} {version}\r\n".encode("utf-8", "surrogateescape")
         raw += b"".join(f"{name}: {value}\r\n".encode("utf-8", "surrogateescape") for name, value in headers)
         raw += b"\r\n" + (framing if framing is not None else data)
         if rng.random() < 0.1:

@@ -252,6 +252,8 @@ class FramingTest(HostileTestCase):
                 (b"GET /v1/%ff HTTP/1.1\r\n" + host + b"\r\n\r\n", 400),
                 (b"GET /v1/\xc3\xa9 HTTP/1.1\r\n" + host + b"\r\n\r\n", 400),
                 (b"GET * HTTP/1.1\r\n" + host + b"\r\n\r\n", 400),
+                (b"GET http://\xff\xfe/v1/health HTTP/1.1\r\n" + host + b"\r\n\r\n", 400),
+                (b"GET http://[::1/v1/health HTTP/1.1\r\n" + host + b"\r\n\r\n", 400),
                 (b"POST /v1/events HTTP/1.1\r\n" + host + b"\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\n", 400),
                 (b"POST /v1/events HTTP/1.1\r\n" + host + b"\r\nContent-Length: 3\r\n"
                  b"Transfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n", 400)]:

@@ -27,6 +27,7 @@ import secrets
 import socket
 import urllib.parse
 
+import yarl
 from aiohttp import http_exceptions, web
 from aiohttp.web_protocol import RequestHandler
 
@@ -630,6 +631,25 @@ class RelayProtocol(RequestHandler):
             task.cancel()
         super().connection_lost(exc)
 
+    def data_received(self, data):
+        try:
+            super().data_received(data)
+        except Exception:
+            # aiohttp's parser refuses most malformed requests itself, but a few (a request
+            # target with a broken host) escape it as other errors; answer them the same way.
+            self._refuse_unparsed()
+
+    def _refuse_unparsed(self):
+        request_id = new_request_id()
+        body = jsonio.dumps(envelope("malformed request line", request_id))
+        head = (f"HTTP/1.1 400 Bad Request\r\nContent-Type: application/json; charset=utf-8\r\n"
+                f"Content-Length: {len(body)}\r\nConnection: close\r\nX-Request-Id: {request_id}\r\n"
+                f"Cache-Control: no-store\r\nServer: {SERVER_NAME}\r\n\r\n")
+        if self.transport is not None:
+            self.transport.write(head.encode("ascii") + body)
+        log.info("refused a malformed request with 400 id=%s", request_id)
+        self.force_close()
+
     def handle_error(self, request, status=500, exc=None, message=None):
         """Answers what aiohttp itself refused (a malformed request) with the envelope."""
         if request.writer.output_size > 0:
@@ -673,3 +693,10 @@ class RelayServer(web.Server):
 
     def __call__(self):
         return RelayProtocol(self, loop=self._loop, **self._kwargs)
+
+    def _make_request(self, message, payload, protocol, writer, task):
+        if message.url.is_absolute():
+            # Only a path is answered (the dispatcher refuses this one); an absolute target is
+            # not even parsed, since its host may be bytes that no host name can be made of.
+            message = message._replace(url=yarl.URL("/"))
+        return super()._make_request(message, payload, protocol, writer, task)
