@@ -15,7 +15,9 @@ port with a temporary database and quiet logging, and measured in turn:
   sending the POST to the moment all 20 streams hold the snapshot that shows it is
   taken (then it is decided, and the next one waits for that to reach every stream);
   median and 99th percentile;
-- idle streams: the relay's resident memory with 1,000 streams open and quiet.
+- idle streams: the relay's resident memory with 1,000 streams open and quiet;
+- with the rates, the relay's own processor time per change and per intake POST,
+  which other work on the machine hardly changes.
 
 Streams are read by one thread with a selector, so the load generator's own cost
 does not grow with the number of streams. Every figure is taken --repeat times, the
@@ -88,6 +90,13 @@ class Relay:
                 if line.startswith("VmRSS:"):
                     return int(line.split()[1]) / 1024
         return 0.0
+
+    def cpu_seconds(self):
+        """The relay's processor time so far, user and system; other work on the machine
+        hardly changes it, unlike the rates above."""
+        with open(f"/proc/{self.process.pid}/stat") as handle:
+            fields = handle.read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
     def stop(self):
         self.process.terminate()
@@ -211,6 +220,7 @@ def fan_out(relay, count, clients, duration):
 
     writer = threading.Thread(target=write)
     started = time.monotonic()
+    cpu_before = relay.cpu_seconds()
     writer.start()
     while not done.is_set():
         streams.pump(0.05)
@@ -222,19 +232,21 @@ def fan_out(relay, count, clients, duration):
             break
         streams.pump(0.05)
     last = time.monotonic()
+    cpu = relay.cpu_seconds() - cpu_before
     complete = all(streams.frames[sock] - before[sock] >= expected for sock in streams.socks)
     delivered = streams.total_frames() - sum(before.values())
     streams.close()
     elapsed = last - started
-    return expected / elapsed, delivered / elapsed, complete
+    return expected / elapsed, delivered / elapsed, complete, cpu / max(1, expected) * 1e6
 
 
 def intake(relay, clients, duration):
     def raise_one(conn, index, number):
         relay.post(conn, "v1/interrupts", dict(QUESTION, prompt=f"{index}-{number}"))
 
+    cpu_before = relay.cpu_seconds()
     raised, elapsed = hammer(relay, clients, duration, raise_one)
-    return raised / elapsed
+    return raised / elapsed, (relay.cpu_seconds() - cpu_before) / max(1, raised) * 1e6
 
 
 def latency(relay, samples):
@@ -338,18 +350,16 @@ def rank(key):
         return lambda value: value[1]
     if key == "idle":
         return lambda value: value[1]
-    if key == "intake":
-        return lambda value: value
     return lambda value: value[0]
 
 
 def describe(key, value):
     if key.startswith("fan-out"):
-        changes, delivered, complete = value
+        changes, delivered, complete, cpu = value
         note = "" if complete else " (some streams fell behind and skipped snapshots)"
-        return f"{changes:.0f} changes/s, {delivered:.0f} snapshots/s{note}"
+        return f"{changes:.0f} changes/s, {delivered:.0f} snapshots/s, relay CPU {cpu:.0f} us/change{note}"
     if key == "intake":
-        return f"{value:.0f} POST v1/interrupts/s"
+        return f"{value[0]:.0f} POST v1/interrupts/s, relay CPU {value[1]:.0f} us/request"
     if key == "latency":
         return f"median {value[0]:.2f} ms, p99 {value[1]:.2f} ms"
     before, after, held = value
@@ -361,7 +371,11 @@ def table(names, results, args):
     for count in args.stream_counts:
         rows.append([f"fan-out, {count} streams (changes/s)",
                      *[f"{results[name][f'fan-out {count}'][0]:.0f}" for name in names]])
-    rows.append(["intake (POST v1/interrupts/s)", *[f"{results[name]['intake']:.0f}" for name in names]])
+    rows.append(["intake (POST v1/interrupts/s)", *[f"{results[name]['intake'][0]:.0f}" for name in names]])
+    for count in args.stream_counts:
+        rows.append([f"relay CPU per change, {count} streams (us)",
+                     *[f"{results[name][f'fan-out {count}'][3]:.0f}" for name in names]])
+    rows.append(["relay CPU per intake POST (us)", *[f"{results[name]['intake'][1]:.0f}" for name in names]])
     rows.append([f"intake to {LATENCY_STREAMS} streams, median (ms)",
                  *[f"{results[name]['latency'][0]:.2f}" for name in names]])
     rows.append([f"intake to {LATENCY_STREAMS} streams, p99 (ms)",

@@ -194,6 +194,10 @@ class Hub:
                 if self._counts[subscription.user_id] <= 0:
                     del self._counts[subscription.user_id]
 
+    def stream_count(self, user_id):
+        """How many streams this user has open."""
+        return len(self._streams.get(user_id, ()))
+
     @property
     def subscriber_count(self):
         return sum(len(streams) for streams in self._streams.values())

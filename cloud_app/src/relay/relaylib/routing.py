@@ -55,8 +55,9 @@ class Router:
         A plain function runs on the worker pool; an `async def` runs on the event loop
         (streams, held waits, calls to providers). A `quick` plain function (a few
         statements on the database and nothing else: no mail, files or large bodies) runs
-        on the event loop itself when the database writer is free, which spares it two
-        hand-overs between threads that cost more than the handler does.
+        on the event loop itself when the database writer is free (and its caller has few
+        streams open), which spares it two hand-overs between threads that cost more than
+        the handler does.
         """
         if body_limit is None:
             body_limit = MAX_BODY_BYTES if auth else SIGN_IN_BODY_BYTES

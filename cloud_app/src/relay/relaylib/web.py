@@ -48,6 +48,8 @@ SHOWN_PATH_LENGTH = 200
 # A quick handler runs on the event loop only with a body up to this size: parsing a
 # larger one would hold up every other connection.
 QUICK_BODY_BYTES = 64 * 1024
+# ... and only for a user with at most this many streams open.
+QUICK_MAX_STREAMS = 4
 # Connections accepted in one go before the event loop turns to other work.
 ACCEPT_BATCH = 64
 # When the process is out of file descriptors anyway, accepting pauses this long.
@@ -310,12 +312,20 @@ class Dispatcher:
             protocol.guard.busy(protocol)
         if route.is_async:
             return await route.handler(request)
-        if route.quick and len(request.body_bytes) <= QUICK_BODY_BYTES and self.app.db.try_hold_writer():
+        if self._runs_inline(request) and self.app.db.try_hold_writer():
             try:
                 return route.handler(request)
             finally:
                 self.app.db.release_writer()
         return await request.run(route.handler, request)
+
+    def _runs_inline(self, request):
+        """Whether a quick handler runs on the loop. Not with a large body (parsing it would hold
+        every other connection up), nor for a user with many streams open: then the snapshot
+        the change publishes is built and sent best while the loop goes on writing to them."""
+        if not request.route.quick or len(request.body_bytes) > QUICK_BODY_BYTES:
+            return False
+        return request.user is None or self.app.hub.stream_count(request.user_id) <= QUICK_MAX_STREAMS
 
     async def _read_body(self, raw, request, route):
         if not raw.body_exists:
