@@ -388,6 +388,39 @@ class HubTest(unittest.TestCase):
         self.run_hub(scenario, lambda user: b"{}")
 
 
+class HttpPartsTest(unittest.TestCase):
+    def test_a_declared_length_is_ascii_digits_once(self):
+        from multidict import CIMultiDict
+        from relaylib.web import content_length
+        self.assertIsNone(content_length(CIMultiDict()))
+        self.assertEqual(content_length(CIMultiDict({"Content-Length": " 42 "})), 42)
+        for values in [["\u00b2"], ["-1"], ["+5"], ["5, 5"], ["Authorization: Bearer x"], ["\udcea"], [""],
+                       ["9" * 40], ["5", "5"]]:
+            headers = CIMultiDict([("Content-Length", value) for value in values])
+            with self.assertRaises(ApiError) as caught:
+                content_length(headers)
+            self.assertEqual((caught.exception.status, caught.exception.close), (400, True))
+
+    def test_a_logged_traceback_never_repeats_an_exceptions_message(self):
+        import logging
+        from relaylib.app import QuietFormatter
+        secret = "-".join(["secret", "token", "value"])
+        try:
+            try:
+                int("Authorization: Bearer " + secret)
+            except ValueError as inner:
+                raise KeyError(secret) from inner
+        except KeyError:
+            import sys
+            record = logging.LogRecord("relay", logging.ERROR, __file__, 1, "unexpected failure", None,
+                                       sys.exc_info())
+        text = QuietFormatter("%(message)s").format(record)
+        self.assertNotIn("secret-token-value", text)
+        self.assertIn("Traceback (most recent call last):", text)
+        self.assertIn("test_a_logged_traceback_never_repeats_an_exceptions_message", text)
+        self.assertIn("builtins.KeyError (after ValueError)", text)
+
+
 class TrustTest(unittest.TestCase):
     def test_host_must_name_the_relay(self):
         rules = trust.HostRules("127.0.0.1", 8787)

@@ -14,6 +14,7 @@ import os
 import resource
 import signal
 import sys
+import traceback
 
 from . import VERSION
 from .auth import Auth
@@ -177,9 +178,26 @@ def connection_limit(configured):
     return max(1, min(configured, soft - reserve)), reserve
 
 
+class QuietFormatter(logging.Formatter):
+    """Log lines with tracebacks that name each exception's type and where it was raised, never
+    its message: a message can quote what a client sent (a header, a token)."""
+
+    def formatException(self, exc_info):
+        kind, error, trace = exc_info
+        lines = ["Traceback (most recent call last):\n", *traceback.format_tb(trace)]
+        causes = []
+        while error is not None and (error.__cause__ or error.__context__) is not None:
+            error = error.__cause__ or error.__context__
+            causes.append(type(error).__name__)
+        lines.append(f"{kind.__module__}.{kind.__qualname__}" + "".join(f" (after {name})" for name in causes))
+        return "".join(lines)
+
+
 def configure_logging(settings):
     level = getattr(logging, (settings.get("MERE_RELAY_LOG_LEVEL") or "INFO").upper(), logging.INFO)
-    logging.basicConfig(level=level, stream=sys.stderr, format="%(asctime)s %(levelname)s %(message)s")
+    handler = logging.StreamHandler(sys.stderr)
+    handler.setFormatter(QuietFormatter("%(asctime)s %(levelname)s %(message)s"))
+    logging.basicConfig(level=level, handlers=[handler])
     # aiohttp's own loggers would print tracebacks for what the relay already answers.
     for name in ("aiohttp.server", "aiohttp.access", "aiohttp.web"):
         logging.getLogger(name).setLevel(logging.CRITICAL)
