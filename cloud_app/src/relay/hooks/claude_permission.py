@@ -7,6 +7,10 @@ event (JSON on standard input) carries `session_id`, `cwd`, `tool_name` and
 {"hookSpecificOutput": {"hookEventName": "PermissionRequest",
  "decision": {"behavior": "allow"}}} or the same with "deny" and a "message".
 No output leaves the decision to Claude Code's own prompt.
+
+Installed by `install.py` as `python3 -I -S claude_permission.py --relay URL --wait SECONDS`.
+Claude Code does not stop this hook when the person answers its own prompt first; the
+after-tool hook (`claude_after_tool.py`) then tells it to withdraw its interrupt.
 """
 
 import os

@@ -9,6 +9,11 @@ request's justification). The answer has the same form as Claude Code's:
 {"hookSpecificOutput": {"hookEventName": "PermissionRequest",
  "decision": {"behavior": "allow" | "deny", "message": ...}}}.
 No output lets Codex go on to its own approval prompt.
+
+While this hook waits, the Codex TUI shows only "Running hook", with no prompt of its
+own. So when nobody watches the queue (the relay counts no open desktop stream), the
+hook withdraws its interrupt at once and Codex asks in the terminal. Esc in Codex kills
+a waiting hook outright; the relay then withdraws the interrupt nobody polls.
 """
 
 import os
@@ -38,4 +43,4 @@ def build_interrupt(event, wait_seconds):
 
 
 if __name__ == "__main__":
-    sys.exit(permission_hook.main(build_interrupt))
+    sys.exit(permission_hook.main(build_interrupt, quit_unwatched=True))

@@ -224,21 +224,28 @@ class Queue:
         loop = asyncio.get_running_loop()
         deadline = loop.time() + wait
         interrupt_id = request.params["id"]
-        self._polling[interrupt_id] += 1
+        generation = hub.generation
+        row = await request.run(self._state, request.user_id, interrupt_id)
+        # Only the raiser's own polls keep an interrupt alive: a desktop looking at it says
+        # nothing about whether the hook is still there.
+        raiser = _raised_by(row, request)
+        if raiser:
+            self._polling[interrupt_id] += 1
         try:
             while True:
-                generation = hub.generation
-                row = await request.run(self._state, request.user_id, interrupt_id)
                 remaining = deadline - loop.time()
                 if row["status"] != "open" or remaining <= 0:
                     return _state_json(row)
                 await hub.wait_resolution(generation, min(remaining, WAIT_RECHECK_SECONDS))
+                generation = hub.generation
+                row = await request.run(self._state, request.user_id, interrupt_id)
         finally:
-            # Also when the poller went away: its handler is cancelled, and the interval starts now.
-            self._polling[interrupt_id] -= 1
-            if self._polling[interrupt_id] <= 0:
-                del self._polling[interrupt_id]
-            self._last_polled[interrupt_id] = clock.now()
+            if raiser:
+                # Also when the poller went away: its handler is cancelled, and the interval starts now.
+                self._polling[interrupt_id] -= 1
+                if self._polling[interrupt_id] <= 0:
+                    del self._polling[interrupt_id]
+                self._last_polled[interrupt_id] = clock.now()
 
     def _wait_seconds(self, text):
         if text is None or text == "":
@@ -286,7 +293,7 @@ class Queue:
                                {"id": interrupt_id}).fetchone()
             if row is None:
                 raise not_found("interrupt not found")
-            if row["raised_by"] is None or not hmac.compare_digest(row["raised_by"], request.token_hash or ""):
+            if not _raised_by(row, request):
                 raise forbidden("only the session that raised an interrupt can withdraw it")
             updated = conn.execute(
                 "UPDATE interrupts SET status = :status, resolved_at = :now "
@@ -361,6 +368,11 @@ def _release(hub):
         if not subscribing.cancelled() and subscribing.exception() is None:
             hub.unsubscribe(subscribing.result()[0])
     return release
+
+
+def _raised_by(row, request):
+    """Whether the request comes with the session that raised the interrupt in `row`."""
+    return row["raised_by"] is not None and hmac.compare_digest(row["raised_by"], request.token_hash or "")
 
 
 def _state_json(row):
