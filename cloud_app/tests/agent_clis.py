@@ -135,8 +135,10 @@ class CliHome:
         self.home = os.path.join(self.root, "home")
         self.work = os.path.join(self.root, "work")
         self.hook_inputs = os.path.join(self.root, "hook-inputs")
-        for folder in (self.home, self.work, self.hook_inputs):
-            os.makedirs(folder)
+        # The CLI's own runtime folder, where hooks leave what only this session's hooks should see.
+        self.runtime = os.path.join(self.root, "runtime")
+        for folder in (self.home, self.work, self.hook_inputs, self.runtime):
+            os.makedirs(folder, mode=0o700)
         self.trap = StrayTrafficTrap()
 
     def __enter__(self):
@@ -153,7 +155,7 @@ class CliHome:
         """A minimal environment: nothing of the caller's HOME, keys or proxies leaks in."""
         env = {"HOME": self.home, "PATH": "/usr/local/bin:/usr/bin:/bin", "LANG": "C.UTF-8",
                "TERM": "xterm-256color", "USER": os.environ.get("USER", "root"), "SHELL": "/bin/bash",
-               "TMPDIR": tempfile.gettempdir()}
+               "TMPDIR": tempfile.gettempdir(), "XDG_RUNTIME_DIR": self.runtime}
         env.update(self.trap.environment())
         return env
 
