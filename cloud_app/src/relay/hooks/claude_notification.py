@@ -24,7 +24,10 @@ import json
 import os
 import sys
 
-sys.dont_write_bytecode = True
+# Compiled modules go to the user's cache, never beside the sources: compiling the shared module
+# anew on every call would cost a hook more than the rest of its start-up.
+sys.pycache_prefix = os.path.join(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"),
+                                  "quillmere-hooks")
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import permission_hook  # noqa: E402

@@ -29,13 +29,19 @@ http.client alone take longer to import than the whole exchange with a local
 relay).
 """
 
-import hashlib
 import json
 import os
 import signal
 import socket
 import sys
 import time
+
+try:
+    # The standard library's own SHA-256: hashlib loads OpenSSL first, which takes longer than a hook's
+    # whole exchange with a local relay.
+    from _sha256 import sha256
+except ImportError:
+    from hashlib import sha256
 
 DEFAULT_RELAY_URL = "http://127.0.0.1:8787/"
 # How long the person has to answer in the queue before the CLI's own prompt shows.
@@ -307,7 +313,7 @@ def marker_folder(environ=os.environ):
 
 
 def _key(*parts):
-    return hashlib.sha256("\0".join(parts).encode("utf-8", "replace")).hexdigest()[:KEY_LENGTH]
+    return sha256("\0".join(parts).encode("utf-8", "replace")).hexdigest()[:KEY_LENGTH]
 
 
 def call_keys(event):
