@@ -11,9 +11,7 @@ on which it withdraws its interrupt as answered elsewhere. It talks to no relay
 and prints nothing.
 """
 
-import json
 import os
-import signal
 import sys
 
 # Compiled modules go to the user's cache, never beside the sources: compiling the shared module
@@ -44,12 +42,12 @@ def waiting_for(event, environ=os.environ):
 def main(stdin=None, environ=None):
     environ = os.environ if environ is None else environ
     try:
-        event = json.loads((stdin or sys.stdin).read())
+        event = permission_hook.loads((stdin or sys.stdin).read())
         if not isinstance(event, dict):
             return 0
         for pid in waiting_for(event, environ):
             if permission_hook.is_hook_process(pid):
-                os.kill(pid, signal.SIGUSR1)
+                os.kill(pid, permission_hook.ANSWERED_ELSEWHERE_SIGNAL)
     except Exception:
         pass
     return 0

@@ -20,7 +20,6 @@ session, its approval is in the queue and no notice is raised.
 Installed by `install.py` as `python3 -I -S claude_notification.py --relay URL --wait SECONDS`.
 """
 
-import json
 import os
 import sys
 
@@ -55,7 +54,7 @@ def pending_tool_call(transcript_path):
     calls, answered = [], set()
     for line in tail.splitlines():
         try:
-            entry = json.loads(line)
+            entry = permission_hook.loads(line)
         except ValueError:
             continue
         message = entry.get("message") if isinstance(entry, dict) else None

@@ -23,16 +23,18 @@ started it. Only a token (MERE_RELAY_TOKEN) comes from the environment, since a
 secret has no place in a settings file; without one the hook asks the loopback
 relay for a session of its own and gives it back afterwards.
 
-Start-up time is most of a hook's cost to the person, so this module imports
-only what it needs and speaks HTTP/1.1 over a plain socket (urllib and
-http.client alone take longer to import than the whole exchange with a local
-relay).
+Start-up time is most of a hook's cost to the person, and a hook's exchange with
+a local relay takes about 3 ms, less than importing urllib or http.client. So this
+module speaks HTTP/1.1 over a plain socket and uses the interpreter's built-in
+modules for JSON, sockets and signals (`_json`, `_socket`, `_signal`): their
+friendly wrappers import `re` and `enum`, which cost more than everything else the
+hook loads together.
 """
 
-import json
+import _json
+import _signal
+import _socket
 import os
-import signal
-import socket
 import sys
 import time
 
@@ -61,6 +63,64 @@ SHELLS = {"sh", "dash", "bash", "zsh"}
 # Where a waiting hook leaves a marker (its process id, nothing secret) for the after-tool hook.
 MARKER_FOLDER_NAME = "quillmere-hooks"
 KEY_LENGTH = 24
+
+
+class _Decoding:
+    """What the built-in JSON scanner asks of its decoder: plain Python values, strictly."""
+
+    strict = True
+    object_hook = None
+    object_pairs_hook = None
+    parse_float = float
+    parse_int = int
+    parse_constant = float
+    memo = {}
+
+
+_scan = _json.make_scanner(_Decoding())
+_WHITESPACE = " \t\n\r"
+
+
+def loads(text):
+    """A JSON text's value; ValueError for anything else."""
+    if isinstance(text, (bytes, bytearray)):
+        text = text.decode("utf-8")
+    text = text.strip(_WHITESPACE)
+    try:
+        value, end = _scan(text, 0)
+    except StopIteration:
+        raise ValueError("not JSON") from None
+    if end != len(text):
+        raise ValueError("more than one JSON value")
+    return value
+
+
+def _refuse(value):
+    raise TypeError(f"{type(value).__name__} is not JSON")
+
+
+# By (ASCII only, keys sorted): one-line JSON, as the standard library writes it with those options.
+_ENCODERS = {
+    (True, False): _json.make_encoder({}, _refuse, _json.encode_basestring_ascii, None, ": ", ", ", False, False,
+                                      True),
+    (False, True): _json.make_encoder({}, _refuse, _json.encode_basestring, None, ": ", ", ", True, False, True),
+    (False, False): _json.make_encoder({}, _refuse, _json.encode_basestring, None, ": ", ", ", False, False, True),
+}
+
+
+def dumps(value, ascii=True, sort_keys=False):
+    return "".join(_ENCODERS[(ascii and not sort_keys, sort_keys)](value, 0))
+
+
+def pretty(value, level=0):
+    """`value` indented by two spaces a level, non-ASCII text as it is (the standard library's indent=2)."""
+    inner = "  " * (level + 1)
+    if isinstance(value, dict) and value:
+        items = [f"{inner}{dumps(str(key), ascii=False)}: {pretty(item, level + 1)}" for key, item in value.items()]
+        return "{\n" + ",\n".join(items) + "\n" + "  " * level + "}"
+    if isinstance(value, (list, tuple)) and value:
+        return "[\n" + ",\n".join(inner + pretty(item, level + 1) for item in value) + "\n" + "  " * level + "]"
+    return dumps(value, ascii=False)
 
 
 class Stopped(Exception):
@@ -128,7 +188,7 @@ class RelayClient:
 
     def call(self, method, path, body=None, timeout=CONNECT_TIMEOUT_SECONDS, auth=True):
         """The answer's JSON; RelayError for any status but 200."""
-        data = b"" if body is None else json.dumps(body).encode("utf-8")
+        data = b"" if body is None else dumps(body).encode("utf-8")
         head = [f"{method} {self.prefix}{path} HTTP/1.1", f"Host: {self.authority}", "Connection: close",
                 f"Content-Length: {len(data)}"]
         if body is not None:
@@ -137,7 +197,7 @@ class RelayClient:
             head.append("Authorization: Bearer " + self.token)
         request = ("\r\n".join(head) + "\r\n\r\n").encode("latin-1") + data
         status, answer = self._exchange(request, timeout)
-        value = json.loads(answer or b"null")
+        value = loads(answer or b"null")
         if status != 200:
             message = value.get("error", {}).get("message", "") if isinstance(value, dict) else ""
             raise RelayError(status, message)
@@ -145,12 +205,13 @@ class RelayClient:
 
     def _exchange(self, request, timeout):
         if self.secure:
-            import ssl  # only a hosted relay pays for it
+            import socket  # only a hosted relay pays for these
+            import ssl
             raw = socket.create_connection((self.host, self.port), timeout=CONNECT_TIMEOUT_SECONDS)
             connection = ssl.create_default_context().wrap_socket(raw, server_hostname=self.host)
         else:
-            connection = socket.create_connection((self.host, self.port), timeout=CONNECT_TIMEOUT_SECONDS)
-        with connection:
+            connection = connect(self.host, self.port)
+        try:
             connection.settimeout(timeout)
             connection.sendall(request)
             received = []
@@ -159,6 +220,8 @@ class RelayClient:
                 if not part:
                     break
                 received.append(part)
+        finally:
+            connection.close()
         return parse_answer(b"".join(received))
 
     def sign_in(self):
@@ -183,6 +246,21 @@ class RelayClient:
         except Exception:
             # The relay withdraws an interrupt nobody polls by itself.
             pass
+
+
+def connect(host, port):
+    """A connected TCP socket to the first address of `host` that answers."""
+    failure = OSError(f"cannot resolve {host}")
+    for family, kind, proto, _, address in _socket.getaddrinfo(host, port, 0, _socket.SOCK_STREAM):
+        connection = _socket.socket(family, kind, proto)
+        connection.settimeout(CONNECT_TIMEOUT_SECONDS)
+        try:
+            connection.connect(address)
+            return connection
+        except OSError as error:
+            connection.close()
+            failure = error
+    raise failure
 
 
 def parse_answer(raw):
@@ -232,10 +310,6 @@ def summary(tool_input):
             line = value.strip().splitlines()[0]
             return line if len(line) <= SUMMARY_LENGTH else line[:SUMMARY_LENGTH - 1] + "…"
     return ""
-
-
-def pretty(value):
-    return json.dumps(value, indent=2, ensure_ascii=False)
 
 
 def event_strings(event):
@@ -321,7 +395,7 @@ def call_keys(event):
     tool, tool_input, _, session, _ = event_strings(event)
     if not session:
         return None
-    canonical = json.dumps(tool_input, sort_keys=True, ensure_ascii=False)
+    canonical = dumps(tool_input, ascii=False, sort_keys=True)
     return _key(session), _key(session, tool, canonical)
 
 
@@ -435,15 +509,17 @@ def on_signals():
             raise Stopped(reason)
         return handler
     try:
-        signal.signal(signal.SIGTERM, raiser("withdrawn"))
-        signal.signal(signal.SIGINT, raiser("withdrawn"))
-        signal.signal(signal.SIGUSR1, raiser("answered_elsewhere"))
+        _signal.signal(_signal.SIGTERM, raiser("withdrawn"))
+        _signal.signal(_signal.SIGINT, raiser("withdrawn"))
+        _signal.signal(_signal.SIGUSR1, raiser("answered_elsewhere"))
     except ValueError:
         # Not the main thread (a test calling in): there is no signal to catch there.
         pass
 
 
-STOP_SIGNALS = {signal.SIGTERM, signal.SIGINT, signal.SIGUSR1}
+STOP_SIGNALS = {_signal.SIGTERM, _signal.SIGINT, _signal.SIGUSR1}
+# What the after-tool hook sends a hook whose call went ahead.
+ANSWERED_ELSEWHERE_SIGNAL = _signal.SIGUSR1
 
 
 def hold(client, interrupt, wait_seconds, keys=None, cli_pid=None, quit_unwatched=False, environ=os.environ,
@@ -457,7 +533,7 @@ def hold(client, interrupt, wait_seconds, keys=None, cli_pid=None, quit_unwatche
     """
     body = dict(interrupt, withdraw_when_unpolled=True)
     # A stop signal that arrives while the interrupt is being raised waits until its id is known.
-    signal.pthread_sigmask(signal.SIG_BLOCK, STOP_SIGNALS)
+    _signal.pthread_sigmask(_signal.SIG_BLOCK, STOP_SIGNALS)
     on_signals()
     interrupt_id = None
     marker = None
@@ -466,7 +542,7 @@ def hold(client, interrupt, wait_seconds, keys=None, cli_pid=None, quit_unwatche
             raised = client.call("POST", "v1/interrupts", body)
             interrupt_id = raised["id"]
         finally:
-            signal.pthread_sigmask(signal.SIG_UNBLOCK, STOP_SIGNALS)
+            _signal.pthread_sigmask(_signal.SIG_UNBLOCK, STOP_SIGNALS)
         if quit_unwatched and raised.get("watchers") == 0:
             client.withdraw(interrupt_id, "withdrawn")
             return None
@@ -474,12 +550,12 @@ def hold(client, interrupt, wait_seconds, keys=None, cli_pid=None, quit_unwatche
         return wait_for_verdict(client, interrupt_id, wait_seconds, cli_pid, poll_seconds, went_on)
     except Stopped as stopped:
         # A second signal must not cut the withdrawal short.
-        signal.pthread_sigmask(signal.SIG_BLOCK, STOP_SIGNALS)
+        _signal.pthread_sigmask(_signal.SIG_BLOCK, STOP_SIGNALS)
         if interrupt_id is not None:
             client.withdraw(interrupt_id, stopped.reason)
         return None
     finally:
-        signal.pthread_sigmask(signal.SIG_BLOCK, STOP_SIGNALS)
+        _signal.pthread_sigmask(_signal.SIG_BLOCK, STOP_SIGNALS)
         remove_marker(marker)
 
 
@@ -507,7 +583,7 @@ def wait_for_verdict(client, interrupt_id, wait_seconds, cli_pid=None, poll_seco
 
 def read_event(stdin, name):
     """The hook input as a dict when it is the event `name`, else None."""
-    event = json.loads(stdin.read())
+    event = loads(stdin.read())
     if not isinstance(event, dict) or event.get("hook_event_name") != name:
         return None
     return event
@@ -536,6 +612,6 @@ def main(build_interrupt, argv=None, stdin=None, stdout=None, environ=None, quit
         # Whatever went wrong, the person still gets the CLI's own prompt.
         return 0
     if decided is not None:
-        stdout.write(json.dumps(hook_output(decided)) + "\n")
+        stdout.write(dumps(hook_output(decided)) + "\n")
         stdout.flush()
     return 0
