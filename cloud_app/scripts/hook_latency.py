@@ -13,6 +13,9 @@ install.py writes, and takes two times:
 - verdict → tool: from just before the approving POST to the moment the command
   starts (it writes the clock's time as its first act).
 
+For Claude Code it also takes, with a permission hook that only notes the time,
+how much of the first interval is Claude Code's own, before any hook of ours runs.
+
 Claude Code runs as `claude -p --permission-mode default`, a new process per run;
 Codex as one TUI (on-request approvals) under tmux, one turn per run. Then the
 hook alone is taken apart: Python's start-up, the imports, and the hook's
@@ -25,6 +28,8 @@ their noise. p50 and p95 are taken over the runs.
 """
 
 import argparse
+import contextlib
+import io
 import json
 import os
 import shutil
@@ -107,6 +112,7 @@ class Bench:
             if has_result(recorded.body):
                 return Reply(text=FINAL_TEXT)
             self.sent_tool_call = time.monotonic()
+            self.sent_tool_call_wall = time.time()
             if protocol == ANTHROPIC_MESSAGES:
                 return Reply(text="", tool_calls=[ToolCall("Bash", {"command": COMMAND, "description": "Stamp"})])
             return Reply(text="", tool_calls=[ToolCall("exec_command", {
@@ -133,7 +139,8 @@ class Bench:
     def install(self, home, cli):
         name = "settings.json" if cli == "claude" else "hooks.json"
         settings = os.path.join(home.home, ".claude" if cli == "claude" else ".codex", name)
-        install.main([cli, "--settings", settings, "--relay", self.relay.base_url, "--wait", HOOK_WAIT], {})
+        with contextlib.redirect_stdout(io.StringIO()):
+            install.main([cli, "--settings", settings, "--relay", self.relay.base_url, "--wait", HOOK_WAIT], {})
         with open(settings) as handle:
             return json.load(handle)
 
@@ -159,6 +166,24 @@ class Bench:
                 to_tool.append(self.stamp(home) - verdict)
                 process.wait(RUN_TIMEOUT_SECONDS)
         return to_queue, to_tool
+
+    def claude_alone(self, peers):
+        """From the tool request to the start of a permission hook that only notes the time: Claude Code's own part."""
+        spawned = []
+        with FakeProvider(expected_key=CLAUDE_KEY) as provider, CliHome() as home:
+            provider.responder = self.responder(ANTHROPIC_MESSAGES, lambda body: False)
+            stamp = os.path.join(home.work, STAMP)
+            hook = {"type": "command", "command": f"date +%s.%N > {stamp}; cat > /dev/null"}
+            write_claude_settings(home, {"hooks": {"PermissionRequest": [{"matcher": "*", "hooks": [hook]}]}})
+            env = claude_environment(provider, home)
+            for _ in range(self.runs):
+                process = subprocess.Popen([peers.claude, "-p", "Stamp the time", "--permission-mode", "default",
+                                            "--max-turns", "1"], cwd=home.work, env=env, stdin=subprocess.DEVNULL,
+                                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                spawned.append(self.stamp(home) - self.sent_tool_call_wall)
+                process.kill()
+                process.wait(RUN_TIMEOUT_SECONDS)
+        return spawned
 
     def codex(self, peers):
         to_queue, to_tool = [], []
@@ -267,6 +292,9 @@ def main():
             to_queue, to_tool = getattr(bench, cli)(peers)
             print(row(f"{cli}: tool request → interrupt in queue", to_queue))
             print(row(f"{cli}: verdict → tool starting", to_tool))
+            if cli == "claude":
+                print(row("claude alone: tool request → a hook that only notes the time starts",
+                          bench.claude_alone(peers)))
         hooks = [("this tree", os.path.join(support.HOOKS_DIR, "claude_permission.py"), False)]
         if args.old_hook:
             hooks.append(("--old-hook", os.path.abspath(args.old_hook), True))

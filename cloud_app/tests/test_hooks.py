@@ -376,6 +376,35 @@ class DecisionTest(unittest.TestCase):
         self.assertIsNone(permission_hook.decision({"verdict": "maybe"}))
         self.assertIsNone(permission_hook.decision(None))
 
+    def test_json_reads_and_writes_as_the_standard_library_does(self):
+        values = [{}, [], {"command": "echo hi > out.txt", "n": [1, 2.5, None, True, {"é": "→ \u2028"}]},
+                  json.loads(support.read_data("cli/claude_hook_post_tool_use.json")), "plain", 3, [[]], {"a": {}}]
+        for value in values:
+            self.assertEqual(permission_hook.pretty(value), json.dumps(value, indent=2, ensure_ascii=False))
+            self.assertEqual(permission_hook.dumps(value), json.dumps(value))
+            self.assertEqual(permission_hook.dumps(value, ascii=False, sort_keys=True),
+                             json.dumps(value, ensure_ascii=False, sort_keys=True))
+            self.assertEqual(permission_hook.loads(" \n" + json.dumps(value) + "\n"), value)
+        for text in ["", "not json", "{} {}", '{"a": 1,}', "[1, 2", "NaN x"]:
+            with self.assertRaises(ValueError, msg=text):
+                permission_hook.loads(text)
+
+    def test_relay_addresses(self):
+        for url, expected in [("http://127.0.0.1:8787/", ("127.0.0.1", 8787, "/", False)),
+                              ("http://[::1]:9000", ("::1", 9000, "/", False)),
+                              ("https://relay.example.com/base/", ("relay.example.com", 443, "/base/", True)),
+                              ("http://localhost/", ("localhost", 80, "/", False))]:
+            client = permission_hook.RelayClient(url)
+            self.assertEqual((client.host, client.port, client.prefix, client.secure), expected, url)
+
+    def test_settings_come_from_the_command_line(self):
+        given = permission_hook.Settings(["--relay", "http://127.0.0.1:9/", "--wait", "12.5", "--poll", "0.2"])
+        self.assertEqual((given.relay, given.wait, given.poll), ("http://127.0.0.1:9/", 12.5, 0.2))
+        given = permission_hook.Settings(["--relay", "ftp://x", "--wait", "-1", "--poll", "soon", "--wait"])
+        self.assertEqual((given.relay, given.wait, given.poll), (permission_hook.DEFAULT_RELAY_URL,
+                                                                 permission_hook.WAIT_SECONDS,
+                                                                 permission_hook.POLL_SECONDS))
+
     def test_summary_is_one_short_line(self):
         self.assertEqual(permission_hook.summary({"command": "a\nb"}), "a")
         self.assertEqual(len(permission_hook.summary({"command": "x" * 500})), permission_hook.SUMMARY_LENGTH)
