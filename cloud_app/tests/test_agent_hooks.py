@@ -193,12 +193,16 @@ class ClaudeInteractiveHookTest(AgentHookTestCase):
         self.addCleanup(session.close)
         return session
 
-    def test_answered_in_its_own_terminal_first_leaves_nothing_in_the_queue(self):
+    def dialog_and_interrupt(self):
+        """Asks for the tool in manual mode; returns the session once its dialog shows, and the interrupt."""
         session = self.start("--permission-mode", "default")
         session.wait_for(r"manual mode on")
         session.type_line("Write hi to a file")
         session.wait_for(r"Do you want to proceed\?")
-        interrupt = self.next_interrupt()
+        return session, self.next_interrupt()
+
+    def test_answered_in_its_own_terminal_first_leaves_nothing_in_the_queue(self):
+        session, interrupt = self.dialog_and_interrupt()
         self.assertEqual(interrupt["action_slug"], "Bash")
         session.answer_prompt("Enter", r"Do you want to proceed\?")
         session.wait_for(FINAL_TEXT)
@@ -212,11 +216,7 @@ class ClaudeInteractiveHookTest(AgentHookTestCase):
         self.assert_offline()
 
     def test_esc_in_its_own_terminal_withdraws_the_interrupt(self):
-        session = self.start("--permission-mode", "default")
-        session.wait_for(r"manual mode on")
-        session.type_line("Write hi to a file")
-        session.wait_for(r"Do you want to proceed\?")
-        interrupt = self.next_interrupt()
+        session, interrupt = self.dialog_and_interrupt()
         session.answer_prompt("Escape", r"Do you want to proceed\?")
         session.wait_for(r"Interrupted")
         support.wait_for(lambda: self.status(interrupt["id"]) == "withdrawn", timeout=10)
@@ -285,6 +285,16 @@ class CodexInteractiveHookTest(AgentHookTestCase):
         self.assertTrue(self.written)
         self.assert_queue_empties()
         self.assert_offline(known=CODEX_TUI_KNOWN_ATTEMPTS)
+
+    def test_esc_in_codex_while_the_hook_waits_leaves_nothing_in_the_queue(self):
+        interrupt = self.next_interrupt()
+        self.session.wait_for(r"Running")
+        # Codex kills the waiting hook outright; the relay sees nobody polling and withdraws.
+        self.session.send_keys("Escape")
+        support.wait_for(lambda: self.status(interrupt["id"]) == "withdrawn", timeout=ORPHAN_SECONDS)
+        self.assertIn("withdrew 1 interrupt(s) nobody polled any more", self.relay.log())
+        self.assert_queue_empties()
+        self.assertFalse(self.written)
 
     def test_reject_in_the_queue_keeps_the_command_from_running(self):
         interrupt = self.next_interrupt()
