@@ -312,7 +312,8 @@ class NoticeTest(LeftBehindTestCase):
         run, interrupt = self.start_and_see(NOTIFICATION, self.notification())
         self.assertEqual(run.finish(), (0, ""))
         self.assertEqual(interrupt["kind"], "question")
-        self.assertEqual(interrupt["prompt"], "Claude Code waits in its terminal: it asks to use Bash: echo hi > out.txt")
+        self.assertEqual(interrupt["prompt"],
+                         "Claude Code waits in its terminal: it asks to use Bash: echo hi > out.txt")
         self.assertEqual(interrupt["options"], ["Open the drawer", "Open its terminal"])
         self.assertEqual(interrupt["target"], "/home/user/project")
         self.assertEqual(json.loads(interrupt["detail"])["command"], "echo hi > out.txt")
@@ -492,7 +493,8 @@ class InstallTest(unittest.TestCase):
         self.env["MERE_RELAY_URL"] = "http://127.0.0.1:8123/"
         self.assertEqual(self.install("claude"), 0)
         settings = self.read(os.path.join(self.folder, ".claude", "settings.json"))
-        self.assertIn("--relay http://127.0.0.1:8123/", self.ours(settings, "PermissionRequest")[0]["hooks"][0]["command"])
+        [group] = self.ours(settings, "PermissionRequest")
+        self.assertIn("--relay http://127.0.0.1:8123/", group["hooks"][0]["command"])
 
     def test_bad_settings_are_refused(self):
         for argv in (["claude", "--relay", "127.0.0.1:8787"], ["codex", "--wait", "0"]):
