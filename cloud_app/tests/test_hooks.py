@@ -478,6 +478,13 @@ class InstallTest(unittest.TestCase):
 
     def test_codex_install_has_no_matcher_tells_to_review_and_its_command_runs(self):
         self.assertEqual(self.install("codex"), 0)
+        path = os.path.join(self.folder, ".codex", "hooks.json")
+        with open(path, "rb") as handle:
+            first = handle.read()
+        # The same settings give the same command, so Codex has nothing new to review.
+        self.assertEqual(self.install("codex"), 0)
+        with open(path, "rb") as handle:
+            self.assertEqual(handle.read(), first)
         self.assertIn("review", self.printed)
         self.assertIn("/hooks", self.printed)
         settings = self.read(os.path.join(self.folder, ".codex", "hooks.json"))
