@@ -226,6 +226,16 @@ class ClaudeInteractiveHookTest(AgentHookTestCase):
         self.assert_queue_empties()
         self.assertFalse(self.written)
 
+    def test_refused_in_its_own_terminal_withdraws_the_interrupt(self):
+        session, interrupt = self.dialog_and_interrupt()
+        # "No" stops the hook as Esc does (Claude Code sends it SIGTERM), so the queue cannot tell them apart.
+        self.assertRegex(session.screen(), r"4\. No")
+        session.answer_prompt("4", r"Do you want to proceed\?")
+        session.wait_for(r"Interrupted")
+        support.wait_for(lambda: self.status(interrupt["id"]) == "withdrawn", timeout=10)
+        self.assert_queue_empties()
+        self.assertFalse(self.written)
+
     def test_approved_in_the_queue_the_dialog_goes_and_the_tool_runs(self):
         session = self.start("--permission-mode", "default")
         session.wait_for(r"manual mode on")
