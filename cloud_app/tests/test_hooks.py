@@ -279,6 +279,17 @@ class AnsweredInTheTerminalTest(LeftBehindTestCase):
         self.assertEqual(run.finish(), (0, ""))
         self.assertEqual(self.status(interrupt["id"]), "answered_elsewhere")
 
+    def test_a_marker_left_by_a_killed_hook_is_removed_and_its_process_id_left_alone(self):
+        run, interrupt = self.start_and_see(CLAUDE, PERMISSION)
+        run.process.kill()
+        run.finish()
+        folder = os.path.join(self.runtime, permission_hook.MARKER_FOLDER_NAME)
+        [stale] = os.listdir(folder)
+        # Its process id now belongs to something that is no hook (this test), which is never signalled.
+        os.rename(os.path.join(folder, stale), os.path.join(folder, stale.rsplit("-", 1)[0] + f"-{os.getpid()}"))
+        self.assertEqual(self.run_quick(AFTER_TOOL, POST_TOOL), (0, ""))
+        self.assertEqual(os.listdir(folder), [])
+
     def test_the_next_prompt_withdraws_what_the_session_left(self):
         run, interrupt = self.start_and_see(CLAUDE, PERMISSION)
         self.assertEqual(self.run_quick(AFTER_TOOL, "cli/claude_hook_user_prompt_submit.json"), (0, ""))

@@ -5,10 +5,10 @@
     python3 install.py codex  [--relay URL] [--wait SECONDS]   adds them to ~/.codex/hooks.json
     python3 install.py claude --uninstall
 
-Claude Code gets four: the permission hook (PermissionRequest), the notification
+Claude Code gets three: the permission hook (PermissionRequest), the notification
 hook (Notification: prompts the permission hook never sees) and the after-tool
-hook (PostToolUse, PostToolUseFailure, Stop, UserPromptSubmit: withdraws what the
-terminal answered first). Codex gets the permission hook.
+hook (on PostToolUse, PostToolUseFailure, Stop and UserPromptSubmit: it withdraws
+what the terminal answered first). Codex gets the permission hook.
 
 The relay's address and the wait are written into each hook's command as
 arguments: a hook cannot rely on its environment (Codex runs hooks from a

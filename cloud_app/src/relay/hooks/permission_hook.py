@@ -434,7 +434,10 @@ def remove_marker(path):
 
 
 def waiting_hooks(session_key, call_key=None, environ=os.environ):
-    """Process ids of the hooks waiting for this session (and this call, if given)."""
+    """Process ids of the hooks waiting for this session (and this call, if given).
+
+    A marker whose process is no hook any more (one killed outright leaves its marker
+    behind) is removed on the way."""
     folder = marker_folder(environ)
     prefix = f"{session_key}-{call_key}-" if call_key else f"{session_key}-"
     try:
@@ -444,21 +447,37 @@ def waiting_hooks(session_key, call_key=None, environ=os.environ):
     pids = []
     for name in names:
         pid = name.rsplit("-", 1)[-1]
-        if pid.isdigit():
+        if pid.isdigit() and is_hook_process(int(pid)):
             pids.append(int(pid))
+        else:
+            remove_marker(os.path.join(folder, name))
     return pids
 
 
 def is_hook_process(pid):
-    """Whether `pid` runs one of these hooks (a marker left by a hook killed outright names a dead
-    process, whose id may since have gone to something else)."""
+    """Whether `pid` runs one of these hooks: the id in a stale marker may since have gone to
+    another program, which must never get a hook's signal."""
     try:
         with open(f"/proc/{pid}/cmdline", "rb") as handle:
             command = handle.read()
+    except FileNotFoundError:
+        if os.path.isdir("/proc/self"):
+            return False
+        command = _command_without_proc(pid)
     except OSError:
         return False
     here = os.path.dirname(os.path.abspath(__file__)).encode()
     return here in command
+
+
+def _command_without_proc(pid):
+    """A process's command line where there is no /proc (macOS), from ps; empty if it is gone."""
+    import subprocess  # only here: the after-tool hook's rare path on such a system
+    try:
+        return subprocess.run(["ps", "-p", str(pid), "-o", "command="], capture_output=True,
+                              timeout=CONNECT_TIMEOUT_SECONDS).stdout
+    except (OSError, subprocess.SubprocessError):
+        return b""
 
 
 # ---------------------------------------------------------------------------
