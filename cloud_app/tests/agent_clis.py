@@ -17,6 +17,7 @@ import json
 import os
 import re
 import shutil
+import signal
 import socket
 import subprocess
 import tempfile
@@ -149,7 +150,28 @@ class CliHome:
 
     def close(self):
         self.trap.close()
+        self.end_leftover_processes()
         shutil.rmtree(self.root, ignore_errors=True)
+
+    def end_leftover_processes(self):
+        """Ends what a CLI left running from this folder: the Codex TUI starts a background daemon
+        from a copy of itself under CODEX_HOME, which outlives the TUI."""
+        ours = []
+        for name in os.listdir("/proc") if os.path.isdir("/proc") else []:
+            if not name.isdigit():
+                continue
+            try:
+                with open(f"/proc/{name}/cmdline", "rb") as handle:
+                    program = handle.read().split(b"\0", 1)[0].decode("utf-8", "replace")
+            except OSError:
+                continue
+            if program.startswith(self.root + os.sep):
+                ours.append(int(name))
+        for pid in ours:
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except OSError:
+                pass
 
     def base_environment(self):
         """A minimal environment: nothing of the caller's HOME, keys or proxies leaks in."""
