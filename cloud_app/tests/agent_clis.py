@@ -17,6 +17,7 @@ import json
 import os
 import re
 import shutil
+import signal
 import socket
 import subprocess
 import tempfile
@@ -135,8 +136,10 @@ class CliHome:
         self.home = os.path.join(self.root, "home")
         self.work = os.path.join(self.root, "work")
         self.hook_inputs = os.path.join(self.root, "hook-inputs")
-        for folder in (self.home, self.work, self.hook_inputs):
-            os.makedirs(folder)
+        # The CLI's own runtime folder, where hooks leave what only this session's hooks should see.
+        self.runtime = os.path.join(self.root, "runtime")
+        for folder in (self.home, self.work, self.hook_inputs, self.runtime):
+            os.makedirs(folder, mode=0o700)
         self.trap = StrayTrafficTrap()
 
     def __enter__(self):
@@ -147,13 +150,34 @@ class CliHome:
 
     def close(self):
         self.trap.close()
+        self.end_leftover_processes()
         shutil.rmtree(self.root, ignore_errors=True)
+
+    def end_leftover_processes(self):
+        """Ends what a CLI left running from this folder: the Codex TUI starts a background daemon
+        from a copy of itself under CODEX_HOME, which outlives the TUI."""
+        ours = []
+        for name in os.listdir("/proc") if os.path.isdir("/proc") else []:
+            if not name.isdigit():
+                continue
+            try:
+                with open(f"/proc/{name}/cmdline", "rb") as handle:
+                    program = handle.read().split(b"\0", 1)[0].decode("utf-8", "replace")
+            except OSError:
+                continue
+            if program.startswith(self.root + os.sep):
+                ours.append(int(name))
+        for pid in ours:
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except OSError:
+                pass
 
     def base_environment(self):
         """A minimal environment: nothing of the caller's HOME, keys or proxies leaks in."""
         env = {"HOME": self.home, "PATH": "/usr/local/bin:/usr/bin:/bin", "LANG": "C.UTF-8",
                "TERM": "xterm-256color", "USER": os.environ.get("USER", "root"), "SHELL": "/bin/bash",
-               "TMPDIR": tempfile.gettempdir()}
+               "TMPDIR": tempfile.gettempdir(), "XDG_RUNTIME_DIR": self.runtime}
         env.update(self.trap.environment())
         return env
 

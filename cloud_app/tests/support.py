@@ -391,6 +391,7 @@ ROUTES = [
     ("POST", "v1/interrupts", True, INTERRUPT),
     ("GET", "v1/interrupts/{id}", True, None),
     ("POST", "v1/interrupts/{id}/verdict", True, {"verdict": "reply", "reply": "Billing", "source": "desktop"}),
+    ("POST", "v1/interrupts/{id}/withdraw", True, {"reason": "answered_elsewhere"}),
     ("POST", "v1/events", True, {"run_id": "run-1", "name": "claude · plan", "type": "started", "tokens": 1,
                                  "cost_usd": 0.5, "detail": "Started"}),
     ("POST", "v1/router/health", True, {"provider": "anthropic-subscription", "success": True, "latency_ms": 5}),

@@ -1,6 +1,7 @@
 """One user's records are that user's alone: another user's ids answer 404, lists and streams hold
 only the caller's own, and a hook acts as the user whose token it holds."""
 
+import io
 import json
 import shutil
 import sqlite3
@@ -41,7 +42,7 @@ class EveryPathTest(TwoUsersTestCase):
             status, answer, _ = self.as_bob(method, route_path(pattern, ids), body)
             self.assertEqual(status, 404, (method, pattern, answer))
             checked += 1
-        self.assertEqual(checked, 9)
+        self.assertEqual(checked, 10)
         # Nothing of Alice's was decided, written, ended or deleted by those requests.
         self.assertEqual(self.call("GET", f"v1/interrupts/{ids['interrupt']}")[1]["status"], "open")
         transcript = self.call("GET", f"v1/terminal/sessions/{ids['session']}")[1]
@@ -112,14 +113,13 @@ class QueueIsolationTest(TwoUsersTestCase):
     def test_a_hook_acts_as_the_user_whose_token_it_holds(self):
         event = json.loads(support.read_data("claude_permission_request_bash.json"))
         from claude_permission import build_interrupt
-        environ = {"MERE_RELAY_URL": self.relay.base_url, "MERE_RELAY_TOKEN": self.bob,
-                   "MERE_HOOK_WAIT_SECONDS": "10"}
-        result = {}
+        argv = ["--relay", self.relay.base_url, "--wait", "10"]
+        output = io.StringIO()
         bob_stream = self.relay.open_stream(self.bob)
         try:
             bob_stream.next_snapshot()
-            hook = threading.Thread(target=lambda: result.update(
-                decision=permission_hook.ask(event, build_interrupt, environ)))
+            hook = threading.Thread(target=permission_hook.main, args=(build_interrupt, argv, io.StringIO(
+                json.dumps(event)), output, {"MERE_RELAY_TOKEN": self.bob}))
             hook.start()
             raised = bob_stream.next_snapshot()["interrupts"][-1]
             self.assertEqual(raised["action_slug"], "Bash")
@@ -131,7 +131,7 @@ class QueueIsolationTest(TwoUsersTestCase):
             hook.join(15)
         finally:
             bob_stream.close()
-        self.assertEqual(result["decision"], {"behavior": "allow"})
+        self.assertEqual(json.loads(output.getvalue())["hookSpecificOutput"]["decision"], {"behavior": "allow"})
         self.assertEqual(self.row("SELECT user_id FROM interrupts WHERE id = ?", raised["id"])[0],
                          self.bob_user["id"])
 

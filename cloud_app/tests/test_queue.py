@@ -5,7 +5,7 @@ import threading
 import time
 import unittest
 
-import support  # noqa: F401  (puts the relay on the import path)
+import support
 from relaylib import clock
 from support import RelayTestCase
 
@@ -43,7 +43,8 @@ class IntakeTest(QueueTestCase):
     def test_minimal_interrupt(self):
         status, answer, _ = self.call("POST", "v1/interrupts", MINIMAL)
         self.assertEqual(status, 200)
-        self.assertEqual(set(answer), {"id", "status", "interrupt"})
+        self.assertEqual(set(answer), {"id", "status", "interrupt", "watchers"})
+        self.assertEqual(answer["watchers"], 0)
         self.assertEqual(answer["status"], "open")
         interrupt = answer["interrupt"]
         self.assertEqual(list(interrupt), ["id", "run_id", "run_name", "kind", "prompt", "options", "raised_at"])
@@ -244,6 +245,90 @@ class DeadlineTest(QueueTestCase):
         interrupt_id = self.raise_interrupt(expires_at=clock.iso(time.time() + 1))
         status, answer, _ = self.call("GET", f"v1/interrupts/{interrupt_id}?wait=10")
         self.assertEqual((status, answer["status"]), (200, "expired"))
+
+
+class WithdrawTest(QueueTestCase):
+    relay_env = {"MERE_RELAY_UNPOLLED_SECONDS": "0.5", "MERE_RELAY_EXPIRY_SWEEP_SECONDS": "0.1"}
+
+    def withdraw(self, interrupt_id, body=None, token=True):
+        return self.call("POST", f"v1/interrupts/{interrupt_id}/withdraw", body, token=token)
+
+    def test_withdrawn_interrupt_leaves_the_queue_and_a_late_verdict_is_told_why(self):
+        interrupt_id = self.raise_interrupt()
+        status, answer, _ = self.withdraw(interrupt_id)
+        self.assertEqual((status, answer), (200, {"id": interrupt_id, "status": "withdrawn"}))
+        self.assertNotIn(interrupt_id, self.open_ids())
+        self.assertEqual(self.call("GET", f"v1/interrupts/{interrupt_id}")[1]["status"], "withdrawn")
+        status, answer, _ = self.decide(interrupt_id)
+        self.assertError(answer, status, 409, "interrupt was withdrawn: the agent stopped waiting for it")
+
+    def test_answered_elsewhere_is_a_status_of_its_own_and_withdrawing_again_keeps_it(self):
+        interrupt_id = self.raise_interrupt()
+        for _ in range(2):
+            status, answer, _ = self.withdraw(interrupt_id, {"reason": "answered_elsewhere"})
+            self.assertEqual((status, answer["status"]), (200, "answered_elsewhere"))
+        # A second call with another reason changes nothing either.
+        self.assertEqual(self.withdraw(interrupt_id)[1]["status"], "answered_elsewhere")
+        status, answer, _ = self.decide(interrupt_id, "reject")
+        self.assertError(answer, status, 409, contains="answered elsewhere")
+
+    def test_a_waiting_hook_learns_of_the_withdrawal(self):
+        interrupt_id = self.raise_interrupt()
+        threading.Timer(0.3, self.withdraw, (interrupt_id,)).start()
+        started = time.monotonic()
+        status, answer, _ = self.call("GET", f"v1/interrupts/{interrupt_id}?wait=10")
+        self.assertEqual((status, answer["status"]), (200, "withdrawn"))
+        self.assertLess(time.monotonic() - started, 5)
+
+    def test_only_the_raising_session_can_withdraw(self):
+        interrupt_id = self.raise_interrupt()
+        desktop = self.relay.local_token()
+        status, answer, _ = self.withdraw(interrupt_id, token=desktop)
+        self.assertError(answer, status, 403, "only the session that raised an interrupt can withdraw it")
+        self.assertIn(interrupt_id, self.open_ids())
+        status, answer, _ = self.withdraw("int_missing")
+        self.assertError(answer, status, 404, "interrupt not found")
+        status, answer, _ = self.withdraw(interrupt_id, {"reason": "vanished"})
+        self.assertEqual(status, 400, answer)
+
+    def test_a_decided_interrupt_cannot_be_withdrawn(self):
+        interrupt_id = self.raise_interrupt()
+        self.assertEqual(self.decide(interrupt_id)[0], 200)
+        status, answer, _ = self.withdraw(interrupt_id)
+        self.assertError(answer, status, 409, "interrupt already resolved")
+        self.assertEqual(self.call("GET", f"v1/interrupts/{interrupt_id}")[1]["status"], "decided")
+
+    def test_an_interrupt_nobody_polls_is_withdrawn_by_the_relay(self):
+        polled = self.raise_interrupt(withdraw_when_unpolled=True)
+        plain = self.raise_interrupt()
+        # Held polls one after another keep it open well past the interval.
+        for _ in range(3):
+            self.assertEqual(self.call("GET", f"v1/interrupts/{polled}?wait=0.4")[1]["status"], "open")
+        support.wait_for(lambda: self.call("GET", f"v1/interrupts/{plain}")[1]["status"] == "open"
+                         and polled not in self.open_ids(), timeout=5)
+        self.assertEqual(self.call("GET", f"v1/interrupts/{polled}")[1]["status"], "withdrawn")
+        self.assertIn(plain, self.open_ids())
+
+    def test_a_poller_that_goes_away_starts_the_interval(self):
+        polled = self.raise_interrupt(withdraw_when_unpolled=True)
+        poller = self.relay.connection(timeout=5)
+        poller.request("GET", f"/v1/interrupts/{polled}?wait=30", headers={"Authorization": f"Bearer {self.token}"})
+        time.sleep(1.0)
+        # Held for longer than the interval: still open while the poll is under way.
+        self.assertIn(polled, self.open_ids())
+        poller.close()
+        support.wait_for(lambda: polled not in self.open_ids(), timeout=5)
+        self.assertEqual(self.call("GET", f"v1/interrupts/{polled}")[1]["status"], "withdrawn")
+
+    def test_watchers_counts_the_users_open_streams(self):
+        self.assertEqual(self.call("POST", "v1/interrupts", MINIMAL)[1]["watchers"], 0)
+        stream = self.relay.open_stream(self.token)
+        try:
+            stream.next_snapshot()
+            self.assertEqual(self.call("POST", "v1/interrupts", MINIMAL)[1]["watchers"], 1)
+        finally:
+            stream.close()
+        support.wait_for(lambda: self.call("POST", "v1/interrupts", MINIMAL)[1]["watchers"] == 0)
 
 
 class RunCountTest(QueueTestCase):

@@ -38,7 +38,8 @@ class DefaultsTest(unittest.TestCase):
         self.assertEqual(config.HEALTH_WINDOW, 20)
         self.assertEqual(hub.MAX_BACKLOG, 256)
         self.assertEqual(permission_hook.WAIT_SECONDS, 300.0)
-        self.assertEqual(permission_hook.POLL_SECONDS, 60.0)
+        self.assertEqual(permission_hook.POLL_SECONDS, 10.0)
+        self.assertEqual(config.UNPOLLED_WITHDRAW_SECONDS, 5.0)
 
     def test_input_and_connection_limits_have_their_defaults(self):
         self.assertEqual(config.SIGN_IN_BODY_BYTES, 16 * 1024)

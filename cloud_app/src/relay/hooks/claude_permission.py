@@ -7,12 +7,19 @@ event (JSON on standard input) carries `session_id`, `cwd`, `tool_name` and
 {"hookSpecificOutput": {"hookEventName": "PermissionRequest",
  "decision": {"behavior": "allow"}}} or the same with "deny" and a "message".
 No output leaves the decision to Claude Code's own prompt.
+
+Installed by `install.py` as `python3 -I -S claude_permission.py --relay URL --wait SECONDS`.
+Claude Code does not stop this hook when the person answers its own prompt first; the
+after-tool hook (`claude_after_tool.py`) then tells it to withdraw its interrupt.
 """
 
 import os
 import sys
 
-sys.dont_write_bytecode = True
+# Compiled modules go to the user's cache, never beside the sources: compiling the shared module
+# anew on every call would cost a hook more than the rest of its start-up.
+sys.pycache_prefix = os.path.join(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"),
+                                  "quillmere-hooks")
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import permission_hook  # noqa: E402

@@ -9,12 +9,20 @@ request's justification). The answer has the same form as Claude Code's:
 {"hookSpecificOutput": {"hookEventName": "PermissionRequest",
  "decision": {"behavior": "allow" | "deny", "message": ...}}}.
 No output lets Codex go on to its own approval prompt.
+
+While this hook waits, the Codex TUI shows only "Running hook", with no prompt of its
+own. So when nobody watches the queue (the relay counts no open desktop stream), the
+hook withdraws its interrupt at once and Codex asks in the terminal. Esc in Codex kills
+a waiting hook outright; the relay then withdraws the interrupt nobody polls.
 """
 
 import os
 import sys
 
-sys.dont_write_bytecode = True
+# Compiled modules go to the user's cache, never beside the sources: compiling the shared module
+# anew on every call would cost a hook more than the rest of its start-up.
+sys.pycache_prefix = os.path.join(os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"),
+                                  "quillmere-hooks")
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 import permission_hook  # noqa: E402
@@ -38,4 +46,4 @@ def build_interrupt(event, wait_seconds):
 
 
 if __name__ == "__main__":
-    sys.exit(permission_hook.main(build_interrupt))
+    sys.exit(permission_hook.main(build_interrupt, quit_unwatched=True))

@@ -59,6 +59,9 @@ KEEPALIVE_SECONDS = 15.0
 EXPIRY_SWEEP_SECONDS = 1.0
 # The longest a GET on an interrupt may be held open waiting for its verdict.
 MAX_WAIT_SECONDS = 60.0
+# An interrupt raised to be withdrawn when unpolled is withdrawn once nobody has polled it for this
+# long: its hook was killed (a hook between two polls asks again within milliseconds).
+UNPOLLED_WITHDRAW_SECONDS = 5.0
 # Sign-in codes: six digits, valid ten minutes, five tries.
 CODE_TTL_SECONDS = 600.0
 CODE_MAX_ATTEMPTS = 5
@@ -136,6 +139,7 @@ class Timings:
     keepalive_seconds: float = KEEPALIVE_SECONDS
     expiry_sweep_seconds: float = EXPIRY_SWEEP_SECONDS
     max_wait_seconds: float = MAX_WAIT_SECONDS
+    unpolled_withdraw_seconds: float = UNPOLLED_WITHDRAW_SECONDS
     code_ttl_seconds: float = CODE_TTL_SECONDS
     code_max_attempts: int = CODE_MAX_ATTEMPTS
     code_rate_limit_per_email: int = CODE_RATE_LIMIT_PER_EMAIL
@@ -159,6 +163,7 @@ TIMING_VARIABLES = {
     "MERE_RELAY_KEEPALIVE_SECONDS": "keepalive_seconds",
     "MERE_RELAY_EXPIRY_SWEEP_SECONDS": "expiry_sweep_seconds",
     "MERE_RELAY_MAX_WAIT_SECONDS": "max_wait_seconds",
+    "MERE_RELAY_UNPOLLED_SECONDS": "unpolled_withdraw_seconds",
     "MERE_RELAY_CODE_TTL_SECONDS": "code_ttl_seconds",
     "MERE_RELAY_CODE_MAX_ATTEMPTS": "code_max_attempts",
     "MERE_RELAY_CODE_RATE_LIMIT_PER_EMAIL": "code_rate_limit_per_email",

@@ -194,6 +194,11 @@ class Hub:
                 if self._counts[subscription.user_id] <= 0:
                     del self._counts[subscription.user_id]
 
+    def watchers(self, user_id):
+        """How many streams this user has open, from any thread."""
+        with self._lock:
+            return self._counts.get(user_id, 0)
+
     def stream_count(self, user_id):
         """How many streams this user has open."""
         return len(self._streams.get(user_id, ()))

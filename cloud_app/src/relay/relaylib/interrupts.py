@@ -6,15 +6,25 @@ open until a verdict decides it or its deadline passes; either way it leaves the
 queue. Each change publishes one whole snapshot to every stream of that user. A
 verdict is accepted once: the update only applies to an open interrupt, so of two
 racing verdicts exactly one wins.
+
+The run that raised an interrupt can take it back: when the person answered in the
+agent's own terminal (`answered_elsewhere`) or the agent stopped waiting
+(`withdrawn`). Only the session that raised it may, so a desktop or another hook of
+the same person cannot make a prompt vanish. An interrupt raised with
+`withdraw_when_unpolled` belongs to a hook that holds a poll on it; when nobody has
+polled it for `unpolled_withdraw_seconds` (the hook was killed without a word), the
+relay withdraws it itself. A verdict that arrives after either gets 409 saying so.
 """
 
 import asyncio
+import collections
+import hmac
 import json
 import logging
 import uuid
 
 from . import clock, jsonio
-from .errors import bad_request, conflict, not_found
+from .errors import bad_request, conflict, forbidden, not_found
 from .hub import CLOSED, frame
 from .web import ClientGone, EventStream
 
@@ -22,6 +32,13 @@ log = logging.getLogger("relay")
 
 KINDS = ("approval", "question", "choice")
 VERDICTS = ("approve", "reject", "reply")
+# How an interrupt's raiser can take it back, each a status of its own.
+WITHDRAW_REASONS = ("withdrawn", "answered_elsewhere")
+# What a late verdict is told, by the status that resolved the interrupt.
+LATE_VERDICT_MESSAGES = {
+    "withdrawn": "interrupt was withdrawn: the agent stopped waiting for it",
+    "answered_elsewhere": "interrupt was answered elsewhere: the agent's own prompt was answered first",
+}
 OPTIONAL_STRINGS = ("detail", "action_toolkit", "action_slug", "target", "requester", "reason",
                     "proposed_action", "blast_radius", "reversibility", "timeout_behavior")
 OPTIONAL_LISTS = ("affected_resources", "evidence")
@@ -51,12 +68,18 @@ class Queue:
         # each given the user's scoped connection.
         self.snapshot_extras = []
         self._sweeper = None
+        # Used on the event loop only: held polls under way and when each interrupt was last
+        # polled (wall clock), for withdrawing interrupts whose hook went away.
+        self._polling = collections.Counter()
+        self._last_polled = {}
+        self._started_at = clock.now()
 
     def register(self, router):
         router.add("GET", "v1/stream", self.stream)
         router.add("POST", "v1/interrupts", self.raise_interrupt, quick=True)
         router.add("GET", "v1/interrupts/{id}", self.get_interrupt)
         router.add("POST", "v1/interrupts/{id}/verdict", self.verdict, quick=True)
+        router.add("POST", "v1/interrupts/{id}/withdraw", self.withdraw, quick=True)
 
     # Snapshot
 
@@ -119,18 +142,25 @@ class Queue:
     # Intake
 
     def raise_interrupt(self, request):
-        payload, expires_at = self._read_interrupt(request.body())
+        body = request.body()
+        payload, expires_at = self._read_interrupt(body)
+        polled = bool(body.boolean("withdraw_when_unpolled", required=False))
         now = clock.now()
         interrupt_id = "int_" + uuid.uuid4().hex
         payload["id"] = interrupt_id
         payload["raised_at"] = clock.iso(now)
         wire = {key: payload[key] for key in WIRE_ORDER if key in payload}
         with self.db.write_as(request.user_id) as conn:
-            conn.execute("INSERT INTO interrupts (id, user_id, status, payload, raised_at, expires_at) "
-                         "VALUES (:id, :user_id, 'open', :payload, :raised_at, :expires_at)",
-                         {"id": interrupt_id, "payload": _compact(wire), "raised_at": now, "expires_at": expires_at})
+            conn.execute("INSERT INTO interrupts (id, user_id, status, payload, raised_at, expires_at, raised_by, "
+                         "polled) VALUES (:id, :user_id, 'open', :payload, :raised_at, :expires_at, :raised_by, "
+                         ":polled)",
+                         {"id": interrupt_id, "payload": _compact(wire), "raised_at": now, "expires_at": expires_at,
+                          "raised_by": request.token_hash, "polled": int(polled)})
         self.app.hub.publish(request.user_id)
-        return {"id": interrupt_id, "status": "open", "interrupt": wire}
+        # `watchers` tells a hook whether anyone sees the queue now: with no desktop stream open,
+        # waiting for a verdict only keeps the agent's own prompt from showing.
+        return {"id": interrupt_id, "status": "open", "interrupt": wire,
+                "watchers": self.app.hub.watchers(request.user_id)}
 
     def _read_interrupt(self, body):
         payload = {
@@ -193,13 +223,29 @@ class Queue:
         hub = self.app.hub
         loop = asyncio.get_running_loop()
         deadline = loop.time() + wait
-        while True:
-            generation = hub.generation
-            row = await request.run(self._state, request.user_id, request.params["id"])
-            remaining = deadline - loop.time()
-            if row["status"] != "open" or remaining <= 0:
-                return _state_json(row)
-            await hub.wait_resolution(generation, min(remaining, WAIT_RECHECK_SECONDS))
+        interrupt_id = request.params["id"]
+        generation = hub.generation
+        row = await request.run(self._state, request.user_id, interrupt_id)
+        # Only the raiser's own polls keep an interrupt alive: a desktop looking at it says
+        # nothing about whether the hook is still there.
+        raiser = _raised_by(row, request)
+        if raiser:
+            self._polling[interrupt_id] += 1
+        try:
+            while True:
+                remaining = deadline - loop.time()
+                if row["status"] != "open" or remaining <= 0:
+                    return _state_json(row)
+                await hub.wait_resolution(generation, min(remaining, WAIT_RECHECK_SECONDS))
+                generation = hub.generation
+                row = await request.run(self._state, request.user_id, interrupt_id)
+        finally:
+            if raiser:
+                # Also when the poller went away: its handler is cancelled, and the interval starts now.
+                self._polling[interrupt_id] -= 1
+                if self._polling[interrupt_id] <= 0:
+                    del self._polling[interrupt_id]
+                self._last_polled[interrupt_id] = clock.now()
 
     def _wait_seconds(self, text):
         if text is None or text == "":
@@ -231,8 +277,59 @@ class Queue:
             if row["status"] == "open":
                 # Past its deadline but not yet swept: time it out now, for everyone waiting.
                 self.expire_and_announce()
-            raise conflict("interrupt already resolved")
+            raise conflict(LATE_VERDICT_MESSAGES.get(row["status"], "interrupt already resolved"))
         return {"id": interrupt_id, "status": "decided", "verdict": verdict}
+
+    def withdraw(self, request):
+        """Takes an open interrupt out of the queue, for the session that raised it only.
+
+        Withdrawing again answers the status it already has, so a hook that is not sure
+        its first call arrived can simply call again."""
+        reason = request.body(allow_empty=True).one_of("reason", WITHDRAW_REASONS, required=False) or "withdrawn"
+        interrupt_id = request.params["id"]
+        now = clock.now()
+        with self.db.write_as(request.user_id) as conn:
+            row = conn.execute("SELECT status, raised_by FROM interrupts WHERE id = :id AND user_id = :user_id",
+                               {"id": interrupt_id}).fetchone()
+            if row is None:
+                raise not_found("interrupt not found")
+            if not _raised_by(row, request):
+                raise forbidden("only the session that raised an interrupt can withdraw it")
+            updated = conn.execute(
+                "UPDATE interrupts SET status = :status, resolved_at = :now "
+                "WHERE id = :id AND user_id = :user_id AND status = 'open'",
+                {"status": reason, "now": now, "id": interrupt_id}).rowcount
+        if updated:
+            self.app.hub.publish(request.user_id)
+            self.app.hub.notify_resolved()
+            return {"id": interrupt_id, "status": reason}
+        if row["status"] in WITHDRAW_REASONS:
+            return {"id": interrupt_id, "status": row["status"]}
+        raise conflict("interrupt already resolved")
+
+    # Interrupts whose hook went away
+
+    def withdraw_unpolled(self, polling, last_polled):
+        """Withdraws every open interrupt raised to be polled that nobody polls now and nobody
+        polled for the interval; returns the ids still open and polled. `polling` and
+        `last_polled` are the loop's records, copied."""
+        now = clock.now()
+        limit = self.timings.unpolled_withdraw_seconds
+        with self.db.write() as conn:
+            rows = conn.execute("SELECT id, user_id, raised_at FROM interrupts "
+                                "WHERE status = 'open' AND polled = 1").fetchall()
+            stale = [row for row in rows if row["id"] not in polling
+                     and now - max(row["raised_at"], last_polled.get(row["id"], self._started_at)) > limit]
+            for row in stale:
+                conn.execute("UPDATE interrupts SET status = 'withdrawn', resolved_at = ? "
+                             "WHERE id = ? AND status = 'open'", (now, row["id"]))
+        if stale:
+            log.info("withdrew %d interrupt(s) nobody polled any more", len(stale))
+            for user_id in {row["user_id"] for row in stale}:
+                self.app.hub.publish(user_id)
+            self.app.hub.notify_resolved()
+        gone = {row["id"] for row in stale}
+        return {row["id"] for row in rows} - gone
 
     def _read_verdict(self, body):
         verdict = {"verdict": body.one_of("verdict", VERDICTS)}
@@ -258,6 +355,10 @@ class Queue:
             await asyncio.sleep(self.timings.expiry_sweep_seconds)
             try:
                 await self.app.workers.run(self.expire_and_announce)
+                last_polled = dict(self._last_polled)
+                still_open = await self.app.workers.run(self.withdraw_unpolled, set(self._polling), last_polled)
+                for interrupt_id in set(last_polled) - still_open:
+                    self._last_polled.pop(interrupt_id, None)
             except Exception:
                 log.exception("expiry sweep failed")
 
@@ -267,6 +368,11 @@ def _release(hub):
         if not subscribing.cancelled() and subscribing.exception() is None:
             hub.unsubscribe(subscribing.result()[0])
     return release
+
+
+def _raised_by(row, request):
+    """Whether the request comes with the session that raised the interrupt in `row`."""
+    return row["raised_by"] is not None and hmac.compare_digest(row["raised_by"], request.token_hash or "")
 
 
 def _state_json(row):

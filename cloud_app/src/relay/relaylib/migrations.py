@@ -216,8 +216,18 @@ def repair_stored_text(conn):
                              (json.dumps(repaired, separators=(",", ":")), row[0]))
 
 
+# raised_by is the SHA-256 of the session token that raised the interrupt (only that session may
+# withdraw it); polled marks an interrupt to withdraw once its raiser stops polling it.
+WITHDRAWALS = """
+ALTER TABLE interrupts ADD COLUMN raised_by TEXT;
+ALTER TABLE interrupts ADD COLUMN polled INTEGER NOT NULL DEFAULT 0;
+CREATE INDEX interrupts_open_polled ON interrupts (user_id) WHERE status = 'open' AND polled = 1;
+"""
+
+
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
     (2, "every record belongs to a user", OWNERS),
     (3, "no lone surrogates in stored interrupts", repair_stored_text),
+    (4, "interrupts withdrawn by their raiser", WITHDRAWALS),
 ]
