@@ -278,6 +278,8 @@ class ModelRouter:
         try:
             decision = scoring.decide(lanes, readiness, route, policy, signals)
         except scoring.NoLane as error:
+            if error.over_budget:
+                raise ApiError(BUDGET_STATUS, "budget exceeded: " + error.message) from None
             raise ApiError(NO_LANE_STATUS, error.message) from None
         record = decision_record(_new_id("rd_"), clock.now_iso(), decision, readiness)
         with self.db.write_as(user_id) as conn:

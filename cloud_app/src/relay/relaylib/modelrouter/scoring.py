@@ -37,13 +37,18 @@ WEIGHTS = {
 UNKNOWN_THROUGHPUT_SCORE = 50.0
 
 
-class NoLane(Exception):
-    """No lane qualifies; the message says why, and `rejected` holds each lane's reason."""
+BUDGET_REASON = "estimated ${cost:.4f} exceeds the ${left:.4f} left in the budget"
 
-    def __init__(self, message, rejected):
+
+class NoLane(Exception):
+    """No lane qualifies; the message says why, and `rejected` holds each lane's reason.
+    `over_budget` is true when some lane passed every other filter but the budget."""
+
+    def __init__(self, message, rejected, over_budget=False):
         super().__init__(message)
         self.message = message
         self.rejected = rejected
+        self.over_budget = over_budget
 
 
 @dataclasses.dataclass
@@ -132,7 +137,11 @@ def _rejection(lane, request, policy, signals, readiness, needed, cost_cap):
     if allowed and lane.provider not in allowed:
         return f"provider {lane.provider} is not allowed by the policy"
     if signals.budget_remaining is not None and cost > signals.budget_remaining:
-        return f"estimated ${cost:.4f} exceeds the ${max(0.0, signals.budget_remaining):.4f} left in the budget"
+        return BUDGET_REASON.format(cost=cost, left=max(0.0, signals.budget_remaining))
+    return None
+
+
+def _health_rejection(lane, signals):
     health = signals.health.get(lane.provider, 1.0)
     if health < MIN_HEALTH:
         return f"provider health {health * 100:.0f}% is below {MIN_HEALTH * 100:.0f}%"
@@ -150,15 +159,22 @@ def decide(lanes, readiness, request, policy, signals):
     needed = required_capabilities(request)
     caps = [cap for cap in (request.max_cost_usd, policy.get("max_cost_per_request")) if cap is not None]
     cost_cap = min(caps) if caps else None
-    qualified, rejected = [], []
+    qualified, rejected, over_budget = [], [], False
     for lane in lanes:
         reason = _rejection(lane, request, policy, signals, readiness, needed, cost_cap)
         if reason is None:
             qualified.append(lane)
         else:
             rejected.append((lane.id, reason))
+            over_budget = over_budget or reason.endswith("left in the budget")
+    # Health filters only while a healthy lane remains: when every provider is failing, the
+    # lanes are still tried (worst health last), or a provider could never show it recovered.
+    healthy = [lane for lane in qualified if _health_rejection(lane, signals) is None]
+    if healthy and len(healthy) < len(qualified):
+        rejected.extend((lane.id, _health_rejection(lane, signals)) for lane in qualified if lane not in healthy)
+        qualified = healthy
     if not qualified:
-        raise NoLane(_nothing_qualifies(request, rejected), rejected)
+        raise NoLane(_nothing_qualifies(request, rejected), rejected, over_budget)
     candidates = _score(qualified, request, policy, signals)
     candidates = _sort(candidates, request, signals)
     fallbacks = candidates[1:1 + policy.get("max_fallbacks", 0)] if policy.get("fallback_enabled") else []
@@ -202,7 +218,7 @@ def _score(lanes, request, policy, signals):
                 and throughput < request.preferred_min_throughput:
             score -= PREFERENCE_PENALTY
             reasons.append("below the preferred throughput")
-        if request.tools:
+        if request.tools and request.sort_by != "price":
             quality = signals.tool_quality.get(lane.id)
             if quality and quality.get("sample_count", 0) >= MIN_TOOL_SAMPLES:
                 # Valid tool calls matter as much as a quarter of the score: a lane that breaks
