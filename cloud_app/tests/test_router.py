@@ -29,7 +29,7 @@ class RouterTestCase(RelayTestCase):
     def setUpClass(cls):
         cls.fake = FakeProvider(expected_key=FAKE_KEY).start()
         cls.relay_env = dict(inventory_env(cls.make_lanes(cls.fake)),
-                             MERE_RELAY_UPSTREAM_READ_SECONDS=SILENCE_SECONDS)
+                             MERE_RELAY_UPSTREAM_READ_SECONDS=SILENCE_SECONDS, MERE_RELAY_ROUTER_SIGNALS_SECONDS="0")
         super().setUpClass()
 
     @classmethod

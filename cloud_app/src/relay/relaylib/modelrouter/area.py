@@ -52,6 +52,8 @@ class ModelRouter:
         self._cli_lock = threading.Lock()
         self._cli_cached = None
         self._cli_read_at = -math.inf
+        self._signals_lock = threading.Lock()
+        self._signals_cache = {}  # user id -> (read at, health, performance, tool quality)
 
     def register(self, router):
         router.add("GET", "v1/router/catalog", self.read_catalog)
@@ -78,9 +80,19 @@ class ModelRouter:
 
     # Reads.
 
-    def _signals(self, conn, project_id=None):
-        return scoring.Signals(health=ledger.provider_health(conn, HEALTH_WINDOW),
-                               performance=ledger.performance(conn), tool_quality=ledger.tool_quality(conn),
+    def _signals(self, conn, user_id, project_id=None):
+        """What routing weighs: health, speed and tool-call quality (read at most once per
+        `router_signals_seconds` per user, since every request would otherwise scan the
+        recent ledger), and the budget's headroom (always read afresh)."""
+        now = time.monotonic()
+        with self._signals_lock:
+            cached = self._signals_cache.get(user_id)
+        if cached is None or now - cached[0] >= self.timings.router_signals_seconds:
+            cached = (now, ledger.provider_health(conn, HEALTH_WINDOW), ledger.performance(conn),
+                      ledger.tool_quality(conn))
+            with self._signals_lock:
+                self._signals_cache[user_id] = cached
+        return scoring.Signals(health=cached[1], performance=cached[2], tool_quality=cached[3],
                                budget_remaining=ledger.headroom(conn, project_id))
 
     def read_catalog(self, request):
@@ -170,7 +182,7 @@ class ModelRouter:
         readiness = self.catalog.readiness()
         with self.db.read_as(request.user_id) as conn:
             policy = ledger.read_policy(conn)
-            signals = self._signals(conn)
+            signals = self._signals(conn, request.user_id)
         try:
             decision = scoring.decide(self.catalog.lanes, readiness, route, policy, signals)
         except scoring.NoLane as error:
@@ -200,21 +212,32 @@ class ModelRouter:
                                      output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
         started = time.monotonic()
         user_id = request.user_id
-        decision, record = await request.run(self._route_completion, user_id, route, model)
         generation_id = _new_id("gen_")
+
+        def worst(lane):
+            return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
+
+        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst)
         candidates = [decision.primary] + decision.fallbacks
-        attempts, answer, last_failure, refused_for_budget = [], None, None, False
         deadline = started + self.timings.complete_deadline_seconds
-        reservation = None
+        attempts, answer, last_failure, refused_for_budget, written = [], None, None, False, None
+        lane = None
+
+        def generation(status=None):
+            return _generation_row(generation_id, record, route, answer, attempts, started, request.request_id, status)
+
         try:
             for seq, candidate in enumerate(candidates, start=1):
                 lane = candidate.lane
                 key = self.catalog.key(lane)
                 remaining = deadline - time.monotonic()
                 if key is None or remaining <= 0:
+                    if reservation is not None:
+                        await request.run(self._release, user_id, reservation)
+                        reservation = None
                     continue
-                worst = lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
-                reservation = await request.run(self._reserve, user_id, worst, project_id)
+                if reservation is None and seq > 1:
+                    reservation = await request.run(self._reserve, user_id, worst(lane), project_id)
                 if reservation is None:
                     refused_for_budget = True
                     attempts.append(_attempt_row(generation_id, seq, lane, project_id, "refused", "budget_exceeded", 0))
@@ -222,13 +245,16 @@ class ModelRouter:
                 result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining)
                 row = _result_row(generation_id, seq, lane, project_id, result, tools)
                 attempts.append(row)
-                await request.run(self._settle, user_id, reservation, row)
-                reservation = None
+                final = row["status"] == "succeeded" or result.failure in protocols.NOT_RETRYABLE \
+                    or seq == len(candidates)
                 if row["status"] == "succeeded":
                     answer = (candidate, result)
-                    break
-                last_failure = result
-                if result.failure in protocols.NOT_RETRYABLE:
+                else:
+                    last_failure = result
+                written = generation() if final else None
+                await request.run(self._settle, user_id, reservation, row, written)
+                reservation = None
+                if final:
                     break
         finally:
             if reservation is not None:
@@ -236,11 +262,11 @@ class ModelRouter:
                 cancelled = _attempt_row(generation_id, len(attempts) + 1, lane, project_id, "cancelled",
                                          "cancelled", int((time.monotonic() - started) * 1000))
                 attempts.append(cancelled)
-                await asyncio.shield(request.run(self._settle, user_id, reservation, cancelled))
-                await asyncio.shield(request.run(self._record_generation, user_id, generation_id, record, route,
-                                                 None, attempts, started, request.request_id, "cancelled"))
-        generation = await request.run(self._record_generation, user_id, generation_id, record, route, answer,
-                                       attempts, started, request.request_id, None)
+                await asyncio.shield(request.run(self._settle, user_id, reservation, cancelled,
+                                                 generation("cancelled")))
+        if written is None:
+            written = generation()
+            await request.run(self._write_generation, user_id, written)
         if answer is None:
             if last_failure is None and refused_for_budget:
                 raise ApiError(BUDGET_STATUS, "budget exceeded: the worst-case cost of this request is more than "
@@ -256,14 +282,15 @@ class ModelRouter:
         if result.outcome.finish_reason:
             completion["finish_reason"] = result.outcome.finish_reason
         completion.update({
-            "usage": {"input_tokens": generation["input_tokens"], "output_tokens": generation["output_tokens"],
-                      "cost_usd": generation["cost_usd"]},
-            "latency_ms": generation["latency_ms"], "fell_back": generation["fell_back"],
-            "attempts": generation["attempts"], "route_decision_id": record["id"],
+            "usage": {"input_tokens": written["input_tokens"], "output_tokens": written["output_tokens"],
+                      "cost_usd": written["cost_usd"]},
+            "latency_ms": written["latency_ms"], "fell_back": bool(written["fell_back"]),
+            "attempts": [ledger.attempt_record(row) for row in attempts], "route_decision_id": record["id"],
             "routed_because": decision.routed_because, "request_id": request.request_id})
         return completion
 
-    def _route_completion(self, user_id, route, model):
+    def _route_completion(self, user_id, route, model, worst):
+        """Decides, stores the decision and reserves the primary lane's worst case, in one write."""
         readiness = self.catalog.readiness()
         lanes = self.catalog.lanes
         if model != "auto":
@@ -274,7 +301,7 @@ class ModelRouter:
             if route.project_id is not None:
                 self._check_project(conn, route.project_id)
             policy = ledger.read_policy(conn)
-            signals = self._signals(conn, route.project_id)
+            signals = self._signals(conn, user_id, route.project_id)
         try:
             decision = scoring.decide(lanes, readiness, route, policy, signals)
         except scoring.NoLane as error:
@@ -284,45 +311,48 @@ class ModelRouter:
         record = decision_record(_new_id("rd_"), clock.now_iso(), decision, readiness)
         with self.db.write_as(user_id) as conn:
             ledger.store_decision(conn, record["id"], "complete", route.task, record)
-        return decision, record
+            reservation = ledger.reserve(conn, worst(decision.primary.lane), route.project_id)
+        return decision, record, reservation
 
     def _reserve(self, user_id, amount, project_id):
         with self.db.write_as(user_id) as conn:
             return ledger.reserve(conn, amount, project_id)
 
-    def _settle(self, user_id, reservation, row):
+    def _release(self, user_id, reservation):
+        with self.db.write_as(user_id) as conn:
+            ledger.release(conn, reservation)
+
+    def _settle(self, user_id, reservation, row, generation):
+        """Replaces a reservation by what the attempt cost, and writes the generation when it is
+        the last attempt, in one transaction."""
         with self.db.write_as(user_id) as conn:
             ledger.release(conn, reservation)
             ledger.add_attempt(conn, row)
+            if generation is not None:
+                ledger.add_generation(conn, generation)
 
-    def _record_generation(self, user_id, generation_id, record, route, answer, attempts, started, request_id,
-                           status):
-        """Writes the generation (once: a cancelled one is written by the cancellation) and returns
-        it as the ledger shows it."""
+    def _write_generation(self, user_id, generation):
         with self.db.write_as(user_id) as conn:
-            exists = conn.execute("SELECT 1 FROM router_generations WHERE user_id = :user_id AND id = :id",
-                                  {"id": generation_id}).fetchone()
-            if exists is None:
-                served = answer[0].lane if answer else None
-                last = attempts[-1] if attempts else None
-                conn_row = {
-                    "id": generation_id, "project_id": route.project_id, "route_decision_id": record["id"],
-                    "task": route.task, "model_id": served.id if served else None,
-                    "provider": served.provider if served else None,
-                    "service_tier": served.service_tier if served else record["primary"]["model"]["service_tier"],
-                    "status": status or ("succeeded" if answer else "failed"),
-                    "input_tokens": sum(row["input_tokens"] for row in attempts),
-                    "output_tokens": sum(row["output_tokens"] for row in attempts),
-                    "cost_usd": sum(row["cost_usd"] for row in attempts),
-                    "latency_ms": max(0, int((time.monotonic() - started) * 1000)),
-                    "fell_back": int(bool(answer) and answer[0] is not None and
-                                     answer[0].lane.id != record["primary"]["model"]["id"]),
-                    "zero_completion_insured": int(any(row["insured"] for row in attempts)),
-                    "error_code": None if answer else (last["error_code"] if last else "no_lane_tried"),
-                    "request_id": request_id, "tools_declared": int(bool(route.tools)), "created_at": clock.now()}
-                ledger.add_generation(conn, conn_row)
-            shown = [item for item in ledger.generations(conn, limit=1) if item["id"] == generation_id]
-        return shown[0] if shown else None
+            ledger.add_generation(conn, generation)
+
+
+def _generation_row(generation_id, record, route, answer, attempts, started, request_id, status):
+    served = answer[0].lane if answer else None
+    last = attempts[-1] if attempts else None
+    primary = record["primary"]["model"]
+    return {"id": generation_id, "project_id": route.project_id, "route_decision_id": record["id"],
+            "task": route.task, "model_id": served.id if served else None,
+            "provider": served.provider if served else None,
+            "service_tier": served.service_tier if served else primary["service_tier"],
+            "status": status or ("succeeded" if answer else "failed"),
+            "input_tokens": sum(row["input_tokens"] for row in attempts),
+            "output_tokens": sum(row["output_tokens"] for row in attempts),
+            "cost_usd": sum(row["cost_usd"] for row in attempts),
+            "latency_ms": max(0, int((time.monotonic() - started) * 1000)),
+            "fell_back": int(served is not None and served.id != primary["id"]),
+            "zero_completion_insured": int(any(row["insured"] for row in attempts)),
+            "error_code": None if answer else (last["error_code"] if last else "no_lane_tried"),
+            "request_id": request_id, "tools_declared": int(bool(route.tools)), "created_at": clock.now()}
 
 
 def worst_case_input(lane, text, instructions, max_output, tools):

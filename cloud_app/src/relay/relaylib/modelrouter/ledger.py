@@ -182,7 +182,7 @@ def add_generation(conn, generation):
         ":request_id, :tools_declared, :created_at)", generation)
 
 
-def _attempt_record(row):
+def attempt_record(row):
     record = {"provider": row["provider"], "model_id": row["model_id"], "status": row["status"],
               "latency_ms": row["latency_ms"]}
     if row["error_code"]:
@@ -197,12 +197,11 @@ def generations(conn, limit=GENERATIONS_LIMIT):
                         "ORDER BY created_at DESC, rowid DESC LIMIT :limit", {"limit": limit}).fetchall()
     attempts = {}
     if rows:
-        ids = {row["id"] for row in rows}
-        oldest = rows[-1]["created_at"]
-        for row in conn.execute("SELECT * FROM router_attempts WHERE user_id = :user_id AND created_at >= :oldest "
-                                "ORDER BY generation_id, seq", {"oldest": oldest - 3600}):
-            if row["generation_id"] in ids:
-                attempts.setdefault(row["generation_id"], []).append(_attempt_record(row))
+        ids = {f"g{index}": row["id"] for index, row in enumerate(rows)}
+        names = ", ".join(f":{name}" for name in ids)
+        for row in conn.execute(f"SELECT * FROM router_attempts WHERE user_id = :user_id AND generation_id IN "
+                                f"({names}) ORDER BY generation_id, seq", ids):
+            attempts.setdefault(row["generation_id"], []).append(attempt_record(row))
     result = []
     for row in rows:
         record = {"id": row["id"]}
