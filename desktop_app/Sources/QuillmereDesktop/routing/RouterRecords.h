@@ -161,7 +161,8 @@ struct RouteCandidate {
     QStringList reasons;
 
     static constexpr auto wireFields() {
-        return std::tuple{wire::field("model", &RouteCandidate::model), wire::field("score", &RouteCandidate::score),
+        return std::tuple{wire::field("model", &RouteCandidate::model),
+                          wire::field("score", &RouteCandidate::score),
                           wire::field("estimated_cost_usd", &RouteCandidate::estimated_cost_usd),
                           wire::field("reasons", &RouteCandidate::reasons)};
     }
@@ -188,7 +189,8 @@ struct RouteDecision {
     QString routed_because;
 
     static constexpr auto wireFields() {
-        return std::tuple{wire::field("id", &RouteDecision::id), wire::field("created_at", &RouteDecision::created_at),
+        return std::tuple{wire::field("id", &RouteDecision::id),
+                          wire::field("created_at", &RouteDecision::created_at),
                           wire::field("task", &RouteDecision::task),
                           wire::field("required_capabilities", &RouteDecision::required_capabilities),
                           wire::field("primary", &RouteDecision::primary),
@@ -214,15 +216,18 @@ struct ProviderRoutingPreview {
     std::optional<double> preferred_min_throughput;
 
     static constexpr auto wireFields() {
-        return std::tuple{wire::field("sort", &ProviderRoutingPreview::sort),
-                          wire::field("preferred_max_latency", &ProviderRoutingPreview::preferred_max_latency),
-                          wire::field("preferred_min_throughput", &ProviderRoutingPreview::preferred_min_throughput)};
+        return std::tuple{
+            wire::field("sort", &ProviderRoutingPreview::sort),
+            wire::field("preferred_max_latency", &ProviderRoutingPreview::preferred_max_latency),
+            wire::field("preferred_min_throughput", &ProviderRoutingPreview::preferred_min_throughput)};
     }
 };
 
 struct RoutePreviewToolProperty {
     QString type;
-    static constexpr auto wireFields() { return std::tuple{wire::field("type", &RoutePreviewToolProperty::type)}; }
+    static constexpr auto wireFields() {
+        return std::tuple{wire::field("type", &RoutePreviewToolProperty::type)};
+    }
 };
 
 struct RoutePreviewToolSchema {
@@ -315,7 +320,8 @@ struct RouterDailyUsage {
     double spend = 0;
 
     static constexpr auto wireFields() {
-        return std::tuple{wire::field("day", &RouterDailyUsage::day), wire::field("requests", &RouterDailyUsage::requests),
+        return std::tuple{wire::field("day", &RouterDailyUsage::day),
+                          wire::field("requests", &RouterDailyUsage::requests),
                           wire::field("spend", &RouterDailyUsage::spend)};
     }
 };
@@ -382,7 +388,9 @@ struct ProviderAttempt {
     std::optional<QString> upstream_id;
 
     // Attempts are told apart by lane, outcome and time.
-    QString identity() const { return model_id + QLatin1Char(':') + status + QLatin1Char(':') + QString::number(latency_ms); }
+    QString identity() const {
+        return model_id + QLatin1Char(':') + status + QLatin1Char(':') + QString::number(latency_ms);
+    }
 
     static constexpr auto wireFields() {
         return std::tuple{wire::field("provider", &ProviderAttempt::provider),
@@ -488,7 +496,8 @@ struct GatewayCompletion {
     std::optional<QString> request_id;
 
     static constexpr auto wireFields() {
-        return std::tuple{wire::field("id", &GatewayCompletion::id), wire::field("output", &GatewayCompletion::output),
+        return std::tuple{wire::field("id", &GatewayCompletion::id),
+                          wire::field("output", &GatewayCompletion::output),
                           wire::field("model", &GatewayCompletion::model),
                           wire::field("provider", &GatewayCompletion::provider),
                           wire::field("upstream_model", &GatewayCompletion::upstream_model),

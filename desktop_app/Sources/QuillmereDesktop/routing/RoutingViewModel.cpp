@@ -24,9 +24,13 @@ constexpr qint64 tailMinimumSamples = 5;
 constexpr double tailSpread = 2.0;
 constexpr qint64 toolMinimumSamples = 5;
 
-QString plural(qint64 count) { return count == 1 ? QString() : QStringLiteral("s"); }
+QString plural(qint64 count) {
+    return count == 1 ? QString() : QStringLiteral("s");
+}
 
-QString money(double value, int decimals) { return QStringLiteral("$") + QString::number(value, 'f', decimals); }
+QString money(double value, int decimals) {
+    return QStringLiteral("$") + QString::number(value, 'f', decimals);
+}
 
 template <class T> QVariantList variantList(const QList<T>& items) {
     QVariantList list;
@@ -38,7 +42,8 @@ template <class T> QVariantList variantList(const QList<T>& items) {
 } // namespace
 
 const QStringList& RoutingViewModel::tasks() {
-    static const QStringList list{"chat", "summarise", "classify", "extract", "code", "reason", "vision", "transcribe"};
+    static const QStringList list{"chat", "summarise", "classify", "extract",
+                                  "code", "reason",    "vision",   "transcribe"};
     return list;
 }
 
@@ -70,8 +75,9 @@ const QStringList& RoutingViewModel::budgetPeriods() {
 QVariantMap RoutingViewModel::labels() {
     return {
         {"title", "model router"},
-        {"lanesNote", "CLI lanes use your Claude/Codex subscription in a real terminal. API lanes are separate and "
-                      "configured on the relay; credentials never reach this app."},
+        {"lanesNote",
+         "CLI lanes use your Claude/Codex subscription in a real terminal. API lanes are separate and "
+         "configured on the relay; credentials never reach this app."},
         {"previewHeading", "route preview"},
         {"task", "TASK"},
         {"channel", "CHANNEL"},
@@ -85,8 +91,9 @@ QVariantMap RoutingViewModel::labels() {
         {"preferredThroughput", "P50 MIN TOKENS / SEC"},
         {"softHint", "soft preference"},
         {"toolToggle", "SIMULATE TOOL-CALL REQUEST"},
-        {"toolNote", "TOOL REQUESTS USE LOCAL AUTO EXACTO: SCHEMA VALIDITY AND RECENT THROUGHPUT REORDER ENDPOINTS "
-                     "SERVING THE SAME MODEL. EXPLICIT PRICE SORTING OPTS OUT. HARD SAFETY FILTERS ALWAYS WIN."},
+        {"toolNote",
+         "TOOL REQUESTS USE LOCAL AUTO EXACTO: SCHEMA VALIDITY AND RECENT THROUGHPUT REORDER ENDPOINTS "
+         "SERVING THE SAME MODEL. EXPLICIT PRICE SORTING OPTS OUT. HARD SAFETY FILTERS ALWAYS WIN."},
         {"decisionHeading", "decision"},
         {"policyHeading", "policy"},
         {"strategy", "Strategy"},
@@ -96,7 +103,8 @@ QVariantMap RoutingViewModel::labels() {
         {"maxCostHint", "0.05"},
         {"suggestionsHeading", "smart suggestions"},
         {"budgetsHeading", "hard spend budgets"},
-        {"budgetsNote", "Account and project limits are enforced before every provider attempt, including fallbacks."},
+        {"budgetsNote",
+         "Account and project limits are enforced before every provider attempt, including fallbacks."},
         {"period", "Period"},
         {"usd", "USD"},
         {"generationsHeading", "recent gateway runs"},
@@ -147,16 +155,24 @@ std::optional<QString> RoutingViewModel::validate(const RoutePreviewForm& form) 
     const auto output = wholeNumber(form.outputTokens);
     if (!input || !output || *input < 0 || *output < 0)
         return tokensMessage;
-    const auto latency = form.preferredLatency.trimmed().isEmpty() ? std::nullopt : number(form.preferredLatency);
-    if (!form.preferredLatency.trimmed().isEmpty() && !latency)
-        return latencyNumberMessage;
-    const auto throughput =
-        form.preferredThroughput.trimmed().isEmpty() ? std::nullopt : number(form.preferredThroughput);
-    if (!form.preferredThroughput.trimmed().isEmpty() && !throughput)
-        return throughputNumberMessage;
-    if (latency && (!std::isfinite(*latency) || *latency < 0))
+    // Blank preferences are fine; given ones must parse first, and be in range after.
+    double latency = 0;
+    double throughput = 0;
+    if (!form.preferredLatency.trimmed().isEmpty()) {
+        const std::optional<double> parsed = number(form.preferredLatency);
+        if (!parsed)
+            return latencyNumberMessage;
+        latency = *parsed;
+    }
+    if (!form.preferredThroughput.trimmed().isEmpty()) {
+        const std::optional<double> parsed = number(form.preferredThroughput);
+        if (!parsed)
+            return throughputNumberMessage;
+        throughput = *parsed;
+    }
+    if (!std::isfinite(latency) || latency < 0)
         return latencyRangeMessage;
-    if (throughput && (!std::isfinite(*throughput) || *throughput < 0))
+    if (!std::isfinite(throughput) || throughput < 0)
         return throughputRangeMessage;
     return std::nullopt;
 }
@@ -179,9 +195,12 @@ RoutePreviewInput RoutingViewModel::previewInputOf(const RoutePreviewForm& form)
     input.latency_budget_ms = wholeNumber(form.latencyBudget);
     input.max_cost_usd = number(form.maxCost);
     const bool sorted = form.providerSort != QLatin1String("router");
-    const auto latency = form.preferredLatency.trimmed().isEmpty() ? std::nullopt : number(form.preferredLatency);
-    const auto throughput =
-        form.preferredThroughput.trimmed().isEmpty() ? std::nullopt : number(form.preferredThroughput);
+    std::optional<double> latency;
+    std::optional<double> throughput;
+    if (!form.preferredLatency.trimmed().isEmpty())
+        latency = number(form.preferredLatency);
+    if (!form.preferredThroughput.trimmed().isEmpty())
+        throughput = number(form.preferredThroughput);
     if (sorted || latency || throughput) {
         ProviderRoutingPreview provider;
         if (sorted)
@@ -195,7 +214,9 @@ RoutePreviewInput RoutingViewModel::previewInputOf(const RoutePreviewForm& form)
     return input;
 }
 
-qint64 RoutingViewModel::percent(double fraction) { return static_cast<qint64>(std::trunc(fraction * 100.0)); }
+qint64 RoutingViewModel::percent(double fraction) {
+    return static_cast<qint64>(std::trunc(fraction * 100.0));
+}
 
 QStringList RoutingViewModel::suggestionsFor(const RoutingFigures& figures) {
     QStringList lines;
@@ -210,8 +231,9 @@ QStringList RoutingViewModel::suggestionsFor(const RoutingFigures& figures) {
         return m.channel == QLatin1String("api") && m.available;
     });
     if (!figures.models.isEmpty() && !anyReady)
-        lines << QStringLiteral("No API lane is execution-ready. Add an adapter endpoint and its named credential to "
-                                "the relay inventory.");
+        lines << QStringLiteral(
+            "No API lane is execution-ready. Add an adapter endpoint and its named credential to "
+            "the relay inventory.");
     // 2. Fallbacks.
     if (figures.usage && figures.usage->requests >= fallbackMinimumRequests &&
         figures.usage->fallback_rate >= fallbackThreshold)
@@ -221,17 +243,20 @@ QStringList RoutingViewModel::suggestionsFor(const RoutingFigures& figures) {
     // 3. Cache.
     if (figures.usage) {
         if (figures.usage->cache_hits >= 1)
-            lines << QStringLiteral("The local response cache served %1 request%2 without provider tokens or cost.")
+            lines << QStringLiteral(
+                         "The local response cache served %1 request%2 without provider tokens or cost.")
                          .arg(figures.usage->cache_hits)
                          .arg(plural(figures.usage->cache_hits));
         else if (figures.usage->requests >= cacheOptInMinimumRequests)
-            lines << QStringLiteral("No response-cache hits yet. Deterministic agent retries and test workflows can "
-                                    "opt in with X-OpenRouter-Cache: true.");
+            lines << QStringLiteral(
+                "No response-cache hits yet. Deterministic agent retries and test workflows can "
+                "opt in with X-OpenRouter-Cache: true.");
     }
     // 4. Insurance.
     if (figures.usage && figures.usage->insured_requests >= 1)
-        lines << QStringLiteral("Zero-completion insurance protected %1 empty or error-finished provider response%2 "
-                                "from being recorded as spend.")
+        lines << QStringLiteral(
+                     "Zero-completion insurance protected %1 empty or error-finished provider response%2 "
+                     "from being recorded as spend.")
                      .arg(figures.usage->insured_requests)
                      .arg(plural(figures.usage->insured_requests));
     // 5. Health.
@@ -241,7 +266,8 @@ QStringList RoutingViewModel::suggestionsFor(const RoutingFigures& figures) {
             unhealthy << provider;
     if (!unhealthy.isEmpty()) {
         unhealthy.sort();
-        lines << QStringLiteral("Recent failures lowered health for %1. Routing already deprioritizes these providers.")
+        lines << QStringLiteral(
+                     "Recent failures lowered health for %1. Routing already deprioritizes these providers.")
                      .arg(unhealthy.join(QStringLiteral(", ")));
     }
     // 6. Budgets.
@@ -252,7 +278,8 @@ QStringList RoutingViewModel::suggestionsFor(const RoutingFigures& figures) {
                      .arg(full->project_id ? QStringLiteral("project") : QStringLiteral("account"))
                      .arg(percent(full->utilization));
     else if (figures.budgets.isEmpty())
-        lines << QStringLiteral("No hard spend budget is set. Add one below before enabling unattended API agents.");
+        lines << QStringLiteral(
+            "No hard spend budget is set. Add one below before enabling unattended API agents.");
     // 7. Throughput.
     std::optional<std::pair<QString, double>> fastest, slowest;
     for (const auto& [lane, performance] : figures.modelPerformance) {
@@ -264,9 +291,11 @@ QStringList RoutingViewModel::suggestionsFor(const RoutingFigures& figures) {
         if (!slowest || p50 < slowest->second)
             slowest = std::pair{lane, p50};
     }
-    if (fastest && slowest && slowest->second * throughputSpread <= fastest->second && fastest->first != slowest->first)
-        lines << QStringLiteral("%1 is delivering the highest observed throughput at %2 tokens/sec. Prefer throughput "
-                                "sorting for batch work.")
+    if (fastest && slowest && slowest->second * throughputSpread <= fastest->second &&
+        fastest->first != slowest->first)
+        lines << QStringLiteral(
+                     "%1 is delivering the highest observed throughput at %2 tokens/sec. Prefer throughput "
+                     "sorting for batch work.")
                      .arg(nameOf(fastest->first), QString::number(fastest->second, 'f', 1));
     // 8. Tail latency.
     QStringList volatileLanes;
@@ -278,21 +307,24 @@ QStringList RoutingViewModel::suggestionsFor(const RoutingFigures& figures) {
     }
     if (!volatileLanes.isEmpty()) {
         volatileLanes.sort();
-        lines << QStringLiteral("Tail latency is volatile for %1. Add a p90 latency preference for interactive "
-                                "requests.")
+        lines << QStringLiteral(
+                     "Tail latency is volatile for %1. Add a p90 latency preference for interactive "
+                     "requests.")
                      .arg(volatileLanes.join(QStringLiteral(", ")));
     }
     // 9. Tool quality: the worst lane only.
     std::optional<std::pair<QString, ToolCallQuality>> worst;
     for (const auto& [lane, quality] : figures.toolCallQuality) {
-        if (quality.sample_count < toolMinimumSamples || !quality.valid_rate || *quality.valid_rate >= validityThreshold)
+        if (quality.sample_count < toolMinimumSamples || !quality.valid_rate ||
+            *quality.valid_rate >= validityThreshold)
             continue;
         if (!worst || *quality.valid_rate < *worst->second.valid_rate)
             worst = std::pair{lane, quality};
     }
     if (worst)
-        lines << QStringLiteral("%1 emitted schema-valid calls on %2 of %3 observed tool requests. Local Auto Exacto "
-                                "will deprioritize it for agent tools.")
+        lines << QStringLiteral(
+                     "%1 emitted schema-valid calls on %2 of %3 observed tool requests. Local Auto Exacto "
+                     "will deprioritize it for agent tools.")
                      .arg(nameOf(worst->first))
                      .arg(worst->second.valid_count)
                      .arg(worst->second.sample_count);
@@ -346,7 +378,8 @@ QVariantList RoutingViewModel::lanes() const {
     QVariantList rows;
     for (const RouterModel& model : m_figures.models) {
         QStringList details;
-        if (const auto health = m_figures.providerHealth.find(model.provider); health != m_figures.providerHealth.end())
+        if (const auto health = m_figures.providerHealth.find(model.provider);
+            health != m_figures.providerHealth.end())
             details << QStringLiteral("%1% HEALTH").arg(std::lround(health->second * 100.0));
         if (const auto adapter = m_adapters.find(model.id); adapter != m_adapters.end())
             details << adapter->second.protocol_name << adapter->second.data_policy
@@ -360,8 +393,9 @@ QVariantList RoutingViewModel::lanes() const {
                                  model.available ? QStringLiteral("READY") : QStringLiteral("NOT READY"))},
             {"available", model.available},
             {"details", details.join(QStringLiteral(" · "))},
-            {"performance", performance != m_figures.modelPerformance.end() ? performanceText(performance->second)
-                                                                           : QString()},
+            {"performance", performance != m_figures.modelPerformance.end()
+                                ? performanceText(performance->second)
+                                : QString()},
             {"toolQuality",
              quality != m_figures.toolCallQuality.end() ? toolQualityText(quality->second) : QString()},
         };
@@ -372,11 +406,12 @@ QVariantList RoutingViewModel::lanes() const {
 QVariantList RoutingViewModel::metrics() const {
     const std::optional<RouterUsage>& usage = m_figures.usage;
     const QString none = QStringLiteral("—");
-    const qint64 apiLanes = std::count_if(m_figures.models.begin(), m_figures.models.end(),
-                                          [](const RouterModel& m) { return m.channel == QLatin1String("api"); });
-    const qint64 readyLanes = std::count_if(m_figures.models.begin(), m_figures.models.end(), [](const RouterModel& m) {
-        return m.channel == QLatin1String("api") && m.available;
-    });
+    const qint64 apiLanes =
+        std::count_if(m_figures.models.begin(), m_figures.models.end(),
+                      [](const RouterModel& m) { return m.channel == QLatin1String("api"); });
+    const qint64 readyLanes =
+        std::count_if(m_figures.models.begin(), m_figures.models.end(),
+                      [](const RouterModel& m) { return m.channel == QLatin1String("api") && m.available; });
     return {
         QVariantMap{{"label", "REQUESTS"}, {"value", usage ? QString::number(usage->requests) : none}},
         QVariantMap{{"label", "SPEND"}, {"value", usage ? money(usage->spend_usd, 4) : none}},
@@ -386,7 +421,8 @@ QVariantList RoutingViewModel::metrics() const {
                     {"value", usage ? QString::number(percent(usage->cache_hit_rate)) + "%" : none}},
         QVariantMap{{"label", "API LANES"},
                     {"value", usage ? QStringLiteral("%1/%2").arg(readyLanes).arg(apiLanes) : none}},
-        QVariantMap{{"label", "PROTECTED"}, {"value", usage ? QString::number(usage->insured_requests) : none}},
+        QVariantMap{{"label", "PROTECTED"},
+                    {"value", usage ? QString::number(usage->insured_requests) : none}},
     };
 }
 
@@ -454,7 +490,9 @@ QVariantList RoutingViewModel::decisionCards() const {
     return cards;
 }
 
-QString RoutingViewModel::routedBecause() const { return m_decision ? m_decision->routed_because : QString(); }
+QString RoutingViewModel::routedBecause() const {
+    return m_decision ? m_decision->routed_because : QString();
+}
 
 QString RoutingViewModel::rejectedHeader() const {
     return m_decision ? QStringLiteral("%1 REJECTED LANE(S)").arg(m_decision->rejected.size()) : QString();
@@ -494,9 +532,15 @@ void RoutingViewModel::storeCatalog(const RouterCatalog& catalog) {
         m_adapters[adapter.model_id] = adapter;
 }
 
-void RoutingViewModel::load() { loadNow(); }
-void RoutingViewModel::preview() { previewNow(); }
-void RoutingViewModel::saveBudget() { saveBudgetNow(); }
+void RoutingViewModel::load() {
+    loadNow();
+}
+void RoutingViewModel::preview() {
+    previewNow();
+}
+void RoutingViewModel::saveBudget() {
+    saveBudgetNow();
+}
 
 QCoro::Task<> RoutingViewModel::loadNow() {
     RelayClient* client = m_auth ? m_auth->client() : nullptr;
@@ -517,9 +561,9 @@ QCoro::Task<> RoutingViewModel::loadNow() {
     if (!self)
         co_return;
     setBusy(m_isLoading, false);
-    const Error* failure = !catalog ? &catalog.error()
-                           : !usage ? &usage.error()
-                           : !budgets ? &budgets.error()
+    const Error* failure = !catalog       ? &catalog.error()
+                           : !usage       ? &usage.error()
+                           : !budgets     ? &budgets.error()
                            : !generations ? &generations.error()
                                           : nullptr;
     if (failure) {
@@ -553,8 +597,8 @@ QCoro::Task<> RoutingViewModel::previewNow() {
     const RoutePreviewForm form = m_form;
     setBusy(m_isPreviewing, true);
     setError(std::nullopt);
-    const Result<RouterPolicy> saved = co_await client->post<RouterPolicy>(QStringLiteral("v1/router/policy"),
-                                                                          policyOf(form));
+    const Result<RouterPolicy> saved =
+        co_await client->post<RouterPolicy>(QStringLiteral("v1/router/policy"), policyOf(form));
     if (!self)
         co_return;
     if (!saved) {
@@ -581,7 +625,8 @@ QCoro::Task<> RoutingViewModel::previewNow() {
     client = m_auth ? m_auth->client() : nullptr;
     if (!client)
         co_return;
-    const Result<RouterCatalog> catalog = co_await client->get<RouterCatalog>(QStringLiteral("v1/router/catalog"));
+    const Result<RouterCatalog> catalog =
+        co_await client->get<RouterCatalog>(QStringLiteral("v1/router/catalog"));
     if (!self)
         co_return;
     if (!catalog) {
@@ -605,7 +650,8 @@ QCoro::Task<> RoutingViewModel::saveBudgetNow() {
     setBusy(m_isSavingBudget, true);
     setError(std::nullopt);
     const QJsonObject body{{"period", m_budgetPeriod}, {"limit_usd", *limit}};
-    const Result<RouterBudget> saved = co_await client->postRaw<RouterBudget>(QStringLiteral("v1/router/budgets"), body);
+    const Result<RouterBudget> saved =
+        co_await client->postRaw<RouterBudget>(QStringLiteral("v1/router/budgets"), body);
     if (!self)
         co_return;
     if (!saved) {
@@ -614,9 +660,13 @@ QCoro::Task<> RoutingViewModel::saveBudgetNow() {
         co_return;
     }
     client = m_auth ? m_auth->client() : nullptr;
+    if (!client) {
+        setBusy(m_isSavingBudget, false);
+        co_return;
+    }
+    // (A co_await inside a conditional expression is miscompiled by some compilers.)
     const Result<QList<RouterBudget>> budgets =
-        client ? co_await client->get<QList<RouterBudget>>(QStringLiteral("v1/router/budgets"))
-               : Result<QList<RouterBudget>>(Error{RelayClient::notSignedInMessage});
+        co_await client->get<QList<RouterBudget>>(QStringLiteral("v1/router/budgets"));
     if (!self)
         co_return;
     setBusy(m_isSavingBudget, false);

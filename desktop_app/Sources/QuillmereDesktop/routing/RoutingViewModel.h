@@ -58,7 +58,8 @@ class RoutingViewModel : public QObject {
     Q_PROPERTY(QString providerSort READ providerSort WRITE setProviderSort NOTIFY formChanged)
     Q_PROPERTY(QString sortPartition READ sortPartition WRITE setSortPartition NOTIFY formChanged)
     Q_PROPERTY(QString preferredLatency READ preferredLatency WRITE setPreferredLatency NOTIFY formChanged)
-    Q_PROPERTY(QString preferredThroughput READ preferredThroughput WRITE setPreferredThroughput NOTIFY formChanged)
+    Q_PROPERTY(
+        QString preferredThroughput READ preferredThroughput WRITE setPreferredThroughput NOTIFY formChanged)
     Q_PROPERTY(bool previewToolCall READ previewToolCall WRITE setPreviewToolCall NOTIFY formChanged)
     Q_PROPERTY(QString strategy READ strategy WRITE setStrategy NOTIFY formChanged)
     Q_PROPERTY(QString maxCost READ maxCost WRITE setMaxCost NOTIFY formChanged)
@@ -108,7 +109,8 @@ public:
     static const QStringList& budgetPeriods();
     static QVariantMap labels();
 
-    static inline const QString tokensMessage = QStringLiteral("Token estimates must be non-negative whole numbers.");
+    static inline const QString tokensMessage =
+        QStringLiteral("Token estimates must be non-negative whole numbers.");
     static inline const QString latencyNumberMessage =
         QStringLiteral("Preferred latency must be a number of seconds or blank.");
     static inline const QString throughputNumberMessage =

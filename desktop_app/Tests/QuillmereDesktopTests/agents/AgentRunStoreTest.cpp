@@ -556,7 +556,8 @@ private slots:
         const AgentRun done = run(id);
         QCOMPARE(done.status, AgentRunStatus::failed);
         QCOMPARE(done.exitCode, std::optional<qint32>(1));
-        QVERIFY2(done.output.startsWith("API run failed: preset reviewer not found ("), qPrintable(done.output));
+        QVERIFY2(done.output.startsWith("API run failed: preset reviewer not found ("),
+                 qPrintable(done.output));
         QCOMPARE(bodies(m_proxy->requestsTo("/v1/complete")).first().value("preset").toString(), "reviewer");
         QCOMPARE(describeAll(requestsOf(id)).mid(2),
                  (QStringList{"event failed: API router run failed", "chunk 2 output", "end"}));
@@ -568,7 +569,8 @@ private slots:
         QVERIFY(recorded(id));
         const AgentRun done = run(id);
         QCOMPARE(done.status, AgentRunStatus::failed);
-        QVERIFY2(done.output.startsWith("API run failed: every lane failed; last: Fake Lane answered 400 (bad_request)"),
+        QVERIFY2(done.output.startsWith(
+                     "API run failed: every lane failed; last: Fake Lane answered 400 (bad_request)"),
                  qPrintable(done.output));
     }
 

@@ -53,8 +53,8 @@ private slots:
 
         // Something in the ledger: one completion through the router, and a budget.
         RelayClient* client = harness.auth().client();
-        GatewayCompletionInput input{"reason", "Plan the release", std::nullopt, std::nullopt, "auto",
-                                     std::nullopt, 300};
+        GatewayCompletionInput input{"reason", "Plan the release", std::nullopt, std::nullopt,
+                                     "auto",   std::nullopt,       300};
         QVERIFY(await(client->complete(input)));
         QVERIFY(await(client->postRaw<QJsonObject>("v1/router/budgets",
                                                    QJsonObject{{"period", "monthly"}, {"limit_usd", 25}})));
@@ -82,7 +82,8 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(AppHarness::textsIn(sheet).contains("PRIMARY"), 10000);
         auto* because = inSheet(sheet, "routedBecause");
         QVERIFY(because);
-        QVERIFY(because->property("text").toString().startsWith("Fake Lane (fake) was chosen for the code task"));
+        QVERIFY(
+            because->property("text").toString().startsWith("Fake Lane (fake) was chosen for the code task"));
         scrollSheet(sheet, previewButton->y() - 40);
         QTest::qWait(100);
         AppHarness::screenshotOf(sheet, "routing-decision");

@@ -1,5 +1,5 @@
-#include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "QuillmereDesktop/routing/RoutingViewModel.h"
+#include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "fakes/FakeSecretStore.h"
 #include "support/Await.h"
 #include "support/FakeProviderProcess.h"
@@ -39,7 +39,8 @@ RouterBudget budget(double utilization, std::optional<QString> project = std::nu
     return b;
 }
 
-ModelPerformance performance(qint64 samples, std::optional<double> tps, std::optional<double> p50 = std::nullopt,
+ModelPerformance performance(qint64 samples, std::optional<double> tps,
+                             std::optional<double> p50 = std::nullopt,
                              std::optional<double> p90 = std::nullopt) {
     ModelPerformance p;
     p.sample_count = samples;
@@ -121,10 +122,11 @@ private slots:
         QVERIFY(!encoded(RoutingViewModel::previewInputOf(form)).contains("tools"));
         form.channel = "api";
         const QJsonObject body = encoded(RoutingViewModel::previewInputOf(form));
-        QCOMPARE(QJsonDocument(body.value("tools").toArray()).toJson(QJsonDocument::Compact),
-                 QByteArray(R"([{"function":{"name":"project_action","parameters":{"additionalProperties":false,)"
-                            R"("properties":{"action":{"type":"string"}},"required":["action"],"type":"object"}},)"
-                            R"("type":"function"}])"));
+        QCOMPARE(
+            QJsonDocument(body.value("tools").toArray()).toJson(QJsonDocument::Compact),
+            QByteArray(R"([{"function":{"name":"project_action","parameters":{"additionalProperties":false,)"
+                       R"("properties":{"action":{"type":"string"}},"required":["action"],"type":"object"}},)"
+                       R"("type":"function"}])"));
     }
 
     void theRouterSortWithNoPreferencesLeavesProviderOut() {
@@ -178,9 +180,10 @@ private slots:
     void noReadyApiLane() {
         RoutingFigures figures = quiet();
         figures.models = {model("claude-subscription", "cli", true), model("api-lane", "api", false)};
-        QCOMPARE(RoutingViewModel::suggestionsFor(figures),
-                 QStringList{"No API lane is execution-ready. Add an adapter endpoint and its named credential to "
-                             "the relay inventory."});
+        QCOMPARE(
+            RoutingViewModel::suggestionsFor(figures),
+            QStringList{"No API lane is execution-ready. Add an adapter endpoint and its named credential to "
+                        "the relay inventory."});
         figures.models.clear();
         QCOMPARE(RoutingViewModel::suggestionsFor(figures), QStringList());
     }
@@ -189,8 +192,9 @@ private slots:
         RoutingFigures figures = quiet();
         figures.usage = usage(3, 0.2);
         QCOMPARE(RoutingViewModel::suggestionsFor(figures),
-                 QStringList{"Fallbacks are serving 20% of requests. Check the primary provider or move a healthier "
-                             "lane earlier."});
+                 QStringList{
+                     "Fallbacks are serving 20% of requests. Check the primary provider or move a healthier "
+                     "lane earlier."});
         figures.usage = usage(2, 0.5);
         QCOMPARE(RoutingViewModel::suggestionsFor(figures), QStringList());
     }
@@ -201,8 +205,9 @@ private slots:
         QCOMPARE(RoutingViewModel::suggestionsFor(figures), QStringList());
         figures.usage = usage(10);
         QCOMPARE(RoutingViewModel::suggestionsFor(figures),
-                 QStringList{"No response-cache hits yet. Deterministic agent retries and test workflows can opt in "
-                             "with X-OpenRouter-Cache: true."});
+                 QStringList{
+                     "No response-cache hits yet. Deterministic agent retries and test workflows can opt in "
+                     "with X-OpenRouter-Cache: true."});
         figures.usage = usage(10, 0, 1);
         QCOMPARE(RoutingViewModel::suggestionsFor(figures),
                  QStringList{"The local response cache served 1 request without provider tokens or cost."});
@@ -212,16 +217,18 @@ private slots:
         RoutingFigures figures = quiet();
         figures.usage = usage(1, 0, 0, 2);
         QCOMPARE(RoutingViewModel::suggestionsFor(figures),
-                 QStringList{"Zero-completion insurance protected 2 empty or error-finished provider responses from "
-                             "being recorded as spend."});
+                 QStringList{
+                     "Zero-completion insurance protected 2 empty or error-finished provider responses from "
+                     "being recorded as spend."});
     }
 
     void healthOfExactlyThreeQuartersIsNotNamed() {
         RoutingFigures figures = quiet();
         figures.providerHealth = {{"zeta", 0.5}, {"alpha", 0.1}, {"fine", 0.75}};
-        QCOMPARE(RoutingViewModel::suggestionsFor(figures),
-                 QStringList{"Recent failures lowered health for alpha, zeta. Routing already deprioritizes these "
-                             "providers."});
+        QCOMPARE(
+            RoutingViewModel::suggestionsFor(figures),
+            QStringList{"Recent failures lowered health for alpha, zeta. Routing already deprioritizes these "
+                        "providers."});
     }
 
     void onlyTheFirstBudgetAtEightyPercentIsTold() {
@@ -231,8 +238,9 @@ private slots:
         figures.budgets = {budget(0.79), budget(0.1)};
         QCOMPARE(RoutingViewModel::suggestionsFor(figures), QStringList());
         figures.budgets.clear();
-        QCOMPARE(RoutingViewModel::suggestionsFor(figures),
-                 QStringList{"No hard spend budget is set. Add one below before enabling unattended API agents."});
+        QCOMPARE(
+            RoutingViewModel::suggestionsFor(figures),
+            QStringList{"No hard spend budget is set. Add one below before enabling unattended API agents."});
     }
 
     void throughputAtTenAndFifteenFires() {
@@ -275,8 +283,9 @@ private slots:
         QCOMPARE(RoutingViewModel::suggestionsFor(figures), QStringList());
         figures.toolCallQuality = {{"poor", poor}, {"worse", worse}};
         QCOMPARE(RoutingViewModel::suggestionsFor(figures),
-                 QStringList{"worse emitted schema-valid calls on 1 of 10 observed tool requests. Local Auto Exacto "
-                             "will deprioritize it for agent tools."});
+                 QStringList{
+                     "worse emitted schema-valid calls on 1 of 10 observed tool requests. Local Auto Exacto "
+                     "will deprioritize it for agent tools."});
     }
 
     void percentagesAreCutTowardsZero() {
@@ -293,7 +302,8 @@ private slots:
         q.sample_count = 4;
         q.valid_rate = 0.75;
         q.routing_score = 66.7;
-        QCOMPARE(RoutingViewModel::toolQualityText(q), "AUTO EXACTO · 75% VALID · 4 TOOL REQUESTS · Q67 / 32D");
+        QCOMPARE(RoutingViewModel::toolQualityText(q),
+                 "AUTO EXACTO · 75% VALID · 4 TOOL REQUESTS · Q67 / 32D");
     }
 
     // Against the real relay, with one API lane on the fake provider.
@@ -314,6 +324,12 @@ private slots:
         m_view->setAuth(m_auth.get());
     }
 
+    void cleanup() {
+        m_view.reset();
+        m_auth.reset();
+        m_proxy.reset();
+    }
+
     void signIn() {
         await(m_auth->bootstrap());
         QCOMPARE(m_auth->state(), AuthStore::State::signedIn);
@@ -331,8 +347,9 @@ private slots:
         QCOMPARE(m_view->errorMessage(), QString());
         QVERIFY(m_view->lanesHeader().startsWith("execution lanes "));
         const QVariantList lanes = m_view->lanes();
-        const auto fake = std::find_if(lanes.begin(), lanes.end(),
-                                       [](const QVariant& row) { return row.toMap().value("name") == "Fake Lane"; });
+        const auto fake = std::find_if(lanes.begin(), lanes.end(), [](const QVariant& row) {
+            return row.toMap().value("name") == "Fake Lane";
+        });
         QVERIFY(fake != lanes.end());
         QCOMPARE(fake->toMap().value("summary").toString(), "fake · API · READY");
         QCOMPARE(fake->toMap().value("details").toString(), "openai_chat · standard · 1 PARAMS");

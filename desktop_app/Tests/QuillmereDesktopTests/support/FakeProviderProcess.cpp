@@ -19,7 +19,8 @@ QString interpreterWithAiohttp() {
     for (const QString& candidate : {RelayFixture::python(), QStringLiteral("/usr/bin/python3")}) {
         QProcess probe;
         probe.start(candidate, {QStringLiteral("-c"), QStringLiteral("import aiohttp")});
-        if (probe.waitForFinished(10000) && probe.exitStatus() == QProcess::NormalExit && probe.exitCode() == 0)
+        if (probe.waitForFinished(10000) && probe.exitStatus() == QProcess::NormalExit &&
+            probe.exitCode() == 0)
             return candidate;
     }
     return RelayFixture::python();
@@ -40,9 +41,10 @@ QByteArray call(const QByteArray& method, const QUrl& url, const QByteArray& bod
 
 } // namespace
 
-FakeProviderProcess::FakeProviderProcess(const QString& defaultText) : m_process(std::make_unique<QProcess>()) {
-    const QString script =
-        QDir(QStringLiteral(QUILLMERE_SOURCE_ROOT)).filePath(QStringLiteral("cloud_app/tests/fake_provider.py"));
+FakeProviderProcess::FakeProviderProcess(const QString& defaultText)
+    : m_process(std::make_unique<QProcess>()) {
+    const QString script = QDir(QStringLiteral(QUILLMERE_SOURCE_ROOT))
+                               .filePath(QStringLiteral("cloud_app/tests/fake_provider.py"));
     m_process->setStandardErrorFile(QProcess::nullDevice());
     m_process->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
     m_process->start(interpreterWithAiohttp(),
@@ -79,7 +81,8 @@ QJsonArray FakeProviderProcess::requests() const {
     target.setPath(QStringLiteral("/_fake/requests"));
     const QJsonDocument document = QJsonDocument::fromJson(call("GET", target));
     QJsonArray model;
-    const QJsonArray all = document.isArray() ? document.array() : document.object().value("requests").toArray();
+    const QJsonArray all =
+        document.isArray() ? document.array() : document.object().value("requests").toArray();
     for (const QJsonValue& request : all)
         if (request.toObject().value("path").toString().startsWith(QStringLiteral("/v1/")))
             model << request;
