@@ -48,6 +48,12 @@ ScrollView {
             font.pixelSize: Theme.bodySize
             currentIndex: Math.max(0, model.indexOf(parent.value))
             onActivated: parent.picked(currentText)
+            background: Rectangle {
+                implicitHeight: 28
+                color: Theme.paper
+                border.color: Theme.rule
+                border.width: 1
+            }
         }
     }
     component Field: ColumnLayout {
@@ -86,7 +92,9 @@ ScrollView {
             Repeater {
                 model: vm.metrics
                 OutlinedBox {
+                    // Equal columns whatever each figure's width.
                     Layout.fillWidth: true
+                    Layout.preferredWidth: 1
                     ColumnLayout {
                         width: parent.width
                         spacing: 2
@@ -118,7 +126,7 @@ ScrollView {
         }
 
         // Route preview.
-        BannerView { Layout.fillWidth: true; text: view.labels.previewHeading }
+        BannerView { objectName: "previewHeading"; Layout.fillWidth: true; text: view.labels.previewHeading }
         GridLayout {
             Layout.fillWidth: true
             columns: 2
@@ -255,6 +263,7 @@ ScrollView {
             model: vm.suggestions
             Body { text: "› " + modelData }
         }
+        Small { visible: vm.suggestions.length === 0; text: view.labels.noSuggestions; opacity: Theme.secondaryOpacity }
 
         // Hard budgets.
         BannerView { Layout.fillWidth: true; text: view.labels.budgetsHeading }

@@ -102,6 +102,7 @@ QVariantMap RoutingViewModel::labels() {
         {"maxCost", "per-request cap $ (optional)"},
         {"maxCostHint", "0.05"},
         {"suggestionsHeading", "smart suggestions"},
+        {"noSuggestions", "NOTHING TO SUGGEST FROM THESE FIGURES"},
         {"budgetsHeading", "hard spend budgets"},
         {"budgetsNote",
          "Account and project limits are enforced before every provider attempt, including fallbacks."},

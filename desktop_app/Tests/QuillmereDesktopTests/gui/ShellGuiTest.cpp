@@ -29,7 +29,7 @@ class ShellGuiTest : public QObject {
 
     // Scrolls a sheet's screen so that its content at `y` is at the top.
     static void scrollSheet(QQuickWindow* sheet, qreal y) {
-        auto* view = sheet->contentItem()->findChild<QQuickItem*>("routingView");
+        auto* view = inSheet(sheet, "routingView");
         QVERIFY(view);
         auto* flickable = view->property("contentItem").value<QQuickItem*>();
         QVERIFY(flickable);
@@ -37,8 +37,22 @@ class ShellGuiTest : public QObject {
         flickable->setProperty("contentY", std::clamp(y, 0.0, std::max(0.0, end)));
     }
 
+    // An item of a sheet by its object name, found in the visual tree (a loaded screen's
+    // items are not the loader's QObject children).
+    static QQuickItem* findItem(QQuickItem* item, const QString& name) {
+        if (!item)
+            return nullptr;
+        if (item->objectName() == name)
+            return item;
+        const auto children = item->childItems();
+        for (QQuickItem* child : children)
+            if (QQuickItem* found = findItem(child, name))
+                return found;
+        return nullptr;
+    }
+
     static QQuickItem* inSheet(QQuickWindow* sheet, const char* name) {
-        return sheet->contentItem()->findChild<QQuickItem*>(QString::fromLatin1(name));
+        return findItem(sheet->contentItem(), QString::fromLatin1(name));
     }
 
 private slots:
@@ -84,9 +98,11 @@ private slots:
         QVERIFY(because);
         QVERIFY(
             because->property("text").toString().startsWith("Fake Lane (fake) was chosen for the code task"));
-        scrollSheet(sheet, previewButton->y() - 40);
+        auto* previewHeading = inSheet(sheet, "previewHeading");
+        QVERIFY(previewHeading);
+        scrollSheet(sheet, previewHeading->y() - 8);
         QTest::qWait(100);
-        AppHarness::screenshotOf(sheet, "routing-decision");
+        AppHarness::screenshotOf(sheet, "routing-preview");
 
         scrollSheet(sheet, 100000);
         QTest::qWait(100);
