@@ -252,18 +252,22 @@ class ModelRouter:
                 else:
                     last_failure = result
                 written = generation() if final else None
-                await request.run(self._settle, user_id, reservation, row, written)
-                reservation = None
+                held, reservation = reservation, None
+                # Settling runs to its end even if the caller leaves meanwhile.
+                await asyncio.shield(request.run(self._settle, user_id, held, row, written))
                 if final:
                     break
-        finally:
+        except BaseException as error:
+            # The caller went away (or a bug): free what is held, and keep a record.
+            status = "cancelled" if isinstance(error, asyncio.CancelledError) else "failed"
             if reservation is not None:
-                # The caller went away during an attempt: free what it held, and keep a record.
-                cancelled = _attempt_row(generation_id, len(attempts) + 1, lane, project_id, "cancelled",
-                                         "cancelled", int((time.monotonic() - started) * 1000))
-                attempts.append(cancelled)
-                await asyncio.shield(request.run(self._settle, user_id, reservation, cancelled,
-                                                 generation("cancelled")))
+                ended = _attempt_row(generation_id, len(attempts) + 1, lane, project_id, status, status,
+                                     int((time.monotonic() - started) * 1000))
+                attempts.append(ended)
+                await asyncio.shield(request.run(self._settle, user_id, reservation, ended, generation(status)))
+            elif written is None:
+                await asyncio.shield(request.run(self._write_generation, user_id, generation(status)))
+            raise
         if written is None:
             written = generation()
             await request.run(self._write_generation, user_id, written)
