@@ -179,6 +179,8 @@ def decide(lanes, readiness, request, policy, signals):
     candidates = _sort(candidates, request, signals)
     fallbacks = candidates[1:1 + policy.get("max_fallbacks", 0)] if policy.get("fallback_enabled") else []
     primary = candidates[0]
+    for candidate in [primary] + fallbacks:
+        _explain(candidate, signals)
     return Decision(task=request.task, required_capabilities=needed, primary=primary, fallbacks=fallbacks,
                     rejected=rejected, routed_because=_because(primary, request, policy, len(qualified), rejected))
 
@@ -204,30 +206,39 @@ def _score(lanes, request, policy, signals):
         score = sum(weight * part for weight, part in zip(weights, parts))
         health = signals.health.get(lane.provider, 1.0)
         score *= 0.5 + 0.5 * health
-        observed = _p50(signals.performance.get(lane.id), "latency_ms") is not None
-        reasons = [f"quality {lane.quality}", f"est. ${cost:.4f}",
-                   f"{'p50' if observed else 'declared'} {latency:.0f} ms"]
-        if throughput:
-            reasons.append(f"p50 {throughput:.1f} tok/s")
-        if health < 1.0:
-            reasons.append(f"health {health * 100:.0f}%")
+        notes = []
         if request.preferred_max_latency_s is not None and latency > request.preferred_max_latency_s * 1000:
             score -= PREFERENCE_PENALTY
-            reasons.append("slower than the preferred latency")
+            notes.append("slower than the preferred latency")
         if request.preferred_min_throughput is not None and throughput is not None \
                 and throughput < request.preferred_min_throughput:
             score -= PREFERENCE_PENALTY
-            reasons.append("below the preferred throughput")
+            notes.append("below the preferred throughput")
         if request.tools and request.sort_by != "price":
             quality = signals.tool_quality.get(lane.id)
             if quality and quality.get("sample_count", 0) >= MIN_TOOL_SAMPLES:
                 # Valid tool calls matter as much as a quarter of the score: a lane that breaks
                 # schemas fails the agent that called it.
                 score = 0.75 * score + 0.25 * quality["routing_score"]
-                reasons.append(f"tool calls {quality['valid_rate'] * 100:.0f}% valid")
-        candidates.append(Candidate(lane, max(0.0, score), cost, reasons, latency, throughput))
+                notes.append(f"tool calls {quality['valid_rate'] * 100:.0f}% valid")
+        # The reasons are written out only for the lanes a decision shows (see _explain).
+        candidates.append(Candidate(lane, max(0.0, score), cost, notes, latency, throughput))
     candidates.sort(key=lambda item: (-item.score, item.cost, item.lane.id))
     return candidates
+
+
+def _explain(candidate, signals):
+    """Puts the plain reasons in front of the notes the score left."""
+    lane = candidate.lane
+    observed = _p50(signals.performance.get(lane.id), "latency_ms") is not None
+    reasons = [f"quality {lane.quality}", f"est. ${candidate.cost:.4f}",
+               f"{'p50' if observed else 'declared'} {candidate.latency_ms:.0f} ms"]
+    if candidate.throughput:
+        reasons.append(f"p50 {candidate.throughput:.1f} tok/s")
+    health = signals.health.get(lane.provider, 1.0)
+    if health < 1.0:
+        reasons.append(f"health {health * 100:.0f}%")
+    candidate.reasons = reasons + candidate.reasons
 
 
 def _metric(candidate, by):
