@@ -379,6 +379,10 @@ class RelayTestCase(unittest.TestCase):
 INTERRUPT = {"run_id": "run-1", "run_name": "claude · workspace", "kind": "approval", "prompt": "Allow Bash?",
              "options": ["Approve", "Reject"], "detail": "ls"}
 CHUNK = {"seq": 1, "stream": "output", "data": "hello\r\n", "ts": "2026-01-31T09:30:00Z"}
+# The one tool a route preview declares to simulate an agent's tool-call request.
+SAMPLE_TOOL = {"type": "function", "function": {"name": "project_action", "parameters": {
+    "type": "object", "properties": {"action": {"type": "string"}}, "required": ["action"],
+    "additionalProperties": False}}}
 ROUTES = [
     ("GET", "v1/health", False, None),
     ("POST", "v1/auth/local", False, {}),
@@ -407,6 +411,21 @@ ROUTES = [
     ("POST", "v1/projects/{id}/context", True, {"title": "Tests", "content": "Run ctest.", "source": ""}),
     ("DELETE", "v1/projects/{id}/context/{item}", True, None),
     ("POST", "v1/projects/{id}/context/pack", True, {"query": "tests", "character_budget": 1000}),
+    ("GET", "v1/router/catalog", True, None),
+    ("POST", "v1/router/policy", True, {"strategy": "balanced", "max_cost_per_request": 0.05,
+                                        "fallback_enabled": True, "max_fallbacks": 2, "allowed_providers": []}),
+    ("POST", "v1/router/preview", True, {"task": "code", "input_tokens": 8000, "estimated_output_tokens": 2000,
+                                         "latency_budget_ms": 20000, "max_cost_usd": 1.5, "channel": "any",
+                                         "provider": {"sort": {"by": "price", "partition": "model"},
+                                                      "preferred_max_latency": 2.5,
+                                                      "preferred_min_throughput": 10},
+                                         "tools": [SAMPLE_TOOL]}),
+    ("GET", "v1/router/usage", True, None),
+    ("GET", "v1/router/budgets", True, None),
+    ("POST", "v1/router/budgets", True, {"period": "monthly", "limit_usd": 25}),
+    ("GET", "v1/router/generations", True, None),
+    ("POST", "v1/complete", True, {"task": "reason", "input": "Plan the change.", "model": "auto",
+                                   "max_output_tokens": 4000}),
 ]
 
 

@@ -25,6 +25,7 @@ from .db import Database
 from .hub import Hub
 from .interrupts import Queue
 from .mailer import Mailer
+from .modelrouter import ModelRouter
 from .projects import Projects
 from .routing import Router
 from .runs import Runs
@@ -36,7 +37,7 @@ from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_s
 
 log = logging.getLogger("relay")
 
-AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects)
+AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter)
 # How often idle connections are looked for, as a share of the idle time-out.
 IDLE_SWEEPS_PER_TIMEOUT = 4
 # How often committed changes are copied from the write-ahead log into the database.

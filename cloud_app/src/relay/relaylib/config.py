@@ -50,6 +50,14 @@ SHUTDOWN_GRACE_SECONDS = 2.0
 UPSTREAM_CONNECT_SECONDS = 10.0
 UPSTREAM_READ_SECONDS = 60.0
 UPSTREAM_TOTAL_SECONDS = 600.0
+# A completion (every attempt and fallback together) ends within this long: the application
+# gives up on a request after 60 seconds.
+COMPLETE_DEADLINE_SECONDS = 55.0
+# The CLIs' status is read at most this often for routing decisions (it reads files).
+CLI_STATUS_CACHE_SECONDS = 5.0
+# Provider health, observed speed and tool-call quality are read from the ledger at most
+# this often per user when routing (a preview or a completion).
+ROUTER_SIGNALS_SECONDS = 1.0
 # At most this many provider connections open at once, over all callers.
 UPSTREAM_CONNECTIONS = 100
 # A quiet stream sends a comment this often so the client does not take it for dead
@@ -156,6 +164,9 @@ class Timings:
     upstream_connect_seconds: float = UPSTREAM_CONNECT_SECONDS
     upstream_read_seconds: float = UPSTREAM_READ_SECONDS
     upstream_total_seconds: float = UPSTREAM_TOTAL_SECONDS
+    complete_deadline_seconds: float = COMPLETE_DEADLINE_SECONDS
+    cli_status_cache_seconds: float = CLI_STATUS_CACHE_SECONDS
+    router_signals_seconds: float = ROUTER_SIGNALS_SECONDS
 
 
 # Environment variables that override a timing, with the field they set.
@@ -179,6 +190,9 @@ TIMING_VARIABLES = {
     "MERE_RELAY_UPSTREAM_CONNECT_SECONDS": "upstream_connect_seconds",
     "MERE_RELAY_UPSTREAM_READ_SECONDS": "upstream_read_seconds",
     "MERE_RELAY_UPSTREAM_TOTAL_SECONDS": "upstream_total_seconds",
+    "MERE_RELAY_COMPLETE_DEADLINE_SECONDS": "complete_deadline_seconds",
+    "MERE_RELAY_CLI_STATUS_CACHE_SECONDS": "cli_status_cache_seconds",
+    "MERE_RELAY_ROUTER_SIGNALS_SECONDS": "router_signals_seconds",
 }
 
 

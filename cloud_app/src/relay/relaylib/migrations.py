@@ -225,9 +225,96 @@ CREATE INDEX interrupts_open_polled ON interrupts (user_id) WHERE status = 'open
 """
 
 
+ROUTER = """
+CREATE TABLE router_policy (
+    user_id TEXT PRIMARY KEY REFERENCES users(id) ON DELETE CASCADE,
+    strategy TEXT NOT NULL,
+    max_cost_per_request REAL,
+    fallback_enabled INTEGER NOT NULL,
+    max_fallbacks INTEGER NOT NULL,
+    allowed_providers TEXT NOT NULL,
+    updated_at REAL NOT NULL
+);
+CREATE TABLE router_budgets (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    project_id TEXT NOT NULL,
+    period TEXT NOT NULL,
+    limit_usd REAL NOT NULL,
+    updated_at REAL NOT NULL,
+    PRIMARY KEY (user_id, project_id, period)
+);
+CREATE TABLE router_decisions (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    source TEXT NOT NULL,
+    task TEXT NOT NULL,
+    decision TEXT NOT NULL,
+    created_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id)
+);
+CREATE INDEX router_decisions_by_time ON router_decisions (user_id, created_at);
+CREATE TABLE router_generations (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    project_id TEXT,
+    route_decision_id TEXT NOT NULL,
+    task TEXT NOT NULL,
+    model_id TEXT,
+    provider TEXT,
+    service_tier TEXT NOT NULL,
+    status TEXT NOT NULL,
+    input_tokens INTEGER NOT NULL,
+    output_tokens INTEGER NOT NULL,
+    cost_usd REAL NOT NULL,
+    latency_ms INTEGER NOT NULL,
+    fell_back INTEGER NOT NULL,
+    cache_hit INTEGER NOT NULL,
+    zero_completion_insured INTEGER NOT NULL,
+    error_code TEXT,
+    request_id TEXT NOT NULL,
+    tools_declared INTEGER NOT NULL,
+    created_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id)
+);
+CREATE INDEX router_generations_by_time ON router_generations (user_id, created_at);
+CREATE TABLE router_attempts (
+    id INTEGER PRIMARY KEY,
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    generation_id TEXT NOT NULL,
+    seq INTEGER NOT NULL,
+    provider TEXT NOT NULL,
+    model_id TEXT NOT NULL,
+    project_id TEXT,
+    status TEXT NOT NULL,
+    error_code TEXT,
+    latency_ms INTEGER NOT NULL,
+    upstream_id TEXT,
+    input_tokens INTEGER NOT NULL,
+    output_tokens INTEGER NOT NULL,
+    cost_usd REAL NOT NULL,
+    throughput_tps REAL,
+    tool_valid INTEGER,
+    tool_error TEXT,
+    created_at REAL NOT NULL
+);
+CREATE INDEX router_attempts_by_generation ON router_attempts (user_id, generation_id, seq);
+CREATE INDEX router_attempts_by_time ON router_attempts (user_id, created_at);
+CREATE INDEX router_attempts_by_model ON router_attempts (user_id, model_id, created_at);
+CREATE TABLE router_reservations (
+    id INTEGER PRIMARY KEY,
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    project_id TEXT,
+    amount_usd REAL NOT NULL,
+    created_at REAL NOT NULL
+);
+CREATE INDEX router_reservations_by_user ON router_reservations (user_id);
+"""
+
+
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
     (2, "every record belongs to a user", OWNERS),
     (3, "no lone surrogates in stored interrupts", repair_stored_text),
     (4, "interrupts withdrawn by their raiser", WITHDRAWALS),
+    (5, "model router: policy, budgets, decisions, generations, attempts, reservations", ROUTER),
 ]

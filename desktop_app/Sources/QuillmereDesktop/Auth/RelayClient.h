@@ -3,6 +3,7 @@
 #include "QuillmereDesktop/common/Http.h"
 #include "QuillmereDesktop/common/Result.h"
 #include "QuillmereDesktop/common/WireCodec.h"
+#include "QuillmereDesktop/routing/RouterRecords.h"
 
 #include <QJsonObject>
 #include <QObject>
@@ -67,6 +68,12 @@ public:
     QCoro::Task<Result<void>> recordRunEvent(QString runId, QString name, QString type, qint64 tokens,
                                              double costUSD, QString detail) const;
     QCoro::Task<Result<void>> recordProviderHealth(QString provider, bool success, qint64 latencyMs) const;
+
+    // One completion through the relay's router ("v1/complete"), which picks the lane,
+    // enforces the budgets and falls back; the relay's own words on any failure.
+    QCoro::Task<Result<GatewayCompletion>> complete(GatewayCompletionInput input) const {
+        return post<GatewayCompletion>(QStringLiteral("v1/complete"), std::move(input));
+    }
 
     // The URL of a relative path, resolved against the base as a browser would.
     std::optional<QUrl> resolve(const QString& path) const;

@@ -16,7 +16,11 @@ namespace {
 // The few words of the store's own failures.
 const QString storeGoneMessage = QStringLiteral("The run store is gone.");
 const QString processGoneMessage = QStringLiteral("The process is gone.");
-const QString apiUnavailableMessage = QStringLiteral("API router runs are not available in this version.");
+// What an API run asks the router for: analysis text for the whole prompt, on whichever
+// lane the router picks.
+const QString apiTask = QStringLiteral("reason");
+const QString apiModel = QStringLiteral("auto");
+constexpr qint64 apiMaxOutputTokens = 4000;
 const QString apiFailedPrefix = QStringLiteral("API run failed: ");
 // A login shell that runs one line and ends.
 const QStringList loginShellFlags{QStringLiteral("-l"), QStringLiteral("-c")};
@@ -298,26 +302,43 @@ void AgentRunStore::terminateAll() {
 
 QCoro::Task<> AgentRunStore::runAPI(QUuid id, QString prompt, std::optional<QString> preset,
                                     HeldRelayClient client, std::shared_ptr<APITask> task) {
-    // The gateway completion of the API lane is not part of this version. Until it is,
-    // an API run ends as a failed API run, through the lane's own bookkeeping.
-    Q_UNUSED(prompt);
-    Q_UNUSED(preset);
     QPointer<AgentRunStore> self(this);
-    const Error error{apiUnavailableMessage};
+    GatewayCompletionInput input;
+    input.task = apiTask;
+    input.input = std::move(prompt);
+    input.model = apiModel;
+    input.preset = std::move(preset);
+    input.max_output_tokens = apiMaxOutputTokens;
+    const Result<GatewayCompletion> answer = co_await client.get().complete(std::move(input));
+    if (!self)
+        co_return;
     const AgentRun* run = find(id);
     if (!run)
         co_return;
+    // An answer that arrives after a cancel is thrown away: the run ends cancelled, as an
+    // error after a cancel does, whatever the error.
     const bool cancelled = run->status == AgentRunStatus::cancelling || task->cancelled;
     changeRun(id, [&](AgentRun& r) {
-        r.status = cancelled ? AgentRunStatus::cancelled : AgentRunStatus::failed;
-        r.exitCode = cancelled ? std::nullopt : std::optional<qint32>(1);
-        if (!cancelled)
-            r.output = apiFailedPrefix + error.message;
+        if (cancelled) {
+            r.status = AgentRunStatus::cancelled;
+            r.exitCode = std::nullopt;
+        } else if (answer) {
+            r.status = AgentRunStatus::completed;
+            r.exitCode = 0;
+            r.output = answer.value().output;
+        } else {
+            r.status = AgentRunStatus::failed;
+            r.exitCode = 1;
+            r.output = apiFailedPrefix + answer.error().message;
+        }
     });
     const AgentRun ended = *find(id);
-    (void)co_await client.get().recordRunEvent(
-        ended.relayRunId(), runName(ended.agent, ended.safety), event::failed, 0, 0,
-        cancelled ? event::apiCancelledDetail : event::apiFailedDetail);
+    const bool completed = ended.status == AgentRunStatus::completed;
+    (void)co_await client.get().recordRunEvent(ended.relayRunId(), runName(ended.agent, ended.safety),
+                                               completed ? event::finished : event::failed, 0, 0,
+                                               completed   ? event::apiCompletedDetail
+                                               : cancelled ? event::apiCancelledDetail
+                                                           : event::apiFailedDetail);
     if (!self)
         co_return;
     m_apiTasks.remove(id);

@@ -8,6 +8,13 @@ RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& c
     connect(m_auth, &AuthStore::stateChanged, this, &RootController::onAuthStateChanged);
 }
 
+void RootController::setShowRouting(bool show) {
+    if (m_showRouting == show)
+        return;
+    m_showRouting = show;
+    emit sheetsChanged();
+}
+
 void RootController::onAuthStateChanged() {
     const bool isSignedIn = signedIn();
     if (isSignedIn != m_wasSignedIn) {

@@ -19,6 +19,8 @@ class RootController : public QObject {
     QML_SINGLETON
     Q_PROPERTY(bool signedIn READ signedIn NOTIFY signedInChanged)
     Q_PROPERTY(QString wordmark READ wordmark CONSTANT)
+    // The sheets: each is a window of its own, open while its flag is set.
+    Q_PROPERTY(bool showRouting READ showRouting WRITE setShowRouting NOTIFY sheetsChanged)
 
 public:
     // After the first sign-in, how long to wait before the second status check.
@@ -37,11 +39,15 @@ public:
     bool signedIn() const { return m_auth->state() == AuthStore::State::signedIn; }
     bool hasAutoOpenedTerminal() const { return m_hasAutoOpenedTerminal; }
 
+    bool showRouting() const { return m_showRouting; }
+    void setShowRouting(bool show);
+
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
 
 signals:
     void signedInChanged();
+    void sheetsChanged();
     // The first sign-in's second status check is done (the first-run screen hooks in here).
     void firstRunChecked();
 
@@ -54,4 +60,6 @@ private:
     std::chrono::milliseconds m_firstRunCheckDelay;
     bool m_hasAutoOpenedTerminal = false;
     bool m_wasSignedIn = false;
+    // Sign-out leaves a sheet's flag as it was.
+    bool m_showRouting = false;
 };

@@ -32,6 +32,13 @@ Rectangle {
             }
             StatusDot { objectName: "statusDot"; online: AppState.online }
             Item { Layout.fillWidth: true }
+            PanelButton {
+                objectName: "routingButton"
+                text: "⌁"
+                help: "Model router"
+                shortcut: "Ctrl+Shift+R"
+                onClicked: RootController.showRouting = true
+            }
         }
         RuleView { Layout.fillWidth: true }
 
@@ -46,6 +53,16 @@ Rectangle {
             // By file: QtQuick has a base type of its own named ItemView.
             Loader { source: "ItemView.qml" }
         }
+    }
+
+    // The sheets, each opened by its flag on the root controller.
+    SheetWindow {
+        objectName: "routingSheet"
+        title: "model router"
+        transientParent: root.Window.window
+        open: RootController.showRouting
+        onCloseRequested: RootController.showRouting = false
+        content: Component { RoutingView {} }
     }
 
     Text {

@@ -1,4 +1,5 @@
 #include "QuillmereDesktop/agents/AgentRunStore.h"
+#include "support/FakeProviderProcess.h"
 #include "support/RelayFixture.h"
 #include "support/RelayProxy.h"
 #include "support/RelaySession.h"
@@ -104,7 +105,9 @@ QString passwordDatabaseShell() {
 class AgentRunStoreTest : public QObject {
     Q_OBJECT
 
-    RelayFixture m_relay;
+    // API runs go through the relay's router to this provider, its one API lane.
+    FakeProviderProcess m_fake{QStringLiteral("The plan, from the fake provider.")};
+    RelayFixture m_relay{RelayFixture::Options{true, m_fake.inventory()}};
     QString m_token;
     QTemporaryDir m_home; // HOME of the runs, with the profile that finds the fakes
     QTemporaryDir m_work; // the working folder of the runs
@@ -515,19 +518,91 @@ private slots:
                               "event finished: Local CLI run completed"}));
     }
 
-    void theAPILaneOpensItsSessionAndEndsAsNotYetAvailable() {
+    void anAPIRunCompletesThroughTheRelaysRouterWithTheProvidersAnswer() {
+        QVERIFY(!m_fake.url().isEmpty());
         const QUuid id = launch(LocalAgent::api, AgentSafety::workspace, "Summarise the design");
+        QVERIFY(recorded(id));
+        const AgentRun done = run(id);
+        QCOMPARE(done.status, AgentRunStatus::completed);
+        QCOMPARE(done.exitCode, std::optional<qint32>(0));
+        QCOMPARE(done.output, "The plan, from the fake provider.");
+        QCOMPARE(describeAll(m_proxy->requests()),
+                 (QStringList{"event started: Started from the Quillmere orchestrator",
+                              "session orchestrator:api router", "chunk 1 input", "other /v1/complete",
+                              "event finished: API router run completed", "chunk 2 output", "end"}));
+        // The request: the whole prompt, the router's choice, no preset key when none is chosen.
+        QCOMPARE(bodies(m_proxy->requestsTo("/v1/complete")).first(),
+                 (QJsonObject{{"task", "reason"},
+                              {"input", "Summarise the design"},
+                              {"model", "auto"},
+                              {"max_output_tokens", 4000}}));
+        QCOMPARE(bodies(m_proxy->requestsTo("/v1/events")).first().value("name").toString(),
+                 QString("api router \u00B7 plan only"));
+        // The provider really answered it, and the relay's copy of the run holds the answer.
+        const QJsonArray sent = m_fake.requests();
+        QVERIFY(!sent.isEmpty());
+        QVERIFY(QJsonDocument(sent.last().toObject()).toJson().contains("Summarise the design"));
+        const auto session = storedSession(m_relay.url(), m_token, *done.sessionId);
+        QVERIFY(session);
+        QCOMPARE(session->chunks.last().data, "The plan, from the fake provider.");
+        QVERIFY(session->ended_at);
+    }
+
+    void theChosenPresetIsSentAndTheRelaysRefusalFailsTheRun() {
+        m_store->launch(LocalAgent::api, AgentSafety::plan, "Review this", m_work.path(), m_client.get(),
+                        QStringLiteral("reviewer"));
+        const QUuid id = m_store->runs().first().id;
         QVERIFY(recorded(id));
         const AgentRun done = run(id);
         QCOMPARE(done.status, AgentRunStatus::failed);
         QCOMPARE(done.exitCode, std::optional<qint32>(1));
-        QCOMPARE(done.output, "API run failed: API router runs are not available in this version.");
-        QCOMPARE(describeAll(m_proxy->requests()),
-                 (QStringList{"event started: Started from the Quillmere orchestrator",
-                              "session orchestrator:api router", "chunk 1 input",
-                              "event failed: API router run failed", "chunk 2 output", "end"}));
-        QCOMPARE(bodies(m_proxy->requestsTo("/v1/events")).first().value("name").toString(),
-                 QString("api router \u00B7 plan only"));
+        QVERIFY2(done.output.startsWith("API run failed: preset reviewer not found ("),
+                 qPrintable(done.output));
+        QCOMPARE(bodies(m_proxy->requestsTo("/v1/complete")).first().value("preset").toString(), "reviewer");
+        QCOMPARE(describeAll(requestsOf(id)).mid(2),
+                 (QStringList{"event failed: API router run failed", "chunk 2 output", "end"}));
+    }
+
+    void aProviderThatRefusesTheRequestFailsTheRunWithTheRelaysWords() {
+        QVERIFY(m_fake.script(QJsonArray{QJsonObject{{"status", 400}, {"error_message", "bad parameter"}}}));
+        const QUuid id = launch(LocalAgent::api, AgentSafety::plan, "Plan the migration");
+        QVERIFY(recorded(id));
+        const AgentRun done = run(id);
+        QCOMPARE(done.status, AgentRunStatus::failed);
+        QVERIFY2(done.output.startsWith(
+                     "API run failed: every lane failed; last: Fake Lane answered 400 (bad_request)"),
+                 qPrintable(done.output));
+    }
+
+    void aCompletionThatArrivesAfterCancelIsDiscarded() {
+        QVERIFY(m_fake.script(QJsonArray{QJsonObject{{"first_byte_delay", 0.5}}}));
+        const QUuid id = launch(LocalAgent::api, AgentSafety::plan, "Think slowly");
+        QVERIFY(waitUntil([&] { return !m_proxy->requestsTo("/v1/complete").isEmpty(); }));
+        QCOMPARE(run(id).status, AgentRunStatus::running);
+        m_store->cancel(id);
+        QCOMPARE(run(id).status, AgentRunStatus::cancelling);
+        QCOMPARE(m_store->activeCount(), 1);
+        QVERIFY(recorded(id));
+        const AgentRun done = run(id);
+        QCOMPARE(done.status, AgentRunStatus::cancelled);
+        QCOMPARE(done.exitCode, std::nullopt);
+        QCOMPARE(done.output, QString());
+        QCOMPARE(describeAll(requestsOf(id)).mid(2),
+                 (QStringList{"event failed: API router run cancelled", "chunk 2 output", "end"}));
+        // The empty output still goes to the relay as chunk 2.
+        const auto session = storedSession(m_relay.url(), m_token, *done.sessionId);
+        QVERIFY(session);
+        QCOMPARE(session->chunks.last().data, QString());
+    }
+
+    void anErrorAfterCancelEndsTheRunCancelled() {
+        QVERIFY(m_fake.script(QJsonArray{QJsonObject{{"status", 400}, {"first_byte_delay", 0.5}}}));
+        const QUuid id = launch(LocalAgent::api, AgentSafety::plan, "Fail after the cancel");
+        QVERIFY(waitUntil([&] { return !m_proxy->requestsTo("/v1/complete").isEmpty(); }));
+        m_store->cancel(id);
+        QVERIFY(recorded(id));
+        QCOMPARE(run(id).status, AgentRunStatus::cancelled);
+        QCOMPARE(run(id).output, QString());
     }
 };
 

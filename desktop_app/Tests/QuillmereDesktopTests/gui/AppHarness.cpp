@@ -136,3 +136,25 @@ QString AppHarness::screenshot(const QString& name) const {
     m_window->grabWindow().save(path);
     return path;
 }
+
+QQuickWindow* AppHarness::sheet(const QString& objectName) const {
+    return m_window ? m_window->findChild<QQuickWindow*>(objectName) : nullptr;
+}
+
+QStringList AppHarness::textsIn(QQuickWindow* window) {
+    QList<QQuickItem*> all;
+    collectTexts(window ? window->contentItem() : nullptr, all);
+    QStringList texts;
+    for (QQuickItem* item : all)
+        if (isShown(item))
+            texts << item->property("text").toString();
+    return texts;
+}
+
+QString AppHarness::screenshotOf(QQuickWindow* window, const QString& name) {
+    const QString folder = QDir::current().filePath(QStringLiteral("screenshots"));
+    QDir().mkpath(folder);
+    const QString path = QDir(folder).filePath(name + QStringLiteral(".png"));
+    window->grabWindow().save(path);
+    return path;
+}

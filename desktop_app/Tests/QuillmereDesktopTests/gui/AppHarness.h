@@ -47,6 +47,12 @@ public:
     // Writes a picture of the window to the build folder's screenshots/NAME.png.
     QString screenshot(const QString& name) const;
 
+    // A sheet (a window of its own) by its object name, or null.
+    QQuickWindow* sheet(const QString& objectName) const;
+    // The visible texts of any window, top to bottom, and a picture of it.
+    static QStringList textsIn(QQuickWindow* window);
+    static QString screenshotOf(QQuickWindow* window, const QString& name);
+
 private:
     Options m_options;
     QTemporaryDir m_home;

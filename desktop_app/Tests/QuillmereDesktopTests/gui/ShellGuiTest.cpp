@@ -1,10 +1,13 @@
 #include "gui/AppHarness.h"
 #include "support/Await.h"
+#include "support/FakeProviderProcess.h"
 #include "support/RelayFixture.h"
 
 #include <QJsonArray>
+#include <QQuickItem>
 #include <QTest>
 
+#include <algorithm>
 #include <chrono>
 
 using namespace std::chrono_literals;
@@ -24,7 +27,95 @@ class ShellGuiTest : public QObject {
         return raised ? raised->value("id").toString() : QString();
     }
 
+    // Scrolls a sheet's screen so that its content at `y` is at the top.
+    static void scrollSheet(QQuickWindow* sheet, qreal y) {
+        auto* view = inSheet(sheet, "routingView");
+        QVERIFY(view);
+        auto* flickable = view->property("contentItem").value<QQuickItem*>();
+        QVERIFY(flickable);
+        const qreal end = flickable->property("contentHeight").toReal() - flickable->height();
+        flickable->setProperty("contentY", std::clamp(y, 0.0, std::max(0.0, end)));
+    }
+
+    // An item of a sheet by its object name, found in the visual tree (a loaded screen's
+    // items are not the loader's QObject children).
+    static QQuickItem* findItem(QQuickItem* item, const QString& name) {
+        if (!item)
+            return nullptr;
+        if (item->objectName() == name)
+            return item;
+        const auto children = item->childItems();
+        for (QQuickItem* child : children)
+            if (QQuickItem* found = findItem(child, name))
+                return found;
+        return nullptr;
+    }
+
+    static QQuickItem* inSheet(QQuickWindow* sheet, const char* name) {
+        return findItem(sheet->contentItem(), QString::fromLatin1(name));
+    }
+
 private slots:
+    void theModelRouterOpensInItsOwnSheetWithLanesPreviewAndLedger() {
+        FakeProviderProcess fake(QStringLiteral("Routed by the relay."));
+        QVERIFY(!fake.url().isEmpty());
+        RelayFixture relay(RelayFixture::Options{true, fake.inventory()});
+        QVERIFY(relay.start());
+        AppHarness harness({relay.url(), false});
+        QVERIFY(harness.load());
+        QTRY_VERIFY_WITH_TIMEOUT(harness.showsText("ONLINE"), 10000);
+
+        // Something in the ledger: one completion through the router, and a budget.
+        RelayClient* client = harness.auth().client();
+        GatewayCompletionInput input{"reason", "Plan the release", std::nullopt, std::nullopt,
+                                     "auto",   std::nullopt,       300};
+        QVERIFY(await(client->complete(input)));
+        QVERIFY(await(client->postRaw<QJsonObject>("v1/router/budgets",
+                                                   QJsonObject{{"period", "monthly"}, {"limit_usd", 25}})));
+
+        QVERIFY(harness.showsText("⌁"));
+        QVERIFY(harness.click("⌁"));
+        QQuickWindow* sheet = harness.sheet("routingSheet");
+        QVERIFY(sheet);
+        QTRY_VERIFY(sheet->isVisible());
+        QCOMPARE(sheet->transientParent(), harness.window());
+        QTRY_VERIFY_WITH_TIMEOUT(AppHarness::textsIn(sheet).contains("Fake Lane"), 10000);
+        const QStringList shown = AppHarness::textsIn(sheet);
+        QVERIFY(shown.contains("model router"));
+        QVERIFY(shown.contains("execution lanes 3"));
+        QVERIFY(shown.contains("fake · API · READY"));
+        QVERIFY(shown.contains("fake-lane"));
+        QVERIFY(shown.contains("ACCOUNT · monthly"));
+        QVERIFY(shown.contains("1/1"));
+        AppHarness::screenshotOf(sheet, "routing-lanes");
+
+        // A preview saves the policy and shows the decision.
+        auto* previewButton = inSheet(sheet, "previewButton");
+        QVERIFY(previewButton);
+        QMetaObject::invokeMethod(previewButton, "clicked");
+        QTRY_VERIFY_WITH_TIMEOUT(AppHarness::textsIn(sheet).contains("PRIMARY"), 10000);
+        auto* because = inSheet(sheet, "routedBecause");
+        QVERIFY(because);
+        QVERIFY(
+            because->property("text").toString().startsWith("Fake Lane (fake) was chosen for the code task"));
+        auto* previewHeading = inSheet(sheet, "previewHeading");
+        QVERIFY(previewHeading);
+        scrollSheet(sheet, previewHeading->y() - 8);
+        QTest::qWait(100);
+        AppHarness::screenshotOf(sheet, "routing-preview");
+
+        scrollSheet(sheet, 100000);
+        QTest::qWait(100);
+        AppHarness::screenshotOf(sheet, "routing-ledger");
+
+        // The close control puts the flag back; the main window stays.
+        auto* close = inSheet(sheet, "sheetClose");
+        QVERIFY(close);
+        QMetaObject::invokeMethod(close, "clicked");
+        QTRY_VERIFY(!sheet->isVisible());
+        QVERIFY(harness.window()->isVisible());
+    }
+
     void windowIsTheOneQuillmereWindow() {
         RelayFixture relay;
         QVERIFY(relay.start());

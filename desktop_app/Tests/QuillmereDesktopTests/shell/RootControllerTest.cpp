@@ -52,8 +52,17 @@ private slots:
         QVERIFY(cli.isPolling());
         QTRY_COMPARE(firstRun.count(), 1);
 
+        // A sheet opened by its panel button stays open through a sign-out.
+        QVERIFY(!root.showRouting());
+        QSignalSpy sheets(&root, &RootController::sheetsChanged);
+        root.setShowRouting(true);
+        QCOMPARE(sheets.count(), 1);
+        root.setShowRouting(true);
+        QCOMPARE(sheets.count(), 1);
+
         app.setScreen(AppState::Screen::queue);
         auth.signOut();
+        QVERIFY(root.showRouting());
         QVERIFY(!root.signedIn());
         QVERIFY(!app.client());
         QVERIFY(!app.online());

@@ -1,0 +1,426 @@
+"""The router's paths: catalog, policy, preview, budgets, usage, generations, and completions.
+
+A completion is routed by the same `scoring.decide` as a preview, then tried lane by lane:
+before each attempt its worst case (the whole request body counted at one token per byte,
+plus the whole `max_output_tokens`, at the lane's prices) is reserved against every budget that
+applies, in one write transaction; after it, the reservation is replaced by what the
+provider reported. So any number of completions at once can never spend past a budget.
+"""
+
+import asyncio
+import json
+import math
+import secrets
+import threading
+import time
+
+from .. import clock
+from ..cli_status import CliInspector
+from ..config import HEALTH_WINDOW
+from ..errors import ApiError, bad_request, not_found
+from ..jsonio import Body
+from . import ledger, protocols, scoring
+from .calls import attempt
+from .lanes import INVENTORY_VARIABLE, Catalog, adapter_record, model_record
+from .toolcheck import check_answer
+
+# Policy limits.
+MAX_FALLBACKS = 10
+MAX_ALLOWED_PROVIDERS = 100
+MAX_NAME = 200
+# Completion limits.
+MAX_INPUT_CHARACTERS = 4_000_000
+MAX_OUTPUT_TOKENS = 1_000_000
+MAX_TOOLS = 64
+# A token estimate for scoring only: about four bytes of text per token.
+BYTES_PER_TOKEN_ESTIMATE = 4
+NO_LANE_STATUS = 422
+BUDGET_STATUS = 402
+ALL_FAILED_STATUS = 502
+
+
+def _new_id(prefix):
+    return prefix + secrets.token_hex(12)
+
+
+class ModelRouter:
+    def __init__(self, app):
+        self.app = app
+        self.db = app.db
+        self.timings = app.settings.timings
+        self.catalog = Catalog(app.settings.get(INVENTORY_VARIABLE), app.settings.get, self._cli_status)
+        self._cli_lock = threading.Lock()
+        self._cli_cached = None
+        self._cli_read_at = -math.inf
+        self._signals_lock = threading.Lock()
+        self._signals_cache = {}  # user id -> (read at, health, performance, tool quality)
+
+    def register(self, router):
+        router.add("GET", "v1/router/catalog", self.read_catalog)
+        router.add("POST", "v1/router/policy", self.save_policy, quick=True)
+        router.add("POST", "v1/router/preview", self.preview)
+        router.add("GET", "v1/router/usage", self.read_usage)
+        router.add("GET", "v1/router/budgets", self.read_budgets)
+        router.add("POST", "v1/router/budgets", self.save_budget, quick=True)
+        router.add("GET", "v1/router/generations", self.read_generations)
+        router.add("POST", "v1/complete", self.complete)
+
+    async def start(self):
+        # Nothing is in flight when the relay starts: reservations left by a stopped relay go.
+        await self.app.workers.run(ledger.clear_reservations, self.db)
+
+    def _cli_status(self):
+        """The CLIs' status, read at most once per `cli_status_cache_seconds`."""
+        with self._cli_lock:
+            now = time.monotonic()
+            if self._cli_cached is None or now - self._cli_read_at >= self.timings.cli_status_cache_seconds:
+                self._cli_cached = self.app.areas[CliInspector].status()
+                self._cli_read_at = now
+            return self._cli_cached
+
+    # Reads.
+
+    def _signals(self, conn, user_id, project_id=None):
+        """What routing weighs: health, speed and tool-call quality (read at most once per
+        `router_signals_seconds` per user, since every request would otherwise scan the
+        recent ledger), and the budget's headroom (always read afresh)."""
+        now = time.monotonic()
+        with self._signals_lock:
+            cached = self._signals_cache.get(user_id)
+        if cached is None or now - cached[0] >= self.timings.router_signals_seconds:
+            cached = (now, ledger.provider_health(conn, HEALTH_WINDOW), ledger.performance(conn),
+                      ledger.tool_quality(conn))
+            with self._signals_lock:
+                self._signals_cache[user_id] = cached
+        return scoring.Signals(health=cached[1], performance=cached[2], tool_quality=cached[3],
+                               budget_remaining=ledger.headroom(conn, project_id))
+
+    def read_catalog(self, request):
+        readiness = self.catalog.readiness()
+        with self.db.read_as(request.user_id) as conn:
+            policy = ledger.read_policy(conn)
+            health = ledger.provider_health(conn, HEALTH_WINDOW)
+            performance = ledger.performance(conn)
+            quality = ledger.tool_quality(conn)
+        return {"models": [model_record(lane, readiness[lane.id] is None) for lane in self.catalog.lanes],
+                "policy": ledger.policy_record(policy), "provider_health": health,
+                "model_performance": performance, "tool_call_quality": quality,
+                "adapters": [adapter_record(lane, readiness[lane.id] is None) for lane in self.catalog.lanes]}
+
+    def read_usage(self, request):
+        with self.db.read_as(request.user_id) as conn:
+            return ledger.usage(conn)
+
+    def read_budgets(self, request):
+        with self.db.read_as(request.user_id) as conn:
+            return ledger.budgets(conn)
+
+    def read_generations(self, request):
+        with self.db.read_as(request.user_id) as conn:
+            return ledger.generations(conn)
+
+    # Writes.
+
+    def save_policy(self, request):
+        body = request.body()
+        cap = body.number("max_cost_per_request", required=False, minimum=0)
+        providers = body.string_list("allowed_providers")
+        if len(providers) > MAX_ALLOWED_PROVIDERS or any(len(name) > MAX_NAME or not name.strip() for name in providers):
+            raise bad_request(f"allowed_providers must hold at most {MAX_ALLOWED_PROVIDERS} non-empty names "
+                              f"of at most {MAX_NAME} characters")
+        policy = {"strategy": body.one_of("strategy", scoring.STRATEGIES), "max_cost_per_request": cap,
+                  "fallback_enabled": body.boolean("fallback_enabled"),
+                  "max_fallbacks": body.integer("max_fallbacks", minimum=0, maximum=MAX_FALLBACKS),
+                  "allowed_providers": providers}
+        with self.db.write_as(request.user_id) as conn:
+            ledger.write_policy(conn, policy)
+        return ledger.policy_record(policy)
+
+    def save_budget(self, request):
+        body = request.body()
+        period = body.one_of("period", ledger.PERIODS)
+        limit = body.number("limit_usd", minimum=0)
+        if limit <= 0:
+            raise bad_request("limit_usd must be above 0")
+        project_id = body.string("project_id", required=False, non_empty=True, max_length=MAX_NAME)
+        with self.db.write_as(request.user_id) as conn:
+            if project_id is not None:
+                self._check_project(conn, project_id)
+            ledger.set_budget(conn, period, limit, project_id or ledger.ACCOUNT)
+            for budget in ledger.budgets(conn):
+                if budget["period"] == period and budget.get("project_id") == project_id:
+                    return budget
+        raise ApiError(500, "internal error")
+
+    @staticmethod
+    def _check_project(conn, project_id):
+        if conn.execute("SELECT 1 FROM projects WHERE user_id = :user_id AND id = :id",
+                        {"id": project_id}).fetchone() is None:
+            raise not_found("project not found")
+
+    # Preview.
+
+    def preview(self, request):
+        body = request.body()
+        tokens_in = body.integer("input_tokens", minimum=0, maximum=MAX_OUTPUT_TOKENS * 100)
+        tokens_out = body.integer("estimated_output_tokens", minimum=0, maximum=MAX_OUTPUT_TOKENS * 100)
+        route = scoring.RouteRequest(
+            task=body.one_of("task", scoring.TASKS), input_tokens=tokens_in, output_tokens=tokens_out,
+            channel=body.one_of("channel", scoring.CHANNELS),
+            latency_budget_ms=body.integer("latency_budget_ms", required=False, minimum=0),
+            max_cost_usd=body.number("max_cost_usd", required=False, minimum=0),
+            tools=_tools(body))
+        if body.has("provider"):
+            raw = request.json()["provider"]
+            provider = Body(raw, "provider.")
+            if provider.has("sort"):
+                sort = Body(raw["sort"], "provider.sort.")
+                route.sort_by = sort.one_of("by", scoring.SORTS)
+                route.partition = sort.one_of("partition", scoring.PARTITIONS)
+            route.preferred_max_latency_s = provider.number("preferred_max_latency", required=False, minimum=0)
+            route.preferred_min_throughput = provider.number("preferred_min_throughput", required=False, minimum=0)
+        readiness = self.catalog.readiness()
+        with self.db.read_as(request.user_id) as conn:
+            policy = ledger.read_policy(conn)
+            signals = self._signals(conn, request.user_id)
+        try:
+            decision = scoring.decide(self.catalog.lanes, readiness, route, policy, signals)
+        except scoring.NoLane as error:
+            raise ApiError(NO_LANE_STATUS, error.message) from None
+        record = decision_record(_new_id("rd_"), clock.now_iso(), decision, readiness)
+        with self.db.write_as(request.user_id) as conn:
+            ledger.store_decision(conn, record["id"], "preview", route.task, record)
+        return record
+
+    # Completions.
+
+    async def complete(self, request):
+        body = request.body()
+        task = body.one_of("task", scoring.TASKS)
+        text = body.string("input", non_empty=True, max_length=MAX_INPUT_CHARACTERS)
+        instructions = body.string("instructions", required=False, max_length=MAX_INPUT_CHARACTERS)
+        project_id = body.string("project_id", required=False, non_empty=True, max_length=MAX_NAME)
+        model = body.string("model", required=False, non_empty=True, max_length=MAX_NAME) or "auto"
+        preset = body.string("preset", required=False, non_empty=True, max_length=MAX_NAME)
+        max_output = body.integer("max_output_tokens", minimum=1, maximum=MAX_OUTPUT_TOKENS)
+        tools = _tools(body)
+        if preset is not None:
+            # Presets are kept by an area this relay does not have yet: a named one cannot exist.
+            raise not_found(f"preset {preset} not found")
+        prompt_bytes = len(text.encode("utf-8")) + len((instructions or "").encode("utf-8"))
+        route = scoring.RouteRequest(task=task, input_tokens=max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE),
+                                     output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
+        started = time.monotonic()
+        user_id = request.user_id
+        generation_id = _new_id("gen_")
+
+        def worst(lane):
+            return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
+
+        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst)
+        candidates = [decision.primary] + decision.fallbacks
+        deadline = started + self.timings.complete_deadline_seconds
+        attempts, answer, last_failure, refused_for_budget, written = [], None, None, False, None
+        lane = None
+
+        def generation(status=None):
+            return _generation_row(generation_id, record, route, answer, attempts, started, request.request_id, status)
+
+        try:
+            for seq, candidate in enumerate(candidates, start=1):
+                lane = candidate.lane
+                key = self.catalog.key(lane)
+                remaining = deadline - time.monotonic()
+                if key is None or remaining <= 0:
+                    if reservation is not None:
+                        await request.run(self._release, user_id, reservation)
+                        reservation = None
+                    continue
+                if reservation is None and seq > 1:
+                    reservation = await request.run(self._reserve, user_id, worst(lane), project_id)
+                if reservation is None:
+                    refused_for_budget = True
+                    attempts.append(_attempt_row(generation_id, seq, lane, project_id, "refused", "budget_exceeded", 0))
+                    continue
+                result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining)
+                row = _result_row(generation_id, seq, lane, project_id, result, tools)
+                attempts.append(row)
+                final = row["status"] == "succeeded" or result.failure in protocols.NOT_RETRYABLE \
+                    or seq == len(candidates)
+                if row["status"] == "succeeded":
+                    answer = (candidate, result)
+                else:
+                    last_failure = result
+                written = generation() if final else None
+                held, reservation = reservation, None
+                # Settling runs to its end even if the caller leaves meanwhile.
+                await asyncio.shield(request.run(self._settle, user_id, held, row, written))
+                if final:
+                    break
+        except BaseException as error:
+            # The caller went away (or a bug): free what is held, and keep a record.
+            status = "cancelled" if isinstance(error, asyncio.CancelledError) else "failed"
+            if reservation is not None:
+                ended = _attempt_row(generation_id, len(attempts) + 1, lane, project_id, status, status,
+                                     int((time.monotonic() - started) * 1000))
+                attempts.append(ended)
+                await asyncio.shield(request.run(self._settle, user_id, reservation, ended, generation(status)))
+            elif written is None:
+                await asyncio.shield(request.run(self._write_generation, user_id, generation(status)))
+            raise
+        if written is None:
+            written = generation()
+            await request.run(self._write_generation, user_id, written)
+        if answer is None:
+            if last_failure is None and refused_for_budget:
+                raise ApiError(BUDGET_STATUS, "budget exceeded: the worst-case cost of this request is more than "
+                                              "the budget has left")
+            if last_failure is None:
+                raise ApiError(ALL_FAILED_STATUS, "no lane could be tried before the deadline")
+            raise ApiError(ALL_FAILED_STATUS, f"every lane failed; last: {last_failure.message} "
+                                              f"({last_failure.failure})")
+        candidate, result = answer
+        lane = candidate.lane
+        completion = {"id": generation_id, "output": result.outcome.text, "model": lane.id,
+                      "provider": lane.provider, "upstream_model": lane.upstream_model}
+        if result.outcome.finish_reason:
+            completion["finish_reason"] = result.outcome.finish_reason
+        completion.update({
+            "usage": {"input_tokens": written["input_tokens"], "output_tokens": written["output_tokens"],
+                      "cost_usd": written["cost_usd"]},
+            "latency_ms": written["latency_ms"], "fell_back": bool(written["fell_back"]),
+            "attempts": [ledger.attempt_record(row) for row in attempts], "route_decision_id": record["id"],
+            "routed_because": decision.routed_because, "request_id": request.request_id})
+        return completion
+
+    def _route_completion(self, user_id, route, model, worst):
+        """Decides, stores the decision and reserves the primary lane's worst case, in one write."""
+        readiness = self.catalog.readiness()
+        lanes = self.catalog.lanes
+        if model != "auto":
+            lanes = [lane for lane in lanes if model in (lane.id, lane.routing_model)]
+            if not lanes:
+                raise not_found(f"model {model} is not in the catalog")
+        with self.db.read_as(user_id) as conn:
+            if route.project_id is not None:
+                self._check_project(conn, route.project_id)
+            policy = ledger.read_policy(conn)
+            signals = self._signals(conn, user_id, route.project_id)
+        try:
+            decision = scoring.decide(lanes, readiness, route, policy, signals)
+        except scoring.NoLane as error:
+            if error.over_budget:
+                raise ApiError(BUDGET_STATUS, "budget exceeded: " + error.message) from None
+            raise ApiError(NO_LANE_STATUS, error.message) from None
+        record = decision_record(_new_id("rd_"), clock.now_iso(), decision, readiness)
+        with self.db.write_as(user_id) as conn:
+            ledger.store_decision(conn, record["id"], "complete", route.task, record)
+            reservation = ledger.reserve(conn, worst(decision.primary.lane), route.project_id)
+        return decision, record, reservation
+
+    def _reserve(self, user_id, amount, project_id):
+        with self.db.write_as(user_id) as conn:
+            return ledger.reserve(conn, amount, project_id)
+
+    def _release(self, user_id, reservation):
+        with self.db.write_as(user_id) as conn:
+            ledger.release(conn, reservation)
+
+    def _settle(self, user_id, reservation, row, generation):
+        """Replaces a reservation by what the attempt cost, and writes the generation when it is
+        the last attempt, in one transaction."""
+        with self.db.write_as(user_id) as conn:
+            ledger.release(conn, reservation)
+            ledger.add_attempt(conn, row)
+            if generation is not None:
+                ledger.add_generation(conn, generation)
+
+    def _write_generation(self, user_id, generation):
+        with self.db.write_as(user_id) as conn:
+            ledger.add_generation(conn, generation)
+
+
+def _generation_row(generation_id, record, route, answer, attempts, started, request_id, status):
+    served = answer[0].lane if answer else None
+    last = attempts[-1] if attempts else None
+    primary = record["primary"]["model"]
+    return {"id": generation_id, "project_id": route.project_id, "route_decision_id": record["id"],
+            "task": route.task, "model_id": served.id if served else None,
+            "provider": served.provider if served else None,
+            "service_tier": served.service_tier if served else primary["service_tier"],
+            "status": status or ("succeeded" if answer else "failed"),
+            "input_tokens": sum(row["input_tokens"] for row in attempts),
+            "output_tokens": sum(row["output_tokens"] for row in attempts),
+            "cost_usd": sum(row["cost_usd"] for row in attempts),
+            "latency_ms": max(0, int((time.monotonic() - started) * 1000)),
+            "fell_back": int(served is not None and served.id != primary["id"]),
+            "zero_completion_insured": int(any(row["insured"] for row in attempts)),
+            "error_code": None if answer else (last["error_code"] if last else "no_lane_tried"),
+            "request_id": request_id, "tools_declared": int(bool(route.tools)), "created_at": clock.now()}
+
+
+def worst_case_input(lane, text, instructions, max_output, tools):
+    """The most input tokens a request can be charged for: one per byte of the whole request body
+    sent to the provider (no tokenizer in use makes more tokens than bytes)."""
+    _, body = protocols.build_request(lane, "", text, instructions, max_output, tools, lane.streams)
+    return len(json.dumps(body).encode("utf-8"))
+
+
+def _tools(body):
+    """The tools a request declares, each checked for the shape routing and validation need."""
+    tools = body.array("tools", required=False)
+    if tools is None:
+        return None
+    if len(tools) > MAX_TOOLS:
+        raise bad_request(f"tools must hold at most {MAX_TOOLS} tools")
+    for index, tool in enumerate(tools):
+        item = Body(tool, f"tools[{index}].")
+        item.one_of("type", ("function",))
+        function = Body(tool.get("function"), f"tools[{index}].function.")
+        function.string("name", non_empty=True, max_length=MAX_NAME)
+        Body(tool["function"].get("parameters"), f"tools[{index}].function.parameters.")
+    return tools or None
+
+
+def _attempt_row(generation_id, seq, lane, project_id, status, error_code, latency_ms):
+    return {"generation_id": generation_id, "seq": seq, "provider": lane.provider, "model_id": lane.id,
+            "project_id": project_id, "status": status, "error_code": error_code, "latency_ms": latency_ms,
+            "upstream_id": None, "input_tokens": 0, "output_tokens": 0, "cost_usd": 0.0, "throughput_tps": None,
+            "tool_valid": None, "tool_error": None, "created_at": clock.now(), "insured": False}
+
+
+def _result_row(generation_id, seq, lane, project_id, result, tools):
+    outcome = result.outcome
+    if outcome is not None and not outcome.text and not outcome.tool_calls:
+        # An empty completion: nothing to show for it, so nothing is charged, and the next lane is tried.
+        row = _attempt_row(generation_id, seq, lane, project_id, "failed", protocols.EMPTY, result.latency_ms)
+        row.update(upstream_id=outcome.upstream_id, insured=True)
+        result.failure, result.message = protocols.EMPTY, f"{lane.display_name} returned an empty answer"
+        return row
+    if outcome is None:
+        row = _attempt_row(generation_id, seq, lane, project_id, "failed", result.failure, result.latency_ms)
+        row["insured"] = result.broke_off
+        return row
+    row = _attempt_row(generation_id, seq, lane, project_id, "succeeded", None, result.latency_ms)
+    row.update(upstream_id=outcome.upstream_id, input_tokens=outcome.input_tokens,
+               output_tokens=outcome.output_tokens, cost_usd=lane.cost(outcome.input_tokens, outcome.output_tokens),
+               throughput_tps=result.throughput_tps)
+    if tools:
+        valid, problem = check_answer(outcome.tool_calls, tools)
+        if valid is not None:
+            row.update(tool_valid=int(valid), tool_error=problem)
+    return row
+
+
+def _candidate_record(candidate, readiness):
+    return {"model": model_record(candidate.lane, readiness.get(candidate.lane.id) is None),
+            "score": round(candidate.score, 3), "estimated_cost_usd": candidate.cost, "reasons": candidate.reasons}
+
+
+def decision_record(decision_id, created_at, decision, readiness):
+    return {"id": decision_id, "created_at": created_at, "task": decision.task,
+            "required_capabilities": decision.required_capabilities,
+            "primary": _candidate_record(decision.primary, readiness),
+            "fallbacks": [_candidate_record(item, readiness) for item in decision.fallbacks],
+            "rejected": [{"model_id": lane_id, "reason": reason} for lane_id, reason in decision.rejected],
+            "routed_because": decision.routed_because}
