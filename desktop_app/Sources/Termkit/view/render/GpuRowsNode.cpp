@@ -165,9 +165,9 @@ void GpuRowsNode::update(FrameBuilder& frames, const FrameBuilder::Result& resul
         resize(wanted);
     }
     if (mode == BufferingMode::perFrameAggregated) {
-        if (rows > 0 && (rebuiltNodes || !result.rebuiltRows.empty()))
+        if (rows > 0 && (rebuiltNodes || result.allRows || !result.rebuiltRows.empty()))
             fillRow(m_rows.front(), frames, 0, rows - 1, scale);
-    } else if (rebuiltNodes) {
+    } else if (rebuiltNodes || result.allRows) {
         for (int r = 0; r < rows; ++r)
             fillRow(m_rows[static_cast<size_t>(r)], frames, r, r, scale);
     } else {
