@@ -32,7 +32,9 @@ public:
     // Makes the drawer's window with its content; called only when there is none.
     using BuildContent = std::function<QWindow*()>;
 
-    explicit TerminalDrawerController(QObject* parent = nullptr);
+    // No default constructor on purpose: QML would make a drawer of its own with it, instead
+    // of asking `create` for the application's one.
+    explicit TerminalDrawerController(QObject* parent);
     ~TerminalDrawerController() override;
 
     bool isOpen() const { return m_isOpen; }

@@ -45,3 +45,18 @@ TerminalPipeline* TerminalPanelViewModel::selectedPipeline() {
 QString TerminalPanelViewModel::syncStatus() const {
     return syncStatusFor(m_selectedTab == codexTab ? m_codexPipeline : m_claudePipeline);
 }
+
+TerminalPanelViewModel::Config
+TerminalPanelViewModel::configFromPreferences(const PreferencesStore& preferences) {
+    Config config;
+    if (const auto family = preferences.stringValue(fontFamilyKey); family && !family->trimmed().isEmpty())
+        config.fontFamily = family->trimmed();
+    if (const auto size = preferences.stringValue(fontSizeKey)) {
+        bool ok = false;
+        const double points = size->trimmed().toDouble(&ok);
+        // Sizes no one could read from are ignored rather than obeyed.
+        if (ok && points >= minimumFontSize && points <= maximumFontSize)
+            config.fontSize = points;
+    }
+    return config;
+}

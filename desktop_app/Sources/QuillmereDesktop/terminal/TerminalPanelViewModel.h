@@ -1,6 +1,8 @@
 #pragma once
 
+#include "QuillmereDesktop/common/PreferencesStore.h"
 #include "QuillmereDesktop/terminal/CLIStatus.h"
+#include "QuillmereDesktop/terminal/CapturingTerminalView.h"
 #include "QuillmereDesktop/terminal/TerminalPipeline.h"
 
 #include <QObject>
@@ -26,6 +28,8 @@ class TerminalPanelViewModel : public QObject {
     Q_PROPERTY(QString claudeTitle READ claudeTitle CONSTANT)
     Q_PROPERTY(QString codexTitle READ codexTitle CONSTANT)
     Q_PROPERTY(int autoRunDelayMs READ autoRunDelayMs CONSTANT)
+    Q_PROPERTY(QString fontFamily READ fontFamily CONSTANT)
+    Q_PROPERTY(qreal fontSize READ fontSize CONSTANT)
 
 public:
     // The two tabs, by their wire-like names.
@@ -37,14 +41,23 @@ public:
     static inline const QString claudeInstallLine =
         QStringLiteral("curl -fsSL https://claude.ai/install.sh | sh");
     static inline const QString codexInstallLine = QStringLiteral("npm install -g @openai/codex");
-    // How long after a shell starts its auto-run line is typed. A fixed time, not a wait for
-    // a prompt: shells print prompts in too many ways to recognise one.
-    static constexpr std::chrono::milliseconds defaultAutoRunDelay{400};
+    static constexpr std::chrono::milliseconds defaultAutoRunDelay =
+        CapturingTerminalView::defaultAutoRunDelay;
 
     struct Config {
         std::chrono::milliseconds autoRunDelay = defaultAutoRunDelay;
         std::chrono::milliseconds batchDelay = TerminalPipeline::defaultBatchDelay;
+        QString fontFamily = QString::fromLatin1(termkit::FontSet::kDefaultFamily);
+        double fontSize = termkit::FontSet::kDefaultPointSize;
     };
+
+    // The preference keys of the drawer's font: a family name, and a size in points as text.
+    static inline const QString fontFamilyKey = QStringLiteral("terminalFontFamily");
+    static inline const QString fontSizeKey = QStringLiteral("terminalFontSize");
+    // The defaults with the font the preferences name, where they name a usable one.
+    static Config configFromPreferences(const PreferencesStore& preferences);
+    static constexpr double minimumFontSize = 6;
+    static constexpr double maximumFontSize = 48;
 
     TerminalPanelViewModel(RelayClient* client, const std::optional<CLIStatusResponse>& status,
                            QString workingDirectory, Config config, QObject* parent = nullptr);
@@ -68,6 +81,8 @@ public:
     QString claudeTitle() const { return claudeTab.toUpper(); }
     QString codexTitle() const { return codexTab.toUpper(); }
     int autoRunDelayMs() const { return static_cast<int>(m_config.autoRunDelay.count()); }
+    QString fontFamily() const { return m_config.fontFamily; }
+    qreal fontSize() const { return m_config.fontSize; }
 
 signals:
     void selectedTabChanged();

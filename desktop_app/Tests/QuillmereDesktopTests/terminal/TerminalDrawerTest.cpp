@@ -33,7 +33,7 @@ class TerminalDrawerTest : public QObject {
 
 private slots:
     void withoutAMainWindowNothingOpens() {
-        TerminalDrawerController drawer;
+        TerminalDrawerController drawer(nullptr);
         int builds = 0;
         drawer.open(countingBuilder(builds));
         QCOMPARE(builds, 0);
@@ -44,7 +44,7 @@ private slots:
     void opensAgainstTheMainWindowAndTakesTheKeyboard() {
         const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
         auto main = mainWindowAt(QRect(available.left() + 700, available.top() + 100, 320, 480));
-        TerminalDrawerController drawer;
+        TerminalDrawerController drawer(nullptr);
         drawer.setMainWindow(main.get());
         QSignalSpy opened(&drawer, &TerminalDrawerController::isOpenChanged);
         int builds = 0;
@@ -65,7 +65,7 @@ private slots:
     void followsTheMainWindowAndStopsAtTheScreensEdge() {
         const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
         auto main = mainWindowAt(QRect(available.left() + 700, available.top() + 100, 320, 480));
-        TerminalDrawerController drawer;
+        TerminalDrawerController drawer(nullptr);
         drawer.setMainWindow(main.get());
         int builds = 0;
         drawer.open(countingBuilder(builds));
@@ -83,7 +83,7 @@ private slots:
 
     void hidingAndReopeningBuildsNothingTwice() {
         auto main = mainWindowAt(QRect(800, 100, 320, 480));
-        TerminalDrawerController drawer;
+        TerminalDrawerController drawer(nullptr);
         drawer.setMainWindow(main.get());
         int builds = 0;
         drawer.toggle(countingBuilder(builds));
@@ -101,7 +101,7 @@ private slots:
     void copiesTheMainWindowsOnTopState() {
         auto main = mainWindowAt(QRect(800, 100, 320, 480));
         main->setFlag(Qt::WindowStaysOnTopHint, true);
-        TerminalDrawerController drawer;
+        TerminalDrawerController drawer(nullptr);
         drawer.setMainWindow(main.get());
         int builds = 0;
         drawer.open(countingBuilder(builds));
@@ -113,7 +113,7 @@ private slots:
 
     void discardingReleasesThePanelAndTheNextOpenBuildsAgain() {
         auto main = mainWindowAt(QRect(800, 100, 320, 480));
-        TerminalDrawerController drawer;
+        TerminalDrawerController drawer(nullptr);
         drawer.setMainWindow(main.get());
         drawer.setSessionDirectory(QStringLiteral("/tmp"));
         int builds = 0;

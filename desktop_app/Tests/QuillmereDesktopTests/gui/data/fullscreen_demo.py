@@ -34,41 +34,43 @@ def box(top, left, width, height, chars, title=""):
 
 
 def screen(cols, rows):
+    """Everything laid out for a terminal at least 48 columns wide and 20 rows high."""
+    width = max(48, min(cols - 1, 72))
+    inner = width - 4
+    box_w = (inner - 2) // 3
     out = [CSI + "?1049h", CSI + "?25l", CSI + "0m", CSI + "2J"]
-    width = min(cols - 2, 72)
-    out.append(box(1, 1, width, rows - 1 if rows < 22 else 21, "═║╔╗╚╝", "TERMKIT"))
-    out.append(box(3, 3, 16, 4, "─│┌┐└┘", "light"))
-    out.append(box(3, 20, 16, 4, "━┃┏┓┗┛", "heavy"))
-    out.append(box(3, 37, 16, 4, "─│╭╮╰╯", "round"))
-    out.append(at(4, 55) + "┼─┬─┐ ╋━┳━┓")
-    out.append(at(5, 55) + "├─┼─┤ ┣━╋━┫")
-    out.append(at(6, 55) + "└─┴─┘ ┗━┻━┛")
+    out.append(box(1, 1, width, min(rows - 1, 21), "═║╔╗╚╝", "TERMKIT"))
+    out.append(box(3, 3, box_w, 4, "─│┌┐└┘", "light"))
+    out.append(box(3, 4 + box_w, box_w, 4, "━┃┏┓┗┛", "heavy"))
+    out.append(box(3, 5 + 2 * box_w, box_w, 4, "─│╭╮╰╯", "round"))
+    out.append(at(7, 3) + "┼─┬─┐ ╋━┳━┓ ╬═╦═╗ ├─┼─┤ ┣━╋━┫ ╠═╬═╣")
     # The sixteen colours as backgrounds, with their numbers.
-    out.append(at(8, 3))
+    out.append(at(9, 3))
     for i in range(16):
         fg = 30 if i in (7, 15) or i >= 10 else 97
         code = 40 + i if i < 8 else 100 + i - 8
-        out.append(f"{CSI}{code};{fg}m{i:^4}")
+        out.append(f"{CSI}{code};{fg}m{i:^{max(2, inner // 16)}}")
     out.append(CSI + "0m")
-    # A strip of the 256-colour cube and the grey ramp.
-    out.append(at(9, 3))
-    for i in range(16, 232, 4):
+    # A strip of the 256-colour cube and the grey ramp, as wide as the box allows.
+    out.append(at(10, 3))
+    step = max(1, 216 // inner + 1)
+    for i in range(16, 232, step):
         out.append(f"{CSI}48;5;{i}m ")
-    out.append(CSI + "0m" + at(10, 3))
+    out.append(CSI + "0m" + at(11, 3))
     for i in range(232, 256):
-        out.append(f"{CSI}48;5;{i}m  ")
+        out.append(f"{CSI}48;5;{i}m" + " " * max(1, inner // 24))
     out.append(CSI + "0m")
-    styles = [("1", "bold"), ("3", "italic"), ("4", "underline"), ("4:3", "curly"), ("9", "struck"),
+    styles = [("1", "bold"), ("3", "italic"), ("4", "under"), ("4:3", "curly"), ("9", "struck"),
               ("7", "inverse"), ("2", "dim")]
-    out.append(at(12, 3))
+    out.append(at(13, 3))
     for sgr, name in styles:
         out.append(f"{CSI}{sgr}m{name}{CSI}0m ")
-    out.append(at(13, 3) + f"{CSI}38;2;255;105;0mtrue colour orange{CSI}0m  "
-               + f"{CSI}1;34mbold blue{CSI}0m  {CSI}5mblinking{CSI}0m")
-    out.append(at(15, 3) + "blocks ▀▄█▌▐░▒▓ ▖▗▘▙▚▛▜▝▞▟  eighths ▁▂▃▄▅▆▇█")
+    out.append(at(14, 3) + f"{CSI}38;2;255;105;0mtrue colour{CSI}0m "
+               + f"{CSI}1;34mbold blue{CSI}0m {CSI}5mblinking{CSI}0m")
+    out.append(at(15, 3) + "blocks ▀▄█▌▐░▒▓ ▖▗▘▙▚▛▜▝▞▟ ▁▂▃▄▅▆▇█")
     pl = f"{CSI}44;97m main {CSI}34;42m\ue0b0{CSI}30;42m ok {CSI}32;49m\ue0b0{CSI}0m"
-    out.append(at(16, 3) + "powerline " + pl + "  round " + f"{CSI}35m\ue0b6{CSI}45;97m x {CSI}0;35m\ue0b4{CSI}0m")
-    out.append(at(17, 3) + "wide 漢字 かな 😀 🚀  combining é ñ̃")
+    out.append(at(16, 3) + "powerline " + pl + " " + f"{CSI}35m\ue0b6{CSI}45;97m x {CSI}0;35m\ue0b4{CSI}0m")
+    out.append(at(17, 3) + "wide 漢字 😀 🚀  marks é ñ̃")
     out.append(at(19, 3) + "press a key to leave")
     return "".join(out)
 
