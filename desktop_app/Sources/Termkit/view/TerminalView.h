@@ -123,6 +123,8 @@ public:
     /// Cell size in device pixels.
     const CellMetrics& cellMetrics() const { return m_fonts->metrics(); }
     const ProgressBarState& progressBar() const { return m_progress; }
+    /// Whether the text blink timer runs (only with blinking cells on screen in an active window).
+    bool textBlinkRunning() const { return m_textBlinkTimer.isActive(); }
     /// Frames presented so far; tests and benchmarks wait on it.
     uint64_t presentedFrames() const { return m_health.status().presentedFrameCount; }
     /// How many times the row cache was dropped whole (new size, scroll, font...).
