@@ -156,6 +156,14 @@ void TerminalView::sendUserInput(std::span<const uint8_t> data) {
     if (data.empty())
         return;
     m_pacing.noteUserInput(now());
+    // The caret stays lit while the person types, and blinks again from a full period.
+    if (m_caretBlinkTimer.isActive()) {
+        m_caretBlinkTimer.start();
+        if (!m_caretBlinkShown) {
+            m_caretBlinkShown = true;
+            m_caretDirty = true;
+        }
+    }
     // Typing brings the view back to the program's screen.
     if (m_userScrolling || TerminalAccess::linesScrolledBack(*m_terminal) != 0)
         scrollTo(0);

@@ -19,7 +19,7 @@ void AtlasTexture::release() {
 }
 
 bool AtlasTexture::update(const GlyphAtlas& atlas, QQuickWindow* window) {
-    if (m_texture != nullptr && atlas.revision() == m_revision)
+    if (window == nullptr || (m_texture != nullptr && atlas.revision() == m_revision))
         return false;
     const int size = atlas.size();
     const QImage::Format format = atlas.format() == GlyphAtlasFormat::grayscale
