@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "Termkit/engine/ScreenText.h"
+#include "Termkit/view/LiveResizeThrottle.h"
 #include "Termkit/view/input/KeyEncoder.h"
 #include "Termkit/view/input/MouseEncoder.h"
 #include "Termkit/view/qt/QtKeyMapping.h"
@@ -84,6 +85,16 @@ TerminalView::TerminalView(QQuickItem* parent)
     connect(&m_bellTimer, &QTimer::timeout, this, [this] {
         m_bellFlash = false;
         update();
+    });
+    m_liveResizeThrottle = liveResizeThrottleEnabled();
+    m_resizeTimer.setSingleShot(true);
+    m_resizeTimer.setInterval(kLiveResizeThrottle);
+    connect(&m_resizeTimer, &QTimer::timeout, this, [this] {
+        if (m_resizePending) {
+            m_resizePending = false;
+            relayout();
+            m_resizeTimer.start();
+        }
     });
     m_progressTimer.setInterval(kProgressAnimationInterval);
     connect(&m_progressTimer, &QTimer::timeout, this, [this] {
@@ -311,8 +322,20 @@ void TerminalView::rebuildFonts() {
 
 void TerminalView::geometryChange(const QRectF& newGeometry, const QRectF& oldGeometry) {
     QQuickItem::geometryChange(newGeometry, oldGeometry);
-    if (newGeometry.size() != oldGeometry.size())
+    if (newGeometry.size() == oldGeometry.size())
+        return;
+    if (!m_liveResizeThrottle) {
         relayout();
+        return;
+    }
+    // The first size of a run of changes goes through at once, the last one when the run
+    // pauses, and at most one in between per interval.
+    if (m_resizeTimer.isActive()) {
+        m_resizePending = true;
+        return;
+    }
+    relayout();
+    m_resizeTimer.start();
 }
 
 void TerminalView::relayout() {

@@ -67,6 +67,10 @@ public:
     static constexpr std::chrono::milliseconds kProgressAnimationInterval{33};
     /// Height of the progress bar in logical pixels.
     static constexpr qreal kProgressBarHeight = 3;
+    /// While the item is being resized continuously, the terminal follows at most this often
+    /// (first and last size included): each resize rewraps the scrollback and signals the
+    /// program, which then redraws.
+    static constexpr std::chrono::milliseconds kLiveResizeThrottle{50};
 
     explicit TerminalView(QQuickItem* parent = nullptr);
     ~TerminalView() override;
@@ -137,6 +141,8 @@ public:
     void simulateFrameRefusals(std::optional<FrameRefusalReason> reason) { m_simulatedRefusal = reason; }
     /// The timings of the frame coordinator, replaceable before the first frame (tests).
     void setFrameTiming(FrameCoordinator::Timing timing);
+    /// Whether resizes are throttled (see `kLiveResizeThrottle`); from the environment by default.
+    void setLiveResizeThrottle(bool enabled) { m_liveResizeThrottle = enabled; }
     /// The recovery policy, replaceable in tests.
     void setRecoveryPolicy(AutomaticRecoveryPolicy policy) { m_health = RendererHealth(policy); }
 
@@ -266,6 +272,9 @@ private:
     QElapsedTimer m_clock;
     ScrollAccumulator m_scrollAccumulator;
     std::optional<MouseButton> m_pressedButton;
+    bool m_liveResizeThrottle = true;
+    QTimer m_resizeTimer;
+    bool m_resizePending = false;
 
     // Frame pacing and renderer health.
     class ClockAdapter : public FrameClock {
