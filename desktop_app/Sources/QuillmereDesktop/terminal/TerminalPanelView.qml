@@ -10,6 +10,15 @@ Rectangle {
     required property TerminalPanelViewModel panel
     color: Theme.paper
 
+    // The edge against the main window: borderless windows get no shadow to part them.
+    Rectangle {
+        anchors.right: parent.right
+        anchors.top: parent.top
+        anchors.bottom: parent.bottom
+        width: 1
+        color: Theme.rule
+    }
+
     ColumnLayout {
         anchors.fill: parent
         anchors.margins: 8

@@ -39,9 +39,17 @@ QRect inkBounds(const QImage& image) {
 
 } // namespace
 
-GlyphBitmap GlyphRasterizer::rasterize(const QString& cluster, FontStyle style, int cells) const {
-    const CellMetrics& cell = m_fonts.metrics();
-    const QFont& font = m_fonts.font(style);
+namespace {
+
+// A cluster laid out and drawn in white on a transparent canvas with room around the cell;
+// empty when it has no ink. `origin` is where the cropped ink sits relative to the cell.
+struct Drawn {
+    QImage ink;
+    QPoint origin;
+    bool color = false;
+};
+
+Drawn draw(const QString& cluster, const QFont& font, const CellMetrics& cell, int spanWidth) {
     QTextLayout layout(cluster, font);
     QTextOption option;
     option.setWrapMode(QTextOption::NoWrap);
@@ -49,15 +57,13 @@ GlyphBitmap GlyphRasterizer::rasterize(const QString& cluster, FontStyle style, 
     layout.beginLayout();
     QTextLine line = layout.createLine();
     layout.endLayout();
+    Drawn drawn;
     if (!line.isValid())
-        return {};
-    bool color = false;
+        return drawn;
     for (const QGlyphRun& run : layout.glyphRuns())
-        color = color || isColorFont(run.rawFont());
-
+        drawn.color = drawn.color || isColorFont(run.rawFont());
     // Room around the cell for ink that reaches out of it (italics, accents, descenders).
     const int margin = cell.height;
-    const int spanWidth = cell.width * std::max(cells, 1);
     QImage canvas(spanWidth + 2 * margin, cell.height + 2 * margin, QImage::Format_ARGB32_Premultiplied);
     canvas.fill(Qt::transparent);
     {
@@ -67,17 +73,47 @@ GlyphBitmap GlyphRasterizer::rasterize(const QString& cluster, FontStyle style, 
         painter.setPen(Qt::white);
         layout.draw(&painter, QPointF(margin, margin + cell.baseline - line.ascent()));
     }
-    QRect ink = inkBounds(canvas);
+    const QRect ink = inkBounds(canvas);
     if (ink.isEmpty())
-        return {};
-    QImage cropped = canvas.copy(ink);
-    QPoint origin = ink.topLeft() - QPoint(margin, margin);
-    // Colour emoji come at the font's own proportions: one that would spill out of its cells
-    // is scaled down to fit them, centred, as a picture rather than text.
-    if (color && (cropped.width() > spanWidth || cropped.height() > cell.height)) {
-        cropped = cropped.scaled(spanWidth, cell.height, Qt::KeepAspectRatio, Qt::SmoothTransformation);
-        origin = QPoint((spanWidth - cropped.width()) / 2, (cell.height - cropped.height()) / 2);
+        return drawn;
+    drawn.ink = canvas.copy(ink);
+    drawn.origin = ink.topLeft() - QPoint(margin, margin);
+    return drawn;
+}
+
+// Colour emoji are pictures: drawn again from the font at the size that fills their cells
+// (most of them come out smaller than the text's line), and centred in them.
+Drawn fitPicture(Drawn drawn, const QString& cluster, const QFont& font, const CellMetrics& cell,
+                 int spanWidth) {
+    constexpr double kFill = 0.92;
+    const double scale =
+        std::min(spanWidth * kFill / drawn.ink.width(), cell.height * kFill / drawn.ink.height());
+    if (scale > 1.05 && font.pixelSize() > 0) {
+        QFont larger = font;
+        larger.setPixelSize(static_cast<int>(font.pixelSize() * scale));
+        Drawn again = draw(cluster, larger, cell, spanWidth);
+        if (!again.ink.isNull())
+            drawn.ink = again.ink;
     }
+    if (drawn.ink.width() > spanWidth || drawn.ink.height() > cell.height)
+        drawn.ink = drawn.ink.scaled(spanWidth, cell.height, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    drawn.origin = QPoint((spanWidth - drawn.ink.width()) / 2, (cell.height - drawn.ink.height()) / 2);
+    return drawn;
+}
+
+} // namespace
+
+GlyphBitmap GlyphRasterizer::rasterize(const QString& cluster, FontStyle style, int cells) const {
+    const CellMetrics& cell = m_fonts.metrics();
+    const int spanWidth = cell.width * std::max(cells, 1);
+    Drawn drawn = draw(cluster, m_fonts.font(style), cell, spanWidth);
+    if (drawn.ink.isNull())
+        return {};
+    if (drawn.color)
+        drawn = fitPicture(std::move(drawn), cluster, m_fonts.font(style), cell, spanWidth);
+    const QImage& cropped = drawn.ink;
+    const QPoint origin = drawn.origin;
+    const bool color = drawn.color;
 
     GlyphBitmap bitmap;
     bitmap.width = cropped.width();
