@@ -58,7 +58,9 @@ struct Scene {
         // Warm: every glyph of the screen is in the atlas before the timing starts.
         build();
     }
-    FrameBuilder::Result build() { return frames.build(TerminalRowSource(terminal, colors), signature, context); }
+    FrameBuilder::Result build() {
+        return frames.build(TerminalRowSource(terminal, colors), signature, context);
+    }
 };
 
 QString corpusPath() {

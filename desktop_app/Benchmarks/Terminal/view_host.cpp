@@ -48,7 +48,8 @@ struct Host {
         view->forceActiveFocus();
     }
     const char* path() const {
-        return window.rendererInterface()->graphicsApi() == QSGRendererInterface::Software ? "software" : "gpu";
+        return window.rendererInterface()->graphicsApi() == QSGRendererInterface::Software ? "software"
+                                                                                           : "gpu";
     }
 };
 
@@ -103,7 +104,8 @@ int typing(Host& host, int keys) {
         waiting = true;
         QKeyEvent press(QEvent::KeyPress, Qt::Key_A + typed % 26, Qt::NoModifier, QString(QLatin1Char(c)));
         QCoreApplication::sendEvent(&host.window, &press);
-        QKeyEvent release(QEvent::KeyRelease, Qt::Key_A + typed % 26, Qt::NoModifier, QString(QLatin1Char(c)));
+        QKeyEvent release(QEvent::KeyRelease, Qt::Key_A + typed % 26, Qt::NoModifier,
+                          QString(QLatin1Char(c)));
         QCoreApplication::sendEvent(&host.window, &release);
         ++typed;
     };
@@ -114,9 +116,10 @@ int typing(Host& host, int keys) {
         waiting = false;
         latencies.push_back((clock.nsecsElapsed() - sentAt) / 1e6);
         if (static_cast<int>(latencies.size()) >= keys) {
-            std::printf("{\"path\": \"%s\", \"keys\": %zu, \"p50_ms\": %.2f, \"p95_ms\": %.2f, \"max_ms\": %.2f}\n",
-                        host.path(), latencies.size(), percentile(latencies, 0.5), percentile(latencies, 0.95),
-                        percentile(latencies, 1.0));
+            std::printf(
+                "{\"path\": \"%s\", \"keys\": %zu, \"p50_ms\": %.2f, \"p95_ms\": %.2f, \"max_ms\": %.2f}\n",
+                host.path(), latencies.size(), percentile(latencies, 0.5), percentile(latencies, 0.95),
+                percentile(latencies, 1.0));
             std::fflush(stdout);
             QCoreApplication::quit();
             return;
