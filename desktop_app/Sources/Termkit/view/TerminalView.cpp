@@ -112,6 +112,7 @@ TerminalView::~TerminalView() {
     disconnect(m_swapConnection);
     disconnect(m_errorConnection);
     disconnect(m_activeConnection);
+    disconnect(m_invalidatedConnection);
 }
 
 std::chrono::nanoseconds TerminalView::now() const {
@@ -307,7 +308,8 @@ void TerminalView::rebuildFonts() {
     GlyphCache::Options options;
     options.customBlockGlyphs = m_settings.customBlockGlyphs;
     options.antiAliasCustomBlockGlyphs = m_settings.antiAliasCustomBlockGlyphs;
-    options.maxAtlasSize = GlyphAtlas::recommendedMaxSize(std::nullopt);
+    options.maxAtlasSize = GlyphAtlas::recommendedMaxSize(
+        m_deviceMaxTextureSize > 0 ? std::optional<int>(m_deviceMaxTextureSize) : std::nullopt);
     // The glyph caches are rebuilt with the fonts; the render thread makes new textures
     // when it sees the new atlases.
     m_frames.reset();
@@ -380,6 +382,7 @@ void TerminalView::attachToWindow(QQuickWindow* window) {
         disconnect(m_swapConnection);
         disconnect(m_errorConnection);
         disconnect(m_activeConnection);
+        disconnect(m_invalidatedConnection);
         m_window = window;
         if (m_window) {
             // Completed on the render thread, before the next frame may begin.
@@ -390,6 +393,9 @@ void TerminalView::attachToWindow(QQuickWindow* window) {
                 [this](QQuickWindow::SceneGraphError, const QString& message) { sceneGraphFailed(message); });
             m_activeConnection =
                 connect(m_window, &QWindow::activeChanged, this, &TerminalView::updateTimers);
+            // The device went away (a lost GPU, a hidden window's released scene graph).
+            m_invalidatedConnection = connect(m_window, &QQuickWindow::sceneGraphInvalidated, this,
+                                              &TerminalView::deviceLost, Qt::QueuedConnection);
             // A new window may be a new device: the renderer is made again for it.
             m_replaceRenderer = true;
             m_health.rendererCreated();

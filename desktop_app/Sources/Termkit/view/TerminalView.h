@@ -137,6 +137,8 @@ public:
     /// whether the screen is up to date.
     uint64_t bytesPresented() const { return m_bytesPresented; }
     uint64_t bytesFed() const { return m_bytesFed; }
+    /// The device's largest texture, once the render thread has read it (0 when unknown).
+    int deviceMaxTextureSize() const { return m_deviceMaxTextureSize; }
     /// Makes the next frames refuse as a broken device would (tests of recovery).
     void simulateFrameRefusals(std::optional<FrameRefusalReason> reason) { m_simulatedRefusal = reason; }
     /// The timings of the frame coordinator, replaceable before the first frame (tests).
@@ -216,6 +218,8 @@ private:
     void framePresentedOnMainThread();
     void requestRecovery(const RendererRecoveryReport& report);
     void sceneGraphFailed(const QString& message);
+    void deviceLost();
+    void readDeviceLimits(QQuickWindow* window);
     void setUsesGpu(bool gpu);
     std::chrono::nanoseconds now() const;
 
@@ -299,6 +303,9 @@ private:
     QMetaObject::Connection m_swapConnection;
     QMetaObject::Connection m_errorConnection;
     QMetaObject::Connection m_activeConnection;
+    QMetaObject::Connection m_invalidatedConnection;
+    // The device's largest texture, read on the render thread once it is known (0 before).
+    int m_deviceMaxTextureSize = 0;
 };
 
 } // namespace termkit

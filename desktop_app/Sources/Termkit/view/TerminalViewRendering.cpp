@@ -2,6 +2,8 @@
 // scene graph in updatePaintNode (render thread, main thread waiting), and their fate
 // followed through the frame coordinator.
 
+#include <QOpenGLContext>
+#include <QOpenGLFunctions>
 #include <QQuickWindow>
 #include <QSGImageNode>
 #include <QSGRectangleNode>
@@ -220,6 +222,8 @@ QSGNode* TerminalView::updatePaintNode(QSGNode* oldNode, UpdatePaintNodeData*) {
         m_coordinator->refuse(*token, m_simulatedRefusal.value_or(FrameRefusalReason::missingDrawable));
         return root;
     }
+    if (m_deviceMaxTextureSize == 0)
+        readDeviceLimits(w);
     if (root == nullptr || m_replaceRenderer || root->software != m_useSoftware) {
         delete root;
         root = new ViewRootNode(w, m_useSoftware);
@@ -330,6 +334,35 @@ void TerminalView::sceneGraphFailed(const QString&) {
     }
     if (token)
         m_coordinator->complete(*token, TrackedCommandBufferStatus::error, std::string("scene graph error"));
+}
+
+void TerminalView::readDeviceLimits(QQuickWindow* window) {
+    // Only OpenGL answers through public API; other devices keep the default cap.
+    QSGRendererInterface* renderer = window->rendererInterface();
+    if (renderer == nullptr || renderer->graphicsApi() != QSGRendererInterface::OpenGL)
+        return;
+    QOpenGLContext* context = QOpenGLContext::currentContext();
+    if (context == nullptr)
+        return;
+    GLint size = 0;
+    context->functions()->glGetIntegerv(GL_MAX_TEXTURE_SIZE, &size);
+    if (size <= 0)
+        return;
+    m_deviceMaxTextureSize = size;
+    // The main thread waits while this runs: the atlases may take their new limit now.
+    m_glyphs->setMaxAtlasSize(GlyphAtlas::recommendedMaxSize(size));
+}
+
+void TerminalView::deviceLost() {
+    // Lost with the device are the textures and nodes: a new renderer is made for the next
+    // frame, as after any failure (the recovery policy decides whether the GPU gets it).
+    QMutexLocker guard(&m_tokenLock);
+    m_submitted.reset();
+    guard.unlock();
+    if (m_health.beginReplacementAfterFailure(now()))
+        m_replaceRenderer = true;
+    emit rendererStatusChanged();
+    polish();
 }
 
 void TerminalView::releaseResources() {

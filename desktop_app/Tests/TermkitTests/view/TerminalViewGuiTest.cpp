@@ -124,6 +124,32 @@ private slots:
         h.view->terminate();
     }
 
+    void aLostDeviceGetsANewRendererAndTheLimitOfItsTextures() {
+        Harness h;
+        QVERIFY(h.exposed());
+        if (!h.view->usesGpu())
+            QSKIP("the software scene graph has no device to lose");
+        h.view->feed("before\r\n");
+        QVERIFY(h.presentedAll());
+        QVERIFY(h.view->deviceMaxTextureSize() >= 1024);
+        QCOMPARE(h.view->rendererStatusText(), QString("healthy"));
+        // A window whose scene graph is not kept loses it, device and all, when hidden.
+        QStringList states;
+        QObject::connect(h.view, &TerminalView::rendererStatusChanged,
+                         [&] { states << h.view->rendererStatusText(); });
+        h.window.setPersistentSceneGraph(false);
+        h.window.setPersistentGraphics(false);
+        h.window.hide();
+        QTRY_VERIFY_WITH_TIMEOUT(states.contains("recovering"), 5000);
+        h.window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&h.window));
+        h.view->feed("after the loss\r\n");
+        QVERIFY(h.presentedAll());
+        QTRY_COMPARE(h.view->rendererStatusText(), QString("healthy"));
+        QVERIFY(h.view->usesGpu());
+        QVERIFY(h.view->screenText().contains("after the loss"));
+    }
+
     void refusedFramesRecoverOrFallBack() {
         Harness h;
         QVERIFY(h.exposed());

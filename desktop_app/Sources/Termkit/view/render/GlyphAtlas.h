@@ -1,6 +1,7 @@
 #pragma once
 // One texture of glyphs, packed in shelves, with a CPU copy of its pixels.
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -57,6 +58,10 @@ public:
     bool grow(int newSize);
     /// Empties the atlas and its pixels; every region handed out so far is invalid.
     void reset();
+
+    /// A new limit, once the device is known; never below the present size, so that no
+    /// region already handed out leaves the texture.
+    void setMaxSize(int maxSize) { m_maxSize = std::max({maxSize, m_size, kMinimumSize}); }
 
     /// A new frame starts: nothing is frozen and no reset has happened in it yet.
     void beginFrame();

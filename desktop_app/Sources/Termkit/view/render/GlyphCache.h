@@ -54,6 +54,11 @@ public:
     /// built with older regions must be built again.
     bool takeDidReset();
 
+    /// The limit of both atlases, from the device's largest texture (see `recommendedMaxSize`).
+    void setMaxAtlasSize(int maxSize) {
+        m_gray.setMaxSize(maxSize);
+        m_color.setMaxSize(maxSize);
+    }
     GlyphAtlas& grayscaleAtlas() { return m_gray; }
     GlyphAtlas& colorAtlas() { return m_color; }
     const FontSet& fonts() const { return m_fonts; }
