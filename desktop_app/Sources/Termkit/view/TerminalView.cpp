@@ -562,10 +562,13 @@ void TerminalView::keyPressEvent(QKeyEvent* event) {
     KeyEncoderOptions options;
     options.optionAsMetaKey = m_settings.optionAsMetaKey;
     options.backspaceSendsControlH = m_settings.backspaceSendsControlH;
-    // The kitty keyboard protocol, when a program enables it, plugs in here ahead of the
-    // legacy encoding; until it exists the legacy bytes are sent in every mode.
-    const std::optional<std::string> bytes =
-        KeyEncoder::encode(press, TerminalAccess::inputModes(*m_terminal), options);
+    // Keyboard enhancements (the kitty protocol) come first when the program enabled them.
+    const InputModes modes = TerminalAccess::inputModes(*m_terminal);
+    std::optional<std::string> bytes;
+    if (modes.keyboardEnhancementFlags != 0 && m_extensions.encodeEnhancedKey)
+        bytes = m_extensions.encodeEnhancedKey(press, modes);
+    if (!bytes)
+        bytes = KeyEncoder::encode(press, modes, options);
     if (!bytes) {
         event->ignore();
         return;
@@ -614,8 +617,12 @@ MouseEvent TerminalView::mouseEventAt(MouseAction action, MouseButton button, QP
 
 bool TerminalView::reportMouse(const MouseEvent& event, Qt::KeyboardModifiers modifiers) {
     const InputModes modes = TerminalAccess::inputModes(*m_terminal);
-    if (!MouseEncoder::reportsMouse(modes, m_settings.allowMouseReporting, modifiersOf(modifiers)))
+    if (!MouseEncoder::reportsMouse(modes, m_settings.allowMouseReporting, modifiersOf(modifiers))) {
+        // The pointer is the terminal's own: selection and links take it from here.
+        if (m_extensions.pointer)
+            m_extensions.pointer(event);
         return false;
+    }
     if (auto bytes = MouseEncoder::encode(event, modes))
         send(std::span(reinterpret_cast<const uint8_t*>(bytes->data()), bytes->size()));
     return true;
@@ -627,7 +634,6 @@ void TerminalView::mousePressEvent(QMouseEvent* event) {
     m_pressedButton = button;
     reportMouse(mouseEventAt(MouseAction::press, button, event->position(), event->modifiers()),
                 event->modifiers());
-    // Selection plugs in here when the pointer is not reported to the program.
     event->accept();
 }
 

@@ -23,6 +23,7 @@
 #include "Termkit/view/TerminalViewDelegate.h"
 #include "Termkit/view/TerminalViewSettings.h"
 #include "Termkit/view/TextBlink.h"
+#include "Termkit/view/input/KeyEncoder.h"
 #include "Termkit/view/input/WheelScroll.h"
 #include "Termkit/view/qt/QtFrameScheduler.h"
 #include "Termkit/view/qt/QtTerminalScheduler.h"
@@ -72,12 +73,24 @@ public:
     /// program, which then redraws.
     static constexpr std::chrono::milliseconds kLiveResizeThrottle{50};
 
+    /// Where features with lives of their own plug in: the kitty keyboard protocol, and what
+    /// the pointer does when the program does not take it (selection, links). Each hook is
+    /// asked first; without one the view does what it does alone.
+    struct Extensions {
+        /// Encodes a key while the program has enabled keyboard enhancements; nothing means
+        /// the legacy encoding applies.
+        std::function<std::optional<std::string>(const KeyPress&, const InputModes&)> encodeEnhancedKey;
+        /// A pointer event the program does not receive; true when the hook took it.
+        std::function<bool(const MouseEvent&)> pointer;
+    };
+
     explicit TerminalView(QQuickItem* parent = nullptr);
     ~TerminalView() override;
 
     Terminal& terminal() { return *m_terminal; }
     TerminalViewSettings& settings() { return m_settings; }
     void setDelegate(TerminalViewDelegate* delegate) { m_delegate = delegate; }
+    void setExtensions(Extensions extensions) { m_extensions = std::move(extensions); }
     TerminalViewDelegate* delegate() const { return m_delegate; }
 
     /// Bytes from the program: parsed at once, drawn at the next frame.
@@ -232,6 +245,7 @@ private:
     std::unique_ptr<QtTerminalScheduler> m_terminalScheduler;
     std::unique_ptr<Terminal> m_terminal;
     TerminalViewDelegate* m_delegate = nullptr;
+    Extensions m_extensions;
     TerminalViewSettings m_settings;
     ViewColors m_colors;
     QString m_fontFamily;

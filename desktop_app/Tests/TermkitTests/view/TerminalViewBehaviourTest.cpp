@@ -83,6 +83,34 @@ private slots:
         QCOMPARE(h.take(), QByteArray("\x08"));
     }
 
+    void theTerminalsOwnPointerGoesToItsExtension() {
+        Harness h;
+        QList<MouseEvent> pointer;
+        TerminalView::Extensions extensions;
+        extensions.encodeEnhancedKey = [](const KeyPress& press,
+                                          const InputModes&) -> std::optional<std::string> {
+            if (press.key == Key::escape)
+                return std::string("\x1b[27u");
+            return std::nullopt;
+        };
+        extensions.pointer = [&](const MouseEvent& e) {
+            pointer << e;
+            return true;
+        };
+        h.view->setExtensions(extensions);
+        // No program enabled keyboard enhancements (nothing in the engine sets them yet): the
+        // legacy byte, not the extension's.
+        QTest::keyClick(&h.window, Qt::Key_Escape);
+        QCOMPARE(h.take(), QByteArray("\x1b"));
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(3, 2));
+        QCOMPARE(pointer.size(), 2);
+        QCOMPARE(pointer.first().col, 3);
+        QCOMPARE(pointer.first().row, 2);
+        h.view->feed("\x1b[?1000h"); // now the program takes the pointer
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(3, 2));
+        QCOMPARE(pointer.size(), 2);
+    }
+
     void composedTextArrivesThroughTheInputMethod() {
         Harness h;
         QInputMethodEvent event;
