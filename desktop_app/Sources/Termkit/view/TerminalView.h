@@ -60,8 +60,9 @@ class TerminalView : public QQuickItem, protected TerminalDelegate {
     Q_PROPERTY(bool userScrolling READ userScrolling NOTIFY scrolledChanged)
 
 public:
-    /// How long the visual bell lights the view.
+    /// How long the visual bell lights the view, and how strongly.
     static constexpr std::chrono::milliseconds kVisualBellDuration{120};
+    static constexpr float kVisualBellOpacity = 0.18f;
     /// Half a period of the blinking caret.
     static constexpr std::chrono::milliseconds kCaretBlinkInterval{530};
     /// Frame rate of an indeterminate progress bar's animation.
@@ -232,6 +233,9 @@ private:
     void requestRecovery(const RendererRecoveryReport& report);
     void sceneGraphFailed(const QString& message);
     void deviceLost();
+    void updateRowNodes(ViewRootNode& root, QQuickWindow* window);
+    void updateCaretNode(ViewRootNode& root, QQuickWindow* window);
+    void updateOverlayNodes(ViewRootNode& root);
     void readDeviceLimits(QQuickWindow* window);
     void setUsesGpu(bool gpu);
     std::chrono::nanoseconds now() const;

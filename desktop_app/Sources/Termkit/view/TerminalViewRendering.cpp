@@ -232,61 +232,11 @@ QSGNode* TerminalView::updatePaintNode(QSGNode* oldNode, UpdatePaintNodeData*) {
         m_softwareImageDirty = true;
         m_caretDirty = true;
     }
-    const float scale = static_cast<float>(1.0 / m_devicePixelRatio);
-    const QRectF bounds = boundingRect();
-    root->background->setRect(bounds);
+    root->background->setRect(boundingRect());
     root->background->setColor(qcolor(TerminalAccess::effectiveBackground(*m_terminal, m_colors)));
-
-    if (root->software) {
-        if (m_softwareImageDirty && !m_software.image().isNull()) {
-            root->setTexture(root->image, w->createTextureFromImage(m_software.image()));
-            root->image->setSourceRect(QRectF(QPointF(0, 0), m_software.image().size()));
-            root->image->setRect(QRectF(QPointF(0, 0), QSizeF(m_software.image().size()) * scale));
-            m_softwareImageDirty = false;
-        }
-    } else {
-        FrameBuilder::Result result;
-        result.allRows = m_pendingAllRows;
-        result.rebuiltRows.assign(m_pendingRows.begin(), m_pendingRows.end());
-        root->gpuRows->update(*m_frames, result, *m_glyphs, w, m_settings.bufferingMode, scale);
-    }
-    m_pendingRows.clear();
-    m_pendingAllRows = false;
-
-    if (m_caretVisible) {
-        if (m_caretDirty && !m_caretImage.isNull()) {
-            root->setTexture(root->caret, w->createTextureFromImage(m_caretImage));
-            root->caret->setSourceRect(QRectF(QPointF(0, 0), m_caretImage.size()));
-        }
-        root->caret->setRect(m_caretRect);
-    } else {
-        root->caret->setRect(QRectF());
-    }
-    m_caretDirty = false;
-
-    QColor flash = qcolor(m_colors.foreground);
-    flash.setAlphaF(0.18f);
-    root->bell->setColor(flash);
-    root->bell->setRect(m_bellFlash ? bounds : QRectF());
-
-    QRectF bar;
-    if (m_progress.visible()) {
-        const double w0 = bounds.width();
-        if (auto fraction = m_progress.fraction()) {
-            bar = QRectF(0, 0, w0 * *fraction, kProgressBarHeight);
-        } else {
-            const double period = static_cast<double>(m_progress.indeterminateDuration().count());
-            const double t = std::fmod(static_cast<double>(m_clock.elapsed()), period) / period;
-            const double segment = w0 * m_progress.barWidthRatio();
-            bar = QRectF(-segment + t * (w0 + segment), 0, segment, kProgressBarHeight);
-        }
-        const auto state = m_progress.state();
-        root->progress->setColor(state == ProgressReport::State::error   ? QColor(0xCC, 0, 0)
-                                 : state == ProgressReport::State::pause ? QColor(0x88, 0x88, 0x88)
-                                                                         : qcolor(m_colors.foreground));
-    }
-    root->progress->setRect(bar);
-
+    updateRowNodes(*root, w);
+    updateCaretNode(*root, w);
+    updateOverlayNodes(*root);
     if (token) {
         QMutexLocker guard(&m_tokenLock);
         m_coordinator->didSubmit(*token);
@@ -294,6 +244,64 @@ QSGNode* TerminalView::updatePaintNode(QSGNode* oldNode, UpdatePaintNodeData*) {
         m_bytesOnScreen = m_bytesInFrame;
     }
     return root;
+}
+
+void TerminalView::updateRowNodes(ViewRootNode& root, QQuickWindow* window) {
+    const float scale = static_cast<float>(1.0 / m_devicePixelRatio);
+    if (root.software) {
+        if (m_softwareImageDirty && !m_software.image().isNull()) {
+            root.setTexture(root.image, window->createTextureFromImage(m_software.image()));
+            root.image->setSourceRect(QRectF(QPointF(0, 0), m_software.image().size()));
+            root.image->setRect(QRectF(QPointF(0, 0), QSizeF(m_software.image().size()) * scale));
+            m_softwareImageDirty = false;
+        }
+    } else {
+        FrameBuilder::Result result;
+        result.allRows = m_pendingAllRows;
+        result.rebuiltRows.assign(m_pendingRows.begin(), m_pendingRows.end());
+        root.gpuRows->update(*m_frames, result, *m_glyphs, window, m_settings.bufferingMode, scale);
+    }
+    m_pendingRows.clear();
+    m_pendingAllRows = false;
+}
+
+void TerminalView::updateCaretNode(ViewRootNode& root, QQuickWindow* window) {
+    if (m_caretVisible) {
+        if (m_caretDirty && !m_caretImage.isNull()) {
+            root.setTexture(root.caret, window->createTextureFromImage(m_caretImage));
+            root.caret->setSourceRect(QRectF(QPointF(0, 0), m_caretImage.size()));
+        }
+        root.caret->setRect(m_caretRect);
+    } else {
+        root.caret->setRect(QRectF());
+    }
+    m_caretDirty = false;
+}
+
+void TerminalView::updateOverlayNodes(ViewRootNode& root) {
+    const QRectF bounds = boundingRect();
+    QColor flash = qcolor(m_colors.foreground);
+    flash.setAlphaF(kVisualBellOpacity);
+    root.bell->setColor(flash);
+    root.bell->setRect(m_bellFlash ? bounds : QRectF());
+    QRectF bar;
+    if (m_progress.visible()) {
+        const double width = bounds.width();
+        if (auto fraction = m_progress.fraction()) {
+            bar = QRectF(0, 0, width * *fraction, kProgressBarHeight);
+        } else {
+            // An indeterminate bar: a segment sweeping across, one sweep per period.
+            const double period = static_cast<double>(m_progress.indeterminateDuration().count());
+            const double t = std::fmod(static_cast<double>(m_clock.elapsed()), period) / period;
+            const double segment = width * m_progress.barWidthRatio();
+            bar = QRectF(-segment + t * (width + segment), 0, segment, kProgressBarHeight);
+        }
+        const auto state = m_progress.state();
+        root.progress->setColor(state == ProgressReport::State::error   ? QColor(0xCC, 0, 0)
+                                : state == ProgressReport::State::pause ? QColor(0x88, 0x88, 0x88)
+                                                                        : qcolor(m_colors.foreground));
+    }
+    root.progress->setRect(bar);
 }
 
 void TerminalView::framePresentedOnRenderThread() {
