@@ -14,7 +14,10 @@
 #include <QQuickWindow>
 #include <QSGRendererInterface>
 #include <QTemporaryDir>
+
 #include <QTest>
+#include <memory>
+#include <optional>
 
 using namespace std::chrono_literals;
 
@@ -72,6 +75,30 @@ class DrawerGuiTest : public QObject {
         CapturingTerminalView* codex = nullptr;
     };
 
+    // A relay (with or without the claude stand-in on its PATH), the signed-in application,
+    // and its drawer once open.
+    struct Session {
+        QTemporaryDir relayBin;
+        std::unique_ptr<RelayFixture> relay;
+        std::unique_ptr<AppHarness> harness;
+        std::optional<Opened> opened;
+        Opened* operator->() { return &*opened; }
+    };
+
+    static std::unique_ptr<Session> signIn(bool claudeInstalled) {
+        auto session = std::make_unique<Session>();
+        session->relay = claudeInstalled
+                             ? std::make_unique<RelayFixture>(relayWithClaudeInstalled(session->relayBin))
+                             : std::make_unique<RelayFixture>();
+        if (!session->relay->start())
+            return nullptr;
+        session->harness = std::make_unique<AppHarness>(AppHarness::Options{session->relay->url(), false});
+        if (!session->harness->load())
+            return nullptr;
+        session->opened = waitForDrawer(*session->harness);
+        return session->opened ? std::move(session) : nullptr;
+    }
+
     static std::optional<Opened> waitForDrawer(AppHarness& harness) {
         if (!QTest::qWaitFor([&] { return harness.drawer().isOpen(); }, 10000))
             return std::nullopt;
@@ -92,13 +119,10 @@ class DrawerGuiTest : public QObject {
 
 private slots:
     void theDrawerOpensAfterSignInAndBothAutoRunLinesRun() {
-        QTemporaryDir relayBin;
-        RelayFixture relay(relayWithClaudeInstalled(relayBin));
-        QVERIFY(relay.start());
-        AppHarness harness({relay.url(), false});
-        QVERIFY(harness.load());
-        auto opened = waitForDrawer(harness);
-        QVERIFY(opened);
+        auto session = signIn(true);
+        QVERIFY(session);
+        AppHarness& harness = *session->harness;
+        auto& opened = *session;
         QCOMPARE(harness.drawer().contentBuilds(), 1);
         // Beside the main window, as tall as it.
         const QRect main = harness.window()->frameGeometry();
@@ -122,12 +146,9 @@ private slots:
     }
 
     void withoutStatusBothTabsRunTheInstallLines() {
-        RelayFixture relay; // no stand-ins on the relay's PATH: neither tool is installed
-        QVERIFY(relay.start());
-        AppHarness harness({relay.url(), false});
-        QVERIFY(harness.load());
-        auto opened = waitForDrawer(harness);
-        QVERIFY(opened);
+        auto session = signIn(false); // no stand-ins on the relay's PATH: neither tool is installed
+        QVERIFY(session);
+        auto& opened = *session;
         QTRY_VERIFY_WITH_TIMEOUT(
             opened->claude->screenText().contains("stand-in installer from -fsSL https://"), 10000);
         QTRY_VERIFY_WITH_TIMEOUT(
@@ -135,13 +156,10 @@ private slots:
     }
 
     void typingIsShownAndRecordedOnTheRelay() {
-        QTemporaryDir relayBin;
-        RelayFixture relay(relayWithClaudeInstalled(relayBin));
-        QVERIFY(relay.start());
-        AppHarness harness({relay.url(), false});
-        QVERIFY(harness.load());
-        auto opened = waitForDrawer(harness);
-        QVERIFY(opened);
+        auto session = signIn(true);
+        QVERIFY(session);
+        RelayFixture& relay = *session->relay;
+        auto& opened = *session;
         QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("stand-in claude ran"), 10000);
         QTRY_VERIFY(opened->claude->hasActiveFocus());
         type(opened->panel, "echo drawer-ok");
@@ -169,13 +187,10 @@ private slots:
     }
 
     void hidingAndReopeningKeepsTheShellsAndBuildsNothingTwice() {
-        QTemporaryDir relayBin;
-        RelayFixture relay(relayWithClaudeInstalled(relayBin));
-        QVERIFY(relay.start());
-        AppHarness harness({relay.url(), false});
-        QVERIFY(harness.load());
-        auto opened = waitForDrawer(harness);
-        QVERIFY(opened);
+        auto session = signIn(true);
+        QVERIFY(session);
+        AppHarness& harness = *session->harness;
+        auto& opened = *session;
         QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("stand-in claude ran"), 10000);
         type(opened->panel, "echo kept-in-scrollback");
         QTest::keyClick(opened->panel, Qt::Key_Return);
@@ -202,13 +217,9 @@ private slots:
     }
 
     void switchingTabsMovesTypingToTheOtherShell() {
-        QTemporaryDir relayBin;
-        RelayFixture relay(relayWithClaudeInstalled(relayBin));
-        QVERIFY(relay.start());
-        AppHarness harness({relay.url(), false});
-        QVERIFY(harness.load());
-        auto opened = waitForDrawer(harness);
-        QVERIFY(opened);
+        auto session = signIn(true);
+        QVERIFY(session);
+        auto& opened = *session;
         QTRY_VERIFY_WITH_TIMEOUT(opened->codex->screenText().contains("stand-in npm"), 10000);
         QQuickItem* codexTab = nullptr;
         for (QQuickItem* item : opened->panel->findChildren<QQuickItem*>())
@@ -226,13 +237,9 @@ private slots:
     }
 
     void screenshotsOfAColouredListingAndAFullScreenProgram() {
-        QTemporaryDir relayBin;
-        RelayFixture relay(relayWithClaudeInstalled(relayBin));
-        QVERIFY(relay.start());
-        AppHarness harness({relay.url(), false});
-        QVERIFY(harness.load());
-        auto opened = waitForDrawer(harness);
-        QVERIFY(opened);
+        auto session = signIn(true);
+        QVERIFY(session);
+        auto& opened = *session;
         QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("stand-in claude ran"), 10000);
         const bool gpu = opened->claude->usesGpu();
         qInfo("drawer on the %s scene graph, rows drawn by the %s",

@@ -37,11 +37,7 @@ void FrameCoordinator::refuse(Token token, FrameRefusalReason reason) {
         if (reason != FrameRefusalReason::activeFrame) {
             // Only a device that gives nothing to draw with is a failure; a frame asked for
             // while another is on its way is the ordinary back-pressure of the display.
-            m_lastFailureReason = reason;
-            m_lastStatus = TrackedCommandBufferStatus::notEnqueued;
-            m_lastError.reset();
-            startFailureEpisodeLocked();
-            scheduleRetryLocked(eligible);
+            failLocked(reason, TrackedCommandBufferStatus::notEnqueued, std::nullopt, eligible);
         }
         if (m_callbacks.becameIdle)
             after.push_back(m_callbacks.becameIdle);
@@ -70,11 +66,7 @@ void FrameCoordinator::complete(Token token, TrackedCommandBufferStatus status,
         m_activeFrame.reset();
         cancelFrameWatchdogLocked();
         if (status == TrackedCommandBufferStatus::error) {
-            m_lastFailureReason.reset();
-            m_lastStatus = status;
-            m_lastError = std::move(error);
-            startFailureEpisodeLocked();
-            scheduleRetryLocked(eligible);
+            failLocked(std::nullopt, status, std::move(error), eligible);
         } else {
             resetFailureEpisodeLocked();
         }
@@ -99,6 +91,15 @@ void FrameCoordinator::invalidate() {
 
 bool FrameCoordinator::isCurrentLocked(Token token) const {
     return !m_invalidated && m_activeFrame && *m_activeFrame == token;
+}
+
+void FrameCoordinator::failLocked(std::optional<FrameRefusalReason> reason, TrackedCommandBufferStatus status,
+                                  std::optional<std::string> error, bool eligible) {
+    m_lastFailureReason = reason;
+    m_lastStatus = status;
+    m_lastError = std::move(error);
+    startFailureEpisodeLocked();
+    scheduleRetryLocked(eligible);
 }
 
 void FrameCoordinator::scheduleRetryLocked(bool eligible) {
@@ -161,11 +162,7 @@ void FrameCoordinator::frameWatchdogFired(Token token) {
         // The frame was submitted and never came back: give it up, so that the next one may
         // begin, and count it as a failure of the device.
         m_activeFrame.reset();
-        m_lastFailureReason.reset();
-        m_lastStatus = m_activeStatus;
-        m_lastError = std::string("frame did not complete");
-        startFailureEpisodeLocked();
-        scheduleRetryLocked(eligible);
+        failLocked(std::nullopt, m_activeStatus, std::string("frame did not complete"), eligible);
         if (m_callbacks.becameIdle)
             after.push_back(m_callbacks.becameIdle);
     }

@@ -88,6 +88,9 @@ public:
 private:
     using Actions = std::vector<std::function<void()>>;
     bool isCurrentLocked(Token token) const;
+    // A frame failed: the failure is noted, an episode starts if none runs, a retry is planned.
+    void failLocked(std::optional<FrameRefusalReason> reason, TrackedCommandBufferStatus status,
+                    std::optional<std::string> error, bool eligible);
     void scheduleRetryLocked(bool eligible);
     void startFailureEpisodeLocked();
     void resetFailureEpisodeLocked();
