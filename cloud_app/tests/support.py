@@ -3,12 +3,16 @@
 Every test talks to it over HTTP with http.client, as the application would.
 """
 
+import asyncio
 import http.client
 import json
+import logging
 import os
 import queue
 import select
 import shutil
+import socket
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -63,6 +67,8 @@ class Relay:
         self.extra_env = dict(env or {})
         self.process = None
         self.port = None
+        # Run in the child before the relay starts (to lower its open-file limit, say).
+        self.preexec = None
 
     def environment(self):
         env = {key: value for key, value in os.environ.items() if not key.startswith(("MERE_", "CLAUDE_", "CODEX_"))}
@@ -83,7 +89,8 @@ class Relay:
     def start(self):
         log = open(self.log_path, "ab")
         self.process = subprocess.Popen([sys.executable, SERVER], cwd=RELAY_DIR, env=self.environment(),
-                                        stdout=subprocess.PIPE, stderr=log, stdin=subprocess.DEVNULL)
+                                        stdout=subprocess.PIPE, stderr=log, stdin=subprocess.DEVNULL,
+                                        preexec_fn=self.preexec)
         log.close()
         line = self._first_line()
         marker = "listening on http://"
@@ -121,6 +128,31 @@ class Relay:
     def base_url(self):
         return f"http://127.0.0.1:{self.port}/"
 
+    @property
+    def host_header(self):
+        """The Host a client of this relay sends, as bytes for raw requests."""
+        return f"127.0.0.1:{self.port}".encode()
+
+    def raw(self, data, timeout=5.0):
+        """Sends bytes as they are and reads one answer: up to its Content-Length, or until the
+        relay closes or goes quiet. Returns (status or None, the head as text, the body as bytes)."""
+        with socket.create_connection(("127.0.0.1", self.port), timeout=timeout) as sock:
+            try:
+                sock.sendall(data)
+            except (BrokenPipeError, ConnectionResetError):
+                pass
+            return read_answer(sock)
+
+    def code_token(self, address):
+        """Signs `address` in with an e-mailed code read from the outbox; returns the token and user."""
+        status, answer, _ = self.request("POST", "v1/auth/request-code", {"email": address})
+        assert status == 200, answer
+        with open(os.path.join(self.folder, "relay-outbox.txt"), encoding="utf-8") as handle:
+            code = [line for line in handle if f" to={address} " in line][-1].rsplit("code=", 1)[1].strip()
+        status, answer, _ = self.request("POST", "v1/auth/verify-code", {"email": address, "code": code})
+        assert status == 200, answer
+        return answer["token"], answer["user"]
+
     def connection(self, timeout=30):
         return http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
 
@@ -153,6 +185,103 @@ class Relay:
         return Stream(self, token)
 
 
+def closed_by_relay(sock, seconds):
+    """Whether the relay closes this connection, which has been sent nothing more, in time."""
+    sock.settimeout(seconds)
+    try:
+        return sock.recv(1) == b""
+    except ConnectionResetError:
+        return True
+    except socket.timeout:
+        return False
+
+
+def read_answer(sock):
+    """One HTTP answer from a socket: (status or None, head text, body bytes)."""
+    reply = b""
+    try:
+        while b"\r\n\r\n" not in reply:
+            chunk = sock.recv(65536)
+            if not chunk:
+                break
+            reply += chunk
+        head, _, body = reply.partition(b"\r\n\r\n")
+        length = None
+        for line in head.split(b"\r\n")[1:]:
+            name, _, value = line.partition(b":")
+            if name.strip().lower() == b"content-length" and value.strip().isdigit():
+                length = int(value)
+        while length is None or len(body) < length:
+            chunk = sock.recv(65536)
+            if not chunk:
+                break
+            body += chunk
+    except (socket.timeout, ConnectionResetError):
+        head, _, body = reply.partition(b"\r\n\r\n")
+    parts = head.split(b" ", 2)
+    status = int(parts[1]) if len(parts) > 1 and parts[1].isdigit() else None
+    return status, head.decode("latin-1"), body
+
+
+class InProcessRelay(Relay):
+    """The relay's App served on a thread of this process: for tests that add a route of their
+    own (a failing handler, a provider call) or read what the relay logged, record by record."""
+
+    def __init__(self, folder, env=None, setup=None):
+        super().__init__(folder, env)
+        self._setup = setup
+        self.app = None
+        self.records = []
+        self._thread = None
+
+    def start(self):
+        from relaylib import app as relay_app, config
+
+        self.app = relay_app.App(config.load_settings(self.environment()))
+        if self._setup is not None:
+            self._setup(self.app)
+        handler = _Recorder(self.records)
+        logging.getLogger("relay").addHandler(handler)
+        logging.getLogger("relay").setLevel(logging.INFO)
+        self._handler = handler
+        ready = threading.Event()
+
+        def listening(host, port):
+            self.port = port
+            ready.set()
+
+        self._thread = threading.Thread(
+            target=lambda: asyncio.run(self.app.run(on_listening=listening, handle_signals=False)), daemon=True)
+        self._thread.start()
+        if not ready.wait(START_TIMEOUT):
+            raise RuntimeError("in-process relay did not start")
+        return self
+
+    def stop(self):
+        if self._thread is None:
+            return None
+        self.app.request_stop()
+        self._thread.join(15)
+        logging.getLogger("relay").removeHandler(self._handler)
+        self._thread = None
+        return 0
+
+    def log(self):
+        return "\n".join(record.getMessage() for record in self.records)
+
+    def tracebacks(self):
+        return [record for record in self.records if record.exc_info]
+
+
+class _Recorder(logging.Handler):
+    def __init__(self, records):
+        super().__init__(logging.DEBUG)
+        self._records = records
+
+    def emit(self, record):
+        self._records.append(record)
+
+
 class Stream:
     """A held-open v1/stream, read by a thread into a queue of lines."""
 
@@ -176,7 +305,8 @@ class Stream:
                 if not line:
                     break
                 self.lines.put(line.decode("utf-8"))
-        except (OSError, ValueError, http.client.HTTPException):
+        except (OSError, ValueError, AttributeError, http.client.HTTPException):
+            # Closing the stream from the test's thread cuts a read short in any of these ways.
             pass
         self.lines.put(None)
 
@@ -219,6 +349,15 @@ class RelayTestCase(unittest.TestCase):
         cls.relay.stop()
         shutil.rmtree(cls.folder, ignore_errors=True)
 
+    def assertRelayIntact(self):
+        """The relay still answers, its database is whole, and nothing it logged was a traceback."""
+        self.assertEqual(self.relay.request("GET", "v1/health")[0], 200)
+        with sqlite3.connect(self.relay.db_path) as conn:
+            self.assertEqual(conn.execute("PRAGMA integrity_check").fetchone()[0], "ok")
+        log = self.relay.log()
+        self.assertNotIn("Traceback", log)
+        self.assertNotIn("unexpected failure", log)
+
     def call(self, method, path, body=None, token=True, **kwargs):
         use = self.token if token is True else token
         return self.relay.request(method, path, body, token=use or None, **kwargs)
@@ -233,3 +372,59 @@ class RelayTestCase(unittest.TestCase):
             self.assertEqual(answer["error"]["message"], message)
         if contains is not None:
             self.assertIn(contains, answer["error"]["message"])
+
+
+# Every path of the relay: (method, pattern, needs a session, a valid body). A path added to
+# the relay must be added here, so that the trust, hostile-input and two-user tests cover it.
+INTERRUPT = {"run_id": "run-1", "run_name": "claude · workspace", "kind": "approval", "prompt": "Allow Bash?",
+             "options": ["Approve", "Reject"], "detail": "ls"}
+CHUNK = {"seq": 1, "stream": "output", "data": "hello\r\n", "ts": "2026-01-31T09:30:00Z"}
+ROUTES = [
+    ("GET", "v1/health", False, None),
+    ("POST", "v1/auth/local", False, {}),
+    ("POST", "v1/auth/request-code", False, {"email": "someone@example.com"}),
+    ("POST", "v1/auth/verify-code", False, {"email": "someone@example.com", "code": "123456"}),
+    ("POST", "v1/auth/mfa/verify", False, {"mfa_ticket": "ticket", "code": "123456"}),
+    ("GET", "v1/me", True, None),
+    ("POST", "v1/auth/logout", True, None),
+    ("GET", "v1/stream", True, None),
+    ("POST", "v1/interrupts", True, INTERRUPT),
+    ("GET", "v1/interrupts/{id}", True, None),
+    ("POST", "v1/interrupts/{id}/verdict", True, {"verdict": "reply", "reply": "Billing", "source": "desktop"}),
+    ("POST", "v1/events", True, {"run_id": "run-1", "name": "claude · plan", "type": "started", "tokens": 1,
+                                 "cost_usd": 0.5, "detail": "Started"}),
+    ("POST", "v1/router/health", True, {"provider": "anthropic-subscription", "success": True, "latency_ms": 5}),
+    ("POST", "v1/terminal/sessions", True, {"source": "desktop"}),
+    ("GET", "v1/terminal/sessions", True, None),
+    ("GET", "v1/terminal/sessions/{id}", True, None),
+    ("POST", "v1/terminal/sessions/{id}/events", True, {"chunks": [CHUNK]}),
+    ("POST", "v1/terminal/sessions/{id}/end", True, None),
+    ("GET", "v1/cli/status", True, None),
+    ("GET", "v1/projects", True, None),
+    ("POST", "v1/projects", True, {"name": "quillmere", "root_path": "/work/quillmere"}),
+    ("GET", "v1/projects/{id}/context", True, None),
+    ("POST", "v1/projects/{id}/context", True, {"title": "Tests", "content": "Run ctest.", "source": ""}),
+    ("DELETE", "v1/projects/{id}/context/{item}", True, None),
+    ("POST", "v1/projects/{id}/context/pack", True, {"query": "tests", "character_budget": 1000}),
+]
+
+
+def make_records(relay, token):
+    """One record of each kind for `token`'s user; returns the ids the paths above name."""
+    def post(path, body):
+        status, answer, _ = relay.request("POST", path, body, token=token)
+        assert status == 200, (path, answer)
+        return answer
+
+    interrupt = post("v1/interrupts", INTERRUPT)["id"]
+    session = post("v1/terminal/sessions", {"source": "desktop"})["id"]
+    post(f"v1/terminal/sessions/{session}/events", {"chunks": [CHUNK]})
+    project = post("v1/projects", {"name": "p", "root_path": f"/work/{interrupt}"})["id"]
+    item = post(f"v1/projects/{project}/context", {"title": "Tests", "content": "Run ctest."})["id"]
+    return {"interrupt": interrupt, "session": session, "project": project, "item": item}
+
+
+def route_path(pattern, ids):
+    """A pattern with its {id} and {item} filled for the record kind its path names."""
+    kind = ("interrupt" if "interrupts" in pattern else "session" if "terminal" in pattern else "project")
+    return pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))

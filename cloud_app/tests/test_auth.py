@@ -151,15 +151,24 @@ class CodeSignInTest(RelayTestCase):
                                       token=None)
         self.assertError(answer, status, 401, "code expired or never requested; request a new code")
 
-    def test_code_goes_to_the_outbox_and_the_log_only(self):
+    def test_code_goes_to_the_private_outbox_and_never_to_the_log(self):
         self.request_code("outbox@example.com")
         code = outbox_code(self.relay, "outbox@example.com")
         outbox = os.path.join(self.relay.folder, "relay-outbox.txt")
         self.assertEqual(stat.S_IMODE(os.stat(outbox).st_mode), 0o600)
-        support.wait_for(lambda: f"sign-in code for outbox@example.com written to the outbox: {code}"
-                         in self.relay.log())
+        support.wait_for(lambda: "a sign-in code was written to the outbox file" in self.relay.log())
+        self.assertNotIn(code, self.relay.log())
+        self.assertNotIn("outbox@example.com", self.relay.log())
         with open(self.relay.db_path, "rb") as handle:
             self.assertNotIn(f"code={code}".encode(), handle.read())
+
+    def test_an_outbox_left_readable_by_others_is_made_private(self):
+        outbox = os.path.join(self.relay.folder, "relay-outbox.txt")
+        self.request_code("first@example.com")
+        os.chmod(outbox, 0o644)
+        self.request_code("second@example.com")
+        self.assertEqual(stat.S_IMODE(os.stat(outbox).st_mode), 0o600)
+        self.assertRegex(outbox_code(self.relay, "second@example.com"), r"^\d{6}$")
 
 
 class CodeExpiryTest(RelayTestCase):

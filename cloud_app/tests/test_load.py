@@ -5,10 +5,15 @@ cloud_app/scripts/loadtest.py.
 """
 
 import concurrent.futures
+import http.client
 import json
+import os
 import random
+import shutil
+import signal
 import socket
 import sqlite3
+import tempfile
 import threading
 import unittest
 
@@ -94,6 +99,73 @@ class RepeatedBatchTest(RelayTestCase):
         self.assertEqual(statuses, [200] * 10)
         chunks = self.call("GET", f"v1/terminal/sessions/{session}")[1]["chunks"]
         self.assertEqual([chunk["seq"] for chunk in chunks], list(range(1, 51)))
+
+
+class KillTest(unittest.TestCase):
+    """kill -9 in the middle of chunk writes: every chunk that was acknowledged is there after a
+    restart, none twice, and sending the lost ones again stores each once."""
+
+    WRITERS = 4
+    CHUNK_TEXT = "x" * 8000
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="relay-kill-")
+        self.relay = support.Relay(self.folder).start()
+
+    def tearDown(self):
+        self.relay.stop()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def chunk(self, seq):
+        return {"seq": seq, "stream": "output", "data": f"{seq}:{self.CHUNK_TEXT}", "ts": "2026-01-31T09:30:00Z"}
+
+    def test_nothing_acknowledged_is_lost_or_stored_twice(self):
+        token = self.relay.local_token()
+        session = self.relay.request("POST", "v1/terminal/sessions", {"source": "desktop"}, token=token)[1]["id"]
+        acknowledged, attempted, lock = set(), set(), threading.Lock()
+
+        def write(writer):
+            for number in range(1, 100000):
+                seq = writer * 100000 + number
+                with lock:
+                    attempted.add(seq)
+                try:
+                    status, _, _ = self.relay.request("POST", f"v1/terminal/sessions/{session}/events",
+                                                      {"chunks": [self.chunk(seq)]}, token=token, timeout=5)
+                except (OSError, http.client.HTTPException):
+                    return
+                if status == 200:
+                    with lock:
+                        acknowledged.add(seq)
+
+        threads = [threading.Thread(target=write, args=(writer,)) for writer in range(1, self.WRITERS + 1)]
+        for thread in threads:
+            thread.start()
+        support.wait_for(lambda: len(acknowledged) >= 40, timeout=20)
+        os.kill(self.relay.process.pid, signal.SIGKILL)
+        for thread in threads:
+            thread.join(10)
+        self.relay.process.wait(10)
+        self.relay.process.stdout.close()
+        self.relay.process = None
+        self.relay.start()
+
+        chunks = self.relay.request("GET", f"v1/terminal/sessions/{session}", token=token)[1]["chunks"]
+        stored = [chunk["seq"] for chunk in chunks]
+        self.assertEqual(len(stored), len(set(stored)))
+        self.assertLessEqual(acknowledged, set(stored))
+        self.assertLessEqual(set(stored), attempted)
+        for chunk in chunks:
+            self.assertEqual(chunk, self.chunk(chunk["seq"]))
+        # The client sends again what it did not hear acknowledged, and what it did, once more.
+        again = sorted(attempted)
+        status, answer, _ = self.relay.request("POST", f"v1/terminal/sessions/{session}/events",
+                                               {"chunks": [self.chunk(seq) for seq in again]}, token=token)
+        self.assertEqual((status, answer), (200, {"accepted": len(again), "stored": len(again) - len(stored)}))
+        chunks = self.relay.request("GET", f"v1/terminal/sessions/{session}", token=token)[1]["chunks"]
+        self.assertEqual([chunk["seq"] for chunk in chunks], again)
+        with sqlite3.connect(self.relay.db_path) as conn:
+            self.assertEqual(conn.execute("PRAGMA integrity_check").fetchone()[0], "ok")
 
 
 def bad_requests(token, rng):

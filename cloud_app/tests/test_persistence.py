@@ -6,6 +6,7 @@ import tempfile
 import unittest
 
 import support
+from relaylib.migrations import MIGRATIONS
 
 
 class RestartTest(unittest.TestCase):
@@ -66,7 +67,7 @@ class RestartTest(unittest.TestCase):
         with sqlite3.connect(self.relay.db_path) as conn:
             rows = conn.execute("SELECT version FROM schema_migrations").fetchall()
             mode = conn.execute("PRAGMA journal_mode").fetchone()[0]
-        self.assertEqual(rows, [(1,)])
+        self.assertEqual(rows, [(version,) for version, _, _ in MIGRATIONS])
         self.assertEqual(mode, "wal")
         self.relay.start()
 

@@ -10,6 +10,7 @@ import tempfile
 import unittest
 
 import support
+from relaylib.migrations import MIGRATIONS
 from support import RelayTestCase
 
 
@@ -27,7 +28,7 @@ class HealthTest(RelayTestCase):
         status, answer, headers = self.call("GET", "v1/health", token=None)
         self.assertEqual(status, 200)
         self.assertEqual(answer["status"], "ok")
-        self.assertEqual(answer["schema_version"], 1)
+        self.assertEqual(answer["schema_version"], len(MIGRATIONS))
         self.assertTrue(headers["Content-Type"].startswith("application/json"))
         self.assertTrue(headers["X-Request-Id"].startswith("req_"))
 
@@ -91,6 +92,7 @@ class ErrorStatusTest(RelayTestCase):
         conn = self.relay.connection()
         conn.putrequest("POST", "/v1/events")
         conn.putheader("Content-Length", str(16 * 1024 * 1024 + 1))
+        conn.putheader("Content-Type", "application/json")
         conn.putheader("Authorization", "Bearer " + self.token)
         conn.endheaders()
         response = conn.getresponse()
@@ -106,15 +108,16 @@ class ErrorStatusTest(RelayTestCase):
     def test_chunked_body_is_read(self):
         conn = self.relay.connection()
         parts = [b'{"run_id": "chunked", ', b'"name": "n", ', b'"type": "started"}']
-        conn.request("POST", "/v1/events", body=iter(parts), headers={"Authorization": "Bearer " + self.token},
-                     encode_chunked=True)
+        conn.request("POST", "/v1/events", body=iter(parts), encode_chunked=True,
+                     headers={"Authorization": "Bearer " + self.token, "Content-Type": "application/json"})
         response = conn.getresponse()
         self.assertEqual((response.status, json.loads(response.read())), (200, {"accepted": True}))
         conn.close()
 
     def test_malformed_chunked_body_is_400(self):
         with socket.create_connection(("127.0.0.1", self.relay.port), timeout=5) as sock:
-            sock.sendall(b"POST /v1/events HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n"
+            sock.sendall(b"POST /v1/events HTTP/1.1\r\nHost: " + self.relay.host_header +
+                         b"\r\nTransfer-Encoding: chunked\r\nContent-Type: application/json\r\n"
                          b"Authorization: Bearer " + self.token.encode() + b"\r\n\r\nZZ\r\n")
             status_line, answer = read_raw_answer(sock)
         self.assertIn(" 400 ", status_line)
@@ -122,7 +125,8 @@ class ErrorStatusTest(RelayTestCase):
 
     def test_bad_content_length_is_400(self):
         with socket.create_connection(("127.0.0.1", self.relay.port), timeout=5) as sock:
-            sock.sendall(b"POST /v1/events HTTP/1.1\r\nHost: x\r\nContent-Length: -5\r\n\r\n")
+            sock.sendall(b"POST /v1/events HTTP/1.1\r\nHost: " + self.relay.host_header +
+                         b"\r\nContent-Length: -5\r\n\r\n")
             status_line, answer = read_raw_answer(sock)
         self.assertIn(" 400 ", status_line)
         self.assertEqual(answer["error"]["message"], "Content-Length must be a whole number")

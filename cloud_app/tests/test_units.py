@@ -1,11 +1,14 @@
-"""The relay's pure parts, in process: constants, settings, JSON rules, routing, TOTP, packs."""
+"""The relay's parts in process: constants, settings, JSON rules, routing, trust, the hub, the database."""
 
+import asyncio
 import os
+import sqlite3
+import stat
 import tempfile
 import unittest
 
 import support  # noqa: F401  (puts the relay on the import path)
-from relaylib import clock, config, contextpack, hub, jsonio, routing, totp
+from relaylib import clock, config, contextpack, hub, jsonio, routing, totp, trust
 from relaylib.auth import is_loopback, RateLimiter
 from relaylib.db import Database
 from relaylib.errors import ApiError
@@ -37,6 +40,21 @@ class DefaultsTest(unittest.TestCase):
         self.assertEqual(permission_hook.WAIT_SECONDS, 300.0)
         self.assertEqual(permission_hook.POLL_SECONDS, 60.0)
 
+    def test_input_and_connection_limits_have_their_defaults(self):
+        self.assertEqual(config.SIGN_IN_BODY_BYTES, 16 * 1024)
+        self.assertEqual(config.MAX_REQUEST_LINE_BYTES, 8190)
+        self.assertEqual(config.MAX_HEADER_BYTES, 8190)
+        self.assertEqual(config.MAX_HEADER_COUNT, 100)
+        self.assertEqual(config.IDLE_TIMEOUT_SECONDS, 10.0)
+        self.assertEqual(config.BODY_TIMEOUT_SECONDS, 30.0)
+        self.assertEqual(config.LINGER_SECONDS, 2.0)
+        self.assertEqual(config.MAX_CONNECTIONS, 4096)
+        self.assertEqual(config.RESERVED_FILES, 256)
+        self.assertEqual(config.WORKER_THREADS, 16)
+        self.assertEqual(config.UPSTREAM_CONNECT_SECONDS, 10.0)
+        self.assertEqual(config.UPSTREAM_READ_SECONDS, 60.0)
+        self.assertEqual(config.UPSTREAM_TOTAL_SECONDS, 600.0)
+
     def test_timings_start_from_the_constants(self):
         timings = config.load_settings({"MERE_RELAY_DB_PATH": "/tmp/x/relay.db"}).timings
         self.assertEqual(timings, config.Timings())
@@ -60,6 +78,33 @@ class SettingsTest(unittest.TestCase):
 
     def test_missing_env_file_is_fine(self):
         self.assertEqual(config.read_env_file("/nonexistent/relay.env"), {})
+
+    def test_env_file_others_can_write_is_refused(self):
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, "relay.env")
+            with open(path, "w") as handle:
+                handle.write("MERE_SMTP_HOST=mail.example\n")
+            for mode in (0o666, 0o620, 0o602):
+                os.chmod(path, mode)
+                with self.assertRaises(config.SettingsError) as caught:
+                    config.read_env_file(path)
+                self.assertIn("can be written by other users", str(caught.exception))
+                self.assertIn(f"chmod 600 {path}", str(caught.exception))
+            for mode in (0o600, 0o644, 0o400):
+                os.chmod(path, mode)
+                self.assertEqual(config.read_env_file(path), {"MERE_SMTP_HOST": "mail.example"})
+
+    def test_env_file_of_another_user_is_refused(self):
+        info = os.stat_result((stat.S_IFREG | 0o600, 0, 0, 1, 4242, 4242, 0, 0, 0, 0))
+        with self.assertRaises(config.SettingsError):
+            config.check_env_file_owner("relay.env", info, uid=1000)
+        config.check_env_file_owner("relay.env", info, uid=4242)
+
+    def test_public_hosts_and_a_strict_port(self):
+        settings = config.load_settings({"MERE_RELAY_PUBLIC_HOST": " Relay.Example.com , ,other.example:8443",
+                                         "MERE_RELAY_PORT": "\u0668\u0667\u0668\u0667"})
+        self.assertEqual(settings.public_hosts, ("relay.example.com", "other.example:8443"))
+        self.assertEqual(settings.port, config.DEFAULT_PORT)
 
     def test_environment_wins_over_the_file(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -103,6 +148,27 @@ class JsonTest(unittest.TestCase):
             with self.assertRaises(ApiError) as caught:
                 action()
             self.assertIn(message, caught.exception.message)
+
+    def test_a_lone_surrogate_is_refused_naming_the_field(self):
+        for raw, message in [(b'{"prompt": "a\\ud800"}', "prompt must be valid Unicode text"),
+                             (b'{"chunks": [{"data": "x"}, {"data": "\\udc00"}]}', "chunks[1].data must be valid"),
+                             (b'{"options": ["\\udfff"]}', "options[0] must be valid"),
+                             (b'{"\\ud800": 1}', "key that is not valid Unicode"),
+                             (b'"\\ud800"', "request body must be valid")]:
+            with self.assertRaises(ApiError) as caught:
+                jsonio.parse(raw)
+            self.assertEqual(caught.exception.status, 400)
+            self.assertIn(message, caught.exception.message)
+        self.assertEqual(jsonio.parse(b'{"emoji": "\\ud83d\\ude00"}'), {"emoji": "\U0001F600"})
+
+    def test_numbers_in_queries_are_ascii_digits(self):
+        self.assertEqual(jsonio.whole_number("42", "limit", 1000), 42)
+        for text in ["\u00b2", "\u0663", "4\u0662", "-1", "+1", " 1", "1_0", "1001", "", "9" * 40]:
+            with self.assertRaises(ApiError):
+                jsonio.whole_number(text, "limit", 1000)
+        self.assertEqual(jsonio.decimal_number("0.5"), 0.5)
+        for text in ["\u0663", "nan", "inf", "1e3", ".5", "-1", "1_0", ""]:
+            self.assertIsNone(jsonio.decimal_number(text), text)
 
     def test_a_boolean_is_not_an_integer(self):
         with self.assertRaises(ApiError):
@@ -244,31 +310,147 @@ class ContextPackTest(unittest.TestCase):
 
 
 class HubTest(unittest.TestCase):
-    def test_every_subscriber_gets_every_snapshot_in_order(self):
-        state = {"n": 0}
-        the_hub = hub.Hub(lambda: str(state["n"]).encode())
-        subscribers = [the_hub.subscribe() for _ in range(3)]
-        self.assertEqual([first for _, first in subscribers], [b"0"] * 3)
-        for number in range(1, 4):
-            state["n"] = number
-            the_hub.publish()
-        for subscription, _ in subscribers:
-            self.assertEqual([subscription.get(0) for _ in range(3)], [b"1", b"2", b"3"])
-            self.assertIsNone(subscription.get(0.01))
-        the_hub.close()
-        self.assertIs(subscribers[0][0].get(1), hub.CLOSED)
+    """The hub on a real event loop, with publishing from worker threads as the relay does."""
+
+    def run_hub(self, scenario, build):
+        async def main():
+            loop = asyncio.get_running_loop()
+            the_hub = hub.Hub(build)
+            the_hub.bind(loop)
+
+            async def in_thread(function, *args):
+                return await loop.run_in_executor(None, function, *args)
+
+            return await scenario(the_hub, in_thread)
+
+        return asyncio.run(main())
+
+    def test_every_stream_of_a_user_gets_every_snapshot_in_order_and_no_one_else_does(self):
+        state = {"alice": 0, "bob": 0}
+
+        async def scenario(the_hub, in_thread):
+            alice = [await in_thread(the_hub.subscribe, "alice") for _ in range(3)]
+            bob, bob_first = await in_thread(the_hub.subscribe, "bob")
+            self.assertEqual([first for _, first in alice], [b"alice 0"] * 3)
+            for number in range(1, 4):
+                state["alice"] = number
+                await in_thread(the_hub.publish, "alice")
+            for subscription, _ in alice:
+                self.assertEqual([await subscription.get(1) for _ in range(3)],
+                                 [hub.frame(f"alice {n}".encode()) for n in (1, 2, 3)])
+                self.assertIsNone(await subscription.get(0.01))
+            self.assertIsNone(await bob.get(0.01))
+            the_hub.unsubscribe(alice[0][0])
+            self.assertEqual(the_hub.subscriber_count, 3)
+            the_hub.close()
+            self.assertIs(await bob.get(1), hub.CLOSED)
+
+        self.run_hub(scenario, lambda user: f"{user} {state[user]}".encode())
 
     def test_a_slow_subscriber_keeps_the_newest(self):
-        counter = iter(range(1, 10000))
-        the_hub = hub.Hub(lambda: str(next(counter)).encode())
-        subscription, _ = the_hub.subscribe()
-        for _ in range(hub.MAX_BACKLOG + 10):
-            the_hub.publish()
-        items = []
-        while (item := subscription.get(0)) is not None:
-            items.append(int(item))
-        self.assertEqual(len(items), hub.MAX_BACKLOG)
-        self.assertEqual(items[-1], hub.MAX_BACKLOG + 11)
+        counter = iter(range(10000))
+
+        async def scenario(the_hub, in_thread):
+            subscription, _ = await in_thread(the_hub.subscribe, "u")
+            for _ in range(hub.MAX_BACKLOG + 10):
+                await in_thread(the_hub.publish, "u")
+            items = []
+            while (item := await subscription.get(0)) is not None:
+                items.append(item)
+            self.assertEqual(len(items), hub.MAX_BACKLOG)
+            self.assertEqual(items[-1], hub.frame(str(hub.MAX_BACKLOG + 10).encode()))
+
+        self.run_hub(scenario, lambda user: str(next(counter)).encode())
+
+    def test_nothing_is_built_for_a_user_without_streams(self):
+        built = []
+
+        async def scenario(the_hub, in_thread):
+            await in_thread(the_hub.publish, "nobody")
+            self.assertEqual(built, [])
+
+        self.run_hub(scenario, lambda user: built.append(user) or b"{}")
+
+    def test_a_waiter_wakes_at_the_next_resolution(self):
+        async def scenario(the_hub, in_thread):
+            loop = asyncio.get_running_loop()
+            generation = the_hub.generation
+            started = loop.time()
+            loop.call_later(0.05, the_hub.notify_resolved)
+            await the_hub.wait_resolution(generation, 5)
+            self.assertLess(loop.time() - started, 2)
+            self.assertEqual(the_hub.generation, generation + 1)
+            # A resolution that came before the wait began is not waited for.
+            started = loop.time()
+            await the_hub.wait_resolution(generation, 5)
+            self.assertLess(loop.time() - started, 0.5)
+
+        self.run_hub(scenario, lambda user: b"{}")
+
+
+class HttpPartsTest(unittest.TestCase):
+    def test_a_declared_length_is_ascii_digits_once(self):
+        from multidict import CIMultiDict
+        from relaylib.web import content_length
+        self.assertIsNone(content_length(CIMultiDict()))
+        self.assertEqual(content_length(CIMultiDict({"Content-Length": " 42 "})), 42)
+        for values in [["\u00b2"], ["-1"], ["+5"], ["5, 5"], ["Authorization: Bearer x"], ["\udcea"], [""],
+                       ["9" * 40], ["5", "5"]]:
+            headers = CIMultiDict([("Content-Length", value) for value in values])
+            with self.assertRaises(ApiError) as caught:
+                content_length(headers)
+            self.assertEqual((caught.exception.status, caught.exception.close), (400, True))
+
+    def test_a_logged_traceback_never_repeats_an_exceptions_message(self):
+        import logging
+        from relaylib.app import QuietFormatter
+        secret = "-".join(["secret", "token", "value"])
+        try:
+            try:
+                int("Authorization: Bearer " + secret)
+            except ValueError as inner:
+                raise KeyError(secret) from inner
+        except KeyError:
+            import sys
+            record = logging.LogRecord("relay", logging.ERROR, __file__, 1, "unexpected failure", None,
+                                       sys.exc_info())
+        text = QuietFormatter("%(message)s").format(record)
+        self.assertNotIn("secret-token-value", text)
+        self.assertIn("Traceback (most recent call last):", text)
+        self.assertIn("test_a_logged_traceback_never_repeats_an_exceptions_message", text)
+        self.assertIn("builtins.KeyError (after ValueError)", text)
+
+
+class TrustTest(unittest.TestCase):
+    def test_host_must_name_the_relay(self):
+        rules = trust.HostRules("127.0.0.1", 8787)
+        for host in ["127.0.0.1:8787", "localhost:8787", "LOCALHOST:8787", "[::1]:8787"]:
+            self.assertTrue(rules.host_allowed(host), host)
+        for host in [None, "", "127.0.0.1", "127.0.0.1:8788", "evil.example:8787", "evil.example",
+                     "127.0.0.1:8787.evil.example", "0.0.0.0:8787", "127.0.0.2:8787", "localhost:8787 x",
+                     "l\u00f6calhost:8787"]:
+            self.assertFalse(rules.host_allowed(host), host)
+
+    def test_a_hosted_relay_answers_to_its_public_name_and_bound_address(self):
+        rules = trust.HostRules("0.0.0.0", 8787, ("relay.example.com", "other.example:8443"))
+        for host in ["relay.example.com", "relay.example.com:8787", "other.example:8443", "127.0.0.1:8787"]:
+            self.assertTrue(rules.host_allowed(host), host)
+        for host in ["other.example", "0.0.0.0:8787", "relay.example.com:9999"]:
+            self.assertFalse(rules.host_allowed(host), host)
+        self.assertTrue(trust.HostRules("192.168.1.5", 8787).host_allowed("192.168.1.5:8787"))
+        self.assertTrue(trust.HostRules("::1", 8787).host_allowed("[::1]:8787"))
+
+    def test_only_the_relays_own_origin(self):
+        rules = trust.HostRules("127.0.0.1", 8787, ("relay.example.com",))
+        for origin in [None, "http://127.0.0.1:8787", "http://localhost:8787", "https://relay.example.com"]:
+            self.assertTrue(rules.origin_allowed(origin), origin)
+        for origin in ["null", "", "http://evil.example", "http://evil.example:8787", "http://127.0.0.1:8788",
+                       "file://", "http://127.0.0.1:8787/path", "chrome-extension://abc", "http://[::1]:9"]:
+            self.assertFalse(rules.origin_allowed(origin), origin)
+        for site in [None, "same-origin", "none"]:
+            self.assertTrue(rules.fetch_site_allowed(site))
+        for site in ["cross-site", "same-site"]:
+            self.assertFalse(rules.fetch_site_allowed(site))
 
 
 class DatabaseTest(unittest.TestCase):
@@ -291,6 +473,88 @@ class DatabaseTest(unittest.TestCase):
                     raise RuntimeError("handler failed")
             with db.read() as conn:
                 self.assertEqual(conn.execute("SELECT count(*) FROM t").fetchone()[0], 0)
+            self.assertTrue(db.integrity_ok())
+            db.close()
+
+    def test_a_migration_may_be_a_function(self):
+        with tempfile.TemporaryDirectory() as folder:
+            def fill(conn):
+                conn.execute("INSERT INTO t VALUES ('filled')")
+            db = Database(os.path.join(folder, "relay.db"), [(1, "table", "CREATE TABLE t (a TEXT);"), (2, "fill", fill)])
+            with db.read() as conn:
+                self.assertEqual(conn.execute("SELECT a FROM t").fetchall()[0][0], "filled")
+            db.close()
+
+    def test_folder_and_files_are_private(self):
+        with tempfile.TemporaryDirectory() as folder:
+            data = os.path.join(folder, "data")
+            os.makedirs(data, mode=0o755)
+            os.chmod(data, 0o755)
+            path = os.path.join(data, "relay.db")
+            with open(path + "-shm", "w"):
+                pass
+            os.chmod(path + "-shm", 0o644)
+            db = Database(path)
+            with db.write() as conn:
+                conn.execute("INSERT INTO users (id, email, created_at) VALUES ('u', 'u@x', 'now')")
+            self.assertEqual(stat.S_IMODE(os.stat(data).st_mode), 0o700)
+            for suffix in ("", "-wal", "-shm"):
+                self.assertEqual(stat.S_IMODE(os.stat(path + suffix).st_mode), 0o600, suffix)
+            db.close()
+            fresh = os.path.join(folder, "new", "deeper", "relay.db")
+            Database(fresh).close()
+            self.assertEqual(stat.S_IMODE(os.stat(os.path.dirname(fresh)).st_mode), 0o700)
+
+    def test_a_shared_folder_is_left_alone(self):
+        with tempfile.TemporaryDirectory() as folder:
+            os.chmod(folder, 0o1777)
+            with self.assertLogs("relay", "WARNING"):
+                Database(os.path.join(folder, "relay.db")).close()
+            self.assertEqual(stat.S_IMODE(os.stat(folder).st_mode), 0o1777)
+            self.assertEqual(stat.S_IMODE(os.stat(os.path.join(folder, "relay.db")).st_mode), 0o600)
+
+    def test_scoped_statements_must_name_the_user(self):
+        with tempfile.TemporaryDirectory() as folder:
+            db = Database(os.path.join(folder, "relay.db"), [(1, "t", "CREATE TABLE t (user_id TEXT, a TEXT);")])
+            with db.write_as("alice") as conn:
+                conn.execute("INSERT INTO t VALUES (:user_id, :a)", {"a": "mine"})
+            with db.write_as("bob") as conn:
+                conn.execute("INSERT INTO t VALUES (:user_id, :a)", {"a": "his"})
+            with db.read_as("alice") as conn:
+                self.assertEqual([row["a"] for row in conn.execute("SELECT a FROM t WHERE user_id = :user_id")],
+                                 ["mine"])
+                with self.assertRaises(ValueError):
+                    conn.execute("SELECT a FROM t")
+                # The caller cannot bind the user to someone else.
+                rows = conn.execute("SELECT a FROM t WHERE user_id = :user_id", {"user_id": "bob"}).fetchall()
+                self.assertEqual([row["a"] for row in rows], ["mine"])
+            with self.assertRaises(ValueError), db.read_as(""):
+                pass
+            db.close()
+
+    def test_records_from_before_owners_go_to_the_first_user(self):
+        from relaylib.migrations import MIGRATIONS
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, "relay.db")
+            Database(path, MIGRATIONS[:1]).close()
+            with sqlite3.connect(path) as conn:
+                conn.execute("INSERT INTO users (id, email, created_at) VALUES ('usr_first', 'a@x', '2026-01-01')")
+                conn.execute("INSERT INTO users (id, email, created_at) VALUES ('usr_later', 'b@x', '2026-02-01')")
+                conn.execute("INSERT INTO interrupts (id, status, payload, raised_at) "
+                             "VALUES ('int_1', 'open', '{\"prompt\":\"bad \\ud800 text\"}', 1)")
+                conn.execute("INSERT INTO runs VALUES ('run', 'n', 'running', 'started', 0, 0, 1, 1)")
+                conn.execute("INSERT INTO projects VALUES ('prj_1', 'p', '/p', 1, 1)")
+                conn.execute("INSERT INTO context_items VALUES ('ctx_1', 'prj_1', 't', 'c', '', 1, 1)")
+                conn.execute("INSERT INTO terminal_sessions VALUES ('ts_1', NULL, 'desktop', 1, NULL)")
+                conn.execute("INSERT INTO terminal_chunks VALUES ('ts_1', 1, 'input', 'ls', 't')")
+            db = Database(path)
+            with db.read() as conn:
+                for table in ("interrupts", "runs", "projects", "context_items", "terminal_sessions"):
+                    owners = {row[0] for row in conn.execute(f"SELECT user_id FROM {table}")}
+                    self.assertEqual(owners, {"usr_first"}, table)
+                self.assertEqual(conn.execute("SELECT count(*) FROM terminal_chunks").fetchone()[0], 1)
+                payload = conn.execute("SELECT payload FROM interrupts").fetchone()[0]
+            self.assertEqual(jsonio.parse(payload.encode())["prompt"], "bad \ufffd text")
             self.assertTrue(db.integrity_ok())
             db.close()
 

@@ -12,10 +12,34 @@ import sys
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from relaylib import admin, app  # noqa: E402
+# The relay's HTTP layer is aiohttp from the system's packages (python3-aiohttp). An
+# interpreter found first on PATH (a version manager's, say) may not see them; then the
+# relay starts again under the system's own interpreter, once.
+SYSTEM_INTERPRETERS = ("/usr/bin/python3",)
+REEXEC_MARKER = "MERE_RELAY_SYSTEM_PYTHON"
+
+
+def ensure_aiohttp(argv):
+    try:
+        import aiohttp  # noqa: F401
+        return
+    except ImportError:
+        pass
+    here = os.path.realpath(sys.executable)
+    if not os.environ.get(REEXEC_MARKER):
+        for candidate in SYSTEM_INTERPRETERS:
+            if os.access(candidate, os.X_OK) and os.path.realpath(candidate) != here:
+                os.environ[REEXEC_MARKER] = "1"
+                os.execv(candidate, [candidate, os.path.abspath(__file__)] + argv[1:])
+    print("relay: the Python package aiohttp is missing; install it with: apt-get install python3-aiohttp",
+          file=sys.stderr)
+    sys.exit(1)
 
 
 def main(argv):
+    ensure_aiohttp(argv)
+    from relaylib import admin, app
+
     if len(argv) > 1 and argv[1] in admin.COMMANDS:
         return admin.run(argv[1:])
     if len(argv) > 1:

@@ -12,7 +12,7 @@
 #include <memory>
 
 #include "Termkit/engine/Terminal.h"
-#include "Termkit/view/TerminalAccess.h"
+#include "Termkit/view/TerminalCells.h"
 #include "Termkit/view/render/GpuRowsNode.h"
 
 using namespace termkit;

@@ -71,7 +71,7 @@ void feedBenchmark(benchmark::State& state, const std::string& text) {
     options.rows = static_cast<int>(state.range(1));
     options.scrollback = 1000;
     termkit::Terminal terminal(&host, options);
-    terminal.silentLog = true;
+    terminal.setSilentLog(true);
     // Warm up until the scrollback ring is full and every table has been touched.
     for (int i = 0; i < 3; ++i)
         terminal.feed(text);

@@ -110,7 +110,7 @@ int main(int argc, char** argv) {
             ended = true;
             code = exitCode;
         });
-        headless.terminal().silentLog = true;
+        headless.terminal().setSilentLog(true);
         headless.process().startProcess("/bin/sh", {"-c", command});
         loop.runUntil([&] { return ended; }, std::chrono::hours(1));
         status = headless.process().pendingStatus();

@@ -34,7 +34,7 @@ Kind kindAt(const QString& path) {
     return info.isDir() ? Kind::directory : Kind::other;
 }
 
-Expected<QString, FileError> readUtf8(const QString& path) {
+Result<QString, FileError> readUtf8(const QString& path) {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return FileError{path, file.errorString()};
@@ -51,7 +51,7 @@ Expected<QString, FileError> readUtf8(const QString& path) {
     return text;
 }
 
-Expected<void, FileError> writeAtomically(const QString& path, const QString& text) {
+Result<void, FileError> writeAtomically(const QString& path, const QString& text) {
     // QSaveFile writes a temporary file beside the target and renames it over the target
     // on commit. It never falls back to writing in place, which a reader could catch half done.
     QSaveFile file(path);
@@ -69,7 +69,7 @@ Expected<void, FileError> writeAtomically(const QString& path, const QString& te
     return {};
 }
 
-Expected<void, FileError> makeDirectories(const QString& path) {
+Result<void, FileError> makeDirectories(const QString& path) {
     std::error_code ec;
     std::filesystem::create_directories(nativePath(path), ec);
     if (ec)
@@ -77,7 +77,7 @@ Expected<void, FileError> makeDirectories(const QString& path) {
     return {};
 }
 
-Expected<void, FileError> removeFile(const QString& path) {
+Result<void, FileError> removeFile(const QString& path) {
     QFile file(path);
     if (!file.remove())
         return FileError{path, file.errorString()};

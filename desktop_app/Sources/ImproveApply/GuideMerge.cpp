@@ -24,7 +24,7 @@ void dropTrailingBlankLines(QStringList& lines) {
 
 // The body as it is recorded and searched for: only line breaks come off its ends, so the
 // first line's indentation and the last line's trailing blanks survive.
-Expected<QString, PlanError> insertedTextOf(const QString& body) {
+Result<QString, PlanError> insertedTextOf(const QString& body) {
     QString inserted = text::trimNewlines(body).toString();
     if (text::trimWhiteSpace(inserted).isEmpty())
         return PlanError::emptyBody();
@@ -60,8 +60,8 @@ Insertion insertIntoSection(const QStringList& lines, qsizetype h, const QString
 
 } // namespace
 
-Expected<Plan, PlanError> planRule(const std::optional<QString>& existing, const QString& section,
-                                   const QString& body, const QString& path) {
+Result<Plan, PlanError> planRule(const std::optional<QString>& existing, const QString& section,
+                                 const QString& body, const QString& path) {
     const auto inserted = insertedTextOf(body);
     if (!inserted)
         return inserted.error();
@@ -90,8 +90,8 @@ Expected<Plan, PlanError> planRule(const std::optional<QString>& existing, const
         unifiedDiff(insertion.old, updated, path, insertion.index, insertion.added.size(), kDiffContext)};
 }
 
-Expected<Plan, PlanError> planSkill(const std::optional<QString>& existing, const QString& body,
-                                    const QString& path) {
+Result<Plan, PlanError> planSkill(const std::optional<QString>& existing, const QString& body,
+                                  const QString& path) {
     // Refused before the body is looked at: even an empty file at the path is someone's.
     if (existing)
         return PlanError::skillAlreadyExists(path);

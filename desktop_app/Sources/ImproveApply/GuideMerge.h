@@ -1,9 +1,9 @@
 #pragma once
 
-#include "ImproveApply/Expected.h"
 #include "ImproveApply/Plan.h"
 #include "ImproveApply/PlanError.h"
 #include "ImproveApply/ResolveError.h"
+#include "Result/Result.h"
 
 #include <QString>
 #include <QStringList>
@@ -14,21 +14,26 @@
 // The pure planner of guide-file changes: from a file's text and a suggestion it decides
 // the next text, whether the rule is there already, and the diff shown before writing.
 // It touches no file; every operation takes strings and returns strings.
+namespace improve {
+// Failures are values, as everywhere in the project.
+using result::Result;
+} // namespace improve
+
 namespace improve::GuideMerge {
 
 // Lines of unchanged text shown around an insertion in the diff.
 inline constexpr qsizetype kDiffContext = 3;
 
 // The absolute, lexically normalised location of relativePath inside root.
-Expected<QString, ResolveError> resolve(const QString& root, const QString& relativePath);
+Result<QString, ResolveError> resolve(const QString& root, const QString& relativePath);
 
 // Where and how a rule's lines go into a guide file (existing is absent when there is no file).
-Expected<Plan, PlanError> planRule(const std::optional<QString>& existing, const QString& section,
-                                   const QString& body, const QString& path);
+Result<Plan, PlanError> planRule(const std::optional<QString>& existing, const QString& section,
+                                 const QString& body, const QString& path);
 
 // A skill is a whole new file, and an existing one is never overwritten.
-Expected<Plan, PlanError> planSkill(const std::optional<QString>& existing, const QString& body,
-                                    const QString& path);
+Result<Plan, PlanError> planSkill(const std::optional<QString>& existing, const QString& body,
+                                  const QString& path);
 
 // The text with a written rule taken out again: absent when the rule's lines are no longer
 // there, empty when nothing is left of the file.

@@ -42,7 +42,7 @@ bool isStrictlyInside(const QStringList& target, const QStringList& root) {
 
 } // namespace
 
-Expected<QString, ResolveError> resolve(const QString& root, const QString& relativePath) {
+Result<QString, ResolveError> resolve(const QString& root, const QString& relativePath) {
     const QString trimmedRoot = text::trimWhiteSpace(root).toString();
     if (trimmedRoot.isEmpty())
         return ResolveError::emptyRoot();

@@ -17,7 +17,7 @@ bool isSkill(const QString& artifact) {
 
 // A skill belongs to the system whole, so any change by a person protects it: the hash of
 // the entire file must still be the one recorded when it was written.
-Expected<void, Failure> undoSkill(const QString& url, const QString& text, const QString& contentSHA256) {
+Result<void, Failure> undoSkill(const QString& url, const QString& text, const QString& contentSHA256) {
     if (sha256(text) != contentSHA256)
         return Failure(WriteError::changedSinceApplied(url));
     if (auto removed = files::removeFile(url); !removed)
@@ -28,8 +28,8 @@ Expected<void, Failure> undoSkill(const QString& url, const QString& text, const
 
 // A rule lives among other people's lines, so other edits are no obstacle and the hash is
 // not consulted: only the rule's own lines must still stand.
-Expected<void, Failure> undoRuleLines(const QString& url, const QString& text, const QString& insertedText,
-                                      const QString& section) {
+Result<void, Failure> undoRuleLines(const QString& url, const QString& text, const QString& insertedText,
+                                    const QString& section) {
     const std::optional<QString> remaining = GuideMerge::undoRule(text, insertedText, section);
     if (!remaining)
         return Failure(WriteError::ruleNotFound(url));
@@ -42,7 +42,7 @@ Expected<void, Failure> undoRuleLines(const QString& url, const QString& text, c
 
 } // namespace
 
-Expected<std::optional<QString>, Failure> read(const QString& url) {
+Result<std::optional<QString>, Failure> read(const QString& url) {
     switch (files::kindAt(url)) {
     case files::Kind::absent:
         return std::optional<QString>();
@@ -57,8 +57,8 @@ Expected<std::optional<QString>, Failure> read(const QString& url) {
     return std::optional<QString>(std::move(text).value());
 }
 
-Expected<Planned, Failure> plan(const QString& root, const QString& relativePath, const QString& artifact,
-                                const QString& section, const QString& body) {
+Result<Planned, Failure> plan(const QString& root, const QString& relativePath, const QString& artifact,
+                              const QString& section, const QString& body) {
     const auto url = GuideMerge::resolve(root, relativePath);
     if (!url)
         return Failure(url.error());
@@ -72,7 +72,7 @@ Expected<Planned, Failure> plan(const QString& root, const QString& relativePath
     return Planned{*url, *planned};
 }
 
-Expected<Applied, Failure> apply(const QString& url, const GuideMerge::Plan& plan) {
+Result<Applied, Failure> apply(const QString& url, const GuideMerge::Plan& plan) {
     const QString hash = sha256(plan.contents);
     // Nothing to write, so not even the parent folder is made and the file keeps its times.
     if (plan.alreadyPresent)
@@ -84,8 +84,8 @@ Expected<Applied, Failure> apply(const QString& url, const GuideMerge::Plan& pla
     return Applied{url, plan.insertedText, hash, plan.createsFile, false};
 }
 
-Expected<void, Failure> undo(const QString& url, const QString& artifact, const QString& insertedText,
-                             const QString& section, const QString& contentSHA256) {
+Result<void, Failure> undo(const QString& url, const QString& artifact, const QString& insertedText,
+                           const QString& section, const QString& contentSHA256) {
     const auto text = read(url);
     if (!text)
         return Failure(text.error());

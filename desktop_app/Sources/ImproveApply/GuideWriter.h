@@ -1,9 +1,9 @@
 #pragma once
 
 #include "ImproveApply/Applied.h"
-#include "ImproveApply/Expected.h"
 #include "ImproveApply/Failure.h"
 #include "ImproveApply/Plan.h"
+#include "Result/Result.h"
 
 #include <QString>
 #include <QStringView>
@@ -13,6 +13,11 @@
 // The half of the module that touches the disk: it reads a guide file, plans a change with
 // GuideMerge, writes the plan atomically, and takes a written rule or skill out again. It
 // keeps no state between calls; an undo is given back everything apply reported.
+namespace improve {
+// Failures are values, as everywhere in the project.
+using result::Result;
+} // namespace improve
+
 namespace improve::GuideWriter {
 
 // The artifact that is a whole new file; every other value means lines inside a guide file.
@@ -32,18 +37,18 @@ struct Planned {
 };
 
 // The file's text as UTF-8, or absent when nothing is there; a directory is refused.
-Expected<std::optional<QString>, Failure> read(const QString& url);
+Result<std::optional<QString>, Failure> read(const QString& url);
 
 // Resolves the target and plans the change against the file as it stands. Writes nothing.
-Expected<Planned, Failure> plan(const QString& root, const QString& relativePath, const QString& artifact,
-                                const QString& section, const QString& body);
+Result<Planned, Failure> plan(const QString& root, const QString& relativePath, const QString& artifact,
+                              const QString& section, const QString& body);
 
 // Writes the plan, making the parent folders first; a plan whose block is present writes nothing.
-Expected<Applied, Failure> apply(const QString& url, const GuideMerge::Plan& plan);
+Result<Applied, Failure> apply(const QString& url, const GuideMerge::Plan& plan);
 
 // Takes a written rule or skill out again; a file that is gone already is no error.
-Expected<void, Failure> undo(const QString& url, const QString& artifact, const QString& insertedText,
-                             const QString& section, const QString& contentSHA256);
+Result<void, Failure> undo(const QString& url, const QString& artifact, const QString& insertedText,
+                           const QString& section, const QString& contentSHA256);
 
 // Lower-case hexadecimal SHA-256 of the string's UTF-8 bytes.
 QString sha256(const QString& text);

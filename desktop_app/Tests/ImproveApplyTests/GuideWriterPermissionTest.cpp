@@ -43,11 +43,11 @@ public:
     }
 };
 
-std::string messageOf(const Expected<void, Failure>& result) {
+std::string messageOf(const Result<void, Failure>& result) {
     return result.ok() ? "ok" : result.error().message().toStdString();
 }
 
-template <class T> std::string messageOf(const Expected<T, Failure>& result) {
+template <class T> std::string messageOf(const Result<T, Failure>& result) {
     return result.ok() ? "ok" : result.error().message().toStdString();
 }
 

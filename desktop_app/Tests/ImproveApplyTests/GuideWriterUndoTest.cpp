@@ -23,7 +23,7 @@ GuideWriter::Applied write(const ProjectFolder& project, const QString& relative
     return result.ok() ? *result : GuideWriter::Applied{};
 }
 
-Expected<void, Failure> undo(const GuideWriter::Applied& applied, const QString& artifact) {
+Result<void, Failure> undo(const GuideWriter::Applied& applied, const QString& artifact) {
     return GuideWriter::undo(applied.resolvedPath, artifact, applied.insertedText, kRules,
                              applied.contentSHA256);
 }

@@ -178,7 +178,10 @@ def _jsonl_files(root, modified_since, prefix=""):
 
 
 class CliInspector:
-    def __init__(self, environ=None):
+    """The status of this machine's CLIs: the same for every signed-in user, since it is read
+    from the relay's own environment and home folder, never stored."""
+
+    def __init__(self, app=None, environ=None):
         self._environ = environ
         self._lock = threading.Lock()
         self._claude_logs = LogCounter(count_claude_line)

@@ -8,12 +8,50 @@ here and can be overridden by an environment variable so tests run fast.
 
 import dataclasses
 import os
+import stat
 
 DEFAULT_HOST = "127.0.0.1"
 DEFAULT_PORT = 8787
 # An agent run's output chunk can hold 2,000,000 characters; escaped as JSON that
 # stays well under this limit.
 MAX_BODY_BYTES = 16 * 1024 * 1024
+# Paths that answer without a session (sign-in) read at most this much, since anyone
+# who can reach the relay may send it.
+SIGN_IN_BODY_BYTES = 16 * 1024
+# The request line, each header line and the number of headers are capped, so a header
+# block can never grow without end.
+MAX_REQUEST_LINE_BYTES = 8190
+MAX_HEADER_BYTES = 8190
+MAX_HEADER_COUNT = 100
+# A connection that is not in the middle of an answer is closed after this long: a half
+# sent request, or a kept-alive connection with nothing more to ask.
+IDLE_TIMEOUT_SECONDS = 10.0
+# A request body must have arrived whole within this long of its headers.
+BODY_TIMEOUT_SECONDS = 30.0
+# After refusing a request whose body was left unread, the relay drains (and drops) the
+# rest for at most this long, so the client sees the answer instead of a reset.
+LINGER_SECONDS = 2.0
+# Open connections are capped (and lowered to fit the open-file limit) so that a flood of
+# connections can neither exhaust file descriptors nor keep "v1/health" from answering.
+MAX_CONNECTIONS = 4096
+# File descriptors kept free of connections: the database (three for each of up to one
+# connection per worker), the log, mail, the listener, and calls to providers; under a
+# low open-file limit, half of it.
+RESERVED_FILES = 256
+# Connections the kernel holds for the relay before it accepts them.
+LISTEN_BACKLOG = 512
+# Handlers are synchronous and run on this many threads beside the event loop; the
+# database has one writer whatever this number is.
+WORKER_THREADS = 16
+# How long a stopping relay waits for answers in progress before it cuts them off.
+SHUTDOWN_GRACE_SECONDS = 2.0
+# Calls to model providers: the time to connect, the longest silence while reading an
+# answer, and the longest call altogether.
+UPSTREAM_CONNECT_SECONDS = 10.0
+UPSTREAM_READ_SECONDS = 60.0
+UPSTREAM_TOTAL_SECONDS = 600.0
+# At most this many provider connections open at once, over all callers.
+UPSTREAM_CONNECTIONS = 100
 # A quiet stream sends a comment this often so the client does not take it for dead
 # (the client gives up on a request after 60 silent seconds).
 KEEPALIVE_SECONDS = 15.0
@@ -59,12 +97,28 @@ def parse_env_file(text):
     return values
 
 
+class SettingsError(Exception):
+    """Settings the relay refuses to start with; the message tells the person what to do."""
+
+
+def check_env_file_owner(path, info, uid=None):
+    """Refuses a settings file that someone other than its owner (or the owner if that is
+    another user) could have written: it holds the mail password and decides where codes go."""
+    uid = os.geteuid() if uid is None else uid
+    if info.st_mode & (stat.S_IWGRP | stat.S_IWOTH):
+        raise SettingsError(f"{path} can be written by other users, so the relay will not read it; "
+                            f"make it private with: chmod 600 {path}")
+    if info.st_uid not in (uid, 0):
+        raise SettingsError(f"{path} belongs to another user, so the relay will not read it")
+
+
 def read_env_file(path):
-    """A missing or unreadable file gives no settings, never an error."""
+    """A missing or unreadable file gives no settings; one that others can write is refused."""
     if not path:
         return {}
     try:
         with open(path, encoding="utf-8") as handle:
+            check_env_file_owner(path, os.fstat(handle.fileno()))
             return parse_env_file(handle.read())
     except (OSError, UnicodeDecodeError):
         return {}
@@ -90,6 +144,14 @@ class Timings:
     mfa_ticket_ttl_seconds: float = MFA_TICKET_TTL_SECONDS
     mfa_max_attempts: int = MFA_MAX_ATTEMPTS
     session_ttl_seconds: float = SESSION_TTL_SECONDS
+    idle_timeout_seconds: float = IDLE_TIMEOUT_SECONDS
+    body_timeout_seconds: float = BODY_TIMEOUT_SECONDS
+    linger_seconds: float = LINGER_SECONDS
+    max_connections: int = MAX_CONNECTIONS
+    shutdown_grace_seconds: float = SHUTDOWN_GRACE_SECONDS
+    upstream_connect_seconds: float = UPSTREAM_CONNECT_SECONDS
+    upstream_read_seconds: float = UPSTREAM_READ_SECONDS
+    upstream_total_seconds: float = UPSTREAM_TOTAL_SECONDS
 
 
 # Environment variables that override a timing, with the field they set.
@@ -104,6 +166,14 @@ TIMING_VARIABLES = {
     "MERE_RELAY_CODE_RATE_WINDOW_SECONDS": "code_rate_window_seconds",
     "MERE_RELAY_MFA_TICKET_TTL_SECONDS": "mfa_ticket_ttl_seconds",
     "MERE_RELAY_SESSION_TTL_SECONDS": "session_ttl_seconds",
+    "MERE_RELAY_IDLE_TIMEOUT_SECONDS": "idle_timeout_seconds",
+    "MERE_RELAY_BODY_TIMEOUT_SECONDS": "body_timeout_seconds",
+    "MERE_RELAY_LINGER_SECONDS": "linger_seconds",
+    "MERE_RELAY_MAX_CONNECTIONS": "max_connections",
+    "MERE_RELAY_SHUTDOWN_GRACE_SECONDS": "shutdown_grace_seconds",
+    "MERE_RELAY_UPSTREAM_CONNECT_SECONDS": "upstream_connect_seconds",
+    "MERE_RELAY_UPSTREAM_READ_SECONDS": "upstream_read_seconds",
+    "MERE_RELAY_UPSTREAM_TOTAL_SECONDS": "upstream_total_seconds",
 }
 
 
@@ -132,6 +202,8 @@ class Settings:
     local_auth: bool
     values: dict
     timings: Timings
+    # Host names (optionally with a port) a hosted relay is reached by, besides loopback.
+    public_hosts: tuple = ()
 
     def get(self, key, default=""):
         """A setting from the environment, then relay.env."""
@@ -153,10 +225,8 @@ def load_settings(environ=None):
     env_path = environ.get("MERE_RELAY_ENV_PATH") or os.path.join(os.path.dirname(os.path.abspath(db_path)), "relay.env")
     values = read_env_file(env_path)
     values.update(environ)
-    try:
-        port = int(environ.get("MERE_RELAY_PORT", DEFAULT_PORT))
-    except ValueError:
-        port = DEFAULT_PORT
+    port_text = environ.get("MERE_RELAY_PORT", "").strip()
+    port = int(port_text) if port_text.isascii() and port_text.isdigit() and int(port_text) <= 65535 else DEFAULT_PORT
     return Settings(
         host=environ.get("MERE_RELAY_HOST") or DEFAULT_HOST,
         port=port,
@@ -165,4 +235,10 @@ def load_settings(environ=None):
         local_auth=environ.get("MERE_RELAY_LOCAL_AUTH") == "1",
         values=values,
         timings=timings_from(values.get),
+        public_hosts=parse_public_hosts(values.get("MERE_RELAY_PUBLIC_HOST", "")),
     )
+
+
+def parse_public_hosts(text):
+    """The comma-separated names of MERE_RELAY_PUBLIC_HOST, lower-case, blanks dropped."""
+    return tuple(name.strip().lower() for name in text.split(",") if name.strip())

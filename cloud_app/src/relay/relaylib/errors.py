@@ -4,11 +4,13 @@
 class ApiError(Exception):
     """A failure the client should see: an HTTP status and one readable message."""
 
-    def __init__(self, status, message, headers=None):
+    def __init__(self, status, message, headers=None, close=False):
         super().__init__(message)
         self.status = status
         self.message = message
         self.headers = dict(headers or {})
+        # Whether the connection must close after the answer (the request's framing is suspect).
+        self.close = close
 
 
 def envelope(message, request_id):
@@ -29,3 +31,7 @@ def conflict(message):
 
 def unauthorized(message):
     return ApiError(401, message, {"WWW-Authenticate": 'Bearer realm="quillmere"'})
+
+
+def forbidden(message):
+    return ApiError(403, message)

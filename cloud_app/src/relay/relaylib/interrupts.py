@@ -1,21 +1,22 @@
 """The live queue: agents raise interrupts, people decide them, streams show the whole queue.
 
-An interrupt is open until a verdict decides it or its deadline passes; either
-way it leaves the queue. Each change publishes one whole snapshot to every
-stream. A verdict is accepted once: the update only applies to an open
-interrupt, so of two racing verdicts exactly one wins.
+Each user has a queue of their own: the interrupts raised with their session (a
+hook acts as the user whose token it holds), decided by them only. An interrupt is
+open until a verdict decides it or its deadline passes; either way it leaves the
+queue. Each change publishes one whole snapshot to every stream of that user. A
+verdict is accepted once: the update only applies to an open interrupt, so of two
+racing verdicts exactly one wins.
 """
 
+import asyncio
 import json
 import logging
-import threading
-import time
 import uuid
 
-from . import clock
+from . import clock, jsonio
 from .errors import bad_request, conflict, not_found
-from .hub import CLOSED
-from .web import Streamer
+from .hub import CLOSED, frame
+from .web import ClientGone, EventStream
 
 log = logging.getLogger("relay")
 
@@ -30,6 +31,11 @@ WIRE_ORDER = ("id", "run_id", "run_name", "kind", "prompt", "options", "raised_a
               "affected_resources", "blast_radius", "reversibility", "evidence", "expires_at",
               "timeout_behavior")
 SNAPSHOT_EXTRA_ORDER = ("usage", "open_suggestions")
+# A held wait looks at the interrupt again at least this often, whatever wakes it.
+WAIT_RECHECK_SECONDS = 5.0
+KEEPALIVE_FRAME = b": keep-alive\n\n"
+# How often a stream whose client reads slowly looks whether it can send again.
+DRAIN_POLL_SECONDS = 0.05
 
 
 def _compact(value):
@@ -41,27 +47,28 @@ class Queue:
         self.app = app
         self.db = app.db
         self.timings = app.settings.timings
-        # Later areas add snapshot fields (usage, open suggestions) through these callables.
+        # Later areas add snapshot fields (usage, open suggestions) through these callables,
+        # each given the user's scoped connection.
         self.snapshot_extras = []
-        self._stop = threading.Event()
         self._sweeper = None
 
     def register(self, router):
         router.add("GET", "v1/stream", self.stream)
-        router.add("POST", "v1/interrupts", self.raise_interrupt)
+        router.add("POST", "v1/interrupts", self.raise_interrupt, quick=True)
         router.add("GET", "v1/interrupts/{id}", self.get_interrupt)
-        router.add("POST", "v1/interrupts/{id}/verdict", self.verdict)
+        router.add("POST", "v1/interrupts/{id}/verdict", self.verdict, quick=True)
 
     # Snapshot
 
-    def build_snapshot(self):
-        """The whole queue as the bytes of one JSON object; payloads are stored ready to send."""
-        now = clock.now()
-        with self.db.read() as conn:
+    def build_snapshot(self, user_id):
+        """One user's queue as the bytes of one JSON object; payloads are stored ready to send."""
+        with self.db.read_as(user_id) as conn:
             rows = conn.execute(
-                "SELECT payload FROM interrupts WHERE status = 'open' AND (expires_at IS NULL OR expires_at > ?) "
-                "ORDER BY raised_at, rowid", (now,)).fetchall()
-            counts = dict(conn.execute("SELECT state, count(*) FROM runs GROUP BY state").fetchall())
+                "SELECT payload FROM interrupts WHERE user_id = :user_id AND status = 'open' "
+                "AND (expires_at IS NULL OR expires_at > :now) ORDER BY raised_at, rowid",
+                {"now": clock.now()}).fetchall()
+            counts = dict(conn.execute("SELECT state, count(*) FROM runs WHERE user_id = :user_id "
+                                       "GROUP BY state").fetchall())
             extras = {}
             for contribute in self.snapshot_extras:
                 extras.update(contribute(conn) or {})
@@ -73,22 +80,41 @@ class Queue:
         parts.append("}")
         return "".join(parts).encode("utf-8")
 
-    def stream(self, request):
-        subscription, first = self.app.hub.subscribe()
+    async def stream(self, request):
+        """Server-sent events: the snapshot on connect and after every change, a comment when quiet."""
+        hub = self.app.hub
+        subscribing = asyncio.ensure_future(request.run(hub.subscribe, request.user_id))
+        try:
+            subscription, first = await asyncio.shield(subscribing)
+        except asyncio.CancelledError:
+            # The caller left while the worker was subscribing: let go of it once it is done.
+            subscribing.add_done_callback(_release(hub))
+            raise
+        loop = asyncio.get_running_loop()
         keepalive = self.timings.keepalive_seconds
-
-        def run(write):
-            try:
-                write(b"data: " + first + b"\n\n")
-                while True:
-                    item = subscription.get(keepalive)
-                    if item is CLOSED:
-                        return
-                    write(b": keep-alive\n\n" if item is None else b"data: " + item + b"\n\n")
-            finally:
-                self.app.hub.unsubscribe(subscription)
-
-        return Streamer(run)
+        try:
+            events = await EventStream(request).open()
+            await events.send(frame(first))
+            # Snapshots now go straight onto the connection; this task sends what queued up
+            # while the client was slow, and a comment when the stream has been quiet.
+            transport = events.direct_transport()
+            if transport is None:
+                raise ClientGone()
+            subscription.attach(transport, events.chunked, loop.time())
+            while True:
+                quiet = loop.time() - subscription.last_sent
+                item = await subscription.get(keepalive - quiet) if quiet < keepalive else None
+                if item is CLOSED:
+                    return events.response
+                if item is None and loop.time() - subscription.last_sent < keepalive:
+                    continue
+                while not subscription.can_write():
+                    if subscription.connection_lost:
+                        raise ClientGone()
+                    await asyncio.sleep(DRAIN_POLL_SECONDS)
+                subscription.write(KEEPALIVE_FRAME if item is None else item, now=loop.time())
+        finally:
+            hub.unsubscribe(subscription)
 
     # Intake
 
@@ -99,10 +125,11 @@ class Queue:
         payload["id"] = interrupt_id
         payload["raised_at"] = clock.iso(now)
         wire = {key: payload[key] for key in WIRE_ORDER if key in payload}
-        with self.db.write() as conn:
-            conn.execute("INSERT INTO interrupts (id, status, payload, raised_at, expires_at) VALUES (?, 'open', ?, ?, ?)",
-                         (interrupt_id, _compact(wire), now, expires_at))
-        self.app.hub.publish()
+        with self.db.write_as(request.user_id) as conn:
+            conn.execute("INSERT INTO interrupts (id, user_id, status, payload, raised_at, expires_at) "
+                         "VALUES (:id, :user_id, 'open', :payload, :raised_at, :expires_at)",
+                         {"id": interrupt_id, "payload": _compact(wire), "raised_at": now, "expires_at": expires_at})
+        self.app.hub.publish(request.user_id)
         return {"id": interrupt_id, "status": "open", "interrupt": wire}
 
     def _read_interrupt(self, body):
@@ -128,56 +155,57 @@ class Queue:
 
     # State and verdicts
 
-    def expire_due(self, conn):
-        """Resolves as timed out every open interrupt past its deadline; returns how many."""
+    @staticmethod
+    def expire_due(conn):
+        """Resolves as timed out every open interrupt past its deadline, of every user; returns
+        the users whose queue changed. Used by the sweeper, which looks after all queues."""
         now = clock.now()
-        cursor = conn.execute(
+        rows = conn.execute(
             "UPDATE interrupts SET status = 'expired', resolved_at = ? "
-            "WHERE status = 'open' AND expires_at IS NOT NULL AND expires_at <= ?", (now, now))
-        return cursor.rowcount
+            "WHERE status = 'open' AND expires_at IS NOT NULL AND expires_at <= ? RETURNING user_id",
+            (now, now)).fetchall()
+        return {row[0] for row in rows}
 
-    def _expire_and_announce(self):
+    def expire_and_announce(self):
         with self.db.write() as conn:
-            expired = self.expire_due(conn)
-        if expired:
-            log.info("%d interrupt(s) timed out", expired)
-            self.app.hub.publish()
+            users = self.expire_due(conn)
+        if users:
+            log.info("interrupts timed out in %d queue(s)", len(users))
+            for user_id in users:
+                self.app.hub.publish(user_id)
             self.app.hub.notify_resolved()
-        return expired
+        return users
 
-    def _state(self, interrupt_id):
-        with self.db.read() as conn:
-            row = conn.execute("SELECT * FROM interrupts WHERE id = ?", (interrupt_id,)).fetchone()
+    def _state(self, user_id, interrupt_id):
+        with self.db.read_as(user_id) as conn:
+            row = conn.execute("SELECT * FROM interrupts WHERE id = :id AND user_id = :user_id",
+                               {"id": interrupt_id}).fetchone()
         if row is None:
             raise not_found("interrupt not found")
         if row["status"] == "open" and row["expires_at"] is not None and row["expires_at"] <= clock.now():
-            self._expire_and_announce()
-            return self._state(interrupt_id)
+            self.expire_and_announce()
+            return self._state(user_id, interrupt_id)
         return row
 
-    def get_interrupt(self, request):
+    async def get_interrupt(self, request):
+        """The interrupt's state; `wait` holds the answer on the event loop, not on a thread."""
         wait = self._wait_seconds(request.query_value("wait"))
         hub = self.app.hub
-        deadline = time.monotonic() + wait
+        loop = asyncio.get_running_loop()
+        deadline = loop.time() + wait
         while True:
-            with hub.resolutions:
-                generation = hub.generation
-            row = self._state(request.params["id"])
-            remaining = deadline - time.monotonic()
+            generation = hub.generation
+            row = await request.run(self._state, request.user_id, request.params["id"])
+            remaining = deadline - loop.time()
             if row["status"] != "open" or remaining <= 0:
                 return _state_json(row)
-            with hub.resolutions:
-                if hub.generation == generation:
-                    hub.resolutions.wait(min(remaining, 5.0))
+            await hub.wait_resolution(generation, min(remaining, WAIT_RECHECK_SECONDS))
 
     def _wait_seconds(self, text):
         if text is None or text == "":
             return 0.0
-        try:
-            seconds = float(text)
-        except ValueError:
-            seconds = -1.0
-        if not seconds >= 0 or seconds == float("inf"):
+        seconds = jsonio.decimal_number(text)
+        if seconds is None:
             raise bad_request(f"wait must be a number of seconds from 0 to {self.timings.max_wait_seconds:g}")
         return min(seconds, self.timings.max_wait_seconds)
 
@@ -185,18 +213,24 @@ class Queue:
         verdict = self._read_verdict(request.body())
         interrupt_id = request.params["id"]
         now = clock.now()
-        with self.db.write() as conn:
-            expired = self.expire_due(conn)
+        with self.db.write_as(request.user_id) as conn:
             updated = conn.execute(
-                "UPDATE interrupts SET status = 'decided', verdict = ?, resolved_at = ? WHERE id = ? AND status = 'open'",
-                (_compact(verdict), now, interrupt_id)).rowcount
-            exists = updated or conn.execute("SELECT 1 FROM interrupts WHERE id = ?", (interrupt_id,)).fetchone()
-        if updated or expired:
-            self.app.hub.publish()
+                "UPDATE interrupts SET status = 'decided', verdict = :verdict, resolved_at = :now "
+                "WHERE id = :id AND user_id = :user_id AND status = 'open' "
+                "AND (expires_at IS NULL OR expires_at > :now)",
+                {"verdict": _compact(verdict), "now": now, "id": interrupt_id}).rowcount
+            row = None if updated else conn.execute(
+                "SELECT status, expires_at FROM interrupts WHERE id = :id AND user_id = :user_id",
+                {"id": interrupt_id}).fetchone()
+        if updated:
+            self.app.hub.publish(request.user_id)
             self.app.hub.notify_resolved()
-        if not exists:
+        if row is None and not updated:
             raise not_found("interrupt not found")
         if not updated:
+            if row["status"] == "open":
+                # Past its deadline but not yet swept: time it out now, for everyone waiting.
+                self.expire_and_announce()
             raise conflict("interrupt already resolved")
         return {"id": interrupt_id, "status": "decided", "verdict": verdict}
 
@@ -212,19 +246,27 @@ class Queue:
 
     # Deadline sweeper
 
-    def start(self):
-        self._sweeper = threading.Thread(target=self._sweep, name="interrupt-expiry", daemon=True)
-        self._sweeper.start()
+    async def start(self):
+        self._sweeper = asyncio.create_task(self._sweep())
 
-    def stop(self):
-        self._stop.set()
+    async def stop(self):
+        if self._sweeper is not None:
+            self._sweeper.cancel()
 
-    def _sweep(self):
-        while not self._stop.wait(self.timings.expiry_sweep_seconds):
+    async def _sweep(self):
+        while True:
+            await asyncio.sleep(self.timings.expiry_sweep_seconds)
             try:
-                self._expire_and_announce()
+                await self.app.workers.run(self.expire_and_announce)
             except Exception:
                 log.exception("expiry sweep failed")
+
+
+def _release(hub):
+    def release(subscribing):
+        if not subscribing.cancelled() and subscribing.exception() is None:
+            hub.unsubscribe(subscribing.result()[0])
+    return release
 
 
 def _state_json(row):

@@ -1,12 +1,16 @@
-"""Strict JSON in, compact JSON out.
+"""Strict JSON in, compact JSON out, and strict numbers in paths, queries and headers.
 
 The client decodes strictly (an integer field rejects 1.5, a string field rejects a
 number), so the relay checks what it is sent just as strictly and names the field
-that is wrong. Numbers that SQLite cannot hold are refused rather than stored.
+that is wrong. Numbers that SQLite cannot hold are refused rather than stored. Every
+string must be Unicode scalar values: JSON can spell a lone surrogate ("\ud800"),
+which neither SQLite, hashing nor a strict client can take, so it is refused here
+once, for every field, instead of failing somewhere later.
 """
 
 import json
 import math
+import re
 
 from . import clock
 from .errors import bad_request
@@ -26,6 +30,13 @@ def _parse_float(text):
     return value
 
 
+_SURROGATE = re.compile("[\ud800-\udfff]")
+# Whole numbers in paths, queries and headers: ASCII digits only (str.isdigit and int()
+# also take other scripts' digits and superscripts).
+_ASCII_WHOLE = re.compile(r"[0-9]+")
+_ASCII_DECIMAL = re.compile(r"[0-9]+(?:\.[0-9]+)?")
+
+
 def parse(raw):
     """Parses a request body; an empty body gives None."""
     if not raw or not raw.strip():
@@ -35,12 +46,54 @@ def parse(raw):
     except UnicodeDecodeError:
         raise bad_request("request body is not valid UTF-8") from None
     try:
-        return json.loads(text, parse_constant=_reject_constant, parse_float=_parse_float)
+        value = json.loads(text, parse_constant=_reject_constant, parse_float=_parse_float)
     except RecursionError:
         raise bad_request("request body is nested too deeply") from None
     except ValueError as error:
         reason = getattr(error, "msg", None) or str(error)
         raise bad_request(f"malformed JSON: {reason}") from None
+    check_text(value)
+    return value
+
+
+def has_surrogate(text):
+    return not text.isascii() and _SURROGATE.search(text) is not None
+
+
+def check_text(value):
+    """Refuses a lone surrogate anywhere in a parsed body, naming the field that holds it.
+
+    Walks with its own stack, since a body may nest as deeply as the JSON parser allows.
+    """
+    pending = [(value, "")]
+    while pending:
+        item, where = pending.pop()
+        if isinstance(item, str):
+            if has_surrogate(item):
+                raise bad_request(f"{where or 'request body'} must be valid Unicode text, "
+                                  "without a lone surrogate")
+        elif isinstance(item, dict):
+            for key, inner in item.items():
+                if has_surrogate(key):
+                    raise bad_request("request body has a key that is not valid Unicode text")
+                pending.append((inner, f"{where}.{key}" if where else key))
+        elif isinstance(item, list):
+            pending.extend((inner, f"{where}[{index}]") for index, inner in enumerate(item))
+
+
+def whole_number(text, name, maximum):
+    """A whole number from 0 to `maximum` written in ASCII digits, or a 400 naming `name`."""
+    if not isinstance(text, str) or len(text) > 18 or not _ASCII_WHOLE.fullmatch(text) \
+            or int(text) > maximum:
+        raise bad_request(f"{name} must be a whole number from 0 to {maximum}")
+    return int(text)
+
+
+def decimal_number(text):
+    """A non-negative decimal in ASCII digits ("2", "0.5"), or None."""
+    if not isinstance(text, str) or len(text) > 32 or not _ASCII_DECIMAL.fullmatch(text):
+        return None
+    return float(text)
 
 
 def dumps(value):

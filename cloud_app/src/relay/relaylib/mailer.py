@@ -1,8 +1,9 @@
 """Delivery of sign-in codes: by SMTP when relay.env configures it, else to a local outbox.
 
 Without mail settings the relay is a local one, and the person reads the code from
-the outbox file beside the database or from the relay's log. That file and that
-log line are the only places a code is ever written.
+the outbox file beside the database, readable by the relay's user only. That file is
+the only place a code is ever written: the log says that a code was written, never
+the code, since anyone who can read a log could otherwise sign in as anyone.
 """
 
 import email.message
@@ -43,12 +44,14 @@ class Mailer:
         line = f"{clock.now_iso()} to={address} code={code}\n"
         try:
             descriptor = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
+            # An outbox left from an older version may be readable by others.
+            os.fchmod(descriptor, 0o600)
             with os.fdopen(descriptor, "a", encoding="utf-8") as handle:
                 handle.write(line)
         except OSError as error:
             log.warning("could not write the outbox file: %s", error.strerror)
-        # No mail is configured: this relay is a local one and its log is the person's inbox.
-        log.info("sign-in code for %s written to the outbox: %s", address, code)
+            raise DeliveryError() from error
+        log.info("a sign-in code was written to the outbox file %s", path)
 
     def _send_smtp(self, address, code):
         settings = self._settings

@@ -1,9 +1,14 @@
 """Versioned schema of the relay's database.
 
-Each entry is (version, name, script). A migration, once released, is never edited:
-a change of schema is a new entry at the end, with the next version number. Areas
-that arrive later (routing, presets, improve...) add their tables the same way.
+Each entry is (version, name, script), the script being SQL text or a function of
+the writer connection. A migration, once released, is never edited: a change of
+schema is a new entry at the end, with the next version number. Areas that arrive
+later (routing, presets, improve...) add their tables the same way, each table with
+a `user_id` column that names its owner.
 """
+
+import json
+import re
 
 INITIAL = """
 CREATE TABLE users (
@@ -128,6 +133,91 @@ CREATE TABLE context_items (
 CREATE INDEX context_items_by_project ON context_items (project_id, updated_at);
 """
 
+# Every record gets an owner. Records written before there were owners belong to the
+# first user that signed in: the local user on the relay the application starts, since
+# nothing could be written without a session. Run ids and project folders become unique
+# per user, not across the relay.
+OWNERS = """
+ALTER TABLE interrupts ADD COLUMN user_id TEXT REFERENCES users(id) ON DELETE CASCADE;
+ALTER TABLE run_events ADD COLUMN user_id TEXT REFERENCES users(id) ON DELETE CASCADE;
+ALTER TABLE provider_health ADD COLUMN user_id TEXT REFERENCES users(id) ON DELETE CASCADE;
+ALTER TABLE projects ADD COLUMN user_id TEXT REFERENCES users(id) ON DELETE CASCADE;
+ALTER TABLE context_items ADD COLUMN user_id TEXT REFERENCES users(id) ON DELETE CASCADE;
+
+CREATE TEMP TABLE first_user AS SELECT id FROM users ORDER BY created_at, rowid LIMIT 1;
+UPDATE interrupts SET user_id = (SELECT id FROM first_user);
+UPDATE run_events SET user_id = (SELECT id FROM first_user);
+UPDATE provider_health SET user_id = (SELECT id FROM first_user);
+UPDATE projects SET user_id = (SELECT id FROM first_user);
+UPDATE context_items SET user_id = (SELECT user_id FROM projects WHERE projects.id = context_items.project_id);
+UPDATE terminal_sessions SET user_id = (SELECT id FROM first_user) WHERE user_id IS NULL;
+
+CREATE TABLE runs_owned (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    run_id TEXT NOT NULL,
+    name TEXT NOT NULL,
+    state TEXT NOT NULL,
+    last_type TEXT NOT NULL,
+    tokens INTEGER NOT NULL DEFAULT 0,
+    cost_usd REAL NOT NULL DEFAULT 0,
+    first_seen REAL NOT NULL,
+    last_seen REAL NOT NULL,
+    PRIMARY KEY (user_id, run_id)
+);
+INSERT INTO runs_owned SELECT (SELECT id FROM first_user), run_id, name, state, last_type, tokens, cost_usd,
+    first_seen, last_seen FROM runs WHERE (SELECT id FROM first_user) IS NOT NULL;
+DROP TABLE runs;
+ALTER TABLE runs_owned RENAME TO runs;
+CREATE INDEX runs_by_state ON runs (user_id, state);
+DROP TABLE first_user;
+
+DROP INDEX interrupts_by_status;
+CREATE INDEX interrupts_by_status ON interrupts (user_id, status, raised_at);
+CREATE INDEX interrupts_open_deadlines ON interrupts (expires_at) WHERE status = 'open';
+DROP INDEX run_events_by_run;
+CREATE INDEX run_events_by_run ON run_events (user_id, run_id, id);
+DROP INDEX provider_health_by_provider;
+CREATE INDEX provider_health_by_provider ON provider_health (user_id, provider, id);
+DROP INDEX terminal_sessions_by_start;
+CREATE INDEX terminal_sessions_by_start ON terminal_sessions (user_id, started_at);
+DROP INDEX projects_by_root;
+CREATE UNIQUE INDEX projects_by_root ON projects (user_id, root_path) WHERE root_path != '';
+CREATE INDEX projects_by_user ON projects (user_id, name);
+DROP INDEX context_items_by_project;
+CREATE INDEX context_items_by_project ON context_items (user_id, project_id, updated_at);
+"""
+
+_LONE_SURROGATE = re.compile("[\ud800-\udfff]")
+
+
+def _without_lone_surrogates(value):
+    if isinstance(value, str):
+        return _LONE_SURROGATE.sub("\ufffd", value)
+    if isinstance(value, list):
+        return [_without_lone_surrogates(item) for item in value]
+    if isinstance(value, dict):
+        return {_without_lone_surrogates(key): _without_lone_surrogates(item) for key, item in value.items()}
+    return value
+
+
+def repair_stored_text(conn):
+    """Replaces lone surrogates that earlier versions let into interrupts with U+FFFD.
+
+    Such a text was stored as a JSON escape and then went out in every snapshot, which a
+    strict client refuses whole.
+    """
+    for column in ("payload", "verdict"):
+        rows = conn.execute(f"SELECT id, {column} FROM interrupts WHERE {column} LIKE '%\\u%'").fetchall()
+        for row in rows:
+            value = json.loads(row[1])
+            repaired = _without_lone_surrogates(value)
+            if repaired != value:
+                conn.execute(f"UPDATE interrupts SET {column} = ? WHERE id = ?",
+                             (json.dumps(repaired, separators=(",", ":")), row[0]))
+
+
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
+    (2, "every record belongs to a user", OWNERS),
+    (3, "no lone surrogates in stored interrupts", repair_stored_text),
 ]

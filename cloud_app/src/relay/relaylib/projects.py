@@ -1,6 +1,8 @@
 """Projects, identified by their normalised absolute folder, and their saved context.
 
-A project is found by its root path or created, so registering is safe to repeat.
+Projects and their context items belong to the user who registered them; the same
+folder registered by two users is two projects. A project is found by its root path
+or created, so registering is safe to repeat.
 Context items are explicit: a note, or a copy of a guide file whose source is
 "file:" plus its relative path; saving a guide again replaces the older copy.
 """
@@ -43,16 +45,17 @@ class Projects:
         self.db = app.db
 
     def register(self, router):
-        router.add("GET", "v1/projects", self.list_projects)
-        router.add("POST", "v1/projects", self.upsert)
+        router.add("GET", "v1/projects", self.list_projects, quick=True)
+        router.add("POST", "v1/projects", self.upsert, quick=True)
         router.add("GET", "v1/projects/{id}/context", self.list_items)
         router.add("POST", "v1/projects/{id}/context", self.save_item)
-        router.add("DELETE", "v1/projects/{id}/context/{item}", self.delete_item)
+        router.add("DELETE", "v1/projects/{id}/context/{item}", self.delete_item, quick=True)
         router.add("POST", "v1/projects/{id}/context/pack", self.pack)
 
     def list_projects(self, request):
-        with self.db.read() as conn:
-            rows = conn.execute("SELECT * FROM projects ORDER BY lower(name), root_path, created_at").fetchall()
+        with self.db.read_as(request.user_id) as conn:
+            rows = conn.execute("SELECT * FROM projects WHERE user_id = :user_id "
+                                "ORDER BY lower(name), root_path, created_at").fetchall()
         return [project_json(row) for row in rows]
 
     def upsert(self, request):
@@ -63,30 +66,37 @@ class Projects:
             name = posixpath.basename(root) or root
         if not name:
             raise bad_request("name must not be empty")
-        with self.db.write() as conn:
+        with self.db.write_as(request.user_id) as conn:
             if root:
-                row = conn.execute("SELECT * FROM projects WHERE root_path = ?", (root,)).fetchone()
+                row = conn.execute("SELECT * FROM projects WHERE user_id = :user_id AND root_path = :root",
+                                   {"root": root}).fetchone()
             else:
-                row = conn.execute("SELECT * FROM projects WHERE root_path = '' AND name = ?", (name,)).fetchone()
+                row = conn.execute("SELECT * FROM projects WHERE user_id = :user_id AND root_path = '' "
+                                   "AND name = :name", {"name": name}).fetchone()
             if row is None:
                 now = clock.now()
                 project_id = "prj_" + uuid.uuid4().hex
-                conn.execute("INSERT INTO projects VALUES (?, ?, ?, ?, ?)", (project_id, name, root, now, now))
-                row = conn.execute("SELECT * FROM projects WHERE id = ?", (project_id,)).fetchone()
+                conn.execute("INSERT INTO projects (id, user_id, name, root_path, created_at, updated_at) "
+                             "VALUES (:id, :user_id, :name, :root, :now, :now)",
+                             {"id": project_id, "name": name, "root": root, "now": now})
+                row = self._project(conn, project_id)
         return project_json(row)
 
-    def _project(self, conn, project_id):
-        row = conn.execute("SELECT * FROM projects WHERE id = ?", (project_id,)).fetchone()
+    @staticmethod
+    def _project(conn, project_id):
+        row = conn.execute("SELECT * FROM projects WHERE id = :id AND user_id = :user_id",
+                           {"id": project_id}).fetchone()
         if row is None:
             raise not_found("project not found")
         return row
 
-    def _items(self, conn, project_id):
-        return conn.execute("SELECT * FROM context_items WHERE project_id = ? ORDER BY updated_at DESC, rowid DESC",
-                            (project_id,)).fetchall()
+    @staticmethod
+    def _items(conn, project_id):
+        return conn.execute("SELECT * FROM context_items WHERE project_id = :project AND user_id = :user_id "
+                            "ORDER BY updated_at DESC, rowid DESC", {"project": project_id}).fetchall()
 
     def list_items(self, request):
-        with self.db.read() as conn:
+        with self.db.read_as(request.user_id) as conn:
             self._project(conn, request.params["id"])
             return [item_json(row) for row in self._items(conn, request.params["id"])]
 
@@ -96,33 +106,36 @@ class Projects:
         content = body.string("content", non_empty=True)
         source = body.string("source", required=False, max_length=4096) or ""
         project_id = request.params["id"]
-        now = clock.now()
-        with self.db.write() as conn:
+        item = {"project": project_id, "title": title, "content": content, "source": source, "now": clock.now()}
+        with self.db.write_as(request.user_id) as conn:
             self._project(conn, project_id)
             older = None
             if source.startswith("file:"):
-                older = conn.execute("SELECT id FROM context_items WHERE project_id = ? AND source = ?",
-                                     (project_id, source)).fetchone()
+                older = conn.execute("SELECT id FROM context_items WHERE project_id = :project "
+                                     "AND user_id = :user_id AND source = :source", item).fetchone()
             if older is not None:
-                item_id = older["id"]
-                conn.execute("UPDATE context_items SET title = ?, content = ?, updated_at = ? WHERE id = ?",
-                             (title, content, now, item_id))
+                item["id"] = older["id"]
+                conn.execute("UPDATE context_items SET title = :title, content = :content, updated_at = :now "
+                             "WHERE id = :id AND user_id = :user_id", item)
             else:
-                item_id = "ctx_" + uuid.uuid4().hex
-                conn.execute("INSERT INTO context_items VALUES (?, ?, ?, ?, ?, ?, ?)",
-                             (item_id, project_id, title, content, source, now, now))
-            conn.execute("UPDATE projects SET updated_at = ? WHERE id = ?", (now, project_id))
-            row = conn.execute("SELECT * FROM context_items WHERE id = ?", (item_id,)).fetchone()
+                item["id"] = "ctx_" + uuid.uuid4().hex
+                conn.execute("INSERT INTO context_items (id, user_id, project_id, title, content, source, "
+                             "created_at, updated_at) VALUES (:id, :user_id, :project, :title, :content, :source, "
+                             ":now, :now)", item)
+            conn.execute("UPDATE projects SET updated_at = :now WHERE id = :project AND user_id = :user_id", item)
+            row = conn.execute("SELECT * FROM context_items WHERE id = :id AND user_id = :user_id", item).fetchone()
         return item_json(row)
 
     def delete_item(self, request):
         project_id, item_id = request.params["id"], request.params["item"]
-        with self.db.write() as conn:
+        keys = {"id": item_id, "project": project_id, "now": clock.now()}
+        with self.db.write_as(request.user_id) as conn:
             self._project(conn, project_id)
-            deleted = conn.execute("DELETE FROM context_items WHERE id = ? AND project_id = ?",
-                                   (item_id, project_id)).rowcount
+            deleted = conn.execute("DELETE FROM context_items WHERE id = :id AND project_id = :project "
+                                   "AND user_id = :user_id", keys).rowcount
             if deleted:
-                conn.execute("UPDATE projects SET updated_at = ? WHERE id = ?", (clock.now(), project_id))
+                conn.execute("UPDATE projects SET updated_at = :now WHERE id = :project AND user_id = :user_id",
+                             keys)
         if not deleted:
             raise not_found("context item not found")
         return {"deleted": True, "id": item_id}
@@ -131,7 +144,7 @@ class Projects:
         body = request.body()
         query = body.string("query", max_length=10000)
         budget = body.integer("character_budget", minimum=0, maximum=MAX_BUDGET)
-        with self.db.read() as conn:
+        with self.db.read_as(request.user_id) as conn:
             self._project(conn, request.params["id"])
             rows = self._items(conn, request.params["id"])
         items = [dict(row) for row in rows]

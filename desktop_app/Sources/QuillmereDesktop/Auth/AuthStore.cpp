@@ -7,11 +7,23 @@ AuthStore::AuthStore(PreferencesStore& preferences, SecretStore& secrets, RelayP
                      AuthStoreConfig config, QObject* parent)
     : QObject(parent), m_preferences(preferences), m_secrets(secrets), m_relayProcess(relayProcess),
       m_config(config) {
-    m_relayURLString = m_preferences.stringValue(relayURLKey).value_or(defaultRelayURL);
+    m_relayURLString = readRelayURL();
     const QUrl url = baseURL(m_relayURLString).value_or(QUrl(defaultRelayURL));
     m_client = new RelayClient(url, std::nullopt, this);
     if (m_config.bootstrapOnStart)
         start();
+}
+
+QString AuthStore::readRelayURL() {
+    // The queue used to remember the address under a key of its own. An address found only
+    // there becomes the one address; the copy goes either way, so this happens once.
+    if (m_preferences.contains(legacyRelayURLKey)) {
+        const std::optional<QString> legacy = m_preferences.stringValue(legacyRelayURLKey);
+        if (legacy && !m_preferences.contains(relayURLKey))
+            m_preferences.setString(relayURLKey, *legacy);
+        m_preferences.remove(legacyRelayURLKey);
+    }
+    return m_preferences.stringValue(relayURLKey).value_or(defaultRelayURL);
 }
 
 QCoro::Task<> AuthStore::start() {
@@ -149,7 +161,9 @@ QCoro::Task<> AuthStore::waitForOwnRelay() {
     QPointer<AuthStore> self(this);
     if (!m_relayProcess)
         co_return;
-    const Result<void> started = m_relayProcess->start();
+    const Result<void> started = co_await m_relayProcess->start();
+    if (!self)
+        co_return;
     if (!started) {
         setAuthError(started.error().message);
         co_return;

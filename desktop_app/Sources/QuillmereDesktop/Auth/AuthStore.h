@@ -26,9 +26,11 @@ struct AuthStoreConfig {
     bool bootstrapOnStart = true;
 };
 
-// Decides who is signed in to which relay. Owns the relay client, keeps the session token
-// in the secret store under a name derived from the relay's URL, starts the managed relay
-// when the URL calls for it, and drives the sign-in screen.
+// Decides who is signed in to which relay. The one owner of the relay's address: it keeps
+// the address (preference "relayURL") and the relay client made for it, and replaces the
+// client when the address changes; everyone else asks `client()` at the moment of use.
+// Keeps the session token in the secret store under a name derived from the relay's URL,
+// starts the managed relay when the URL calls for it, and drives the sign-in screen.
 class AuthStore : public QObject {
     Q_OBJECT
     QML_ELEMENT
@@ -50,7 +52,11 @@ public:
     Q_ENUM(State)
 
     static inline const QString relayURLKey = QStringLiteral("relayURL");
-    static inline const QString defaultRelayURL = QStringLiteral("http://127.0.0.1:8787/");
+    // Where older versions kept a second copy of the address; read once, then removed.
+    static inline const QString legacyRelayURLKey = QStringLiteral("baseURL");
+    // The relay the application starts for itself, on loopback.
+    static inline const QString defaultRelayURL =
+        QStringLiteral("http://127.0.0.1:%1/").arg(RelayProcessConfig::defaultPort);
     static inline const QString legacyTokenAccount = QStringLiteral("relay_session_token");
     static inline const QString localAuthDisabledText = QStringLiteral("local authentication is disabled");
 
@@ -99,6 +105,8 @@ signals:
     void clientChanged();
 
 private:
+    // The stored address, after folding the legacy key into the one key.
+    QString readRelayURL();
     QCoro::Task<> rebuildClient(QUrl url);
     QCoro::Task<> waitForOwnRelay();
     QCoro::Task<> store(AuthResponse response);

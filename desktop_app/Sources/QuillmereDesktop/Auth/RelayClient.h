@@ -15,6 +15,8 @@
 
 // The application's HTTP client for the relay: a base URL and an optional session token,
 // and the rules every "v1/..." call shares. It keeps no other state, no cache, no retry.
+// The base URL is fixed for the client's life: the sign-in store, which owns the relay's
+// address, makes a new client when the address changes.
 class RelayClient : public QObject {
     Q_OBJECT
 public:
@@ -28,7 +30,6 @@ public:
     RelayClient(QUrl baseURL, std::optional<QString> token, QObject* parent = nullptr);
 
     const QUrl& baseURL() const { return m_baseURL; }
-    void setBaseURL(const QUrl& url) { m_baseURL = url; }
     const std::optional<QString>& token() const { return m_token; }
     void setToken(std::optional<QString> token) { m_token = std::move(token); }
 

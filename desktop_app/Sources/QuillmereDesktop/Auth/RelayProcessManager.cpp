@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QStandardPaths>
+#include <qcoro/qcoroprocess.h>
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -96,24 +97,32 @@ QProcessEnvironment RelayProcessManager::relayEnvironment(const QString& support
     return environment;
 }
 
-Result<void> RelayProcessManager::start() {
+QCoro::Task<Result<void>> RelayProcessManager::start() {
     if (isRunning())
-        return {};
+        co_return Result<void>{};
+    if (m_launching) {
+        // One launch at a time: a second start shares the outcome of the one under way.
+        QPointer<QProcess> launching = m_launching;
+        co_await qCoro(launching.data()).waitForStarted(m_config.startTimeout);
+        if (launching && launching->state() == QProcess::Running)
+            co_return Result<void>{};
+        co_return Error{launching ? launching->errorString() : launchAbandonedMessage};
+    }
     const std::optional<QString> script = relayServerPath();
     if (!script)
-        return Error{scriptMissingMessage};
+        co_return Error{scriptMissingMessage};
     const std::optional<QString> python = pythonPath();
     if (!python)
-        return Error{pythonMissingMessage};
+        co_return Error{pythonMissingMessage};
     const Result<QString> support = applicationSupportPath();
     if (!support)
-        return support.error();
+        co_return support.error();
 
     QProcessEnvironment environment = relayEnvironment(support.value());
     if (m_config.inventoryEnvironment) {
         const auto extra = m_config.inventoryEnvironment();
         if (!extra)
-            return extra.error();
+            co_return extra.error();
         // The inventory's values win, over the table above as well.
         for (const auto& [name, value] : extra.value())
             environment.insert(name, value);
@@ -129,36 +138,84 @@ Result<void> RelayProcessManager::start() {
     process->setStandardErrorFile(QProcess::nullDevice());
     // If this process dies without a chance to stop it, the relay goes too.
     process->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
-    process->start();
-    if (!process->waitForStarted()) {
-        const QString message = process->errorString();
-        delete process;
-        return Error{message};
-    }
-    if (m_process)
-        m_process->deleteLater();
-    m_process = process;
-    return {};
+    co_return co_await launch(process);
 }
 
-Result<void> RelayProcessManager::restart() {
+QCoro::Task<Result<void>> RelayProcessManager::launch(QProcess* process) {
+    QPointer<RelayProcessManager> self(this);
+    QPointer<QProcess> guarded(process);
+    m_launching = process;
+    process->start();
+    const bool started = co_await qCoro(process).waitForStarted(m_config.startTimeout);
+    // The manager owns the process: if either went away meanwhile, so did the launch.
+    if (!self || !guarded)
+        co_return Error{launchAbandonedMessage};
+    m_launching = nullptr;
+    if (!started || process->state() != QProcess::Running) {
+        const QString message = process->errorString();
+        // Not running at all, or still starting after the time-out: either way it goes.
+        terminateProcess(process);
+        co_return Error{message};
+    }
+    if (m_process)
+        terminateProcess(m_process);
+    m_process = process;
+    co_return Result<void>{};
+}
+
+QCoro::Task<Result<void>> RelayProcessManager::restart() {
     if (!m_process)
-        return Error{notOwnedMessage};
-    terminateOwned();
-    return start();
+        co_return Error{notOwnedMessage};
+    QPointer<RelayProcessManager> self(this);
+    co_await stop();
+    if (!self)
+        co_return Error{launchAbandonedMessage};
+    co_return co_await start();
+}
+
+QCoro::Task<> RelayProcessManager::stop() {
+    // The stopping child is the coroutine's from here on, so that it is waited for even if
+    // the manager goes away meanwhile.
+    QPointer<QProcess> process = m_process.data();
+    m_process = nullptr;
+    if (!process)
+        co_return;
+    process->setParent(nullptr);
+    const std::chrono::milliseconds stopGrace = m_config.stopGrace;
+    const std::chrono::milliseconds killGrace = m_config.killGrace;
+    if (process->state() != QProcess::NotRunning) {
+        process->terminate();
+        co_await qCoro(process.data()).waitForFinished(stopGrace);
+    }
+    if (process && process->state() != QProcess::NotRunning) {
+        // It did not stop when asked: the relay keeps nothing that a kill would lose.
+        process->kill();
+        co_await qCoro(process.data()).waitForFinished(killGrace);
+    }
+    if (process)
+        terminateProcess(process);
 }
 
 void RelayProcessManager::terminateOwned() {
-    if (!m_process)
-        return;
-    QProcess* process = m_process;
+    if (m_launching)
+        terminateProcess(m_launching);
+    m_launching = nullptr;
+    if (m_process)
+        terminateProcess(m_process);
     m_process = nullptr;
-    if (process->state() != QProcess::NotRunning) {
-        process->terminate();
-        if (!process->waitForFinished(int(stopGrace.count()))) {
-            process->kill();
-            process->waitForFinished(int(stopGrace.count()));
-        }
+}
+
+void RelayProcessManager::terminateProcess(QProcess* process) {
+    // Deferred: the caller may be running inside one of the process's own signals (a wait
+    // resumes there), and the process must outlive its emission.
+    if (process->state() == QProcess::NotRunning) {
+        process->deleteLater();
+        return;
     }
-    delete process;
+    // Deleting a running QProcess would block until it is gone. Asked to stop, it is instead
+    // left to end by itself, and deleted once it has; if this process ends first, the child
+    // still gets its stop request and the system collects it.
+    process->setParent(nullptr);
+    QObject::connect(process, &QProcess::finished, process, &QObject::deleteLater);
+    process->terminate();
 }

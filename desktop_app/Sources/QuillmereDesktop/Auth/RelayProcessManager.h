@@ -8,6 +8,7 @@
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <qcoro/qcorotask.h>
 
 #include <chrono>
 #include <functional>
@@ -18,6 +19,12 @@
 // describe this installation; tests point them at temporary folders.
 struct RelayProcessConfig {
     static constexpr int defaultPort = 8787;
+    // How long a launched interpreter gets to be running before the launch counts as failed.
+    static constexpr std::chrono::milliseconds defaultStartTimeout{3000};
+    // How long a relay asked to stop gets to end by itself before it is killed.
+    static constexpr std::chrono::milliseconds defaultStopGrace{3000};
+    // How long a killed relay gets to be gone before it is left to the system.
+    static constexpr std::chrono::milliseconds defaultKillGrace{3000};
 
     // Folders that ship with the app: the executable's own and the installed data folder.
     QStringList resourceDirectories;
@@ -32,6 +39,9 @@ struct RelayProcessConfig {
     // The per-user data folder that holds the relay's database and settings.
     QString supportDirectory;
     int port = defaultPort;
+    std::chrono::milliseconds startTimeout = defaultStartTimeout;
+    std::chrono::milliseconds stopGrace = defaultStopGrace;
+    std::chrono::milliseconds killGrace = defaultKillGrace;
     QProcessEnvironment baseEnvironment;
     // Extra variables from the provider inventory; none until it exists.
     std::function<Result<std::map<QString, QString>>()> inventoryEnvironment;
@@ -42,7 +52,8 @@ struct RelayProcessConfig {
 
 // Finds the relay script and an interpreter, prepares the environment, and supervises
 // the one relay child that this process starts. A relay someone else started is never
-// touched.
+// touched. Nothing here blocks the event loop: starting and stopping are awaited, and
+// each wait is bounded by a constant of the configuration.
 class RelayProcessManager : public QObject {
     Q_OBJECT
 public:
@@ -52,8 +63,8 @@ public:
         QStringLiteral("Python 3 is required to run the local relay.");
     static inline const QString notOwnedMessage =
         QStringLiteral("This relay was not launched by Quillmere, so the app will not restart it.");
-    // How long a relay gets to stop by itself before it is killed.
-    static constexpr std::chrono::milliseconds stopGrace{3000};
+    // Only seen when the manager goes away while a launch is under way.
+    static inline const QString launchAbandonedMessage = QStringLiteral("The local relay was not started.");
 
     explicit RelayProcessManager(RelayProcessConfig config = RelayProcessConfig::system(),
                                  QObject* parent = nullptr);
@@ -62,12 +73,18 @@ public:
     // The one instance of the application.
     static RelayProcessManager& shared();
 
-    // Launches the relay unless our child is already running. Returns once it is launched;
-    // readiness is for the caller to poll.
-    Result<void> start();
-    // Stops our child, waiting for it, and starts a new one with a fresh environment.
-    Result<void> restart();
-    // Ends our child at quit. A relay we did not start is left alone.
+    // Launches the relay unless our child is already running (or being launched). Finishes
+    // once the child runs, or with the reason it does not; readiness to answer requests is
+    // for the caller to poll.
+    QCoro::Task<Result<void>> start();
+    // Stops our child and starts a new one with a fresh environment.
+    QCoro::Task<Result<void>> restart();
+    // Asks our child to stop and waits for it to end: after `stopGrace` it is killed, and
+    // after a further `killGrace` it is left to the system. A relay we did not start is left
+    // alone. The quit of the application awaits this.
+    QCoro::Task<> stop();
+    // For when there is no time to wait (the manager itself goes away): our child is asked
+    // to stop and left to end by itself.
     void terminateOwned();
 
     bool ownsProcess() const { return m_process != nullptr; }
@@ -81,6 +98,15 @@ public:
     QProcessEnvironment relayEnvironment(const QString& supportPath) const;
 
 private:
+    // The launch itself, once the checks have passed.
+    QCoro::Task<Result<void>> launch(QProcess* process);
+    // Lets go of a child without waiting for it: deleted soon if it has ended, otherwise
+    // asked to stop and deleted once it has.
+    static void terminateProcess(QProcess* process);
+
     RelayProcessConfig m_config;
+    // Our running (or ended) child, replaced only by a launch that succeeded.
     QPointer<QProcess> m_process;
+    // A child being launched, so that a second start waits for it instead of launching another.
+    QPointer<QProcess> m_launching;
 };

@@ -28,9 +28,7 @@ void AppState::readPreferences() {
     } else {
         m_useMock = m_preferences.boolValue(useMockKey).value_or(false);
     }
-    m_baseURLString = m_preferences.stringValue(baseURLKey).value_or(defaultBaseURL);
     // The session token lives in the secret store only; an old copy in the defaults goes.
-    m_token.clear();
     m_preferences.remove(tokenKey);
     m_alwaysOnTop = m_preferences.boolValue(alwaysOnTopKey).value_or(true);
     m_terminalWorkingDirectory =
@@ -87,10 +85,10 @@ void AppState::connect() {
 MereClient* AppState::makeClient() {
     if (m_useMock)
         return new MockClient(m_config.mockTiming, std::nullopt, this);
-    const QUrl baseURL(m_baseURLString, QUrl::StrictMode);
-    if (m_baseURLString.isEmpty() || !baseURL.isValid() || baseURL.isRelative())
+    // Without a signed-in relay client there is no relay to queue from.
+    if (!m_relayClient)
         return nullptr;
-    return m_config.makeRelayClient(baseURL, m_token, this);
+    return m_config.makeRelayClient(*m_relayClient, this);
 }
 
 void AppState::replaceClient(MereClient* client) {
@@ -107,8 +105,6 @@ void AppState::connectToRelay(RelayClient* client) {
     m_relayClient = client;
     if (!client)
         return;
-    setBaseURLString(client->baseURL().toString(QUrl::FullyEncoded));
-    setToken(client->token().value_or(QString()));
     // In demo mode the running demo client stays; the relay is remembered for later.
     if (!m_useMock)
         connect();
@@ -211,21 +207,6 @@ void AppState::setUseMock(bool useMock) {
         emit useMockChanged();
     }
     connect();
-}
-
-void AppState::setBaseURLString(const QString& url) {
-    m_preferences.setString(baseURLKey, url);
-    if (m_baseURLString == url)
-        return;
-    m_baseURLString = url;
-    emit baseURLStringChanged();
-}
-
-void AppState::setToken(const QString& token) {
-    if (m_token == token)
-        return;
-    m_token = token;
-    emit tokenChanged();
 }
 
 void AppState::setAlwaysOnTop(bool alwaysOnTop) {

@@ -29,10 +29,11 @@ struct AppStateConfig {
     MockClient::Timing mockTiming;
     // The folder under which "Quillmere" is the default working folder.
     QString homeDirectory = QDir::homePath();
-    // Builds the live queue client for a relay URL and token.
-    std::function<MereClient*(const QUrl& baseURL, const QString& token, QObject* parent)> makeRelayClient =
-        [](const QUrl& baseURL, const QString& token, QObject* parent) -> MereClient* {
-        return new MereCloudClient(baseURL, token, parent);
+    // Builds the live queue client for the signed-in relay client, which it asks for the
+    // relay's address and the session token whenever it needs them.
+    std::function<MereClient*(RelayClient& relay, QObject* parent)> makeRelayClient =
+        [](RelayClient& relay, QObject* parent) -> MereClient* {
+        return new MereCloudClient(&relay, parent);
     };
 };
 
@@ -49,7 +50,6 @@ class AppState : public QObject {
     Q_PROPERTY(QString selectedInterruptId READ selectedInterruptIdText NOTIFY selectedInterruptIdChanged)
     Q_PROPERTY(QString sentToast READ sentToastText NOTIFY sentToastChanged)
     Q_PROPERTY(bool useMock READ useMock WRITE setUseMock NOTIFY useMockChanged)
-    Q_PROPERTY(QString baseURLString READ baseURLString WRITE setBaseURLString NOTIFY baseURLStringChanged)
     Q_PROPERTY(bool alwaysOnTop READ alwaysOnTop WRITE setAlwaysOnTop NOTIFY alwaysOnTopChanged)
     Q_PROPERTY(QString terminalWorkingDirectory READ terminalWorkingDirectory WRITE
                    setTerminalWorkingDirectory NOTIFY terminalWorkingDirectoryChanged)
@@ -70,13 +70,10 @@ public:
     // The preference keys.
     static inline const QString useMockKey = QStringLiteral("useMock");
     static inline const QString standaloneResetKey = QStringLiteral("standaloneQueueDefaultV1");
-    static inline const QString baseURLKey = QStringLiteral("baseURL");
+    // Only ever removed: older versions left a copy of the session token here.
     static inline const QString tokenKey = QStringLiteral("token");
     static inline const QString alwaysOnTopKey = QStringLiteral("alwaysOnTop");
     static inline const QString workingDirectoryKey = QStringLiteral("terminalWorkingDirectory");
-
-    // The relay the application starts for itself.
-    static inline const QString defaultBaseURL = QStringLiteral("http://127.0.0.1:8787/");
 
     using Config = AppStateConfig;
 
@@ -93,8 +90,6 @@ public:
     const std::optional<QString>& selectedInterruptId() const { return m_selectedInterruptId; }
     const std::optional<QString>& sentToast() const { return m_sentToast; }
     bool useMock() const { return m_useMock; }
-    const QString& baseURLString() const { return m_baseURLString; }
-    const QString& token() const { return m_token; }
     bool alwaysOnTop() const { return m_alwaysOnTop; }
     const QString& terminalWorkingDirectory() const { return m_terminalWorkingDirectory; }
     MereClient* client() const { return m_client; }
@@ -106,14 +101,13 @@ public:
     void setScreen(Screen screen);
     void setSelectedInterruptId(std::optional<QString> id);
     void setUseMock(bool useMock);
-    void setBaseURLString(const QString& url);
-    void setToken(const QString& token);
     void setAlwaysOnTop(bool alwaysOnTop);
     void setTerminalWorkingDirectory(const QString& path);
 
     // Builds the queue client for the present settings, replacing the one before.
     Q_INVOKABLE void connect();
-    // Adopts the signed-in relay client: its URL and token become the queue's.
+    // Remembers the signed-in relay client and, outside demo mode, connects the queue to
+    // the relay it speaks for. The sign-in store owns the client and the relay's address.
     void connectToRelay(RelayClient* client);
     // Drops the queue client; the last snapshot stays on hand.
     Q_INVOKABLE void disconnectQueue();
@@ -129,8 +123,6 @@ signals:
     void selectedInterruptIdChanged();
     void sentToastChanged();
     void useMockChanged();
-    void baseURLStringChanged();
-    void tokenChanged();
     void alwaysOnTopChanged();
     void terminalWorkingDirectoryChanged();
 
@@ -154,12 +146,11 @@ private:
     std::optional<QString> m_selectedInterruptId;
     std::optional<QString> m_sentToast;
     bool m_useMock = false;
-    QString m_baseURLString;
-    QString m_token;
     bool m_alwaysOnTop = true;
     QString m_terminalWorkingDirectory;
     QPointer<MereClient> m_client;
-    // Owned by the sign-in store; only remembered here.
+    // Owned by the sign-in store; only remembered here. The queue client asks it for the
+    // relay's address and the token at the moment of each request.
     QPointer<RelayClient> m_relayClient;
     // Bumped at every client change, so that a callback queued by an old client is dropped.
     quint64 m_clientGeneration = 0;

@@ -3,9 +3,8 @@
 #include "QuillmereDesktop/common/Http.h"
 #include "QuillmereDesktop/queue/QueueWire.h"
 
-MereCloudClient::MereCloudClient(QUrl baseURL, QString token, QObject* parent,
-                                 std::chrono::milliseconds retryDelay)
-    : MereClient(parent), m_baseURL(std::move(baseURL)), m_token(std::move(token)), m_retryDelay(retryDelay) {
+MereCloudClient::MereCloudClient(RelayClient* relay, QObject* parent, std::chrono::milliseconds retryDelay)
+    : MereClient(parent), m_relay(relay), m_retryDelay(retryDelay) {
     m_retryTimer.setSingleShot(true);
     QObject::connect(&m_retryTimer, &QTimer::timeout, this, &MereCloudClient::openStream);
 }
@@ -15,7 +14,7 @@ MereCloudClient::~MereCloudClient() {
 }
 
 QUrl MereCloudClient::endpoint(const QString& encodedPath) const {
-    QUrl url = m_baseURL;
+    QUrl url = baseURL();
     QString base = url.path(QUrl::FullyEncoded);
     if (!base.endsWith(QLatin1Char('/')))
         base += QLatin1Char('/');
@@ -55,8 +54,14 @@ void MereCloudClient::abortStream() {
 void MereCloudClient::openStream() {
     if (!m_running)
         return;
+    if (!m_relay) {
+        // The relay client was replaced: its successor gets a queue client of its own.
+        if (m_onConnectionChange)
+            m_onConnectionChange(false);
+        return;
+    }
     QNetworkRequest request(endpoint(QStringLiteral("v1/stream")));
-    request.setRawHeader("Authorization", "Bearer " + m_token.toUtf8());
+    request.setRawHeader("Authorization", "Bearer " + token().toUtf8());
     http::setTimeout(request, requestTimeout);
     m_streaming = false;
     m_partialLine.clear();
@@ -153,10 +158,14 @@ void MereCloudClient::scheduleRetry() {
 }
 
 QCoro::Task<SubmitResult> MereCloudClient::submitVerdict(QString interruptId, Verdict verdict) {
+    // Without its relay client the verdict cannot go out; the person may send it again once
+    // the queue is connected to the new one.
+    if (!m_relay)
+        co_return SubmitError{ClientError::server(QStringLiteral("no relay client"))};
     http::Request request;
     request.request.setUrl(endpoint(QStringLiteral("v1/interrupts/%1/verdict")
                                         .arg(QString::fromLatin1(QUrl::toPercentEncoding(interruptId)))));
-    request.request.setRawHeader("Authorization", "Bearer " + m_token.toUtf8());
+    request.request.setRawHeader("Authorization", "Bearer " + token().toUtf8());
     request.request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
     http::setTimeout(request.request, requestTimeout);
     request.method = "POST";

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QuillmereDesktop/Auth/RelayClient.h"
 #include "QuillmereDesktop/queue/MereClient.h"
 
 #include <QNetworkReply>
@@ -10,8 +11,9 @@
 #include <chrono>
 
 // The live queue: one long-lived "v1/stream" response of server-sent lines, each data
-// line a whole snapshot, and verdicts as single POSTs. It keeps its own URL and token,
-// handed over by the application state, and the queue's own JSON rules.
+// line a whole snapshot, and verdicts as single POSTs, with the queue's own JSON rules.
+// It keeps no address or token of its own: it asks the signed-in relay client for both at
+// the moment of each request, so a new session token is used from the next request on.
 class MereCloudClient : public MereClient {
     Q_OBJECT
 public:
@@ -19,12 +21,16 @@ public:
     static constexpr std::chrono::milliseconds defaultRetryDelay{3000};
     static constexpr std::chrono::milliseconds requestTimeout{60000};
 
-    MereCloudClient(QUrl baseURL, QString token, QObject* parent = nullptr,
-                    std::chrono::milliseconds retryDelay = defaultRetryDelay);
+    // `relay` belongs to the sign-in store; once it is gone this client has no relay to
+    // speak to and stays offline until the application connects a new one.
+    explicit MereCloudClient(RelayClient* relay, QObject* parent = nullptr,
+                             std::chrono::milliseconds retryDelay = defaultRetryDelay);
     ~MereCloudClient() override;
 
-    const QUrl& baseURL() const { return m_baseURL; }
-    const QString& token() const { return m_token; }
+    RelayClient* relayClient() const { return m_relay; }
+    // The relay's address and the session token as the relay client has them now.
+    QUrl baseURL() const { return m_relay ? m_relay->baseURL() : QUrl(); }
+    QString token() const { return m_relay ? m_relay->token().value_or(QString()) : QString(); }
 
     void connect(SnapshotCallback onSnapshot, ConnectionCallback onConnectionChange) override;
     void disconnect() override;
@@ -42,8 +48,7 @@ private:
     void scheduleRetry();
     void abortStream();
 
-    QUrl m_baseURL;
-    QString m_token;
+    QPointer<RelayClient> m_relay;
     std::chrono::milliseconds m_retryDelay;
     SnapshotCallback m_onSnapshot;
     ConnectionCallback m_onConnectionChange;

@@ -6,6 +6,7 @@
 #include "QuillmereDesktop/common/SettingsPreferencesStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/shell/QuitOnSignal.h"
+#include "QuillmereDesktop/shell/QuitSequence.h"
 #include "QuillmereDesktop/shell/RootController.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
 #include "QuillmereDesktop/terminal/TerminalDrawerController.h"
@@ -61,7 +62,10 @@ int main(int argc, char* argv[]) {
     QmlSingleton<RootController>::set(&root);
 
     // At quit the agents are asked to stop first; then a relay this process started ends
-    // with it, while one that was already running stays.
+    // with it, while one that was already running stays. The quit waits for the relay with
+    // the event loop turning, for no longer than the relay manager's grace times.
+    QuitSequence quitSequence([&agentRuns] { agentRuns.terminateAll(); }, [&relay] { return relay.stop(); });
+    // An exit that bypasses the quit request still asks both to stop, without waiting.
     QObject::connect(&application, &QCoreApplication::aboutToQuit, &agentRuns, &AgentRunStore::terminateAll);
     QObject::connect(&application, &QCoreApplication::aboutToQuit, &relay,
                      &RelayProcessManager::terminateOwned);

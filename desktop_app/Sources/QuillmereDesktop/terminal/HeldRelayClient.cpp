@@ -7,8 +7,8 @@ HeldRelayClient::HeldRelayClient(RelayClient* client)
 RelayClient& HeldRelayClient::get() const {
     if (!m_live)
         return *m_copy;
-    // Sign-in and sign-out change the token in place; the copy follows every use.
-    m_copy->setBaseURL(m_live->baseURL());
+    // Sign-in and sign-out change the token in place; the copy follows every use. The
+    // address never changes: a new address means a new client.
     m_copy->setToken(m_live->token());
     return *m_live;
 }

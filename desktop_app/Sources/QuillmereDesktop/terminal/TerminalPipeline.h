@@ -15,7 +15,7 @@
 #include <memory>
 #include <optional>
 
-// Ships everything typed into and shown by one drawer terminal to the relay, as one
+// Ships everything typed into and shown by one terminal to the relay, as one
 // ordered stream of chunks in one session. Capturing never fails and never waits; the
 // network sees at most one batch per delay, sent one delay after the first chunk of it.
 class TerminalPipeline : public QObject {

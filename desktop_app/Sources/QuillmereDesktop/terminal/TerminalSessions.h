@@ -7,7 +7,7 @@
 #include <QString>
 #include <qcoro/qcorotask.h>
 
-// The relay's terminal sessions: open one, add chunks to it, end it. The drawer's
+// The relay's terminal sessions: open one, add chunks to it, end it. Terminal
 // pipelines and the agent runs both speak this family; each call builds its request at
 // once, so the client need not outlive the call.
 namespace terminalSessions {

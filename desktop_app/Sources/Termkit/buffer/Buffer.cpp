@@ -18,104 +18,99 @@ int cappedLength(long long length) {
 
 Buffer::Buffer(int cols, int rows, int tabStopWidth, std::optional<int> scrollbackLines,
                BidiPresentationState bidiState, std::shared_ptr<CellTables> cellTables, bool withScrollback)
-    : lines(withScrollback ? cappedLength(static_cast<long long>(rows) + scrollbackLines.value_or(0)) : rows),
-      scrollBottom(rows - 1), marginRight(cols - 1), hasScrollback(withScrollback),
-      scrollback(scrollbackLines), defaultBidiState(bidiState),
-      tables(cellTables ? std::move(cellTables) : std::make_shared<CellTables>()), updates(&m_ownUpdates),
-      m_cols(cols), m_rows(rows), m_tabStopWidth(std::max(tabStopWidth, 1)) {
+    : m_lines(withScrollback ? cappedLength(static_cast<long long>(rows) + scrollbackLines.value_or(0))
+                             : rows),
+      m_scrollBottom(rows - 1), m_marginRight(cols - 1), m_hasScrollback(withScrollback), m_cols(cols),
+      m_rows(rows), m_scrollback(scrollbackLines), m_tabStopWidth(std::max(tabStopWidth, 1)),
+      m_tables(cellTables ? std::move(cellTables) : std::make_shared<CellTables>()) {
+    m_ownModes.defaultBidiState = bidiState;
     setupLinesCallbacks();
     setupTabStops();
     fillViewportRows();
 }
 
+void Buffer::attach(BufferObserver* observer, UpdateRange* updates, BufferModes* modes) {
+    m_observer = observer;
+    m_updates = updates != nullptr ? updates : &m_ownUpdates;
+    m_modes = modes != nullptr ? modes : &m_ownModes;
+}
+
 void Buffer::setupLinesCallbacks() {
-    lines.makeEmpty = [this] { return getBlankLine(AttributeTable::kEmpty); };
-    lines.onLineAttached = [this](BufferLine& line) { line.owningBuffer = this; };
-    lines.onLinePushed = [this](BufferLine&) { ++linesWithImagesCount; };
-    lines.onLineRecycled = [this](bool hadImages) {
+    m_lines.makeEmpty = [this] { return getBlankLine(AttributeTable::kEmpty); };
+    m_lines.onLineAttached = [this](BufferLine& line) { line.setOwningBuffer(this); };
+    m_lines.onLinePushed = [this](BufferLine&) { ++m_linesWithImagesCount; };
+    m_lines.onLineRecycled = [this](bool hadImages) {
         if (hadImages)
-            --linesWithImagesCount;
+            --m_linesWithImagesCount;
     };
-    lines.onLineRemoved = [this](BufferLine& line) {
+    m_lines.onLineRemoved = [this](BufferLine& line) {
         if (line.hasImages())
-            --linesWithImagesCount;
+            --m_linesWithImagesCount;
     };
 }
 
 std::unique_ptr<BufferLine> Buffer::getBlankLine(AttributeId attribute, bool isWrapped) const {
     return std::make_unique<BufferLine>(m_cols, CharData::Null.withAttribute(attribute), isWrapped,
-                                        defaultBidiState);
+                                        defaultBidiState());
 }
 
 void Buffer::fillViewportRows() {
-    if (lines.count() != 0)
+    if (m_lines.count() != 0)
         return;
     for (int i = 0; i < m_rows; ++i)
-        lines.push(nullptr);
+        m_lines.push(nullptr);
 }
 
 void Buffer::clear() {
-    yDisp = 0;
-    yBase = 0;
-    xDisp = 0;
-    xBase = 0;
-    x = 0;
-    y = 0;
-    linesTop = 0;
-    lines.trimStart(lines.count());
-    lines.setMaxLength(hasScrollback ? cappedLength(static_cast<long long>(m_rows) + scrollback.value_or(0))
-                                     : m_rows);
-    linesWithImagesCount = 0;
-    scrollTop = 0;
-    scrollBottom = m_rows - 1;
-    marginLeft = 0;
-    marginRight = m_cols - 1;
+    m_yDisp = LineIndex(0);
+    m_yBase = LineIndex(0);
+    setCursor(Col(0), ScreenRow(0));
+    m_linesTop = 0;
+    m_lines.trimStart(m_lines.count());
+    m_lines.setMaxLength(
+        m_hasScrollback ? cappedLength(static_cast<long long>(m_rows) + m_scrollback.value_or(0)) : m_rows);
+    m_linesWithImagesCount = 0;
+    resetRegionAndMargins();
     setupTabStops();
     fillViewportRows();
 }
 
 void Buffer::softReset() {
-    scrollTop = 0;
-    scrollBottom = m_rows - 1;
-    marginLeft = 0;
-    marginRight = m_cols - 1;
-    savedX = 0;
-    savedY = 0;
-    savedAttr = kEmptyAttribute;
-    savedCharset = nullptr;
-    savedOriginMode = false;
-    savedMarginMode = false;
-    savedWraparound = true;
-    savedReverseWraparound = false;
+    resetRegionAndMargins();
+    m_saved = SavedCursor{};
+    m_saved.attr = kEmptyAttribute;
+}
+
+void Buffer::setYDisp(LineIndex yDisp) {
+    m_yDisp = std::clamp(yDisp, LineIndex(0), m_yBase);
+}
+
+void Buffer::dropOldestLines(int count) {
+    m_lines.trimStart(count);
+    m_linesTop += count;
+    m_yBase = std::max(m_yBase - count, LineIndex(0));
+    m_yDisp = std::max(m_yDisp - count, LineIndex(0));
 }
 
 void Buffer::clearScrollback() {
-    if (yBase == 0)
+    if (m_yBase == LineIndex(0))
         return;
-    const int dropped = yBase;
-    lines.trimStart(dropped);
-    linesTop += dropped;
-    yBase = 0;
-    yDisp = 0;
-    if (observer)
-        observer->bufferScrolled(yDisp);
+    dropOldestLines(m_yBase.value);
+    if (m_observer)
+        m_observer->bufferScrolled(m_yDisp);
 }
 
 void Buffer::changeHistorySize(std::optional<int> newScrollback) {
-    scrollback = newScrollback;
-    if (!hasScrollback)
+    m_scrollback = newScrollback;
+    if (!m_hasScrollback)
         return;
-    const int newLength = cappedLength(static_cast<long long>(m_rows) + scrollback.value_or(0));
-    if (newLength < lines.maxLength()) {
-        const int drop = lines.count() - newLength;
-        if (drop > 0) {
-            lines.trimStart(drop);
-            linesTop += drop;
-            yBase = std::max(yBase - drop, 0);
-            yDisp = std::max(yDisp - drop, 0);
-        }
+    const int newLength = cappedLength(static_cast<long long>(m_rows) + m_scrollback.value_or(0));
+    if (newLength < m_lines.maxLength()) {
+        const int drop = m_lines.count() - newLength;
+        if (drop > 0)
+            dropOldestLines(drop);
     }
-    lines.setMaxLength(newLength);
+    m_lines.setMaxLength(newLength);
 }
 
 // --- Tab stops ----------------------------------------------------------------------------
@@ -123,148 +118,148 @@ void Buffer::changeHistorySize(std::optional<int> newScrollback) {
 void Buffer::setupTabStops(int index) {
     int i = 0;
     if (index >= 0) {
-        tabStops.resize(static_cast<size_t>(m_cols), 0);
+        m_tabStops.resize(static_cast<size_t>(m_cols), 0);
         i = std::min(index, m_cols - 1);
-        if (i >= 0 && !tabStops[i])
-            i = previousTabStop(i);
+        if (i >= 0 && !m_tabStops[i])
+            i = previousTabStop(Col(i)).value;
     } else {
-        tabStops.assign(static_cast<size_t>(m_cols), 0);
+        m_tabStops.assign(static_cast<size_t>(m_cols), 0);
     }
     for (; i >= 0 && i < m_cols; i += m_tabStopWidth)
-        tabStops[i] = 1;
+        m_tabStops[i] = 1;
 }
 
-void Buffer::tabSet(int pos) {
-    if (pos >= 0 && pos < static_cast<int>(tabStops.size()))
-        tabStops[pos] = 1;
+void Buffer::tabSet(Col col) {
+    if (col.value >= 0 && col.value < static_cast<int>(m_tabStops.size()))
+        m_tabStops[col.value] = 1;
 }
 
-void Buffer::tabClear(int pos) {
-    if (pos >= 0 && pos < static_cast<int>(tabStops.size()))
-        tabStops[pos] = 0;
+void Buffer::tabClear(Col col) {
+    if (col.value >= 0 && col.value < static_cast<int>(m_tabStops.size()))
+        m_tabStops[col.value] = 0;
 }
 
 void Buffer::clearTabStops() {
-    std::fill(tabStops.begin(), tabStops.end(), 0);
+    std::fill(m_tabStops.begin(), m_tabStops.end(), 0);
 }
 
-int Buffer::nextTabStop(int index, bool marginModeOn) const {
-    const int limit = marginModeOn && index <= marginRight ? marginRight : m_cols - 1;
-    int i = index + 1;
-    while (i < limit && !tabStops[i])
+Col Buffer::nextTabStop(Col col, bool marginModeOn) const {
+    const int limit = marginModeOn && col <= m_marginRight ? m_marginRight.value : m_cols - 1;
+    int i = col.value + 1;
+    while (i < limit && !m_tabStops[i])
         ++i;
-    return std::clamp(i, 0, limit);
+    return Col(std::clamp(i, 0, limit));
 }
 
-int Buffer::previousTabStop(int index) const {
-    int i = std::min(index, m_cols) - 1;
-    while (i > 0 && !tabStops[i])
+Col Buffer::previousTabStop(Col col) const {
+    int i = std::min(col.value, m_cols) - 1;
+    while (i > 0 && !m_tabStops[i])
         --i;
-    return std::max(i, 0);
+    return Col(std::max(i, 0));
 }
 
 // --- Scrolling ------------------------------------------------------------------------------
 
 void Buffer::scrollWithMargins(bool isWrapped) {
     // With left and right margins only the cells inside them move; the lines stay put.
-    const int top = yBase + scrollTop;
-    const int bottom = yBase + scrollBottom;
-    const int width = marginRight - marginLeft + 1;
-    for (int row = top; row < bottom; ++row) {
-        lines[row].copyFrom(lines[row + 1], marginLeft, marginLeft, width);
-    }
-    BufferLine& last = lines[bottom];
-    last.replaceCells(marginLeft, marginRight + 1, CharData::Null.withAttribute(eraseAttr));
-    last.isWrapped = isWrapped && last.isWrapped;
-    markRows(scrollTop, scrollBottom);
+    const int width = m_marginRight - m_marginLeft + 1;
+    for (ScreenRow row = m_scrollTop; row < m_scrollBottom; ++row)
+        screenLine(row).copyFrom(screenLine(row + 1), m_marginLeft.value, m_marginLeft.value, width);
+    BufferLine& last = screenLine(m_scrollBottom);
+    last.replaceCells(m_marginLeft.value, m_marginRight.value + 1, CharData::Null.withAttribute(eraseAttr()));
+    last.setWrapped(isWrapped && last.isWrapped());
+    markRows(m_scrollTop, m_scrollBottom);
 }
 
 void Buffer::scroll(bool isWrapped) {
-    if (marginMode && (marginLeft != 0 || marginRight != m_cols - 1)) {
+    if (m_modes->marginMode && (m_marginLeft != Col(0) || m_marginRight != lastCol())) {
         scrollWithMargins(isWrapped);
         return;
     }
-    const int top = yBase + scrollTop;
-    const int bottom = yBase + scrollBottom;
-    const int oldYDisp = yDisp;
-    const bool userHolds = observer != nullptr && observer->isUserScrolling();
-    const BidiPresentationState bidi = isWrapped && bottom < lines.count() && lines.peek(bottom)
-                                           ? lines.peek(bottom)->bidiState
-                                           : defaultBidiState;
-    TERMKIT_INVARIANT(top >= 0 && bottom < lines.count() && top <= bottom,
-                      "Assertion on scroll, state was: bottomRow=" + std::to_string(bottom) +
-                          " topRow=" + std::to_string(top) + " yBase=" + std::to_string(yBase) +
-                          " lines.count=" + std::to_string(lines.count()) +
+    const LineIndex top = lineIndex(m_scrollTop);
+    const LineIndex bottom = lineIndex(m_scrollBottom);
+    const LineIndex oldYDisp = m_yDisp;
+    const bool userHolds = m_observer != nullptr && m_observer->isUserScrolling();
+    const BufferLine* bottomLine = bottom.value < m_lines.count() ? m_lines.peek(bottom.value) : nullptr;
+    const BidiPresentationState bidi = isWrapped && bottomLine ? bottomLine->bidiState() : defaultBidiState();
+    TERMKIT_INVARIANT(top.value >= 0 && bottom.value < m_lines.count() && top <= bottom,
+                      "Assertion on scroll, state was: bottomRow=" + std::to_string(bottom.value) +
+                          " topRow=" + std::to_string(top.value) + " yBase=" + std::to_string(m_yBase.value) +
+                          " lines.count=" + std::to_string(m_lines.count()) +
                           " rows=" + std::to_string(m_rows));
-    if (scrollTop == 0) {
-        if (lines.isFull()) {
+    const AttributeId erase = eraseAttr();
+    if (m_scrollTop == ScreenRow(0)) {
+        if (m_lines.isFull()) {
             // The oldest line is reused as the new bottom line: nothing is allocated, `yBase`
             // stays, and the line numbers shift, which `linesTop` records.
-            BufferLine& fresh = lines.recycle(eraseAttr);
-            fresh.isWrapped = isWrapped;
-            fresh.bidiState = bidi;
-            if (bottom != lines.count() - 1)
-                lines.rotate(lines.count() - 1, bottom);
-            ++linesTop;
+            BufferLine& fresh = m_lines.recycle(erase);
+            fresh.setWrapped(isWrapped);
+            fresh.setBidiState(bidi);
+            if (bottom.value != m_lines.count() - 1)
+                m_lines.rotate(m_lines.count() - 1, bottom.value);
+            ++m_linesTop;
             if (userHolds)
-                yDisp = std::max(yDisp - 1, 0);
-            if (observer)
-                observer->bufferScrolledInPlace();
+                m_yDisp = std::max(m_yDisp - 1, LineIndex(0));
+            if (m_observer)
+                m_observer->bufferScrolledInPlace();
         } else {
-            auto fresh = eraseAttr == AttributeTable::kEmpty && !isWrapped && bidi == defaultBidiState
+            auto fresh = erase == AttributeTable::kEmpty && !isWrapped && bidi == defaultBidiState()
                              ? nullptr
-                             : getBlankLine(eraseAttr, isWrapped);
+                             : getBlankLine(erase, isWrapped);
             if (fresh)
-                fresh->bidiState = bidi;
-            if (bottom == lines.count() - 1) {
-                lines.push(std::move(fresh));
+                fresh->setBidiState(bidi);
+            if (bottom.value == m_lines.count() - 1) {
+                m_lines.push(std::move(fresh));
             } else {
                 std::vector<CircularBufferLineList::LinePtr> items;
                 items.push_back(std::move(fresh));
-                lines.splice(bottom + 1, 0, std::move(items));
+                m_lines.splice(bottom.value + 1, 0, std::move(items));
             }
-            ++yBase;
+            ++m_yBase;
             if (!userHolds)
-                ++yDisp;
+                ++m_yDisp;
         }
     } else {
         // A region below the top: the row leaving it is not history, so its line object is
         // reused as the region's new bottom row.
-        lines.rotate(top, bottom);
-        BufferLine& fresh = lines[bottom];
-        fresh.clear(eraseAttr);
+        rotateLines(top, bottom);
+        BufferLine& fresh = line(bottom);
+        fresh.clear(erase);
         fresh.destroySemanticState();
-        fresh.isWrapped = isWrapped;
-        fresh.bidiState = bidi;
+        fresh.setWrapped(isWrapped);
+        fresh.setBidiState(bidi);
     }
-    markRows(scrollTop, scrollBottom);
-    if (yDisp != oldYDisp && observer)
-        observer->bufferScrolled(yDisp);
+    markRows(m_scrollTop, m_scrollBottom);
+    if (m_yDisp != oldYDisp && m_observer)
+        m_observer->bufferScrolled(m_yDisp);
 }
 
 // --- Printing ---------------------------------------------------------------------------------
 
 void Buffer::wrapToNextRow() {
-    x = marginMode ? marginLeft : 0;
-    if (y == scrollBottom) {
+    m_x = m_modes->marginMode ? m_marginLeft : Col(0);
+    if (m_y == m_scrollBottom) {
         scroll(true);
         return;
     }
-    const int previous = y;
-    if (y < m_rows - 1)
-        ++y;
-    BufferLine& next = lines[yBase + y];
-    next.isWrapped = true;
-    if (y != previous)
-        next.bidiState = lines[yBase + previous].bidiState;
-    markRows(y, y);
+    const ScreenRow previous = m_y;
+    if (m_y < lastRow())
+        ++m_y;
+    BufferLine& next = screenLine(m_y);
+    next.setWrapped(true);
+    if (m_y != previous)
+        next.setBidiState(screenLine(previous).bidiState());
+    markRow(m_y);
 }
 
 void Buffer::insertCharacter(int32_t code, int width, uint16_t payload) {
-    const int right = marginMode ? marginRight : m_cols - 1;
+    const BufferModes& modes = *m_modes;
+    const int right = rightLimit().value;
+    int x = m_x.value;
     if (x + width - 1 > right) {
-        if (wraparound) {
+        if (modes.wraparound) {
             wrapToNextRow();
+            x = m_x.value;
         } else {
             // Without wraparound a wide character has nowhere to go; others overwrite the edge.
             if (width == 2)
@@ -272,54 +267,55 @@ void Buffer::insertCharacter(int32_t code, int width, uint16_t payload) {
             x = right;
         }
     }
-    BufferLine& line = lines[yBase + y];
-    if (insertMode) {
-        line.insertCells(x, width, right, CharData::Null.withAttribute(curAttr));
+    BufferLine& line = screenLine(m_y);
+    if (modes.insertMode) {
+        line.insertCells(x, width, right, CharData::Null.withAttribute(modes.curAttr));
         // An insert that pushed a left half to the edge would leave half a character.
         CharData* shifted = line.cellsForWrite(right + 1);
         if (shifted[right].width == 2)
-            shifted[right] = CharData::Null.withAttribute(curAttr);
+            shifted[right] = CharData::Null.withAttribute(modes.curAttr);
     }
     if (x >= m_cols)
         x = m_cols - 1;
     CharData* cells = line.cellsForWrite(std::min(x + width, m_cols));
-    cells[x] = CharData{code, curAttr, payload, static_cast<int8_t>(width), semanticContent};
+    cells[x] = CharData{code, modes.curAttr, payload, static_cast<int8_t>(width), m_semanticContent};
     ++x;
     for (int i = 1; i < width && x < m_cols; ++i) {
-        cells[x] = CharData{0, curAttr, payload, 0, semanticContent};
+        cells[x] = CharData{0, modes.curAttr, payload, 0, m_semanticContent};
         ++x;
     }
+    m_x = Col(x);
     line.touch();
 }
 
 int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
-    if (insertMode)
+    const BufferModes& modes = *m_modes;
+    if (modes.insertMode)
         return 0;
-    const int right = marginMode ? marginRight : m_cols - 1;
-    const CharData proto{0, curAttr, payload, 1, semanticContent};
+    const int right = rightLimit().value;
+    const CharData proto{0, modes.curAttr, payload, 1, m_semanticContent};
     int taken = 0;
     while (taken < count) {
-        if (x > right) {
-            if (!wraparound) {
+        if (m_x.value > right) {
+            if (!modes.wraparound) {
                 // Every further byte lands on the edge; only the last one stays.
-                x = right;
-                BufferLine& line = lines[yBase + y];
+                BufferLine& line = screenLine(m_y);
                 CharData cell = proto;
                 cell.code = data[count - 1];
-                line.cellsForWrite(x + 1)[x] = cell;
+                line.cellsForWrite(right + 1)[right] = cell;
                 line.touch();
-                x = right + 1;
+                m_x = Col(right + 1);
                 return count;
             }
             wrapToNextRow();
         }
-        BufferLine& line = lines[yBase + y];
+        BufferLine& line = screenLine(m_y);
+        const int x = m_x.value;
         const int n = std::min(right - x + 1, count - taken);
         CharData* cells = line.cellsForWrite(x + n) + x;
-        const uint8_t* src = data + taken;
-        writeAsciiCells(cells, src, n, proto);
+        writeAsciiCells(cells, data + taken, n, proto);
         line.touch();
-        x += n;
+        m_x = Col(x + n);
         taken += n;
     }
     return taken;
@@ -328,30 +324,30 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
 // --- Images and attributes ------------------------------------------------------------------
 
 void Buffer::attachImage(TerminalImage image, LineIndex toLineAt) {
-    BufferLine& target = lines[toLineAt.value];
+    BufferLine& target = line(toLineAt);
     if (!target.hasImages())
-        ++linesWithImagesCount;
+        ++m_linesWithImagesCount;
     target.attach(std::move(image));
 }
 
 void Buffer::recalculateImageCount() {
     int n = 0;
-    for (int i = 0; i < lines.count(); ++i) {
-        const BufferLine* line = lines.peek(i);
+    for (int i = 0; i < m_lines.count(); ++i) {
+        const BufferLine* line = m_lines.peek(i);
         if (line && line->hasImages())
             ++n;
     }
-    linesWithImagesCount = n;
+    m_linesWithImagesCount = n;
 }
 
 void Buffer::markAttributes(const std::function<void(AttributeId)>& mark) const {
-    mark(curAttr);
-    mark(eraseAttr);
-    for (int i = 0; i < lines.count(); ++i) {
-        const BufferLine* line = lines.peek(i);
+    mark(curAttr());
+    mark(eraseAttr());
+    for (int i = 0; i < m_lines.count(); ++i) {
+        const BufferLine* line = m_lines.peek(i);
         if (!line)
             continue;
-        mark(line->fillCharacter.attribute);
+        mark(line->fillCharacter().attribute);
         const CharData* cells = line->cells();
         AttributeId last = AttributeTable::kEmpty;
         for (int c = 0; c < line->count(); ++c) {

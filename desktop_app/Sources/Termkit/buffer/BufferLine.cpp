@@ -20,16 +20,16 @@ void moveCells(CharData* dst, const CharData* src, int n) {
 } // namespace
 
 BufferLine::BufferLine(int cols, CharData fill, bool wrapped, BidiPresentationState bidi)
-    : isWrapped(wrapped), bidiState(bidi), fillCharacter(fill), m_size(std::max(cols, 0)) {
+    : m_isWrapped(wrapped), m_bidiState(bidi), m_fillCharacter(fill), m_size(std::max(cols, 0)) {
     m_data.reset(new CharData[static_cast<size_t>(m_size)]);
     fillCells(m_data.get(), m_size, fill);
     m_clean = fill == CharData::Null ? 0 : m_size;
 }
 
 BufferLine::BufferLine(const BufferLine& other)
-    : isWrapped(other.isWrapped), bidiState(other.bidiState), renderMode(other.renderMode),
-      owningBuffer(nullptr), recycleGeneration(0), fillCharacter(other.fillCharacter), generation(0),
-      m_size(other.m_size), m_clean(other.m_clean) {
+    : m_isWrapped(other.m_isWrapped), m_bidiState(other.m_bidiState), m_renderMode(other.m_renderMode),
+      m_owningBuffer(nullptr), m_recycleGeneration(0), m_fillCharacter(other.m_fillCharacter),
+      m_generation(0), m_size(other.m_size), m_clean(other.m_clean) {
     m_data.reset(new CharData[static_cast<size_t>(m_size)]);
     moveCells(m_data.get(), other.m_data.get(), m_size);
     if (other.m_annotations)
@@ -45,12 +45,12 @@ BufferLine& BufferLine::operator=(const BufferLine& other) {
     }
     moveCells(m_data.get(), other.m_data.get(), m_size);
     m_clean = other.m_clean;
-    isWrapped = other.isWrapped;
-    bidiState = other.bidiState;
-    renderMode = other.renderMode;
-    fillCharacter = other.fillCharacter;
+    m_isWrapped = other.m_isWrapped;
+    m_bidiState = other.m_bidiState;
+    m_renderMode = other.m_renderMode;
+    m_fillCharacter = other.m_fillCharacter;
     m_annotations = other.m_annotations ? std::make_unique<LineAnnotations>(*other.m_annotations) : nullptr;
-    ++generation;
+    ++m_generation;
     return *this;
 }
 
@@ -70,13 +70,13 @@ void BufferLine::resize(int cols, const CharData& fillData) {
     m_data = std::move(next);
     m_clean = fillData == CharData::Null || cols <= m_size ? std::min(m_clean, cols) : cols;
     m_size = cols;
-    ++generation;
+    ++m_generation;
 }
 
 void BufferLine::fill(const CharData& fillData) {
     fillCells(m_data.get(), m_size, fillData);
     m_clean = fillData == CharData::Null ? 0 : m_size;
-    ++generation;
+    ++m_generation;
 }
 
 void BufferLine::clear(AttributeId attribute) {
@@ -89,9 +89,9 @@ void BufferLine::clear(AttributeId attribute) {
         fillCells(m_data.get(), m_size, CharData::Null.withAttribute(attribute));
         m_clean = m_size;
     }
-    isWrapped = false;
-    renderMode = RenderLineMode::single;
-    ++generation;
+    m_isWrapped = false;
+    m_renderMode = RenderLineMode::single;
+    ++m_generation;
 }
 
 void BufferLine::copyFrom(const BufferLine& line, int srcCol, int dstCol, int len) {
@@ -100,7 +100,7 @@ void BufferLine::copyFrom(const BufferLine& line, int srcCol, int dstCol, int le
         return;
     moveCells(m_data.get() + dstCol, line.m_data.get() + srcCol, len);
     m_clean = std::max(m_clean, dstCol + len);
-    ++generation;
+    ++m_generation;
 }
 
 void BufferLine::insertCells(int pos, int n, int rightMargin, const CharData& fillData) {
@@ -111,7 +111,7 @@ void BufferLine::insertCells(int pos, int n, int rightMargin, const CharData& fi
     moveCells(m_data.get() + pos + n, m_data.get() + pos, end - pos - n);
     fillCells(m_data.get() + pos, n, fillData);
     m_clean = std::max(m_clean, end);
-    ++generation;
+    ++m_generation;
 }
 
 void BufferLine::deleteCells(int pos, int n, int rightMargin, const CharData& fillData) {
@@ -122,7 +122,7 @@ void BufferLine::deleteCells(int pos, int n, int rightMargin, const CharData& fi
     moveCells(m_data.get() + pos, m_data.get() + pos + n, end - pos - n);
     fillCells(m_data.get() + end - n, n, fillData);
     m_clean = std::max(m_clean, end);
-    ++generation;
+    ++m_generation;
 }
 
 void BufferLine::replaceCells(int start, int end, const CharData& fillData) {
@@ -137,7 +137,7 @@ void BufferLine::replaceCells(int start, int end, const CharData& fillData) {
         // Everything from `start` on is now empty.
         m_clean = std::min(m_clean, start);
     }
-    ++generation;
+    ++m_generation;
 }
 
 int BufferLine::getTrimmedLength() const {
@@ -194,7 +194,7 @@ void BufferLine::attach(TerminalImage image) {
     if (!a.images)
         a.images.emplace();
     a.images->push_back(std::move(image));
-    ++generation;
+    ++m_generation;
 }
 
 void BufferLine::clearImages() {
@@ -202,7 +202,7 @@ void BufferLine::clearImages() {
         return;
     m_annotations->images.reset();
     dropEmptyAnnotations();
-    ++generation;
+    ++m_generation;
 }
 
 const std::vector<SemanticMark>& BufferLine::semanticMarks() const {

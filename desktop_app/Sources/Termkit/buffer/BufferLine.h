@@ -16,7 +16,7 @@ class Buffer;
 class CharacterTable;
 
 /// A line of exactly `count()` cells. Cells are allocated once by the line itself;
-/// `generation` grows at every change so a renderer can keep per-row caches.
+/// `generation()` grows at every change so a renderer can keep per-row caches.
 class BufferLine {
 public:
     /// DEC double width and double height.
@@ -26,13 +26,25 @@ public:
     BufferLine(const BufferLine& other);
     BufferLine& operator=(const BufferLine& other);
 
-    bool isWrapped = false;
-    BidiPresentationState bidiState;
-    RenderLineMode renderMode = RenderLineMode::single;
-    Buffer* owningBuffer = nullptr;
-    uint64_t recycleGeneration = 0;
-    CharData fillCharacter;
-    uint64_t generation = 0;
+    /// Whether this line continues the line before it.
+    bool isWrapped() const { return m_isWrapped; }
+    void setWrapped(bool wrapped) { m_isWrapped = wrapped; }
+    /// Bidi settings of the paragraph the line belongs to.
+    const BidiPresentationState& bidiState() const { return m_bidiState; }
+    void setBidiState(const BidiPresentationState& state) { m_bidiState = state; }
+    /// DEC double width and height.
+    RenderLineMode renderMode() const { return m_renderMode; }
+    void setRenderMode(RenderLineMode mode) { m_renderMode = mode; }
+    /// The buffer whose ring holds the line; set when the line enters it.
+    const Buffer* owningBuffer() const { return m_owningBuffer; }
+    void setOwningBuffer(const Buffer* buffer) { m_owningBuffer = buffer; }
+    /// Grows each time the ring reuses this line object for a new line.
+    uint64_t recycleGeneration() const { return m_recycleGeneration; }
+    void markRecycled() { ++m_recycleGeneration; }
+    /// The cell the line was filled with when made.
+    const CharData& fillCharacter() const { return m_fillCharacter; }
+    /// Grows at every change, so that a renderer may keep a cache per row.
+    uint64_t generation() const { return m_generation; }
 
     /// Number of cells.
     int count() const { return m_size; }
@@ -44,9 +56,9 @@ public:
         m_data[at] = cell;
         if (at >= m_clean)
             m_clean = at + 1;
-        ++generation;
+        ++m_generation;
     }
-    /// Direct cell storage; the caller may write any cell and bumps `generation` itself.
+    /// Direct cell storage; the caller may write any cell and calls `touch` itself.
     CharData* cells() {
         m_clean = m_size;
         return m_data.get();
@@ -62,7 +74,7 @@ public:
     /// needs to touch the cells before it.
     int cleanFrom() const { return m_clean; }
     /// Marks the line changed.
-    void touch() { ++generation; }
+    void touch() { ++m_generation; }
 
     /// Changes the number of cells; new cells are `fillData`.
     void resize(int cols, const CharData& fillData);
@@ -128,6 +140,13 @@ private:
     LineAnnotations& annotations();
     void dropEmptyAnnotations();
 
+    bool m_isWrapped = false;
+    BidiPresentationState m_bidiState;
+    RenderLineMode m_renderMode = RenderLineMode::single;
+    const Buffer* m_owningBuffer = nullptr;
+    uint64_t m_recycleGeneration = 0;
+    CharData m_fillCharacter;
+    uint64_t m_generation = 0;
     std::unique_ptr<CharData[]> m_data;
     int m_size = 0;
     // Invariant: cells at m_clean and after are exactly CharData::Null.

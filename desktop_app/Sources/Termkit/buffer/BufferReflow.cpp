@@ -78,7 +78,7 @@ GroupLayout layoutGroup(const std::vector<LinePtr>& lines, int start, int end, i
 }
 
 bool isBlankLine(const BufferLine* line) {
-    return line == nullptr || (!line->isWrapped && !line->hasAnyContent());
+    return line == nullptr || (!line->isWrapped() && !line->hasAnyContent());
 }
 
 } // namespace
@@ -89,8 +89,8 @@ void Buffer::placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out,
     const int n = static_cast<int>(newIndexOf.size());
     const int newCursorAbs = newIndexOf[cursorAbs];
     const int addedAbove = newCursorAbs - cursorAbs;
-    int newYBase = yBase;
-    int newY = y;
+    int newYBase = m_yBase.value;
+    int newY = m_y.value;
     if (wider) {
         // Lines removed above the cursor pull history down, or move the cursor up when there
         // is none; rows that went missing are blank lines at the bottom.
@@ -128,30 +128,31 @@ void Buffer::placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out,
         out.push_back(nullptr);
 
     // A ring that overflows loses its oldest lines.
-    const int overflow = std::max(0, static_cast<int>(out.size()) - lines.maxLength());
+    const int overflow = std::max(0, static_cast<int>(out.size()) - m_lines.maxLength());
     newYBase -= overflow;
-    linesTop += overflow;
-    lines.assign(std::move(out));
+    m_linesTop += overflow;
+    m_lines.assign(std::move(out));
 
-    yBase = std::max(newYBase, 0);
-    y = std::clamp(newCursorAbs - overflow - yBase, 0, newRows - 1);
+    m_yBase = LineIndex(std::max(newYBase, 0));
+    const int yBase = m_yBase.value;
+    m_y = ScreenRow(std::clamp(newCursorAbs - overflow - yBase, 0, newRows - 1));
     if (dispFollows) {
-        yDisp = yBase;
+        m_yDisp = m_yBase;
     } else {
-        yDisp = std::clamp(newIndexOf[std::clamp(yDisp, 0, n - 1)] - overflow, 0, yBase);
+        m_yDisp = LineIndex(std::clamp(newIndexOf[std::clamp(m_yDisp.value, 0, n - 1)] - overflow, 0, yBase));
     }
     const int newSavedAbs = newIndexOf[std::clamp(savedAbs, 0, n - 1)] - overflow;
-    savedY = std::clamp(newSavedAbs - yBase, 0, newRows - 1);
+    m_saved.y = ScreenRow(std::clamp(newSavedAbs - yBase, 0, newRows - 1));
 }
 
 void Buffer::reflow(int newCols, int newRows) {
     const int oldCols = m_cols;
     const bool wider = newCols > oldCols;
-    std::vector<LinePtr> old = lines.takeAll();
+    std::vector<LinePtr> old = m_lines.takeAll();
     const int n = static_cast<int>(old.size());
-    const int cursorAbs = yBase + y;
-    const bool dispFollows = yDisp == yBase;
-    const int savedAbs = yBase + savedY;
+    const int cursorAbs = lineIndex(m_y).value;
+    const bool dispFollows = m_yDisp == m_yBase;
+    const int savedAbs = lineIndex(m_saved.y).value;
 
     std::vector<LinePtr> out;
     out.reserve(static_cast<size_t>(n) + 16);
@@ -160,7 +161,7 @@ void Buffer::reflow(int newCols, int newRows) {
 
     for (int s = 0; s < n;) {
         int e = s + 1;
-        while (e < n && old[e] && old[e]->isWrapped)
+        while (e < n && old[e] && old[e]->isWrapped())
             ++e;
         const bool holdsCursor = cursorAbs >= s && cursorAbs < e;
         const bool tooLong = old[s] != nullptr && old[s]->getTrimmedLength() > newCols;
@@ -177,7 +178,7 @@ void Buffer::reflow(int newCols, int newRows) {
         const int first = static_cast<int>(out.size());
         for (int k = s; k < e; ++k)
             newIndexOf[k] = first + layout.rowOfLine[k - s];
-        const BidiPresentationState bidi = old[s]->bidiState;
+        const BidiPresentationState bidi = old[s]->bidiState();
         int offset = 0;
         for (size_t r = 0; r < layout.rowLengths.size(); ++r) {
             LinePtr row;
@@ -186,13 +187,13 @@ void Buffer::reflow(int newCols, int newRows) {
                 row->resize(newCols, CharData::Null);
             } else {
                 row = std::make_unique<BufferLine>(newCols, CharData::Null, true, bidi);
-                row->owningBuffer = this;
+                row->setOwningBuffer(this);
             }
             const int len = layout.rowLengths[r];
             std::copy(cells.begin() + offset, cells.begin() + offset + len, row->cells());
             std::fill(row->cells() + len, row->cells() + newCols, CharData::Null);
-            row->isWrapped = r > 0;
-            row->bidiState = bidi;
+            row->setWrapped(r > 0);
+            row->setBidiState(bidi);
             row->marksClampTo(newCols);
             row->touch();
             offset += len;

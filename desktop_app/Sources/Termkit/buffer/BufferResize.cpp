@@ -15,15 +15,15 @@ int cappedLength(long long length) {
 } // namespace
 
 void Buffer::resizeAllLines(int newCols) {
-    for (int i = 0; i < lines.count(); ++i) {
-        if (BufferLine* line = lines.peek(i))
+    for (int i = 0; i < m_lines.count(); ++i) {
+        if (BufferLine* line = m_lines.peek(i))
             line->resize(newCols, CharData::Null);
     }
 }
 
 void Buffer::checkLineSizes(int newCols) {
-    for (int i = 0; i < lines.count(); ++i) {
-        const BufferLine* line = lines.peek(i);
+    for (int i = 0; i < m_lines.count(); ++i) {
+        const BufferLine* line = m_lines.peek(i);
         TERMKIT_INVARIANT(line == nullptr || line->count() == newCols,
                           "stop here newCols=" + std::to_string(newCols) +
                               " but the element has: " + std::to_string(line ? line->count() : 0));
@@ -34,72 +34,67 @@ void Buffer::resizeRows(int newCols, int newRows, int newMaxLength) {
     int pulledDown = 0;
     if (newRows < m_rows) {
         for (int r = m_rows; r > newRows; --r) {
-            if (lines.count() <= newRows + yBase)
+            if (m_lines.count() <= newRows + m_yBase.value)
                 continue;
-            if (lines.count() > yBase + y + 1) {
+            if (m_lines.count() > lineIndex(m_y).value + 1) {
                 // A row below the cursor: drop it rather than scroll the content away.
-                lines.pop();
+                m_lines.pop();
             } else {
-                ++yBase;
-                ++yDisp;
+                ++m_yBase;
+                ++m_yDisp;
             }
         }
     } else if (newRows > m_rows) {
         for (int r = m_rows; r < newRows; ++r) {
-            if (lines.count() >= newRows + yBase)
+            if (m_lines.count() >= newRows + m_yBase.value)
                 continue;
-            if (yBase > 0) {
+            if (m_yBase > LineIndex(0)) {
                 // History above the screen comes back into view instead of a blank row below.
-                --yBase;
+                --m_yBase;
                 ++pulledDown;
-                if (yDisp > 0)
-                    --yDisp;
+                if (m_yDisp > LineIndex(0))
+                    --m_yDisp;
             } else {
-                lines.push(nullptr);
+                m_lines.push(nullptr);
             }
         }
     }
-    if (newMaxLength < lines.maxLength()) {
-        const int trim = lines.count() - newMaxLength;
-        if (trim > 0) {
-            lines.trimStart(trim);
-            linesTop += trim;
-            yBase = std::max(yBase - trim, 0);
-            yDisp = std::max(yDisp - trim, 0);
-        }
-        lines.setMaxLength(newMaxLength);
+    if (newMaxLength < m_lines.maxLength()) {
+        const int trim = m_lines.count() - newMaxLength;
+        if (trim > 0)
+            dropOldestLines(trim);
+        m_lines.setMaxLength(newMaxLength);
     }
-    x = std::min(x, newCols - 1);
-    y = std::min(y, newRows - 1) + pulledDown;
-    y = std::min(y, newRows - 1);
-    scrollTop = 0;
-    scrollBottom = newRows - 1;
-    savedX = std::min(savedX, newCols - 1);
-    savedY = std::min(savedY, newRows - 1);
+    const ScreenRow lastNewRow(newRows - 1);
+    m_x = std::min(m_x, Col(newCols - 1));
+    m_y = std::min(std::min(m_y, lastNewRow) + pulledDown, lastNewRow);
+    setScrollRegion(ScreenRow(0), lastNewRow);
+    m_saved.x = std::min(m_saved.x, Col(newCols - 1));
+    m_saved.y = std::min(m_saved.y, lastNewRow);
 }
 
 void Buffer::resize(int newCols, int newRows) {
     const int oldCols = m_cols;
-    marginRight = std::min(marginRight, newCols - 1);
-    marginLeft = std::min(marginLeft, marginRight);
+    m_marginRight = std::min(m_marginRight, Col(newCols - 1));
+    m_marginLeft = std::min(m_marginLeft, m_marginRight);
     const int newMaxLength =
-        hasScrollback ? cappedLength(static_cast<long long>(newRows) + scrollback.value_or(0)) : newRows;
-    if (newMaxLength > lines.maxLength())
-        lines.setMaxLength(newMaxLength);
+        m_hasScrollback ? cappedLength(static_cast<long long>(newRows) + m_scrollback.value_or(0)) : newRows;
+    if (newMaxLength > m_lines.maxLength())
+        m_lines.setMaxLength(newMaxLength);
 
-    if (lines.count() > 0) {
+    if (m_lines.count() > 0) {
         if (newCols > oldCols)
             resizeAllLines(newCols);
         resizeRows(newCols, newRows, newMaxLength);
     }
 
-    tabStops.resize(static_cast<size_t>(newCols), 0);
+    m_tabStops.resize(static_cast<size_t>(newCols), 0);
     if (newCols > oldCols) {
         m_cols = newCols;
         setupTabStops(oldCols);
     }
 
-    if (hasScrollback && newCols != oldCols) {
+    if (m_hasScrollback && newCols != oldCols) {
         m_cols = oldCols;
         reflow(newCols, newRows);
         recalculateImageCount();
@@ -109,8 +104,8 @@ void Buffer::resize(int newCols, int newRows) {
     checkLineSizes(newCols);
     m_cols = newCols;
     m_rows = newRows;
-    if (marginRight < marginLeft || marginRight == oldCols - 1)
-        marginRight = newCols - 1;
+    if (m_marginRight < m_marginLeft || m_marginRight == Col(oldCols - 1))
+        m_marginRight = lastCol();
 }
 
 } // namespace termkit

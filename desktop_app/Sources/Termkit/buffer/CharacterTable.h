@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Termkit/buffer/Utf8.h"
+
 namespace termkit {
 
 /// Maps grapheme clusters (as UTF-8) to cell codes and back. A single scalar below 0x10000
@@ -61,8 +63,5 @@ private:
     // Single scalars beyond the basic plane, cached without touching the arena.
     std::vector<std::pair<char32_t, int32_t>> m_astral;
 };
-
-/// Appends one scalar to a UTF-8 string.
-void appendUtf8(char32_t scalar, std::string& out);
 
 } // namespace termkit

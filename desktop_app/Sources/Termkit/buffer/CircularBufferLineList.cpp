@@ -83,7 +83,7 @@ BufferLine& CircularBufferLineList::recycle(AttributeId clearAttribute) {
     line.clearImages();
     line.clear(clearAttribute);
     line.destroySemanticState();
-    ++line.recycleGeneration;
+    line.markRecycled();
     if (onLineRecycled)
         onLineRecycled(hadImages);
     return line;

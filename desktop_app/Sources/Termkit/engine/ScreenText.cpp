@@ -26,17 +26,16 @@ std::string rowText(const BufferLine& line, const CharacterTable& characters) {
     return out;
 }
 
-std::vector<std::string> screenText(Terminal& terminal) {
-    Buffer& b = terminal.buffer();
+std::vector<std::string> screenText(const Terminal& terminal) {
+    const Buffer& b = terminal.buffer();
     std::vector<std::string> rows;
-    for (int r = 0; r < b.rows(); ++r)
-        rows.push_back(rowText(b.lines[b.yBase + r], terminal.tables().characters));
+    for (ScreenRow r(0); r <= b.lastRow(); ++r)
+        rows.push_back(rowText(b.screenLine(r), terminal.tables().characters));
     return rows;
 }
 
-std::string attributeRuns(Terminal& terminal, int row) {
-    Buffer& b = terminal.buffer();
-    const BufferLine& line = b.lines[b.yBase + row];
+std::string attributeRuns(const Terminal& terminal, ScreenRow row) {
+    const BufferLine& line = terminal.buffer().screenLine(row);
     std::string out;
     int col = 0;
     while (col < line.count()) {
@@ -55,7 +54,7 @@ std::string attributeRuns(Terminal& terminal, int row) {
     return out;
 }
 
-std::string dumpScreen(Terminal& terminal, bool withAttributes) {
+std::string dumpScreen(const Terminal& terminal, bool withAttributes) {
     std::string out;
     for (const std::string& row : screenText(terminal))
         out += row + "\n";
@@ -63,10 +62,10 @@ std::string dumpScreen(Terminal& terminal, bool withAttributes) {
     out += "cursor " + std::to_string(row.value) + " " + std::to_string(col.value) + "\n";
     if (withAttributes) {
         out += "attrs\n";
-        for (int r = 0; r < terminal.rows(); ++r) {
+        for (ScreenRow r(0); r.value < terminal.rows(); ++r) {
             const std::string runs = attributeRuns(terminal, r);
             if (!runs.empty())
-                out += std::to_string(r) + ": " + runs + "\n";
+                out += std::to_string(r.value) + ": " + runs + "\n";
         }
     }
     return out;

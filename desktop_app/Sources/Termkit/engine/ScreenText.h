@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "Termkit/buffer/Indices.h"
+
 namespace termkit {
 
 class BufferLine;
@@ -15,11 +17,11 @@ class Terminal;
 /// stored, empty cells as spaces, trailing spaces trimmed.
 std::string rowText(const BufferLine& line, const CharacterTable& characters);
 /// Every row of the active screen.
-std::vector<std::string> screenText(Terminal& terminal);
+std::vector<std::string> screenText(const Terminal& terminal);
 /// The runs of non-default attributes of a screen row: "start-end sgr" items joined by " | ".
-std::string attributeRuns(Terminal& terminal, int row);
+std::string attributeRuns(const Terminal& terminal, ScreenRow row);
 /// The dump format: one line per row, then "cursor ROW COL"; with attributes, an "attrs"
 /// section of one line per row that has styled runs.
-std::string dumpScreen(Terminal& terminal, bool withAttributes);
+std::string dumpScreen(const Terminal& terminal, bool withAttributes);
 
 } // namespace termkit

@@ -45,52 +45,51 @@ Terminal::Terminal(TerminalDelegate* delegate, TerminalOptions options, Terminal
 }
 
 Terminal::~Terminal() {
-    if (synchronizedOutputTimeoutItem && m_scheduler)
-        m_scheduler->cancel(*synchronizedOutputTimeoutItem);
+    if (m_synchronizedOutputTimeoutItem && m_scheduler)
+        m_scheduler->cancel(*m_synchronizedOutputTimeoutItem);
     m_tables->attributes.setMarker(nullptr);
 }
 
 void Terminal::log(std::string_view message) const {
-    if (silentLog)
+    if (m_silentLog)
         return;
-    if (logSink) {
+    if (m_logSink) {
         std::string line = "Info: ";
         line += message;
-        logSink(line);
+        m_logSink(line);
     } else {
         logInfo(message);
     }
 }
 
 void Terminal::configureParser() {
-    m_parser.csiHandlerFallback = [this](std::span<const uint8_t> collect, uint8_t final,
-                                         const CsiParameters& pars) { logUnknownCsi(collect, final, pars); };
-    m_parser.escHandlerFallback = [this](std::span<const uint8_t> collect, uint8_t final) {
-        if (silentLog)
-            return;
-        log("Termkit: Unknown ESC Code: ESC + " + std::string(1, static_cast<char>(final)) +
-            " txt=" + printable(collect));
-    };
-    m_parser.executeHandlerFallback = [this](uint8_t) { log("Termkit: Unknown EXECUTE code"); };
-    m_parser.oscHandlerFallback = [this](int code, std::span<const uint8_t>) {
-        if (silentLog)
-            return;
-        log("Termkit: Unknown OSC code: " + std::to_string(code));
-    };
-    m_parser.apcHandlerFallback = [this](uint8_t command, std::span<const uint8_t>) {
-        if (silentLog)
+    m_parser.setApcFallback([this](uint8_t command, std::span<const uint8_t>) {
+        if (m_silentLog)
             return;
         log("Termkit: Unknown APC code: " + std::string(1, static_cast<char>(command)));
-    };
-    m_parser.errorHandler = [this](ParsingState state) {
-        if (!silentLog)
+    });
+    m_parser.setErrorHandler([this](ParsingState state) {
+        if (!m_silentLog)
             log(std::string("Termkit: Parsing error, state: ") + parserStateName(state.currentState));
         return state;
-    };
+    });
+}
+
+void Terminal::logUnknownEsc(std::span<const uint8_t> collect, uint8_t final) {
+    if (m_silentLog)
+        return;
+    log("Termkit: Unknown ESC Code: ESC + " + std::string(1, static_cast<char>(final)) +
+        " txt=" + printable(collect));
+}
+
+void Terminal::logUnknownOsc(int code) {
+    if (m_silentLog)
+        return;
+    log("Termkit: Unknown OSC code: " + std::to_string(code));
 }
 
 void Terminal::logUnknownCsi(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars) {
-    if (silentLog)
+    if (m_silentLog)
         return;
     log("Termkit: Unknown CSI Code (collect=" + printable(collect) +
         " code=" + std::string(1, static_cast<char>(final)) + " pars=" + parametersText(pars) + ")");
@@ -102,18 +101,18 @@ void Terminal::makeBuffers() {
                                  m_options.initialBidiState, m_tables, true);
     m_altBuffer = std::make_unique<Buffer>(m_options.cols, m_options.rows, m_options.tabStopWidth,
                                            std::nullopt, m_options.initialBidiState, m_tables, false);
-    for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()}) {
-        b->observer = this;
-        b->updates = &m_updates;
-    }
+    // Both write with the one set of modes; the options' bidi state is where it starts.
+    m_modes.defaultBidiState = m_options.initialBidiState;
+    for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()})
+        b->attach(this, &m_updates, &m_modes);
 }
 
 void Terminal::setup(bool isReset) {
     if (!isReset) {
         makeBuffers();
-        installedColors.assign(Color::defaultInstalledColors().begin(),
-                               Color::defaultInstalledColors().end());
-        defaultAnsiColors = installedColors;
+        m_installedColors.assign(Color::defaultInstalledColors().begin(),
+                                 Color::defaultInstalledColors().end());
+        m_defaultAnsiColors = m_installedColors;
     } else {
         const int cols = m_buffer->cols();
         const int rows = m_buffer->rows();
@@ -125,49 +124,46 @@ void Terminal::setup(bool isReset) {
             b->softReset();
     }
     m_buffer = m_normalBuffer.get();
-    applicationKeypad = false;
-    applicationCursor = false;
-    reverseColors = false;
-    keyboardModeNormal = 0;
-    keyboardModeAlt = 0;
-    sendFocus = false;
-    currentBidiState = m_options.initialBidiState;
-    bidiArrowKeySwap = m_options.initialBidiArrowKeySwap;
-    savedBidiPrivateModes.reset();
-    cursorHidden = false;
-    originMode = false;
-    marginMode = false;
-    insertMode = false;
-    wraparound = true;
-    bracketedPasteMode = false;
-    alternateScrollMode = false;
-    charset = nullptr;
-    gCharsets = {};
-    gcharset = 0;
-    gLevel = 0;
-    reverseWraparound = false;
-    curAttr = kEmptyAttribute;
-    cursorBlink = false;
-    allow80To132 = false;
-    lineFeedMode = m_options.convertEol;
-    smoothScroll = false;
-    mouseProtocol = MouseProtocolEncoding::x10;
-    mouseMode = MouseMode::off;
-    mouseShiftCapture = false;
-    conformance = TerminalConformance::vt500;
-    xtermTitleSetUtf = xtermTitleSetHex = xtermTitleQueryUtf = xtermTitleQueryHex = false;
-    terminalTitleStack.clear();
-    terminalIconStack.clear();
-    cursorStyle = m_options.cursorStyle;
-    cc = CC{};
-    activeHyperlink.reset();
-    if (synchronizedOutputActive)
+    m_applicationKeypad = false;
+    m_applicationCursor = false;
+    m_reverseColors = false;
+    m_keyboardModeNormal = 0;
+    m_keyboardModeAlt = 0;
+    m_sendFocus = false;
+    m_modes.defaultBidiState = m_options.initialBidiState;
+    m_bidiArrowKeySwap = m_options.initialBidiArrowKeySwap;
+    m_savedBidiPrivateModes.reset();
+    m_cursorHidden = false;
+    m_originMode = false;
+    m_modes.marginMode = false;
+    m_modes.insertMode = false;
+    m_modes.wraparound = true;
+    m_bracketedPasteMode = false;
+    m_alternateScrollMode = false;
+    m_charset = nullptr;
+    m_gCharsets = {};
+    m_gcharset = 0;
+    m_gLevel = 0;
+    m_reverseWraparound = false;
+    m_curAttr = kEmptyAttribute;
+    m_cursorBlink = false;
+    m_allow80To132 = false;
+    m_lineFeedMode = m_options.convertEol;
+    m_smoothScroll = false;
+    m_mouseProtocol = MouseProtocolEncoding::x10;
+    m_mouseMode = MouseMode::off;
+    m_mouseShiftCapture = false;
+    m_conformance = TerminalConformance::vt500;
+    m_xtermTitleSetUtf = m_xtermTitleSetHex = m_xtermTitleQueryUtf = m_xtermTitleQueryHex = false;
+    m_terminalTitleStack.clear();
+    m_terminalIconStack.clear();
+    m_cursorStyle = m_options.cursorStyle;
+    m_cc = CC{};
+    m_activeHyperlink.reset();
+    if (m_synchronizedOutputActive)
         setSynchronizedOutput(false);
-    for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()})
-        b->defaultBidiState = currentBidiState;
     m_carriedCount = 0;
     m_hasLastChar = false;
-    syncBufferModes();
     refreshAttributes();
     rebuildAnsiPalette(false);
     m_extensions->reset(*this, isReset);
@@ -181,28 +177,15 @@ void Terminal::resetToInitialState() {
         m_delegate->bufferActivated(*this);
 }
 
-void Terminal::syncBufferModes() {
-    for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()}) {
-        b->insertMode = insertMode;
-        b->marginMode = marginMode;
-        b->wraparound = wraparound;
-    }
-}
-
 void Terminal::refreshAttributes() {
     m_attrDirty = false;
     AttributeTable& table = m_tables->attributes;
-    const AttributeId id = table.intern(curAttr);
+    m_modes.curAttr = table.intern(m_curAttr);
     // Erased cells only carry the background; most attribute changes keep it.
     Attribute erase;
-    erase.bg = curAttr.bg;
-    AttributeId eraseId = m_normalBuffer->eraseAttr;
-    if (table[eraseId] != erase)
-        eraseId = table.intern(erase);
-    for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()}) {
-        b->curAttr = id;
-        b->eraseAttr = eraseId;
-    }
+    erase.bg = m_curAttr.bg;
+    if (table[m_modes.eraseAttr] != erase)
+        m_modes.eraseAttr = table.intern(erase);
 }
 
 void Terminal::markAttributes(const std::function<void(AttributeId)>& mark) const {
@@ -243,34 +226,34 @@ void Terminal::clearScrollback() {
     updateFullScreen();
 }
 
-void Terminal::bufferScrolled(int yDisp) {
+void Terminal::bufferScrolled(LineIndex yDisp) {
     if (m_delegate)
         m_delegate->scrolled(*this, yDisp);
 }
 
 // --- Reading ------------------------------------------------------------------------------------
 
-BufferLine* Terminal::getLine(ScreenRow row) {
-    const int index = m_buffer->yDisp + row.value;
-    if (row.value < 0 || index >= m_buffer->lines.count())
+const BufferLine* Terminal::getLine(ScreenRow row) const {
+    const LineIndex index = m_buffer->yDisp() + row.value;
+    if (row.value < 0 || index.value >= m_buffer->lineCount())
         return nullptr;
-    return &m_buffer->lines[index];
+    return &m_buffer->line(index);
 }
 
-BufferLine* Terminal::getScrollInvariantLine(InvariantRow row) {
-    const long long index = row.value - m_buffer->linesTop;
-    if (index < 0 || index >= m_buffer->lines.count())
+const BufferLine* Terminal::getScrollInvariantLine(InvariantRow row) const {
+    const long long index = row.value - m_buffer->linesTop();
+    if (index < 0 || index >= m_buffer->lineCount())
         return nullptr;
-    return &m_buffer->lines[static_cast<int>(index)];
+    return &m_buffer->line(LineIndex(static_cast<int>(index)));
 }
 
-std::optional<CharData> Terminal::getCharData(Col col, ScreenRow row) {
+std::optional<CharData> Terminal::getCharData(Col col, ScreenRow row) const {
     if (col.value < 0 || col.value >= cols() || row.value < 0 || row.value >= rows())
         return std::nullopt;
     return m_buffer->getChar(col, row);
 }
 
-std::string Terminal::getCharacter(Col col, ScreenRow row) {
+std::string Terminal::getCharacter(Col col, ScreenRow row) const {
     const auto cell = getCharData(col, row);
     if (!cell || cell->code == 0)
         return " ";
@@ -278,7 +261,7 @@ std::string Terminal::getCharacter(Col col, ScreenRow row) {
 }
 
 std::pair<Col, ScreenRow> Terminal::getCursorLocation() const {
-    return {Col(std::min(m_buffer->x, m_buffer->cols() - 1)), ScreenRow(m_buffer->y)};
+    return {cursorCol(), m_buffer->y()};
 }
 
 std::optional<std::pair<int, int>> Terminal::getUpdateRange() const {
@@ -293,26 +276,26 @@ std::optional<std::pair<long long, long long>> Terminal::getScrollInvariantUpdat
     return std::pair(m_updates.scrollInvariantRefreshStart, m_updates.scrollInvariantRefreshEnd);
 }
 
-std::vector<uint8_t> Terminal::getBufferAsData() {
+std::vector<uint8_t> Terminal::getBufferAsData() const {
     std::string all;
-    for (int i = 0; i < m_buffer->lines.count(); ++i) {
-        if (i > 0)
+    for (LineIndex i(0); i.value < m_buffer->lineCount(); ++i) {
+        if (i.value > 0)
             all += '\n';
-        all += m_buffer->lines[i].translateToString(m_tables->characters);
+        all += m_buffer->line(i).translateToString(m_tables->characters);
     }
     return {all.begin(), all.end()};
 }
 
-std::string Terminal::getText(Position start, Position end) {
+std::string Terminal::getText(Position start, Position end) const {
     std::string out;
-    const int last = std::min(end.row.value, m_buffer->lines.count() - 1);
-    for (int row = std::max(start.row.value, 0); row <= last; ++row) {
-        BufferLine& line = m_buffer->lines[row];
-        const int from = row == start.row.value ? start.col.value : 0;
-        const int to = row == end.row.value ? end.col.value : line.count();
+    const LineIndex last(std::min(end.row.value, m_buffer->lineCount() - 1));
+    for (LineIndex row(std::max(start.row.value, 0)); row <= last; ++row) {
+        const BufferLine& line = m_buffer->line(row);
+        const int from = row == start.row ? start.col.value : 0;
+        const int to = row == end.row ? end.col.value : line.count();
         const bool lastRow = row == last;
         out += line.translateToString(!lastRow || to >= line.count(), from, to, true, m_tables->characters);
-        if (!lastRow && !(row + 1 < m_buffer->lines.count() && m_buffer->lines[row + 1].isWrapped))
+        if (!lastRow && !((row + 1).value < m_buffer->lineCount() && m_buffer->line(row + 1).isWrapped()))
             out += '\n';
     }
     return out;
@@ -352,13 +335,13 @@ std::vector<std::string> Terminal::getEnvironmentVariables(std::string_view term
 // --- Colours ------------------------------------------------------------------------------------------
 
 void Terminal::storeForegroundColor(Color color) {
-    foregroundColor = color;
+    m_foregroundColor = color;
     if (m_options.ansi256PaletteStrategy != Ansi256PaletteStrategy::xterm)
         rebuildAnsiPalette(false);
 }
 
 void Terminal::storeBackgroundColor(Color color) {
-    backgroundColor = color;
+    m_backgroundColor = color;
     if (m_options.ansi256PaletteStrategy != Ansi256PaletteStrategy::xterm)
         rebuildAnsiPalette(false);
 }
@@ -382,26 +365,26 @@ void Terminal::setBackgroundColor(Color color) {
 }
 
 void Terminal::installColors(std::span<const Color> colors) {
-    installedColors.assign(colors.begin(), colors.end());
+    m_installedColors.assign(colors.begin(), colors.end());
     rebuildAnsiPalette(true);
 }
 
 void Terminal::rebuildAnsiPalette(bool notifyDelegate) {
-    const std::vector<Color>& base = installedColors.size() >= 16 ? installedColors : defaultAnsiColors;
+    const std::vector<Color>& base = m_installedColors.size() >= 16 ? m_installedColors : m_defaultAnsiColors;
     std::vector<Color> all;
     switch (m_options.ansi256PaletteStrategy) {
     case Ansi256PaletteStrategy::xterm:
         all = generateXtermPalette(base);
         break;
     case Ansi256PaletteStrategy::base16Lab:
-        all = generateBase16LabPalette(base, foregroundColor, backgroundColor, false);
+        all = generateBase16LabPalette(base, m_foregroundColor, m_backgroundColor, false);
         break;
     case Ansi256PaletteStrategy::base16LabHarmonious:
-        all = generateBase16LabPalette(base, foregroundColor, backgroundColor, true);
+        all = generateBase16LabPalette(base, m_foregroundColor, m_backgroundColor, true);
         break;
     }
-    for (size_t i = 0; i < ansiColors.size() && i < all.size(); ++i)
-        ansiColors[i] = all[i];
+    for (size_t i = 0; i < m_ansiColors.size() && i < all.size(); ++i)
+        m_ansiColors[i] = all[i];
     if (notifyDelegate && m_delegate)
         m_delegate->colorChanged(*this, std::nullopt);
 }
@@ -410,21 +393,21 @@ void Terminal::rebuildAnsiPalette(bool notifyDelegate) {
 
 void Terminal::setActiveHyperlink(std::optional<std::string> payload) {
     if (!payload) {
-        activeHyperlink.reset();
+        m_activeHyperlink.reset();
         return;
     }
-    activeHyperlink = ActiveHyperlink{ActiveHyperlink::State::pending, std::move(*payload), 0};
+    m_activeHyperlink = ActiveHyperlink{ActiveHyperlink::State::pending, std::move(*payload), 0};
 }
 
 uint16_t Terminal::resolveActiveHyperlink() {
-    if (!activeHyperlink)
+    if (!m_activeHyperlink)
         return 0;
-    ActiveHyperlink& link = *activeHyperlink;
+    ActiveHyperlink& link = *m_activeHyperlink;
     if (link.state == ActiveHyperlink::State::pending) {
         if (auto atom = TinyAtom::lookup(link.payload)) {
             link.state = ActiveHyperlink::State::interned;
             link.code = atom->code;
-            payloadCodes.insert(atom->code);
+            m_payloadCodes.insert(atom->code);
         } else {
             link.state = ActiveHyperlink::State::exhausted;
         }
@@ -434,9 +417,9 @@ uint16_t Terminal::resolveActiveHyperlink() {
 
 void Terminal::garbageCollectPayload() {
     std::unordered_set<uint16_t> used;
-    for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()}) {
-        for (int i = 0; i < b->lines.count(); ++i) {
-            const BufferLine* line = b->lines.peek(i);
+    for (const Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()}) {
+        for (int i = 0; i < b->lineCount(); ++i) {
+            const BufferLine* line = b->lines().peek(i);
             if (!line)
                 continue;
             for (int c = 0; c < line->count(); ++c) {
@@ -445,16 +428,16 @@ void Terminal::garbageCollectPayload() {
             }
         }
     }
-    if (activeHyperlink && activeHyperlink->state == ActiveHyperlink::State::interned)
-        used.insert(activeHyperlink->code);
+    if (m_activeHyperlink && m_activeHyperlink->state == ActiveHyperlink::State::interned)
+        used.insert(m_activeHyperlink->code);
     std::vector<uint16_t> unused;
-    for (uint16_t code : payloadCodes) {
+    for (uint16_t code : m_payloadCodes) {
         if (!used.count(code))
             unused.push_back(code);
     }
     TinyAtom::release(unused);
     for (uint16_t code : unused)
-        payloadCodes.erase(code);
+        m_payloadCodes.erase(code);
 }
 
 } // namespace termkit

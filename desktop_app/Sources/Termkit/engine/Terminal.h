@@ -45,9 +45,20 @@ struct ActiveHyperlink {
     uint16_t code = 0;
 };
 
-/// A headless terminal. Bytes go in through `feed`; the host reads the buffers and is told
-/// about everything else through its `TerminalDelegate`. Single-threaded: the host calls it
-/// from one serial context.
+/// A headless terminal. Bytes go in through `feed`; the host reads the state through the
+/// accessors below and is told about everything else through its `TerminalDelegate`. The
+/// state itself is private: only control sequences and the host operations change it.
+/// Single-threaded: the host calls it from one serial context.
+///
+/// What a host reads, by purpose:
+/// - size: `cols`, `rows`, `getDims`;
+/// - lines: `buffer` (the active one, read-only), `normalBuffer`, `altBuffer`, `getLine` (a
+///   row on display), `getScrollInvariantLine`, `getCharData`, `getCharacter`, `getText`,
+///   `getBufferAsData`, and a cell's `attribute` and `character`;
+/// - cursor: `getCursorLocation`, `cursorStyle`, `cursorHidden`, `cursorBlink`, `cursorColor`;
+/// - what changed: `getUpdateRange` (screen rows) or `getScrollInvariantUpdateRange`, cleared
+///   with `clearUpdateRange`; each line's `generation` tells which rows to copy again;
+/// - modes, titles, the reported directory and document, colours and the palette.
 class Terminal : private ParserDelegate, private BufferObserver {
 public:
     /// One piece of a reply: bytes or text.
@@ -74,45 +85,132 @@ public:
     /// The state of a new terminal (`isReset` keeps the delegate and the options).
     void setup(bool isReset);
 
-    // --- Reading ---------------------------------------------------------------------------
-    Buffer& buffer() { return *m_buffer; }
-    Buffer& normalBuffer() { return *m_normalBuffer; }
-    Buffer& altBuffer() { return *m_altBuffer; }
-    bool isAlternateBufferActive() const { return m_buffer == m_altBuffer.get(); }
+    // --- Reading: size, buffers and lines ----------------------------------------------------
     int cols() const { return m_buffer->cols(); }
     int rows() const { return m_buffer->rows(); }
     std::pair<int, int> getDims() const { return {cols(), rows()}; }
+    /// The active buffer.
+    const Buffer& buffer() const { return *m_buffer; }
+    const Buffer& normalBuffer() const { return *m_normalBuffer; }
+    const Buffer& altBuffer() const { return *m_altBuffer; }
+    bool isAlternateBufferActive() const { return m_buffer == m_altBuffer.get(); }
     /// The line of a row of the display (the view's scroll position applies), or nullptr.
-    BufferLine* getLine(ScreenRow row);
+    const BufferLine* getLine(ScreenRow row) const;
     /// A line by its scroll-invariant number, or nullptr when it has left the ring.
-    BufferLine* getScrollInvariantLine(InvariantRow row);
+    const BufferLine* getScrollInvariantLine(InvariantRow row) const;
     /// The cell at a screen position of the active screen, or nothing outside it.
-    std::optional<CharData> getCharData(Col col, ScreenRow row);
+    std::optional<CharData> getCharData(Col col, ScreenRow row) const;
     /// The character at a screen position (a space for an empty cell).
-    std::string getCharacter(Col col, ScreenRow row);
-    /// The cursor, column clamped to the last one.
-    std::pair<Col, ScreenRow> getCursorLocation() const;
-    /// Changed screen rows since the last clear, or nothing.
-    std::optional<std::pair<int, int>> getUpdateRange() const;
-    std::optional<std::pair<long long, long long>> getScrollInvariantUpdateRange() const;
-    void updateRange(int y) { m_buffer->markRows(y, y); }
-    void updateFullScreen() { m_buffer->markRows(0, rows() - 1); }
-    void clearUpdateRange() { m_updates.clear(); }
+    std::string getCharacter(Col col, ScreenRow row) const;
     /// Text of every line of the active buffer, lines joined by newlines.
-    std::vector<uint8_t> getBufferAsData();
+    std::vector<uint8_t> getBufferAsData() const;
     /// Text between two buffer positions (end exclusive), wrapped lines joined.
-    std::string getText(Position start, Position end);
+    std::string getText(Position start, Position end) const;
     /// The attribute of a cell.
     const Attribute& attribute(const CharData& cell) const { return m_tables->attributes[cell.attribute]; }
-    /// The 256-colour palette in use.
-    const std::array<Color, 256>& palette() const { return ansiColors; }
-
-    // --- Characters ------------------------------------------------------------------------
-    /// The cell code of a grapheme cluster given as UTF-8.
-    int32_t code(std::string_view cluster) { return m_tables->characters.code(cluster); }
     /// The cluster behind a cell code.
     std::string character(int32_t code) const { return m_tables->characters.character(code); }
-    CellTables& tables() { return *m_tables; }
+    /// The side tables cells refer into.
+    const CellTables& tables() const { return *m_tables; }
+
+    // --- Reading: cursor ------------------------------------------------------------------
+    /// The cursor, column clamped to the last one.
+    std::pair<Col, ScreenRow> getCursorLocation() const;
+    CursorStyle cursorStyle() const { return m_cursorStyle; }
+    bool cursorHidden() const { return m_cursorHidden; }
+    bool cursorBlink() const { return m_cursorBlink; }
+    const std::optional<Color>& cursorColor() const { return m_cursorColor; }
+
+    // --- Reading and clearing what changed ---------------------------------------------------
+    /// Changed screen rows since the last clear, or nothing.
+    std::optional<std::pair<int, int>> getUpdateRange() const;
+    /// The same rows as scroll-invariant row numbers.
+    std::optional<std::pair<long long, long long>> getScrollInvariantUpdateRange() const;
+    void updateRange(ScreenRow row) { m_buffer->markRow(row); }
+    void updateFullScreen() { m_buffer->markRows(ScreenRow(0), m_buffer->lastRow()); }
+    void clearUpdateRange() { m_updates.clear(); }
+
+    // --- Reading: modes -----------------------------------------------------------------------
+    bool applicationKeypad() const { return m_applicationKeypad; }
+    bool applicationCursor() const { return m_applicationCursor; }
+    bool reverseColors() const { return m_reverseColors; }
+    uint8_t keyboardModeNormal() const { return m_keyboardModeNormal; }
+    uint8_t keyboardModeAlt() const { return m_keyboardModeAlt; }
+    bool sendFocus() const { return m_sendFocus; }
+    const BidiPresentationState& currentBidiState() const { return m_modes.defaultBidiState; }
+    bool bidiArrowKeySwap() const { return m_bidiArrowKeySwap; }
+    const std::optional<std::pair<bool, BidiPresentationState>>& savedBidiPrivateModes() const {
+        return m_savedBidiPrivateModes;
+    }
+    bool originMode() const { return m_originMode; }
+    bool marginMode() const { return m_modes.marginMode; }
+    bool insertMode() const { return m_modes.insertMode; }
+    bool wraparound() const { return m_modes.wraparound; }
+    bool reverseWraparound() const { return m_reverseWraparound; }
+    bool bracketedPasteMode() const { return m_bracketedPasteMode; }
+    bool alternateScrollMode() const { return m_alternateScrollMode; }
+    bool allow80To132() const { return m_allow80To132; }
+    bool lineFeedMode() const { return m_lineFeedMode; }
+    bool smoothScroll() const { return m_smoothScroll; }
+    MouseProtocolEncoding mouseProtocol() const { return m_mouseProtocol; }
+    MouseMode mouseMode() const { return m_mouseMode; }
+    bool mouseShiftCapture() const { return m_mouseShiftCapture; }
+    TerminalConformance conformance() const { return m_conformance; }
+    /// Whether replies use the 8-bit forms of the C1 controls.
+    const CC& cc() const { return m_cc; }
+    bool synchronizedOutputActive() const { return m_synchronizedOutputActive; }
+    /// The character set in use, with the four designated ones and the level choosing.
+    const CharSet* charset() const { return m_charset; }
+    const std::array<const CharSet*, 4>& gCharsets() const { return m_gCharsets; }
+    int gcharset() const { return m_gcharset; }
+    int gLevel() const { return m_gLevel; }
+    /// The attribute that written cells get.
+    const Attribute& curAttr() const { return m_curAttr; }
+
+    // --- Reading: titles, the program's reports, hyperlinks -----------------------------------
+    const std::string& terminalTitle() const { return m_terminalTitle; }
+    const std::string& iconTitle() const { return m_iconTitle; }
+    const std::vector<std::string>& terminalTitleStack() const { return m_terminalTitleStack; }
+    const std::vector<std::string>& terminalIconStack() const { return m_terminalIconStack; }
+    bool xtermTitleSetUtf() const { return m_xtermTitleSetUtf; }
+    bool xtermTitleSetHex() const { return m_xtermTitleSetHex; }
+    bool xtermTitleQueryUtf() const { return m_xtermTitleQueryUtf; }
+    bool xtermTitleQueryHex() const { return m_xtermTitleQueryHex; }
+    const std::string& hostCurrentDirectory() const { return m_hostCurrentDirectory; }
+    const std::string& hostCurrentDocument() const { return m_hostCurrentDocument; }
+    const std::optional<ActiveHyperlink>& activeHyperlink() const { return m_activeHyperlink; }
+    /// The payload handles this terminal made and has not yet freed.
+    const std::unordered_set<uint16_t>& payloadCodes() const { return m_payloadCodes; }
+
+    // --- Reading: colours -------------------------------------------------------------------
+    Color foregroundColor() const { return m_foregroundColor; }
+    Color backgroundColor() const { return m_backgroundColor; }
+    /// The 256-colour palette in use.
+    const std::array<Color, 256>& ansiColors() const { return m_ansiColors; }
+    const std::array<Color, 256>& palette() const { return m_ansiColors; }
+    const std::vector<Color>& installedColors() const { return m_installedColors; }
+    const std::vector<Color>& defaultAnsiColors() const { return m_defaultAnsiColors; }
+
+    // --- Host settings ------------------------------------------------------------------------
+    /// The view says whether the person holds it away from the bottom.
+    void setUserScrolling(bool scrolling) { m_userScrolling = scrolling; }
+    bool userScrolling() const { return m_userScrolling; }
+    /// Moves the display to a line (within the scrollback), as the view scrolls.
+    void scrollDisplay(LineIndex top) { m_buffer->setYDisp(top); }
+    /// Without log lines for unknown or malformed sequences.
+    void setSilentLog(bool silent) { m_silentLog = silent; }
+    bool silentLog() const { return m_silentLog; }
+    /// Where log lines go; the process-wide sink when none is set.
+    void setLogSink(std::function<void(std::string_view)> sink) { m_logSink = std::move(sink); }
+    /// How long synchronized output may hold the screen.
+    void setSynchronizedOutputTimeout(std::chrono::milliseconds timeout) {
+        m_synchronizedOutputTimeout = timeout;
+    }
+    std::chrono::milliseconds synchronizedOutputTimeout() const { return m_synchronizedOutputTimeout; }
+
+    // --- Characters ------------------------------------------------------------------------
+    /// The cell code of a grapheme cluster given as UTF-8; a new cluster is stored.
+    int32_t code(std::string_view cluster) { return m_tables->characters.code(cluster); }
 
     // --- Output to the host ------------------------------------------------------------------
     /// Sends the concatenation of the items to the delegate.
@@ -134,7 +232,7 @@ public:
     /// Stores without telling the delegate (the delegate's default does this).
     void storeForegroundColor(Color color);
     void storeBackgroundColor(Color color);
-    void storeCursorColor(std::optional<Color> color) { cursorColor = color; }
+    void storeCursorColor(std::optional<Color> color) { m_cursorColor = color; }
     /// Installs 16 colours as palette entries 0 to 15 and rebuilds the rest.
     void installColors(std::span<const Color> colors);
     /// The same as `installColors`, under the name hosts of the palette know it by.
@@ -158,70 +256,11 @@ public:
     void cmdLineFeedBasic();
     void cmdCarriageReturn();
     TerminalDelegate* delegate() const { return m_delegate; }
-    EscapeSequenceParser& parser() { return m_parser; }
     const TerminalOptions& options() const { return m_options; }
-
-    // --- Mode state ------------------------------------------------------------------------------
-    bool applicationKeypad = false;
-    bool applicationCursor = false;
-    bool reverseColors = false;
-    uint8_t keyboardModeNormal = 0;
-    uint8_t keyboardModeAlt = 0;
-    bool sendFocus = false;
-    BidiPresentationState currentBidiState;
-    bool bidiArrowKeySwap = false;
-    std::optional<std::pair<bool, BidiPresentationState>> savedBidiPrivateModes;
-    bool cursorHidden = false;
-    bool originMode = false;
-    bool marginMode = false;
-    bool insertMode = false;
-    bool wraparound = true;
-    bool bracketedPasteMode = false;
-    bool alternateScrollMode = false;
-    const CharSet* charset = nullptr;
-    std::array<const CharSet*, 4> gCharsets{};
-    int gcharset = 0;
-    bool reverseWraparound = false;
-    Attribute curAttr;
-    int gLevel = 0;
-    bool cursorBlink = false;
-    bool allow80To132 = false;
-    bool lineFeedMode = false;
-    bool smoothScroll = false;
-    MouseProtocolEncoding mouseProtocol = MouseProtocolEncoding::x10;
-    MouseMode mouseMode = MouseMode::off;
-    bool mouseShiftCapture = false;
-    TerminalConformance conformance = TerminalConformance::vt500;
-    bool xtermTitleSetUtf = false;
-    bool xtermTitleSetHex = false;
-    bool xtermTitleQueryUtf = false;
-    bool xtermTitleQueryHex = false;
-    std::string terminalTitle;
-    std::string iconTitle;
-    std::vector<std::string> terminalTitleStack;
-    std::vector<std::string> terminalIconStack;
-    std::string hostCurrentDirectory;
-    std::string hostCurrentDocument;
-    Color foregroundColor = Color::from8bit(0, 0, 0);
-    Color backgroundColor = Color::from8bit(0xFF, 0xFF, 0xFF);
-    std::optional<Color> cursorColor;
-    std::vector<Color> installedColors;
-    std::vector<Color> defaultAnsiColors;
-    std::array<Color, 256> ansiColors{};
-    CC cc;
-    bool silentLog = false;
-    bool synchronizedOutputActive = false;
-    std::optional<TerminalScheduler::Token> synchronizedOutputTimeoutItem;
-    std::chrono::milliseconds synchronizedOutputTimeout = kSynchronizedOutputTimeout;
-    bool userScrolling = false;
-    CursorStyle cursorStyle = CursorStyle::blinkBlock;
-    std::optional<ActiveHyperlink> activeHyperlink;
-    std::unordered_set<uint16_t> payloadCodes;
-    /// Where log lines go; the process-wide sink by default.
-    std::function<void(std::string_view)> logSink;
 
 private:
     friend class DecrqssHandler;
+    struct ModeRule;
 
     // ParserDelegate
     void print(std::span<const uint8_t> data) override;
@@ -234,13 +273,12 @@ private:
     DcsHandler* sixelDcsHandler() override;
     DcsHandler* decrqssDcsHandler() override;
     // BufferObserver
-    void bufferScrolled(int yDisp) override;
-    bool isUserScrolling() const override { return userScrolling; }
+    void bufferScrolled(LineIndex yDisp) override;
+    bool isUserScrolling() const override { return m_userScrolling; }
 
     // Set-up
     void configureParser();
     void makeBuffers();
-    void syncBufferModes();
     void refreshAttributes();
     void ensureAttributes() {
         if (m_attrDirty)
@@ -254,7 +292,7 @@ private:
     // The line the print path is writing into, marked changed when it is let go.
     struct RowCache {
         BufferLine* line = nullptr;
-        int index = -1;
+        LineIndex index{-1};
         // The column right after the last cell this cache wrote with a single scalar of its own
         // width, which never calls for the next one to join it; -1 when unknown.
         int plainEnd = -1;
@@ -265,6 +303,8 @@ private:
             plainEnd = -1;
         }
     };
+    // The cached row's line, made the cursor's line first if it was another one.
+    BufferLine& cursorLine(RowCache& row);
     bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
     bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
     size_t cellCluster(int32_t code, char* out, size_t room) const;
@@ -279,7 +319,7 @@ private:
     bool tryJoin(char32_t scalar, int width, uint8_t info);
     std::pair<char32_t, int> lastScalarOf(int32_t code);
     int32_t joinedCode(int32_t targetCode, char32_t scalar);
-    int combiningTarget(int& lineIndex, BufferLine*& line) const;
+    std::optional<Col> combiningTarget(LineIndex& lineIndex, BufferLine*& line) const;
 
     // Cursor (TerminalCursor.cpp)
     void cmdBackspace();
@@ -303,15 +343,21 @@ private:
     void reverseIndex();
     void cmdSaveCursor();
     void cmdRestoreCursor();
-    void setCursor(int col, int row);
+    void cmdTabSet();
+    void setCursor(Col col, ScreenRow row);
     void restrictCursor();
     void moveToLineStart();
+    // The cursor column, brought back from the pending-wrap column onto the last one.
+    Col cursorCol() const { return std::min(m_buffer->x(), m_buffer->lastCol()); }
+    // The first and last columns the cursor moves between: the margins when they apply.
+    Col leftLimit() const { return m_modes.marginMode ? m_buffer->marginLeft() : Col(0); }
+    Col rightLimit() const { return m_modes.marginMode ? m_buffer->marginRight() : m_buffer->lastCol(); }
 
     // Editing (TerminalEdit.cpp)
     void cmdEraseInDisplay(const CsiParameters& pars, bool selective);
     void cmdEraseInLine(const CsiParameters& pars, bool selective);
-    void eraseInRow(int row, int start, int end, bool clearWrap);
-    void resetBufferLine(int row);
+    void eraseInRow(ScreenRow row, Col start, Col end, bool clearWrap);
+    void resetBufferLine(ScreenRow row);
     void cmdInsertChars(const CsiParameters& pars);
     void cmdDeleteChars(const CsiParameters& pars);
     void cmdEraseChars(const CsiParameters& pars);
@@ -334,23 +380,40 @@ private:
     void cmdSetMargins(const CsiParameters& pars);
     void cmdTabClear(const CsiParameters& pars);
     void setRenderMode(BufferLine::RenderLineMode mode);
+    // Whether left and right margins narrower than the screen are in force.
+    bool marginsNarrowed() const;
+    // Moves the cells between the margins of `from` into `to`, as a line move would.
+    void copyBetweenMargins(ScreenRow from, ScreenRow to);
+    // Erases the cells between the margins of a row.
+    void eraseBetweenMargins(ScreenRow row);
     struct Rect {
-        int top, left, bottom, right; // inclusive, 0-based screen rows and columns
+        ScreenRow top, bottom; // inclusive
+        Col left, right;       // inclusive
     };
     std::optional<Rect> rectangle(const CsiParameters& pars, int first) const;
 
     // Dispatch (TerminalCsi.cpp, TerminalEsc.cpp)
     void csiPHandler(const CsiParameters& pars, std::span<const uint8_t> collect);
     void csiX(const CsiParameters& pars, std::span<const uint8_t> collect);
-    void csiT(const CsiParameters& pars, std::span<const uint8_t> collect);
     void csiS(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void csiT(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void csiLowerS(const CsiParameters& pars, std::span<const uint8_t> collect);
+    void csiLowerT(const CsiParameters& pars, std::span<const uint8_t> collect);
     void cmdSetCursorStyle(const CsiParameters& pars);
+    void cmdSetTitleModes(const CsiParameters& pars, bool on);
+    void cmdSetMouseShiftCapture(const CsiParameters& pars);
+    void cmdSaveCursorOrSetMargins(const CsiParameters& pars);
     void cmdSoftReset();
     void cmdSetConformanceLevel(const CsiParameters& pars);
+    void cmdSetApplicationKeypad(bool on);
+    void cmdSelectDefaultCharset();
+    void cmdSetC1Transmission(bool eightBit);
     void selectCharset(uint8_t intermediate, uint8_t final);
     void setgCharset(int g, const CharSet* set);
     void setgLevel(int level);
     void logUnknownCsi(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars);
+    void logUnknownEsc(std::span<const uint8_t> collect, uint8_t final);
+    void logUnknownOsc(int code);
 
     // Modes (TerminalModes.cpp)
     void cmdSetMode(const CsiParameters& pars, std::span<const uint8_t> collect);
@@ -360,6 +423,11 @@ private:
     void cmdDecRqm(const CsiParameters& pars, bool isPrivate);
     int privateModeState(int mode) const;
     int ansiModeState(int mode) const;
+    static std::span<const ModeRule> privateModes();
+    static std::span<const ModeRule> ansiModes();
+    // Rule parts for the modes that are one flag of the terminal.
+    template <bool Terminal::*Flag> static void setFlag(Terminal& terminal, bool on);
+    template <bool Terminal::*Flag> static int reportFlag(const Terminal& terminal);
     void cmdSavePrivateModes(const CsiParameters& pars);
     void cmdRestorePrivateModes(const CsiParameters& pars);
     void activateAltBuffer(bool clearFirst);
@@ -367,6 +435,10 @@ private:
     void setSynchronizedOutput(bool on);
     void setColumnMode(bool wide);
     void setMouseMode(MouseMode mode);
+    void setCursorVisible(bool visible);
+    void setReverseColors(bool on);
+    void setMarginMode(bool on);
+    void setSendFocus(bool on);
     void changeBidiState(const std::function<void(BidiPresentationState&)>& change, unsigned properties);
     void cmdSelectCharacterPath(const CsiParameters& pars);
     void cmdSelectPresentationDirection(const CsiParameters& pars);
@@ -381,10 +453,10 @@ private:
     void cmdXTVERSION(const CsiParameters& pars);
     void cmdWindowOptions(const CsiParameters& pars);
     void replyStatusString(std::string_view request);
-    std::string csi() const { return cc.send8bit ? "\x9b" : "\x1b["; }
-    std::string dcs() const { return cc.send8bit ? "\x90" : "\x1bP"; }
-    std::string st() const { return cc.send8bit ? "\x9c" : "\x1b\\"; }
-    std::string osc() const { return cc.send8bit ? "\x9d" : "\x1b]"; }
+    std::string csi() const { return m_cc.send8bit ? "\x9b" : "\x1b["; }
+    std::string dcs() const { return m_cc.send8bit ? "\x90" : "\x1bP"; }
+    std::string st() const { return m_cc.send8bit ? "\x9c" : "\x1b\\"; }
+    std::string osc() const { return m_cc.send8bit ? "\x9d" : "\x1b]"; }
 
     // OSC (TerminalOsc.cpp)
     void oscSetTitle(std::span<const uint8_t> data, bool title, bool icon);
@@ -399,23 +471,88 @@ private:
     void oscSetCurrentDocument(std::span<const uint8_t> data);
     bool parseProgressReport(std::span<const uint8_t> data);
 
+    // --- Wiring ---------------------------------------------------------------------------------
     TerminalDelegate* m_delegate;
     TerminalOptions m_options;
     TerminalScheduler* m_scheduler;
     TerminalExtensions* m_extensions;
     std::unique_ptr<TerminalExtensions> m_defaultExtensions;
     std::shared_ptr<CellTables> m_tables;
+    // The modes and attribute ids both buffers write with; the one copy of each.
+    BufferModes m_modes;
     std::unique_ptr<Buffer> m_normalBuffer;
     std::unique_ptr<Buffer> m_altBuffer;
     Buffer* m_buffer = nullptr;
     UpdateRange m_updates;
     EscapeSequenceParser m_parser;
     std::unique_ptr<DcsHandler> m_decrqss;
+
+    // --- Mode state -------------------------------------------------------------------------------
+    bool m_applicationKeypad = false;
+    bool m_applicationCursor = false;
+    bool m_reverseColors = false;
+    uint8_t m_keyboardModeNormal = 0;
+    uint8_t m_keyboardModeAlt = 0;
+    bool m_sendFocus = false;
+    bool m_bidiArrowKeySwap = false;
+    std::optional<std::pair<bool, BidiPresentationState>> m_savedBidiPrivateModes;
+    bool m_cursorHidden = false;
+    bool m_originMode = false;
+    bool m_bracketedPasteMode = false;
+    bool m_alternateScrollMode = false;
+    const CharSet* m_charset = nullptr;
+    std::array<const CharSet*, 4> m_gCharsets{};
+    int m_gcharset = 0;
+    bool m_reverseWraparound = false;
+    Attribute m_curAttr;
+    int m_gLevel = 0;
+    bool m_cursorBlink = false;
+    bool m_allow80To132 = false;
+    bool m_lineFeedMode = false;
+    bool m_smoothScroll = false;
+    MouseProtocolEncoding m_mouseProtocol = MouseProtocolEncoding::x10;
+    MouseMode m_mouseMode = MouseMode::off;
+    bool m_mouseShiftCapture = false;
+    TerminalConformance m_conformance = TerminalConformance::vt500;
+    bool m_xtermTitleSetUtf = false;
+    bool m_xtermTitleSetHex = false;
+    bool m_xtermTitleQueryUtf = false;
+    bool m_xtermTitleQueryHex = false;
+    CC m_cc;
+    CursorStyle m_cursorStyle = CursorStyle::blinkBlock;
+
+    // --- What programs reported ---------------------------------------------------------------
+    std::string m_terminalTitle;
+    std::string m_iconTitle;
+    std::vector<std::string> m_terminalTitleStack;
+    std::vector<std::string> m_terminalIconStack;
+    std::string m_hostCurrentDirectory;
+    std::string m_hostCurrentDocument;
+    std::optional<ActiveHyperlink> m_activeHyperlink;
+    std::unordered_set<uint16_t> m_payloadCodes;
+
+    // --- Colours -----------------------------------------------------------------------------------
+    Color m_foregroundColor = Color::from8bit(0, 0, 0);
+    Color m_backgroundColor = Color::from8bit(0xFF, 0xFF, 0xFF);
+    std::optional<Color> m_cursorColor;
+    std::vector<Color> m_installedColors;
+    std::vector<Color> m_defaultAnsiColors;
+    std::array<Color, 256> m_ansiColors{};
     bool m_settingFgColor = false;
     bool m_settingBgColor = false;
-    bool m_attrDirty = true;
 
-    // Print state: bytes of a UTF-8 character cut by the end of a chunk.
+    // --- Host settings and timers ---------------------------------------------------------------------
+    bool m_silentLog = false;
+    bool m_userScrolling = false;
+    std::function<void(std::string_view)> m_logSink;
+    bool m_synchronizedOutputActive = false;
+    std::optional<TerminalScheduler::Token> m_synchronizedOutputTimeoutItem;
+    std::chrono::milliseconds m_synchronizedOutputTimeout = kSynchronizedOutputTimeout;
+
+    // --- Print state -----------------------------------------------------------------------------------
+    // The attribute ids follow `m_curAttr` lazily, so a run of SGR sequences interns only its outcome.
+    bool m_attrDirty = true;
+    // Bytes of a UTF-8 character cut by the end of a chunk.
     std::array<uint8_t, 4> m_carried{};
     int m_carriedCount = 0;
     // The last character printed, for REP.

@@ -157,45 +157,10 @@ void Terminal::dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<c
         }
         break;
     case 's':
-        if (is(collect, ">")) {
-            mouseShiftCapture = pars.at(0) == 1;
-        } else if (is(collect, "?")) {
-            cmdSavePrivateModes(pars);
-        } else if (collect.empty()) {
-            if (marginMode) {
-                cmdSetMargins(pars);
-            } else {
-                cmdSaveCursor();
-            }
-        } else {
-            logUnknownCsi(collect, final, pars);
-        }
+        csiLowerS(pars, collect);
         break;
     case 't':
-        if (collect.empty()) {
-            cmdWindowOptions(pars);
-        } else if (is(collect, ">")) {
-            for (int i = 0; i < pars.count; ++i) {
-                switch (pars.values[i]) {
-                case 0:
-                    xtermTitleSetHex = true;
-                    break;
-                case 1:
-                    xtermTitleQueryHex = true;
-                    break;
-                case 2:
-                    xtermTitleSetUtf = true;
-                    break;
-                case 3:
-                    xtermTitleQueryUtf = true;
-                    break;
-                default:
-                    break;
-                }
-            }
-        } else {
-            log("Unhandled csiT " + text(collect) + " " + listText(pars));
-        }
+        csiLowerT(pars, collect);
         break;
     case 'u':
         if (m_extensions->handleKittyKeyboardProtocol(*this, pars, collect))
@@ -258,8 +223,7 @@ void Terminal::dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<c
         }
         break;
     default:
-        if (m_parser.csiHandlerFallback)
-            m_parser.csiHandlerFallback(collect, final, pars);
+        logUnknownCsi(collect, final, pars);
         break;
     }
 }
@@ -275,30 +239,68 @@ void Terminal::csiS(const CsiParameters& pars, std::span<const uint8_t> collect)
 void Terminal::csiT(const CsiParameters& pars, std::span<const uint8_t> collect) {
     if (collect.empty()) {
         cmdScrollDown(pars);
-        return;
+    } else if (is(collect, ">")) {
+        cmdSetTitleModes(pars, false);
+    } else {
+        logUnknownCsi(collect, 'T', pars);
     }
+}
+
+void Terminal::csiLowerS(const CsiParameters& pars, std::span<const uint8_t> collect) {
     if (is(collect, ">")) {
-        for (int i = 0; i < pars.count; ++i) {
-            switch (pars.values[i]) {
-            case 0:
-                xtermTitleSetHex = false;
-                break;
-            case 1:
-                xtermTitleQueryHex = false;
-                break;
-            case 2:
-                xtermTitleSetUtf = false;
-                break;
-            case 3:
-                xtermTitleQueryUtf = false;
-                break;
-            default:
-                break;
-            }
-        }
-        return;
+        cmdSetMouseShiftCapture(pars);
+    } else if (is(collect, "?")) {
+        cmdSavePrivateModes(pars);
+    } else if (collect.empty()) {
+        cmdSaveCursorOrSetMargins(pars);
+    } else {
+        logUnknownCsi(collect, 's', pars);
     }
-    logUnknownCsi(collect, 'T', pars);
+}
+
+void Terminal::csiLowerT(const CsiParameters& pars, std::span<const uint8_t> collect) {
+    if (collect.empty()) {
+        cmdWindowOptions(pars);
+    } else if (is(collect, ">")) {
+        cmdSetTitleModes(pars, true);
+    } else {
+        log("Unhandled csiT " + text(collect) + " " + listText(pars));
+    }
+}
+
+void Terminal::cmdSetTitleModes(const CsiParameters& pars, bool on) {
+    // XTSMTITLE and XTRMTITLE: each parameter names one way titles are set or reported.
+    for (int i = 0; i < pars.count; ++i) {
+        switch (pars.values[i]) {
+        case 0:
+            m_xtermTitleSetHex = on;
+            break;
+        case 1:
+            m_xtermTitleQueryHex = on;
+            break;
+        case 2:
+            m_xtermTitleSetUtf = on;
+            break;
+        case 3:
+            m_xtermTitleQueryUtf = on;
+            break;
+        default:
+            break;
+        }
+    }
+}
+
+void Terminal::cmdSetMouseShiftCapture(const CsiParameters& pars) {
+    m_mouseShiftCapture = pars.at(0) == 1;
+}
+
+void Terminal::cmdSaveCursorOrSetMargins(const CsiParameters& pars) {
+    // The same final byte is DECSLRM while left and right margins are enabled, SCOSC otherwise.
+    if (m_modes.marginMode) {
+        cmdSetMargins(pars);
+    } else {
+        cmdSaveCursor();
+    }
 }
 
 void Terminal::csiPHandler(const CsiParameters& pars, std::span<const uint8_t> collect) {
@@ -333,67 +335,61 @@ void Terminal::cmdSetCursorStyle(const CsiParameters& pars) {
     const int style = pars.at(0);
     if (style < 0 || style > 6)
         return;
-    cursorStyle = kStyles[style];
+    m_cursorStyle = kStyles[style];
     if (m_delegate)
-        m_delegate->cursorStyleChanged(*this, cursorStyle);
+        m_delegate->cursorStyleChanged(*this, m_cursorStyle);
 }
 
 void Terminal::cmdSoftReset() {
-    currentBidiState = m_options.initialBidiState;
-    for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()})
-        b->defaultBidiState = currentBidiState;
+    m_modes.defaultBidiState = m_options.initialBidiState;
     m_extensions->applyCurrentBidiStateAtParagraphStart(*this, 0xF);
-    savedBidiPrivateModes.reset();
-    cursorHidden = false;
-    originMode = false;
-    insertMode = false;
-    reverseWraparound = false;
-    wraparound = true;
-    applicationKeypad = false;
-    applicationCursor = false;
-    marginMode = false;
-    Buffer& b = *m_buffer;
-    b.scrollTop = 0;
-    b.scrollBottom = b.rows() - 1;
-    curAttr = kEmptyAttribute;
-    b.softReset();
-    charset = nullptr;
-    gCharsets = {};
-    gLevel = 0;
-    conformance = TerminalConformance::vt500;
-    activeHyperlink.reset();
-    lineFeedMode = m_options.convertEol;
+    m_savedBidiPrivateModes.reset();
+    m_cursorHidden = false;
+    m_originMode = false;
+    m_modes.insertMode = false;
+    m_reverseWraparound = false;
+    m_modes.wraparound = true;
+    m_applicationKeypad = false;
+    m_applicationCursor = false;
+    m_modes.marginMode = false;
+    m_curAttr = kEmptyAttribute;
+    m_buffer->softReset();
+    m_charset = nullptr;
+    m_gCharsets = {};
+    m_gLevel = 0;
+    m_conformance = TerminalConformance::vt500;
+    m_activeHyperlink.reset();
+    m_lineFeedMode = m_options.convertEol;
     m_extensions->reset(*this, false);
-    syncBufferModes();
     refreshAttributes();
 }
 
 void Terminal::cmdSetConformanceLevel(const CsiParameters& pars) {
     switch (pars.at(0)) {
     case 61:
-        conformance = TerminalConformance::vt100;
+        m_conformance = TerminalConformance::vt100;
         break;
     case 62:
-        conformance = TerminalConformance::vt200;
+        m_conformance = TerminalConformance::vt200;
         break;
     case 63:
-        conformance = TerminalConformance::vt300;
+        m_conformance = TerminalConformance::vt300;
         break;
     case 64:
-        conformance = TerminalConformance::vt400;
+        m_conformance = TerminalConformance::vt400;
         break;
     case 65:
-        conformance = TerminalConformance::vt500;
+        m_conformance = TerminalConformance::vt500;
         break;
     default:
         log("Unhandled CSI \" with pars=" + listText(pars));
         return;
     }
     // A level of VT200 or above chooses the C1 form of replies by its second parameter.
-    if (conformance != TerminalConformance::vt100 && pars.count > 1) {
-        cc.send8bit = pars.values[1] == 0 || pars.values[1] == 2;
-    } else if (conformance == TerminalConformance::vt100) {
-        cc.send8bit = false;
+    if (m_conformance != TerminalConformance::vt100 && pars.count > 1) {
+        m_cc.send8bit = pars.values[1] == 0 || pars.values[1] == 2;
+    } else if (m_conformance == TerminalConformance::vt100) {
+        m_cc.send8bit = false;
     }
 }
 

@@ -10,52 +10,49 @@ namespace termkit {
 
 void Terminal::restrictCursor() {
     Buffer& b = *m_buffer;
-    b.x = std::clamp(b.x, 0, b.cols() - 1);
-    b.y = std::clamp(b.y, 0, b.rows() - 1);
+    b.setCursor(std::clamp(b.x(), Col(0), b.lastCol()), std::clamp(b.y(), ScreenRow(0), b.lastRow()));
 }
 
 void Terminal::moveToLineStart() {
     Buffer& b = *m_buffer;
-    b.x = marginMode && b.x >= b.marginLeft ? b.marginLeft : 0;
+    b.setX(m_modes.marginMode && b.x() >= b.marginLeft() ? b.marginLeft() : Col(0));
 }
 
-void Terminal::setCursor(int col, int row) {
+void Terminal::setCursor(Col col, ScreenRow row) {
     Buffer& b = *m_buffer;
-    if (originMode) {
+    if (m_originMode) {
         // Origin mode confines addressing to the scroll region and the margins.
-        const int left = marginMode ? b.marginLeft : 0;
-        const int right = marginMode ? b.marginRight : b.cols() - 1;
-        b.x = std::clamp(col + left, left, right);
-        b.y = std::clamp(row + b.scrollTop, b.scrollTop, b.scrollBottom);
+        const Col left = leftLimit();
+        b.setCursor(std::clamp(col + left.value, left, rightLimit()),
+                    std::clamp(row + b.scrollTop().value, b.scrollTop(), b.scrollBottom()));
     } else {
-        b.x = std::clamp(col, 0, b.cols() - 1);
-        b.y = std::clamp(row, 0, b.rows() - 1);
+        b.setCursor(std::clamp(col, Col(0), b.lastCol()), std::clamp(row, ScreenRow(0), b.lastRow()));
     }
 }
 
 void Terminal::cmdBackspace() {
     Buffer& b = *m_buffer;
-    if (!reverseWraparound) {
+    if (!m_reverseWraparound) {
         restrictCursor();
-        if (b.x > 0)
-            --b.x;
+        if (b.x() > Col(0))
+            b.setX(b.x() - 1);
         return;
     }
-    b.x = std::min(b.x, b.cols());
-    if (b.x > 0) {
-        --b.x;
+    b.setX(std::min(b.x(), Col(b.cols())));
+    if (b.x() > Col(0)) {
+        b.setX(b.x() - 1);
         return;
     }
     // Reverse wraparound: from column 0 of a wrapped line back onto the line above.
-    BufferLine& line = b.lines[b.yBase + b.y];
-    if (b.y > b.scrollTop && b.y <= b.scrollBottom && line.isWrapped) {
-        line.isWrapped = false;
-        --b.y;
-        b.x = b.cols() - 1;
-        const BufferLine& above = b.lines[b.yBase + b.y];
+    BufferLine& line = b.screenLine(b.y());
+    if (b.y() > b.scrollTop() && b.y() <= b.scrollBottom() && line.isWrapped()) {
+        line.setWrapped(false);
+        b.setCursor(b.lastCol(), b.y() - 1);
+        const BufferLine& above = b.screenLine(b.y());
         // The last cell may be the blank a wide character left when it wrapped.
-        if (above[b.x].width == 1 && !above.hasContent(b.x) && b.x > 0)
-            --b.x;
+        const int x = b.x().value;
+        if (above[x].width == 1 && !above.hasContent(x) && x > 0)
+            b.setX(b.x() - 1);
     }
 }
 
@@ -66,84 +63,83 @@ void Terminal::cmdCarriageReturn() {
 void Terminal::cmdIndex() {
     Buffer& b = *m_buffer;
     restrictCursor();
-    if (b.y == b.scrollBottom) {
+    if (b.y() == b.scrollBottom()) {
         b.scroll(false);
-    } else if (b.y < b.rows() - 1) {
-        ++b.y;
+    } else if (b.y() < b.lastRow()) {
+        b.setY(b.y() + 1);
     }
-    b.markRows(b.y, b.y);
+    b.markRow(b.y());
 }
 
 void Terminal::cmdLineFeedBasic() {
     Buffer& b = *m_buffer;
-    if (lineFeedMode)
-        b.x = 0;
-    if (b.y == b.scrollBottom) {
+    if (m_lineFeedMode)
+        b.setX(Col(0));
+    if (b.y() == b.scrollBottom()) {
         b.scroll(false);
-    } else if (b.y < b.rows() - 1) {
-        ++b.y;
+    } else if (b.y() < b.lastRow()) {
+        b.setY(b.y() + 1);
     }
     // A line feed never leaves the cursor in the pending-wrap column.
-    if (b.x >= b.cols())
-        b.x = b.cols() - 1;
+    if (b.x() > b.lastCol())
+        b.setX(b.lastCol());
     if (m_delegate)
         m_delegate->linefeed(*this);
 }
 
 void Terminal::cmdNextLine() {
     Buffer& b = *m_buffer;
-    b.x = originMode && marginMode ? b.marginLeft : 0;
+    b.setX(m_originMode && m_modes.marginMode ? b.marginLeft() : Col(0));
     cmdIndex();
 }
 
 void Terminal::reverseIndex() {
     Buffer& b = *m_buffer;
     restrictCursor();
-    if (b.y != b.scrollTop) {
-        if (b.y > 0)
-            --b.y;
+    if (b.y() != b.scrollTop()) {
+        if (b.y() > ScreenRow(0))
+            b.setY(b.y() - 1);
         return;
     }
-    const int top = b.yBase + b.scrollTop;
-    const int bottom = b.yBase + b.scrollBottom;
-    TERMKIT_INVARIANT(top < b.lines.count(), "reverseIndex: start index " + std::to_string(top) +
-                                                 " >= lines.count " + std::to_string(b.lines.count()) +
-                                                 ", state:op=reverseIndex");
-    TERMKIT_INVARIANT(bottom < b.lines.count(),
-                      "Assertion on reverseIndex, state was: y=" + std::to_string(b.y) +
-                          " yBase=" + std::to_string(b.yBase) + " scrollTop=" + std::to_string(b.scrollTop) +
-                          " scrollBottom=" + std::to_string(b.scrollBottom));
+    const LineIndex top = b.lineIndex(b.scrollTop());
+    const LineIndex bottom = b.lineIndex(b.scrollBottom());
+    TERMKIT_INVARIANT(top.value < b.lineCount(), "reverseIndex: start index " + std::to_string(top.value) +
+                                                     " >= lines.count " + std::to_string(b.lineCount()) +
+                                                     ", state:op=reverseIndex");
+    TERMKIT_INVARIANT(bottom.value < b.lineCount(),
+                      "Assertion on reverseIndex, state was: y=" + std::to_string(b.y().value) +
+                          " yBase=" + std::to_string(b.yBase().value) +
+                          " scrollTop=" + std::to_string(b.scrollTop().value) +
+                          " scrollBottom=" + std::to_string(b.scrollBottom().value));
     scrollDownOne();
 }
 
 void Terminal::cmdCursorUp(const CsiParameters& pars) {
     Buffer& b = *m_buffer;
     const int n = pars.atLeast1(0);
-    const int limit = b.y >= b.scrollTop ? b.scrollTop : 0;
-    b.y = std::max(b.y - n, limit);
-    b.x = std::min(b.x, b.cols() - 1);
+    const ScreenRow limit = b.y() >= b.scrollTop() ? b.scrollTop() : ScreenRow(0);
+    b.setCursor(cursorCol(), std::max(b.y() - n, limit));
 }
 
 void Terminal::cmdCursorDown(const CsiParameters& pars) {
     Buffer& b = *m_buffer;
     const int n = pars.atLeast1(0);
-    const int limit = b.y <= b.scrollBottom ? b.scrollBottom : b.rows() - 1;
-    b.y = std::min(b.y + n, limit);
-    b.x = std::min(b.x, b.cols() - 1);
+    const ScreenRow limit = b.y() <= b.scrollBottom() ? b.scrollBottom() : b.lastRow();
+    b.setCursor(cursorCol(), std::min(b.y() + n, limit));
 }
 
 void Terminal::cursorForward(int count) {
     Buffer& b = *m_buffer;
-    b.x = std::min(b.x, b.cols() - 1);
-    const int limit = marginMode && b.x <= b.marginRight ? b.marginRight : b.cols() - 1;
-    b.x = std::min(b.x + std::max(count, 1), limit);
+    const Col x = cursorCol();
+    const Col limit = m_modes.marginMode && x <= b.marginRight() ? b.marginRight() : b.lastCol();
+    b.setX(std::min(x + std::max(count, 1), limit));
 }
 
 void Terminal::cursorBackward(int count) {
     Buffer& b = *m_buffer;
-    b.x = std::min(b.x, b.cols() - 1);
-    const int limit = marginMode && b.x >= b.marginLeft ? b.marginLeft : 0;
-    b.x = std::max(b.x - std::max(count, 1), limit);
+    const Col x = cursorCol();
+    const Col limit = m_modes.marginMode && x >= b.marginLeft() ? b.marginLeft() : Col(0);
+    b.setX(std::max(x - std::max(count, 1), limit));
 }
 
 void Terminal::cmdCursorNextLine(const CsiParameters& pars, bool up) {
@@ -152,12 +148,13 @@ void Terminal::cmdCursorNextLine(const CsiParameters& pars, bool up) {
     } else {
         cmdCursorDown(pars);
     }
-    Buffer& b = *m_buffer;
-    b.x = marginMode ? b.marginLeft : 0;
+    m_buffer->setX(leftLimit());
 }
 
 void Terminal::cmdCursorCharAbsolute(const CsiParameters& pars) {
-    setCursor(pars.atLeast1(0) - 1, originMode ? m_buffer->y - m_buffer->scrollTop : m_buffer->y);
+    const Buffer& b = *m_buffer;
+    const ScreenRow row = m_originMode ? ScreenRow(b.y() - b.scrollTop()) : b.y();
+    setCursor(Col(pars.atLeast1(0) - 1), row);
 }
 
 void Terminal::cmdCharPosAbsolute(const CsiParameters& pars) {
@@ -169,7 +166,7 @@ void Terminal::cmdHPositionRelative(const CsiParameters& pars) {
 }
 
 void Terminal::cmdCursorPosition(const CsiParameters& pars) {
-    setCursor(pars.atLeast1(1) - 1, pars.atLeast1(0) - 1);
+    setCursor(Col(pars.atLeast1(1) - 1), ScreenRow(pars.atLeast1(0) - 1));
 }
 
 void Terminal::cmdHVPosition(const CsiParameters& pars) {
@@ -178,44 +175,43 @@ void Terminal::cmdHVPosition(const CsiParameters& pars) {
 
 void Terminal::cmdLinePosAbsolute(const CsiParameters& pars) {
     Buffer& b = *m_buffer;
-    const int col = std::min(b.x, b.cols() - 1);
-    const int row = pars.atLeast1(0) - 1;
-    if (originMode) {
-        b.y = std::clamp(row + b.scrollTop, b.scrollTop, b.scrollBottom);
+    const ScreenRow row(pars.atLeast1(0) - 1);
+    if (m_originMode) {
+        b.setCursor(cursorCol(), std::clamp(row + b.scrollTop().value, b.scrollTop(), b.scrollBottom()));
     } else {
-        b.y = std::clamp(row, 0, b.rows() - 1);
+        b.setCursor(cursorCol(), std::clamp(row, ScreenRow(0), b.lastRow()));
     }
-    b.x = col;
 }
 
 void Terminal::cmdVPositionRelative(const CsiParameters& pars) {
     Buffer& b = *m_buffer;
-    b.y = std::min(b.y + pars.atLeast1(0), b.rows() - 1);
-    b.x = std::min(b.x, b.cols() - 1);
+    b.setCursor(cursorCol(), std::min(b.y() + pars.atLeast1(0), b.lastRow()));
 }
 
 void Terminal::cmdTab(int count) {
     Buffer& b = *m_buffer;
     for (int i = 0; i < std::max(count, 1); ++i)
-        b.x = b.nextTabStop(std::min(b.x, b.cols() - 1), marginMode);
+        b.setX(b.nextTabStop(cursorCol(), m_modes.marginMode));
 }
 
 void Terminal::cmdBackTab(int count) {
     Buffer& b = *m_buffer;
     // Nothing to do when the cursor is left of where the row starts.
-    const int start = marginMode ? b.marginLeft : 0;
-    if (b.x < start)
+    const Col start = leftLimit();
+    if (b.x() < start)
         return;
-    b.x = std::min(b.x, b.cols() - 1);
+    b.setX(cursorCol());
     for (int i = 0; i < std::max(count, 1); ++i)
-        b.x = std::max(b.previousTabStop(b.x), start);
+        b.setX(std::max(b.previousTabStop(b.x()), start));
+}
+
+void Terminal::cmdTabSet() {
+    m_buffer->tabSet(cursorCol());
 }
 
 void Terminal::cmdBackIndex() {
-    Buffer& b = *m_buffer;
     restrictCursor();
-    const int left = marginMode ? b.marginLeft : 0;
-    if (b.x == left) {
+    if (m_buffer->x() == leftLimit()) {
         columnScroll(true, 1);
     } else {
         cursorBackward(1);
@@ -223,10 +219,8 @@ void Terminal::cmdBackIndex() {
 }
 
 void Terminal::cmdForwardIndex() {
-    Buffer& b = *m_buffer;
     restrictCursor();
-    const int right = marginMode ? b.marginRight : b.cols() - 1;
-    if (b.x == right) {
+    if (m_buffer->x() == rightLimit()) {
         columnScroll(false, 1);
     } else {
         cursorForward(1);
@@ -235,27 +229,20 @@ void Terminal::cmdForwardIndex() {
 
 void Terminal::cmdSaveCursor() {
     Buffer& b = *m_buffer;
-    b.savedX = b.x;
-    b.savedY = b.y;
-    b.savedAttr = curAttr;
-    b.savedCharset = charset;
-    b.savedOriginMode = originMode;
-    b.savedMarginMode = marginMode;
-    b.savedWraparound = wraparound;
-    b.savedReverseWraparound = reverseWraparound;
+    b.saveCursor(SavedCursor{b.x(), b.y(), m_curAttr, m_charset, m_originMode, m_modes.marginMode,
+                             m_modes.wraparound, m_reverseWraparound});
 }
 
 void Terminal::cmdRestoreCursor() {
     Buffer& b = *m_buffer;
-    b.x = std::min(b.savedX, b.cols() - 1);
-    b.y = std::min(b.savedY, b.rows() - 1);
-    curAttr = b.savedAttr;
-    charset = b.savedCharset;
-    originMode = b.savedOriginMode;
-    marginMode = b.savedMarginMode;
-    wraparound = b.savedWraparound;
-    reverseWraparound = b.savedReverseWraparound;
-    syncBufferModes();
+    const SavedCursor& saved = b.savedCursor();
+    b.setCursor(std::min(saved.x, b.lastCol()), std::min(saved.y, b.lastRow()));
+    m_curAttr = saved.attr;
+    m_charset = saved.charset;
+    m_originMode = saved.originMode;
+    m_modes.marginMode = saved.marginMode;
+    m_modes.wraparound = saved.wraparound;
+    m_reverseWraparound = saved.reverseWraparound;
     refreshAttributes();
 }
 

@@ -17,7 +17,7 @@ void TerminalDelegate::setCursorColor(Terminal& source, std::optional<Color> col
 }
 
 std::pair<Color, Color> TerminalDelegate::getColors(Terminal& source) {
-    return {source.foregroundColor, source.backgroundColor};
+    return {source.foregroundColor(), source.backgroundColor()};
 }
 
 } // namespace termkit

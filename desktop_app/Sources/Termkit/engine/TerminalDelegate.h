@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "Termkit/buffer/Indices.h"
 #include "Termkit/engine/Color.h"
 #include "Termkit/engine/TerminalOptions.h"
 #include "Termkit/engine/TerminalTypes.h"
@@ -35,8 +36,8 @@ public:
     }
     /// The terminal changed its size by itself (132-column mode).
     virtual void sizeChanged(Terminal& /*source*/) {}
-    /// The row on display at the top changed.
-    virtual void scrolled(Terminal& /*source*/, int /*yDisp*/) {}
+    /// The line on display at the top changed.
+    virtual void scrolled(Terminal& /*source*/, LineIndex /*yDisp*/) {}
     /// A line feed happened.
     virtual void linefeed(Terminal& /*source*/) {}
     /// The normal or alternate buffer became active.

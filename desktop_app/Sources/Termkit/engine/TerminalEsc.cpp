@@ -39,7 +39,7 @@ void Terminal::dispatchExecute(uint8_t code) {
         cmdNextLine();
         break;
     case 0x88:
-        m_buffer->tabSet(std::min(m_buffer->x, m_buffer->cols() - 1));
+        cmdTabSet();
         break;
     default:
         // Every other control does nothing.
@@ -65,10 +65,10 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             cmdForwardIndex();
             return;
         case '=':
-            applicationKeypad = true;
+            cmdSetApplicationKeypad(true);
             return;
         case '>':
-            applicationKeypad = false;
+            cmdSetApplicationKeypad(false);
             return;
         case 'D':
             cmdIndex();
@@ -77,7 +77,7 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             cmdNextLine();
             return;
         case 'H':
-            m_buffer->tabSet(std::min(m_buffer->x, m_buffer->cols() - 1));
+            cmdTabSet();
             return;
         case 'M':
             reverseIndex();
@@ -128,19 +128,13 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             break;
         case '%':
             if (final == '@' || final == 'G') {
-                setgLevel(0);
-                gCharsets[0] = nullptr;
-                charset = nullptr;
+                cmdSelectDefaultCharset();
                 return;
             }
             break;
         case ' ':
-            if (final == 'F') {
-                cc.send8bit = false;
-                return;
-            }
-            if (final == 'G') {
-                cc.send8bit = true;
+            if (final == 'F' || final == 'G') {
+                cmdSetC1Transmission(final == 'G');
                 return;
             }
             break;
@@ -162,8 +156,7 @@ void Terminal::dispatchEsc(std::span<const uint8_t> collect, uint8_t final) {
             break;
         }
     }
-    if (m_parser.escHandlerFallback)
-        m_parser.escHandlerFallback(collect, final);
+    logUnknownEsc(collect, final);
 }
 
 void Terminal::selectCharset(uint8_t intermediate, uint8_t final) {
@@ -192,16 +185,32 @@ void Terminal::selectCharset(uint8_t intermediate, uint8_t final) {
     setgCharset(g, set);
 }
 
+void Terminal::cmdSetApplicationKeypad(bool on) {
+    m_applicationKeypad = on;
+}
+
+void Terminal::cmdSelectDefaultCharset() {
+    // UTF-8 and ISO 2022 both come back to US-ASCII in G0 at level 0.
+    setgLevel(0);
+    m_gCharsets[0] = nullptr;
+    m_charset = nullptr;
+}
+
+void Terminal::cmdSetC1Transmission(bool eightBit) {
+    // S8C1T and S7C1T: whether replies use the 8-bit forms of the C1 introducers.
+    m_cc.send8bit = eightBit;
+}
+
 void Terminal::setgCharset(int g, const CharSet* set) {
-    gCharsets[g] = set;
-    if (gLevel == g)
-        charset = set;
+    m_gCharsets[g] = set;
+    if (m_gLevel == g)
+        m_charset = set;
 }
 
 void Terminal::setgLevel(int level) {
-    gLevel = level;
-    gcharset = level;
-    charset = gCharsets[level];
+    m_gLevel = level;
+    m_gcharset = level;
+    m_charset = m_gCharsets[level];
 }
 
 } // namespace termkit

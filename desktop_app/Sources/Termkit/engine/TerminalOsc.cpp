@@ -154,8 +154,8 @@ void Terminal::dispatchOsc(int code, std::span<const uint8_t> data) {
         oscHyperlink(data);
         break;
     case 9:
-        if (!parseProgressReport(data) && m_parser.oscHandlerFallback)
-            m_parser.oscHandlerFallback(code, data);
+        if (!parseProgressReport(data))
+            logUnknownOsc(code);
         break;
     case 10:
         oscSetColors(data, 0);
@@ -186,8 +186,7 @@ void Terminal::dispatchOsc(int code, std::span<const uint8_t> data) {
         osciTerm2(data);
         break;
     default:
-        if (m_parser.oscHandlerFallback)
-            m_parser.oscHandlerFallback(code, data);
+        logUnknownOsc(code);
         break;
     }
 }
@@ -196,12 +195,12 @@ void Terminal::oscSetTitle(std::span<const uint8_t> data, bool title, bool icon)
     // A title that is not valid UTF-8 becomes empty rather than garbled.
     const std::string value = validUtf8(data) ? text(data) : std::string();
     if (title) {
-        terminalTitle = value;
+        m_terminalTitle = value;
         if (m_delegate)
             m_delegate->setTerminalTitle(*this, value);
     }
     if (icon && !title) {
-        iconTitle = value;
+        m_iconTitle = value;
         if (m_delegate)
             m_delegate->setTerminalIconTitle(*this, value);
     }
@@ -217,10 +216,10 @@ void Terminal::oscChangeOrQueryColorIndex(std::span<const uint8_t> data) {
         const int n = static_cast<int>(*index);
         if (parts[i + 1] == "?") {
             const std::string reply =
-                osc() + "4;" + std::to_string(n) + ";" + ansiColors[n].formatAsXcolor() + st();
+                osc() + "4;" + std::to_string(n) + ";" + m_ansiColors[n].formatAsXcolor() + st();
             sendResponse({std::string_view(reply)});
         } else if (const auto color = Color::parseColor(std::string_view(parts[i + 1]))) {
-            ansiColors[n] = *color;
+            m_ansiColors[n] = *color;
             if (m_delegate)
                 m_delegate->colorChanged(*this, n);
         }
@@ -235,9 +234,9 @@ void Terminal::oscSetColors(std::span<const uint8_t> data, int first) {
         if (which > 2)
             break;
         const auto [fg, bg] =
-            m_delegate ? m_delegate->getColors(*this) : std::pair(foregroundColor, backgroundColor);
+            m_delegate ? m_delegate->getColors(*this) : std::pair(m_foregroundColor, m_backgroundColor);
         if (spec == "?") {
-            Color current = which == 0 ? fg : which == 1 ? bg : cursorColor.value_or(fg);
+            Color current = which == 0 ? fg : which == 1 ? bg : m_cursorColor.value_or(fg);
             const std::string reply =
                 osc() + std::to_string(10 + which) + ";" + current.formatAsXcolor() + st();
             sendResponse({std::string_view(reply)});
@@ -268,19 +267,20 @@ void Terminal::oscSetColors(std::span<const uint8_t> data, int first) {
 
 void Terminal::oscResetColor(std::span<const uint8_t> data) {
     const std::vector<Color> palette = [&] {
-        const std::vector<Color>& base = installedColors.size() >= 16 ? installedColors : defaultAnsiColors;
+        const std::vector<Color>& base =
+            m_installedColors.size() >= 16 ? m_installedColors : m_defaultAnsiColors;
         switch (m_options.ansi256PaletteStrategy) {
         case Ansi256PaletteStrategy::xterm:
             return generateXtermPalette(base);
         case Ansi256PaletteStrategy::base16Lab:
-            return generateBase16LabPalette(base, foregroundColor, backgroundColor, false);
+            return generateBase16LabPalette(base, m_foregroundColor, m_backgroundColor, false);
         case Ansi256PaletteStrategy::base16LabHarmonious:
-            return generateBase16LabPalette(base, foregroundColor, backgroundColor, true);
+            return generateBase16LabPalette(base, m_foregroundColor, m_backgroundColor, true);
         }
         return generateXtermPalette(base);
     }();
     if (data.empty()) {
-        std::copy(palette.begin(), palette.begin() + 256, ansiColors.begin());
+        std::copy(palette.begin(), palette.begin() + 256, m_ansiColors.begin());
         if (m_delegate)
             m_delegate->colorChanged(*this, std::nullopt);
         return;
@@ -290,7 +290,7 @@ void Terminal::oscResetColor(std::span<const uint8_t> data) {
             std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(item.data()), item.size()));
         if (!index || *index > 255)
             continue;
-        ansiColors[*index] = palette[*index];
+        m_ansiColors[*index] = palette[*index];
         if (m_delegate)
             m_delegate->colorChanged(*this, static_cast<int>(*index));
     }
@@ -403,7 +403,7 @@ void Terminal::oscHyperlink(std::span<const uint8_t> data) {
 void Terminal::oscSetCurrentDirectory(std::span<const uint8_t> data) {
     if (m_delegate && !m_delegate->isProcessTrusted(*this))
         return;
-    hostCurrentDirectory = text(data);
+    m_hostCurrentDirectory = text(data);
     if (m_delegate)
         m_delegate->hostCurrentDirectoryUpdated(*this);
 }
@@ -411,7 +411,7 @@ void Terminal::oscSetCurrentDirectory(std::span<const uint8_t> data) {
 void Terminal::oscSetCurrentDocument(std::span<const uint8_t> data) {
     if (m_delegate && !m_delegate->isProcessTrusted(*this))
         return;
-    hostCurrentDocument = text(data);
+    m_hostCurrentDocument = text(data);
     if (m_delegate)
         m_delegate->hostCurrentDocumentUpdated(*this);
 }

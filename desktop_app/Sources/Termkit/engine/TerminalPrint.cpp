@@ -7,6 +7,7 @@
 
 #include "Termkit/buffer/CellFill.h"
 #include "Termkit/buffer/CharacterTable.h"
+#include "Termkit/buffer/Utf8.h"
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/engine/UnicodeUtil.h"
 #include "Termkit/parser/ByteScan.h"
@@ -52,30 +53,6 @@ inline int decodeShort(const uint8_t* p, int n, int i, int32_t& c) {
         return 3;
     }
     return 0;
-}
-
-// Writes one scalar as UTF-8 (up to four bytes) and returns the length.
-size_t encodeUtf8(char32_t c, char* out) {
-    if (c < 0x80) {
-        out[0] = static_cast<char>(c);
-        return 1;
-    }
-    if (c < 0x800) {
-        out[0] = static_cast<char>(0xC0 | (c >> 6));
-        out[1] = static_cast<char>(0x80 | (c & 0x3F));
-        return 2;
-    }
-    if (c < 0x10000) {
-        out[0] = static_cast<char>(0xE0 | (c >> 12));
-        out[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out[2] = static_cast<char>(0x80 | (c & 0x3F));
-        return 3;
-    }
-    out[0] = static_cast<char>(0xF0 | (c >> 18));
-    out[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out[3] = static_cast<char>(0x80 | (c & 0x3F));
-    return 4;
 }
 
 // Scalars of a UTF-8 cluster.
@@ -146,10 +123,10 @@ void Terminal::handlePrint(std::span<const uint8_t> data) {
     Buffer& b = *m_buffer;
     const uint8_t* p = data.data();
     const int n = static_cast<int>(data.size());
-    const uint16_t payload = activeHyperlink ? resolveActiveHyperlink() : 0;
+    const uint16_t payload = m_activeHyperlink ? resolveActiveHyperlink() : 0;
     // Plain ASCII takes one scan and one bulk write.
-    if (charset == nullptr && m_carriedCount == 0 && allPrintableAscii(p, p + n)) {
-        b.markRows(b.y, b.y);
+    if (m_charset == nullptr && m_carriedCount == 0 && allPrintableAscii(p, p + n)) {
+        b.markRow(b.y());
         const int taken = b.insertAsciiRun(p, n, payload);
         if (taken > 0) {
             m_lastCode = p[taken - 1];
@@ -157,15 +134,26 @@ void Terminal::handlePrint(std::span<const uint8_t> data) {
             m_hasLastChar = true;
         }
         if (taken == n) {
-            b.markRows(b.y, b.y);
+            b.markRow(b.y());
             return;
         }
         printGeneral(p + taken, n - taken, payload);
         return;
     }
-    b.markRows(b.y, b.y);
+    b.markRow(b.y());
     printGeneral(p, n, payload);
-    b.markRows(b.y, b.y);
+    b.markRow(b.y());
+}
+
+__attribute__((always_inline)) inline BufferLine& Terminal::cursorLine(RowCache& row) {
+    Buffer& b = *m_buffer;
+    const LineIndex index = b.lineIndex(b.y());
+    if (row.line == nullptr || row.index != index) {
+        row.release();
+        row.line = &b.line(index);
+        row.index = index;
+    }
+    return *row.line;
 }
 
 // The common case of the print path, done inline: a scalar that joins nothing, after a
@@ -173,17 +161,12 @@ void Terminal::handlePrint(std::span<const uint8_t> data) {
 // run of such scalars and is marked changed once. Anything else returns false.
 __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& row, char32_t scalar,
                                                                       int width, uint16_t payload) {
-    Buffer& b = *m_buffer;
-    if (b.insertMode)
+    if (m_modes.insertMode)
         return false;
-    const int x = b.x;
-    const int index = b.yBase + b.y;
-    if (row.line == nullptr || row.index != index) {
-        row.release();
-        row.line = &b.lines[index];
-        row.index = index;
-    }
-    CharData* cells = row.line->cellsForWrite(std::min(x + width, b.cols()));
+    Buffer& b = *m_buffer;
+    const int x = b.x().value;
+    BufferLine& line = cursorLine(row);
+    CharData* cells = line.cellsForWrite(std::min(x + width, b.cols()));
     // The cell that a joiner would have called the scalar into: left of the cursor, or at
     // the start of a wrapped row the last one of the row above. Right after a plain scalar
     // written here there is nothing to look at.
@@ -195,8 +178,8 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
         if (cells[col].width == 0 && col > 0)
             --col;
         before = cells[col].code;
-    } else if (row.line->isWrapped && index > 0) {
-        const CharData* above = std::as_const(b.lines[index - 1]).cells();
+    } else if (line.isWrapped() && row.index > LineIndex(0)) {
+        const CharData* above = std::as_const(b).line(row.index - 1).cells();
         int col = b.cols() - 1;
         if (above[col].width == 0 && col > 0)
             --col;
@@ -214,18 +197,17 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
     m_lastCode = code;
     m_lastWidth = width;
     m_hasLastChar = true;
-    const int right = b.marginMode ? b.marginRight : b.cols() - 1;
-    if (x + width - 1 > right) {
+    if (x + width - 1 > rightLimit().value) {
         // Wrapping, margins and the edge: the buffer's general writer decides.
         row.release();
         b.insertCharacter(code, width, payload);
         return true;
     }
-    cells[x] = CharData{code, b.curAttr, payload, static_cast<int8_t>(width), b.semanticContent};
+    cells[x] = CharData{code, m_modes.curAttr, payload, static_cast<int8_t>(width), b.semanticContent()};
     if (width == 2)
-        cells[x + 1] = CharData{0, b.curAttr, payload, 0, b.semanticContent};
-    b.x = x + width;
-    row.plainEnd = b.x;
+        cells[x + 1] = CharData{0, m_modes.curAttr, payload, 0, b.semanticContent()};
+    b.setX(Col(x + width));
+    row.plainEnd = x + width;
     return true;
 }
 
@@ -272,17 +254,11 @@ int Terminal::extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_
 // chunk the whole cluster is built at once and only it is stored, not every step to it.
 __attribute__((always_inline)) inline bool
 Terminal::joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i) {
-    Buffer& b = *m_buffer;
-    const int x = b.x;
+    const Buffer& b = *m_buffer;
+    const int x = b.x().value;
     if (x == 0)
         return false;
-    const int index = b.yBase + b.y;
-    if (row.line == nullptr || row.index != index) {
-        row.release();
-        row.line = &b.lines[index];
-        row.index = index;
-    }
-    CharData* cells = row.line->cellsForWrite(std::min(x, b.cols()));
+    CharData* cells = cursorLine(row).cellsForWrite(std::min(x, b.cols()));
     int col = std::min(x, b.cols()) - 1;
     if (cells[col].width == 0 && col > 0)
         --col;
@@ -335,9 +311,9 @@ bool Terminal::finishCarried(const uint8_t* p, int n, int& i, uint16_t payload) 
 void Terminal::printAscii(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload) {
     Buffer& b = *m_buffer;
     const uint8_t byte = p[i];
-    if (charset != nullptr) {
+    if (m_charset != nullptr) {
         row.release();
-        const char32_t mapped = charset->lookup(byte);
+        const char32_t mapped = m_charset->lookup(byte);
         if (mapped != 0) {
             printScalar(mapped, 1, payload);
         } else if (byte >= 0x20 && byte < 0x7F) {
@@ -355,18 +331,12 @@ void Terminal::printAscii(RowCache& row, const uint8_t* p, int n, int& i, uint16
     }
     // ASCII never joins the cell before it, so a run that fits goes straight into the
     // cached row; longer runs take the bulk writer, which wraps.
-    const int right = b.marginMode ? b.marginRight : b.cols() - 1;
-    if (!b.insertMode && b.x + run - 1 <= right) {
-        const int index = b.yBase + b.y;
-        if (row.line == nullptr || row.index != index) {
-            row.release();
-            row.line = &b.lines[index];
-            row.index = index;
-        }
-        writeAsciiCells(row.line->cellsForWrite(b.x + run) + b.x, p + i, run,
-                        CharData{0, b.curAttr, payload, 1, b.semanticContent});
-        b.x += run;
-        row.plainEnd = b.x;
+    const int x = b.x().value;
+    if (!m_modes.insertMode && x + run - 1 <= rightLimit().value) {
+        writeAsciiCells(cursorLine(row).cellsForWrite(x + run) + x, p + i, run,
+                        CharData{0, m_modes.curAttr, payload, 1, b.semanticContent()});
+        b.setX(Col(x + run));
+        row.plainEnd = x + run;
     } else {
         row.release();
         const int taken = b.insertAsciiRun(p + i, run, payload);
@@ -437,24 +407,27 @@ void Terminal::printScalar(char32_t scalar, int width, uint16_t payload) {
     m_hasLastChar = true;
 }
 
-__attribute__((always_inline)) inline int Terminal::combiningTarget(int& lineIndex, BufferLine*& line) const {
+// The cell a joining scalar would join: left of the cursor, or at the start of a wrapped
+// row the last one of the row above; nothing at the start of an unwrapped row.
+__attribute__((always_inline)) inline std::optional<Col> Terminal::combiningTarget(LineIndex& lineIndex,
+                                                                                   BufferLine*& line) const {
     Buffer& b = *m_buffer;
-    const int row = b.yBase + b.y;
+    const LineIndex cursorRow = b.lineIndex(b.y());
     int col;
-    if (b.x == 0) {
-        if (row == 0 || !b.lines[row].isWrapped)
-            return -1;
-        lineIndex = row - 1;
+    if (b.x() == Col(0)) {
+        if (cursorRow == LineIndex(0) || !b.line(cursorRow).isWrapped())
+            return std::nullopt;
+        lineIndex = cursorRow - 1;
         col = b.cols() - 1;
     } else {
-        lineIndex = row;
-        col = std::min(b.x, b.cols()) - 1;
+        lineIndex = cursorRow;
+        col = std::min(b.x().value, b.cols()) - 1;
     }
-    line = &b.lines[lineIndex];
+    line = &b.line(lineIndex);
     const CharData* cells = std::as_const(*line).cells();
     if (cells[col].width == 0 && col > 0)
         --col;
-    return col;
+    return Col(col);
 }
 
 // The last scalar of a stored cluster, and its scalar count as far as it matters here:
@@ -526,12 +499,14 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
     if (width == 2 && narrowIndicators && regional)
         width = 1;
     bool wants = (info & UnicodeUtil::kJoins) != 0;
-    int lineIndex = 0;
+    LineIndex lineIndex;
     BufferLine* targetLine = nullptr;
-    const int col = combiningTarget(lineIndex, targetLine);
-    if (col < 0)
+    const std::optional<Col> targetCol = combiningTarget(lineIndex, targetLine);
+    if (!targetCol)
         return wants && width == 0; // nothing to join: a zero-width scalar is dropped
+    const int col = targetCol->value;
     Buffer& b = *m_buffer;
+    const LineIndex cursorRow = b.lineIndex(b.y());
     BufferLine& line = *targetLine;
     CharData& target = line.cellsForWrite(std::min(col + 2, b.cols()))[col];
     if (!wants) {
@@ -566,13 +541,13 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
         line.cellsForWrite(col + 2)[col + 1] =
             CharData{0, target.attribute, target.payload, 0, target.semanticContentCode};
         target.width = 2;
-        if (lineIndex == b.yBase + b.y)
-            b.x = std::min(b.x + 1, b.cols());
+        if (lineIndex == cursorRow)
+            b.setX(std::min(b.x() + 1, Col(b.cols())));
     };
     if (scalar == UnicodeUtil::kTextSelector && target.width == 2) {
         target.width = 1;
-        if (lineIndex == b.yBase + b.y && b.x > 0)
-            --b.x;
+        if (lineIndex == cursorRow && b.x() > Col(0))
+            b.setX(b.x() - 1);
     } else if (scalar == UnicodeUtil::kEmojiSelector && target.width == 1) {
         widen();
     } else if (regional && narrowIndicators && count == 1 && UnicodeUtil::isRegionalIndicator(last) &&
@@ -582,8 +557,8 @@ bool Terminal::tryJoin(char32_t scalar, int width, uint8_t info) {
     target.code = joined;
     line.touch();
     // The cursor row is marked by the print call; a join onto the row above marks that too.
-    if (lineIndex != b.yBase + b.y)
-        b.markRows(std::max(lineIndex - b.yBase, 0), b.y);
+    if (lineIndex != cursorRow)
+        b.markRows(std::max(b.screenRow(lineIndex), ScreenRow(0)), b.y());
     return true;
 }
 

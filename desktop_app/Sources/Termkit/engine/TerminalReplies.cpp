@@ -56,11 +56,13 @@ void Terminal::replyStatusString(std::string_view request) {
     } else if (request == "\"p") {
         value = "65;1\"p";
     } else if (request == "r") {
-        value = std::to_string(b.scrollTop + 1) + ";" + std::to_string(b.scrollBottom + 1) + "r";
+        value =
+            std::to_string(b.scrollTop().value + 1) + ";" + std::to_string(b.scrollBottom().value + 1) + "r";
     } else if (request == "m") {
-        value = curAttr.toSgr() + "m";
+        value = m_curAttr.toSgr() + "m";
     } else if (request == "s") {
-        value = std::to_string(b.marginLeft + 1) + ";" + std::to_string(b.marginRight + 1) + "s";
+        value =
+            std::to_string(b.marginLeft().value + 1) + ";" + std::to_string(b.marginRight().value + 1) + "s";
     } else if (request == " q") {
         // Reported as a steady block whatever the style: what programs have always been told.
         value = "2 q";
@@ -105,7 +107,8 @@ void Terminal::cmdSendDeviceAttributes(const CsiParameters& pars, std::span<cons
 
 void Terminal::cmdDeviceStatus(const CsiParameters& pars, std::span<const uint8_t> collect) {
     const Buffer& b = *m_buffer;
-    const int x = std::min(b.x, b.cols() - 1);
+    const int x = cursorCol().value;
+    const int y = b.y().value;
     std::string reply;
     if (collect.empty()) {
         switch (pars.at(0)) {
@@ -113,11 +116,11 @@ void Terminal::cmdDeviceStatus(const CsiParameters& pars, std::span<const uint8_
             reply = csi() + "0n";
             break;
         case 6: {
-            int row = b.y + 1;
+            int row = y + 1;
             int col = x + 1;
-            if (originMode) {
-                row = std::max(row - b.scrollTop, 1);
-                col = std::max(col - b.marginLeft, 1);
+            if (m_originMode) {
+                row = std::max(row - b.scrollTop().value, 1);
+                col = std::max(col - b.marginLeft().value, 1);
             }
             reply = csi() + std::to_string(row) + ";" + std::to_string(col) + "R";
             break;
@@ -128,12 +131,12 @@ void Terminal::cmdDeviceStatus(const CsiParameters& pars, std::span<const uint8_
     } else if (is(collect, "?")) {
         switch (pars.at(0)) {
         case 6: {
-            int row = b.y + 1;
+            int row = y + 1;
             int col = x + 1;
-            if (originMode)
-                row = std::max(row - b.scrollTop, 1);
-            if (originMode && marginMode)
-                col = std::max(col - b.marginLeft, 1);
+            if (m_originMode)
+                row = std::max(row - b.scrollTop().value, 1);
+            if (m_originMode && m_modes.marginMode)
+                col = std::max(col - b.marginLeft().value, 1);
             reply = csi() + "?" + std::to_string(row) + ";" + std::to_string(col) + ";1R";
             break;
         }
@@ -283,31 +286,31 @@ void Terminal::cmdWindowOptions(const CsiParameters& pars) {
         break;
     }
     case 20: {
-        const std::string reply = osc() + "L" + iconTitle + st();
+        const std::string reply = osc() + "L" + m_iconTitle + st();
         sendResponse({std::string_view(reply)});
         break;
     }
     case 21: {
-        const std::string reply = osc() + "l" + terminalTitle + st();
+        const std::string reply = osc() + "l" + m_terminalTitle + st();
         sendResponse({std::string_view(reply)});
         break;
     }
     case 22:
         if (p1 == 0 || p1 == 1)
-            terminalIconStack.push_back(iconTitle);
+            m_terminalIconStack.push_back(m_iconTitle);
         if (p1 == 0 || p1 == 2)
-            terminalTitleStack.push_back(terminalTitle);
+            m_terminalTitleStack.push_back(m_terminalTitle);
         break;
     case 23:
-        if ((p1 == 0 || p1 == 1) && !terminalIconStack.empty()) {
-            iconTitle = terminalIconStack.back();
-            terminalIconStack.pop_back();
-            m_delegate->setTerminalIconTitle(*this, iconTitle);
+        if ((p1 == 0 || p1 == 1) && !m_terminalIconStack.empty()) {
+            m_iconTitle = m_terminalIconStack.back();
+            m_terminalIconStack.pop_back();
+            m_delegate->setTerminalIconTitle(*this, m_iconTitle);
         }
-        if ((p1 == 0 || p1 == 2) && !terminalTitleStack.empty()) {
-            terminalTitle = terminalTitleStack.back();
-            terminalTitleStack.pop_back();
-            m_delegate->setTerminalTitle(*this, terminalTitle);
+        if ((p1 == 0 || p1 == 2) && !m_terminalTitleStack.empty()) {
+            m_terminalTitle = m_terminalTitleStack.back();
+            m_terminalTitleStack.pop_back();
+            m_delegate->setTerminalTitle(*this, m_terminalTitle);
         }
         break;
     default:

@@ -56,7 +56,7 @@ int Terminal::extendedColor(const CsiParameters& pars, int i, std::optional<Attr
 void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> collect) {
     if (!collect.empty())
         return;
-    Attribute& a = curAttr;
+    Attribute& a = m_curAttr;
     const Attribute before = a;
     if (pars.count == 1 && pars.values[0] == 0) {
         a = kEmptyAttribute;
@@ -172,7 +172,7 @@ void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> colle
             } else if (code >= 100 && code <= 107) {
                 a.bg = Attribute::Color::ansi256(static_cast<uint8_t>(code - 100 + 8));
             } else {
-                if (!silentLog) {
+                if (!m_silentLog) {
                     std::string all;
                     for (int k = 0; k < pars.count; ++k)
                         all += (k ? ";" : "") + std::to_string(pars.values[k]);

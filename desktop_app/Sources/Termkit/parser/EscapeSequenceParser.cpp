@@ -1,7 +1,6 @@
 #include "Termkit/parser/EscapeSequenceParser.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "Termkit/parser/ByteScan.h"
 #include "Termkit/parser/DcsHandler.h"
@@ -40,79 +39,75 @@ std::optional<int64_t> parseDecimal(std::span<const uint8_t> digits) {
 }
 
 EscapeSequenceParser::EscapeSequenceParser(ParserDelegate* target)
-    : terminal(target), table(sharedVt500Table()) {
+    : m_table(sharedVt500Table()), m_delegate(target) {
     // Capacity for the usual sizes up front, so that steady parsing never allocates.
-    _collect.bytes.reserve(16);
-    _collect.spare.reserve(16);
-    _osc.bytes.reserve(256);
-    _osc.spare.reserve(256);
-    // Before a terminal installs its own, an unknown CSI only says what it could not do.
-    csiHandlerFallback = [](std::span<const uint8_t>, uint8_t final, const CsiParameters&) {
-        std::printf("Cannot handle ESC-%c\n", static_cast<char>(final));
-    };
+    m_collect.bytes.reserve(16);
+    m_collect.spare.reserve(16);
+    m_osc.bytes.reserve(256);
+    m_osc.spare.reserve(256);
 }
 
 void EscapeSequenceParser::reset() {
-    currentState = initialState;
-    _osc.bytes.clear();
-    _apc.bytes.clear();
-    _collect.bytes.clear();
-    _pars.reset();
-    _parameterLimitExceeded = false;
-    activeDcsHandler = nullptr;
-    if (terminal != nullptr)
-        terminal->printStateReset();
+    m_currentState = m_initialState;
+    m_osc.bytes.clear();
+    m_apc.bytes.clear();
+    m_collect.bytes.clear();
+    m_pars.reset();
+    m_parameterLimitExceeded = false;
+    m_activeDcsHandler = nullptr;
+    if (m_delegate != nullptr)
+        m_delegate->printStateReset();
 }
 
 void EscapeSequenceParser::beginChunk() {
-    _osc.begin();
-    _apc.begin();
-    _collect.begin();
-    m_stateAtStart = currentState;
-    m_parsAtStart = _pars;
-    m_limitAtStart = _parameterLimitExceeded;
-    m_dcsAtStart = activeDcsHandler;
+    m_osc.begin();
+    m_apc.begin();
+    m_collect.begin();
+    m_stateAtStart = m_currentState;
+    m_parsAtStart = m_pars;
+    m_limitAtStart = m_parameterLimitExceeded;
+    m_dcsAtStart = m_activeDcsHandler;
 }
 
 void EscapeSequenceParser::restoreChunkStart() {
-    _osc.restore();
-    _apc.restore();
-    _collect.restore();
-    currentState = m_stateAtStart;
-    _pars = m_parsAtStart;
-    _parameterLimitExceeded = m_limitAtStart;
-    activeDcsHandler = m_dcsAtStart;
+    m_osc.restore();
+    m_apc.restore();
+    m_collect.restore();
+    m_currentState = m_stateAtStart;
+    m_pars = m_parsAtStart;
+    m_parameterLimitExceeded = m_limitAtStart;
+    m_activeDcsHandler = m_dcsAtStart;
 }
 
 void EscapeSequenceParser::clearCollected() {
-    _osc.clear();
-    _apc.clear();
-    _collect.clear();
-    _pars.reset();
-    _parameterLimitExceeded = false;
+    m_osc.clear();
+    m_apc.clear();
+    m_collect.clear();
+    m_pars.reset();
+    m_parameterLimitExceeded = false;
 }
 
 void EscapeSequenceParser::appendParameterByte(uint8_t code) {
     if (code == ';' || code == ':') {
-        if (_pars.count < CsiParameters::kMaxCount && !_parameterLimitExceeded) {
-            _pars.separators[_pars.count - 1] = code;
-            _pars.values[_pars.count++] = 0;
+        if (m_pars.count < CsiParameters::kMaxCount && !m_parameterLimitExceeded) {
+            m_pars.separators[m_pars.count - 1] = code;
+            m_pars.values[m_pars.count++] = 0;
         } else {
-            _parameterLimitExceeded = true;
+            m_parameterLimitExceeded = true;
         }
         return;
     }
-    if (_parameterLimitExceeded)
+    if (m_parameterLimitExceeded)
         return;
     // A value never exceeds the maximum, so v * 10 + d cannot overflow; taking the minimum
     // is the same as saturating once v > (max - d) / 10.
     const int d = code - '0';
-    int32_t& v = _pars.values[_pars.count - 1];
+    int32_t& v = m_pars.values[m_pars.count - 1];
     v = std::min(v * 10 + d, CsiParameters::kMaxValue);
 }
 
 void EscapeSequenceParser::dispatchOscString() {
-    const std::vector<uint8_t>& body = _osc.bytes;
+    const std::vector<uint8_t>& body = m_osc.bytes;
     const auto semicolon = std::find(body.begin(), body.end(), ';');
     const auto code = parseDecimal(std::span<const uint8_t>(body.data(), semicolon - body.begin()));
     // A string without a decimal code is dropped without a word: it is nothing we know.
@@ -123,23 +118,23 @@ void EscapeSequenceParser::dispatchOscString() {
         data = std::span<const uint8_t>(&*semicolon + 1, body.end() - semicolon - 1);
     }
     const int number = static_cast<int>(*code);
-    if (auto it = oscHandlers.find(number); it != oscHandlers.end()) {
+    if (auto it = m_oscHandlers.find(number); it != m_oscHandlers.end()) {
         it->second(data);
         return;
     }
-    if (terminal != nullptr)
-        terminal->dispatchOsc(number, data);
+    if (m_delegate != nullptr)
+        m_delegate->dispatchOsc(number, data);
 }
 
 void EscapeSequenceParser::dispatchApcString() {
-    const std::vector<uint8_t>& body = _apc.bytes;
+    const std::vector<uint8_t>& body = m_apc.bytes;
     const uint8_t command = body[0];
     const std::span<const uint8_t> data(body.data() + 1, body.size() - 1);
     if (command == 'G') {
-        if (terminal != nullptr)
-            terminal->handleKittyGraphics(data);
-    } else if (apcHandlerFallback) {
-        apcHandlerFallback(command, data);
+        if (m_delegate != nullptr)
+            m_delegate->handleKittyGraphics(data);
+    } else if (m_apcFallback) {
+        m_apcFallback(command, data);
     }
 }
 
@@ -147,31 +142,31 @@ void EscapeSequenceParser::endString(ParserState state, uint8_t terminator) {
     const bool cancelled = terminator == kCan || terminator == kSub;
     if (!cancelled) {
         if (state == ParserState::apcString) {
-            if (!_apc.bytes.empty())
+            if (!m_apc.bytes.empty())
                 dispatchApcString();
-        } else if (!_osc.bytes.empty()) {
+        } else if (!m_osc.bytes.empty()) {
             dispatchOscString();
         }
     }
-    if (terminal != nullptr)
-        terminal->printStateReset();
+    if (m_delegate != nullptr)
+        m_delegate->printStateReset();
     clearCollected();
 }
 
 void EscapeSequenceParser::hookDcs(uint8_t final) {
-    activeDcsHandler = nullptr;
-    if (_parameterLimitExceeded || terminal == nullptr)
+    m_activeDcsHandler = nullptr;
+    if (m_parameterLimitExceeded || m_delegate == nullptr)
         return;
-    const std::vector<uint8_t>& collect = _collect.bytes;
+    const std::vector<uint8_t>& collect = m_collect.bytes;
     if (final == 'q' && collect.empty()) {
-        activeDcsHandler = terminal->sixelDcsHandler();
+        m_activeDcsHandler = m_delegate->sixelDcsHandler();
     } else if (final == 'q' && collect.size() == 1 && collect[0] == '$') {
-        activeDcsHandler = terminal->decrqssDcsHandler();
-    } else if (dscHandlerFallback) {
-        dscHandlerFallback(collect, final);
+        m_activeDcsHandler = m_delegate->decrqssDcsHandler();
+    } else if (m_dcsFallback) {
+        m_dcsFallback(collect, final);
     }
-    if (activeDcsHandler != nullptr)
-        activeDcsHandler->hook(collect, _pars, final);
+    if (m_activeDcsHandler != nullptr)
+        m_activeDcsHandler->hook(collect, m_pars, final);
 }
 
 int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) {
@@ -182,21 +177,21 @@ int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) 
     if (j + 1 >= length || data[j] != '[')
         return 0;
     ++j;
-    if (!_osc.bytes.empty() || !_apc.bytes.empty()) {
+    if (!m_osc.bytes.empty() || !m_apc.bytes.empty()) {
         clearCollected();
     } else {
-        _collect.clear();
-        _pars.reset();
-        _parameterLimitExceeded = false;
+        m_collect.clear();
+        m_pars.reset();
+        m_parameterLimitExceeded = false;
     }
     uint8_t b = data[j];
     if (b >= 0x3C && b <= 0x3F) {
-        _collect.bytes.push_back(b);
+        m_collect.bytes.push_back(b);
         ++j;
     } else if (b == ':') {
         return 0; // a colon right after the introducer is an error the table reports
     }
-    int32_t* values = _pars.values.data();
+    int32_t* values = m_pars.values.data();
     int count = 1;
     bool limit = false;
     // The parameter being read stays in a register until its separator; past the limit the
@@ -210,7 +205,7 @@ int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) 
         } else if (b == ';' || b == ':') {
             if (count < CsiParameters::kMaxCount && !limit) {
                 values[count - 1] = current;
-                _pars.separators[count - 1] = b;
+                m_pars.separators[count - 1] = b;
                 ++count;
                 current = 0;
             } else {
@@ -221,10 +216,10 @@ int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) 
         }
     }
     values[count - 1] = current;
-    _pars.count = count;
-    _parameterLimitExceeded = limit;
+    m_pars.count = count;
+    m_parameterLimitExceeded = limit;
     for (; j < length && data[j] >= 0x20 && data[j] <= 0x2F; ++j)
-        _collect.bytes.push_back(data[j]);
+        m_collect.bytes.push_back(data[j]);
     if (j >= length || data[j] < 0x40 || data[j] > 0x7E)
         return 0;
     return j;
@@ -235,14 +230,14 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
     beginChunk();
     const uint8_t* const data = input.data();
     const int length = static_cast<int>(input.size());
-    ParserState state = currentState;
+    ParserState state = m_currentState;
     int printStart = -1;
     int dcsStart = -1;
 
     auto flushPrint = [&](int end) {
         if (printStart >= 0) {
-            if (terminal != nullptr)
-                terminal->print(slice(data, printStart, end));
+            if (m_delegate != nullptr)
+                m_delegate->print(slice(data, printStart, end));
             printStart = -1;
         }
     };
@@ -265,28 +260,28 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
             const int end = readSimpleCsi(data, i, length);
             if (end > 0) {
                 flushPrint(i);
-                if (terminal != nullptr) {
-                    terminal->printStateReset();
-                    terminal->printStateReset();
+                if (m_delegate != nullptr) {
+                    m_delegate->printStateReset();
+                    m_delegate->printStateReset();
                 }
                 dcsStart = -1;
-                if (!_parameterLimitExceeded && terminal != nullptr)
-                    terminal->dispatchCsi(data[end], _pars, _collect.bytes);
+                if (!m_parameterLimitExceeded && m_delegate != nullptr)
+                    m_delegate->dispatchCsi(data[end], m_pars, m_collect.bytes);
                 i = end;
                 continue;
             }
         }
         // Parameter digits are the commonest bytes of a sequence; they skip the table too.
         if (state == ParserState::csiParam && code >= '0' && code <= '9') {
-            if (!_parameterLimitExceeded) {
+            if (!m_parameterLimitExceeded) {
                 const int d = code - '0';
-                int32_t& v = _pars.values[_pars.count - 1];
+                int32_t& v = m_pars.values[m_pars.count - 1];
                 v = std::min(v * 10 + d, CsiParameters::kMaxValue);
             }
             continue;
         }
 
-        const uint8_t entry = table.table[static_cast<int>(state) << 8 | std::min<uint8_t>(code, 0xA0)];
+        const uint8_t entry = m_table.table[static_cast<int>(state) << 8 | std::min<uint8_t>(code, 0xA0)];
         const auto action = static_cast<ParserAction>(entry >> 4);
         auto next = static_cast<ParserState>(entry & 0x0F);
 
@@ -294,8 +289,8 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
         case ParserAction::ignore:
             if (printStart >= 0) {
                 flushPrint(i);
-            } else if (dcsStart >= 0 && activeDcsHandler != nullptr) {
-                activeDcsHandler->put(slice(data, dcsStart, i));
+            } else if (dcsStart >= 0 && m_activeDcsHandler != nullptr) {
+                m_activeDcsHandler->put(slice(data, dcsStart, i));
                 dcsStart = -1;
             }
             break;
@@ -305,21 +300,21 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
             break;
         case ParserAction::execute:
             flushPrint(i);
-            if (terminal != nullptr)
-                terminal->dispatchExecute(code);
+            if (m_delegate != nullptr)
+                m_delegate->dispatchExecute(code);
             break;
         case ParserAction::oscStart:
             flushPrint(i);
             if (next == ParserState::apcString) {
-                _apc.clear();
+                m_apc.clear();
             } else {
-                _osc.clear();
+                m_osc.clear();
             }
             break;
         case ParserAction::oscPut: {
             // The body is taken in one inner loop; other controls inside it are dropped, so
             // SUB and the 8-bit ST stop nothing once the body has begun.
-            std::vector<uint8_t>& body = state == ParserState::apcString ? _apc.bytes : _osc.bytes;
+            std::vector<uint8_t>& body = state == ParserState::apcString ? m_apc.bytes : m_osc.bytes;
             int j = i;
             while (j < length) {
                 const uint8_t c = data[j];
@@ -340,25 +335,25 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
             break;
         case ParserAction::csiDispatch:
             // A sequence with too many parameters is swallowed whole.
-            if (!_parameterLimitExceeded && terminal != nullptr) {
-                terminal->dispatchCsi(code, _pars, _collect.bytes);
+            if (!m_parameterLimitExceeded && m_delegate != nullptr) {
+                m_delegate->dispatchCsi(code, m_pars, m_collect.bytes);
             }
             break;
         case ParserAction::param:
             appendParameterByte(code);
             break;
         case ParserAction::collect:
-            _collect.bytes.push_back(code);
+            m_collect.bytes.push_back(code);
             break;
         case ParserAction::escDispatch:
-            if (terminal != nullptr)
-                terminal->dispatchEsc(_collect.bytes, code);
+            if (m_delegate != nullptr)
+                m_delegate->dispatchEsc(m_collect.bytes, code);
             break;
         case ParserAction::clear:
             flushPrint(i);
             clearCollected();
-            if (terminal != nullptr)
-                terminal->printStateReset();
+            if (m_delegate != nullptr)
+                m_delegate->printStateReset();
             dcsStart = -1;
             break;
         case ParserAction::dcsHook:
@@ -369,15 +364,15 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
                 dcsStart = i;
             break;
         case ParserAction::dcsUnhook:
-            if (activeDcsHandler != nullptr) {
+            if (m_activeDcsHandler != nullptr) {
                 if (dcsStart >= 0)
-                    activeDcsHandler->put(slice(data, dcsStart, i));
-                activeDcsHandler->unhook();
-                activeDcsHandler = nullptr;
+                    m_activeDcsHandler->put(slice(data, dcsStart, i));
+                m_activeDcsHandler->unhook();
+                m_activeDcsHandler = nullptr;
             }
             dcsStart = -1;
-            if (terminal != nullptr)
-                terminal->printStateReset();
+            if (m_delegate != nullptr)
+                m_delegate->printStateReset();
             clearCollected();
             if (code == kEsc)
                 next = ParserState::escape;
@@ -400,17 +395,17 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
                     break;
                 }
             }
-            if (errorHandler) {
+            if (m_errorHandler) {
                 ParsingState report;
                 report.position = i;
                 report.code = code;
                 report.currentState = state;
                 report.print = printStart;
                 report.dcs = dcsStart;
-                report.osc = _osc.bytes;
-                report.apc = _apc.bytes;
-                report.collect = _collect.bytes;
-                const ParsingState answer = errorHandler(std::move(report));
+                report.osc = m_osc.bytes;
+                report.apc = m_apc.bytes;
+                report.collect = m_collect.bytes;
+                const ParsingState answer = m_errorHandler(std::move(report));
                 if (answer.abort) {
                     restoreChunkStart();
                     return;
@@ -423,10 +418,10 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
 
     if (state == ParserState::ground) {
         flushPrint(length);
-    } else if (state == ParserState::dcsPassthrough && dcsStart >= 0 && activeDcsHandler != nullptr) {
-        activeDcsHandler->put(slice(data, dcsStart, length));
+    } else if (state == ParserState::dcsPassthrough && dcsStart >= 0 && m_activeDcsHandler != nullptr) {
+        m_activeDcsHandler->put(slice(data, dcsStart, length));
     }
-    currentState = state;
+    m_currentState = state;
 }
 
 } // namespace termkit

@@ -42,7 +42,7 @@ class EscapeSequenceParser {
 public:
     using OscHandler = std::function<void(std::span<const uint8_t>)>;
 
-    explicit EscapeSequenceParser(ParserDelegate* terminal);
+    explicit EscapeSequenceParser(ParserDelegate* delegate);
 
     /// Runs the machine over one chunk. The only entry point; not re-entrant.
     void parse(std::span<const uint8_t> data);
@@ -51,31 +51,30 @@ public:
 
     /// Registers a handler for an OSC code; it wins over the terminal's own handling, and a
     /// later registration for the same code replaces the earlier one.
-    void registerOscHandler(int code, OscHandler handler) { oscHandlers[code] = std::move(handler); }
+    void registerOscHandler(int code, OscHandler handler) { m_oscHandlers[code] = std::move(handler); }
 
     /// Separators of the sequence being dispatched (`;` or `:`), one per parameter after the first.
-    std::span<const uint8_t> parsTxt() const { return _pars.separatorSpan(); }
+    std::span<const uint8_t> parsTxt() const { return m_pars.separatorSpan(); }
     /// Parameters of the sequence being dispatched.
-    const CsiParameters& pars() const { return _pars; }
+    const CsiParameters& pars() const { return m_pars; }
     /// Intermediate and private-marker bytes of the sequence being dispatched.
-    std::span<const uint8_t> collect() const { return _collect.bytes; }
+    std::span<const uint8_t> collect() const { return m_collect.bytes; }
 
-    std::unordered_map<int, OscHandler> oscHandlers;
-    DcsHandler* activeDcsHandler = nullptr;
-    std::function<ParsingState(ParsingState)> errorHandler;
-    ParserDelegate* terminal;
-    ParserState initialState = ParserState::ground;
-    ParserState currentState = ParserState::ground;
+    /// The state the machine is in between chunks.
+    ParserState currentState() const { return m_currentState; }
 
-    std::function<void(std::span<const uint8_t> collect, uint8_t final)> escHandlerFallback;
-    std::function<void(std::span<const uint8_t> collect, uint8_t final)> dscHandlerFallback;
-    std::function<void(uint8_t code)> executeHandlerFallback;
-    std::function<void(std::span<const uint8_t> collect, uint8_t final, const CsiParameters& pars)>
-        csiHandlerFallback;
-    std::function<void(int code, std::span<const uint8_t> data)> oscHandlerFallback;
-    std::function<void(uint8_t command, std::span<const uint8_t> data)> apcHandlerFallback;
-
-    int logFileCounter = 1;
+    /// Told of every byte the table calls an error; it may ask to abort the chunk.
+    void setErrorHandler(std::function<ParsingState(ParsingState)> handler) {
+        m_errorHandler = std::move(handler);
+    }
+    /// Told of an APC string that is not kitty graphics.
+    void setApcFallback(std::function<void(uint8_t command, std::span<const uint8_t> data)> fallback) {
+        m_apcFallback = std::move(fallback);
+    }
+    /// Told of a DCS string that no handler takes.
+    void setDcsFallback(std::function<void(std::span<const uint8_t> collect, uint8_t final)> fallback) {
+        m_dcsFallback = std::move(fallback);
+    }
 
 private:
     // A byte vector whose content at the start of a chunk can be restored when the error
@@ -119,11 +118,11 @@ private:
     void appendParameterByte(uint8_t code);
     int readSimpleCsi(const uint8_t* data, int i, int length);
 
-    RestorableBytes _osc;
-    RestorableBytes _apc;
-    RestorableBytes _collect;
-    CsiParameters _pars;
-    bool _parameterLimitExceeded = false;
+    RestorableBytes m_osc;
+    RestorableBytes m_apc;
+    RestorableBytes m_collect;
+    CsiParameters m_pars;
+    bool m_parameterLimitExceeded = false;
 
     // Scalars of the chunk start, for an aborting error handler.
     ParserState m_stateAtStart = ParserState::ground;
@@ -131,7 +130,15 @@ private:
     bool m_limitAtStart = false;
     DcsHandler* m_dcsAtStart = nullptr;
 
-    const TransitionTable& table;
+    const TransitionTable& m_table;
+    ParserDelegate* m_delegate;
+    std::unordered_map<int, OscHandler> m_oscHandlers;
+    DcsHandler* m_activeDcsHandler = nullptr;
+    std::function<ParsingState(ParsingState)> m_errorHandler;
+    std::function<void(uint8_t command, std::span<const uint8_t> data)> m_apcFallback;
+    std::function<void(std::span<const uint8_t> collect, uint8_t final)> m_dcsFallback;
+    ParserState m_initialState = ParserState::ground;
+    ParserState m_currentState = ParserState::ground;
 };
 
 } // namespace termkit

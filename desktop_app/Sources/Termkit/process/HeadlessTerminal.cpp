@@ -8,7 +8,7 @@ namespace termkit {
 
 HeadlessTerminal::HeadlessTerminal(SerialExecutor& queue, TerminalOptions options, EndAction onEnd,
                                    TerminalScheduler* scheduler)
-    : onEnd(std::move(onEnd)), m_terminal(this, std::move(options), scheduler), m_process(this, queue) {}
+    : m_onEnd(std::move(onEnd)), m_terminal(this, std::move(options), scheduler), m_process(this, queue) {}
 
 HeadlessTerminal::~HeadlessTerminal() = default;
 
@@ -35,8 +35,8 @@ std::optional<winsize> HeadlessTerminal::getWindowSize() {
 }
 
 void HeadlessTerminal::processTerminated(LocalProcess& /*source*/, std::optional<int32_t> exitCode) {
-    if (onEnd)
-        onEnd(exitCode);
+    if (m_onEnd)
+        m_onEnd(exitCode);
 }
 
 void HeadlessTerminal::dataReceived(std::span<const uint8_t> slice) {
@@ -52,7 +52,7 @@ void HeadlessTerminal::sizeChanged(Terminal& /*source*/) {
 }
 
 void HeadlessTerminal::hostCurrentDirectoryUpdated(Terminal& source) {
-    m_dir = source.hostCurrentDirectory;
+    m_dir = source.hostCurrentDirectory();
 }
 
 void HeadlessTerminal::createImageFromBitmap(Terminal& /*source*/, std::vector<uint8_t> bytes, int width,

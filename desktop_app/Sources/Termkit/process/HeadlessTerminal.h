@@ -53,7 +53,6 @@ public:
     /// The directory the program last reported, if any.
     const std::optional<std::string>& dir() const { return m_dir; }
     const std::vector<Image>& images() const { return m_images; }
-    EndAction onEnd;
 
     // LocalProcessDelegate
     void processTerminated(LocalProcess& source, std::optional<int32_t> exitCode) override;
@@ -67,6 +66,7 @@ public:
 private:
     void updateChildSize();
 
+    EndAction m_onEnd;
     Terminal m_terminal;
     // Declared after the terminal so that it goes first: no output arrives for a dead terminal.
     LocalProcess m_process;

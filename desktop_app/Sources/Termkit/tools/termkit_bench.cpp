@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
     options.rows = rows;
     options.scrollback = scrollback;
     termkit::Terminal terminal(&host, options);
-    terminal.silentLog = true;
+    terminal.setSilentLog(true);
 
     const auto start = std::chrono::steady_clock::now();
     if (!nofeed) {
@@ -84,7 +84,7 @@ int main(int argc, char** argv) {
     std::printf(
         "{\"peer\":\"termkit\",\"bytes\":%zu,\"seconds\":%.6f,\"mbps\":%.3f,\"scrollback_lines\":%d}\n",
         bytes, seconds, seconds > 0 ? static_cast<double>(bytes) / seconds / 1e6 : 0.0,
-        terminal.normalBuffer().yBase);
+        terminal.normalBuffer().yBase().value);
     if (dump) {
         for (const std::string& row : termkit::screenText(terminal))
             std::printf("|%s\n", row.c_str());

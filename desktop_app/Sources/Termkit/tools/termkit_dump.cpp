@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
     options.rows = rows;
     options.scrollback = scrollback;
     termkit::Terminal terminal(&host, options);
-    terminal.silentLog = true;
+    terminal.setSilentLog(true);
     terminal.feed(data);
     const std::string out = termkit::dumpScreen(terminal, attrs);
     std::fwrite(out.data(), 1, out.size(), stdout);

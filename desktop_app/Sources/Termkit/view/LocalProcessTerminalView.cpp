@@ -70,7 +70,7 @@ void LocalProcessTerminalView::setTerminalTitle(Terminal& source, const std::str
 void LocalProcessTerminalView::hostCurrentDirectoryUpdated(Terminal& source) {
     TerminalView::hostCurrentDirectoryUpdated(source);
     if (m_processDelegate)
-        m_processDelegate->hostCurrentDirectoryUpdate(*this, TerminalAccess::hostCurrentDirectory(source));
+        m_processDelegate->hostCurrentDirectoryUpdate(*this, reportedDirectory(source));
 }
 
 } // namespace termkit

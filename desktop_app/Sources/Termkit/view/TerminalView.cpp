@@ -150,7 +150,7 @@ void TerminalView::sendUserInput(std::span<const uint8_t> data) {
         }
     }
     // Typing brings the view back to the program's screen.
-    if (m_userScrolling || TerminalAccess::linesScrolledBack(*m_terminal) != 0)
+    if (m_userScrolling || linesScrolledBack() != 0)
         scrollTo(0);
     send(data);
 }
@@ -162,26 +162,68 @@ void TerminalView::sendText(const QString& text) {
 }
 
 void TerminalView::paste(const QString& text) {
-    const std::string bytes =
-        PasteEncoder::encode(text.toStdString(), TerminalAccess::inputModes(*m_terminal).bracketedPasteMode);
+    const std::string bytes = PasteEncoder::encode(text.toStdString(), inputModes().bracketedPasteMode);
     sendUserInput(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
+}
+
+// --- Reading the terminal ------------------------------------------------------------------------
+
+InputModes TerminalView::inputModes() const {
+    InputModes modes;
+    modes.applicationCursor = m_terminal->applicationCursor();
+    modes.applicationKeypad = m_terminal->applicationKeypad();
+    modes.bracketedPasteMode = m_terminal->bracketedPasteMode();
+    modes.alternateScrollMode = m_terminal->alternateScrollMode();
+    modes.alternateBufferActive = m_terminal->isAlternateBufferActive();
+    modes.sendFocus = m_terminal->sendFocus();
+    modes.mouseMode = m_terminal->mouseMode();
+    modes.mouseProtocol = m_terminal->mouseProtocol();
+    // Each screen keeps its own keyboard enhancement flags.
+    modes.keyboardEnhancementFlags = m_terminal->isAlternateBufferActive() ? m_terminal->keyboardModeAlt()
+                                                                           : m_terminal->keyboardModeNormal();
+    return modes;
+}
+
+int TerminalView::linesScrolledBack() const {
+    const Buffer& buffer = m_terminal->buffer();
+    return buffer.yBase() - buffer.yDisp();
+}
+
+bool TerminalView::caretBlinks() const {
+    switch (m_terminal->cursorStyle()) {
+    case CursorStyle::blinkBlock:
+    case CursorStyle::blinkUnderline:
+    case CursorStyle::blinkBar:
+        return true;
+    case CursorStyle::steadyBlock:
+    case CursorStyle::steadyUnderline:
+    case CursorStyle::steadyBar:
+        break;
+    }
+    return m_terminal->cursorBlink();
+}
+
+std::optional<std::string> TerminalView::reportedDirectory(const Terminal& terminal) {
+    if (terminal.hostCurrentDirectory().empty())
+        return std::nullopt;
+    return terminal.hostCurrentDirectory();
 }
 
 // --- Scrolling ------------------------------------------------------------------------------------
 
 void TerminalView::scrollTo(int linesBack) {
-    TerminalAccess::scrollBackTo(*m_terminal, linesBack);
-    const bool scrolling = TerminalAccess::linesScrolledBack(*m_terminal) != 0;
-    TerminalAccess::setUserScrolling(*m_terminal, scrolling);
+    const Buffer& buffer = m_terminal->buffer();
+    m_terminal->scrollDisplay(buffer.yBase() - std::clamp(linesBack, 0, buffer.yBase().value));
+    m_terminal->updateFullScreen();
+    const bool scrolling = linesScrolledBack() != 0;
+    m_terminal->setUserScrolling(scrolling);
     if (scrolling != m_userScrolling) {
         m_userScrolling = scrolling;
         emit scrolledChanged();
     }
     if (m_delegate) {
-        const int total = TerminalAccess::scrollbackLines(*m_terminal);
-        const double position =
-            total == 0 ? 1.0
-                       : 1.0 - static_cast<double>(TerminalAccess::linesScrolledBack(*m_terminal)) / total;
+        const int total = m_terminal->buffer().yBase().value;
+        const double position = total == 0 ? 1.0 : 1.0 - static_cast<double>(linesScrolledBack()) / total;
         m_delegate->scrolled(*this, position);
     }
     m_caretDirty = true;
@@ -189,11 +231,11 @@ void TerminalView::scrollTo(int linesBack) {
 }
 
 void TerminalView::scrollUp(int lines) {
-    scrollTo(TerminalAccess::linesScrolledBack(*m_terminal) + lines);
+    scrollTo(linesScrolledBack() + lines);
 }
 
 void TerminalView::scrollDown(int lines) {
-    scrollTo(TerminalAccess::linesScrolledBack(*m_terminal) - lines);
+    scrollTo(linesScrolledBack() - lines);
 }
 
 void TerminalView::pageUp() {
@@ -251,8 +293,7 @@ void TerminalView::setNativeForegroundColor(const QColor& color) {
 }
 
 QColor TerminalView::caretColor() const {
-    return m_settings.caretColor ? QColor::fromRgba(TerminalAccess::argb(*m_settings.caretColor))
-                                 : nativeForegroundColor();
+    return m_settings.caretColor ? QColor::fromRgba(argb(*m_settings.caretColor)) : nativeForegroundColor();
 }
 
 void TerminalView::setCaretColor(const QColor& color) {
@@ -263,7 +304,7 @@ void TerminalView::setCaretColor(const QColor& color) {
 }
 
 QColor TerminalView::caretTextColor() const {
-    return m_settings.caretTextColor ? QColor::fromRgba(TerminalAccess::argb(*m_settings.caretTextColor))
+    return m_settings.caretTextColor ? QColor::fromRgba(argb(*m_settings.caretTextColor))
                                      : nativeBackgroundColor();
 }
 
@@ -385,7 +426,7 @@ void TerminalView::attachToWindow(QQuickWindow* window) {
 // --- Display pacing -------------------------------------------------------------------------------
 
 void TerminalView::queuePendingDisplay() {
-    switch (m_pacing.queuePendingDisplay(now(), TerminalAccess::synchronizedOutputActive(*m_terminal))) {
+    switch (m_pacing.queuePendingDisplay(now(), m_terminal->synchronizedOutputActive())) {
     case DisplayPacing::Decision::drawNow:
         polish();
         break;
@@ -399,7 +440,7 @@ void TerminalView::queuePendingDisplay() {
 }
 
 void TerminalView::displayTimerFired() {
-    if (m_pacing.timerFired(TerminalAccess::synchronizedOutputActive(*m_terminal)))
+    if (m_pacing.timerFired(m_terminal->synchronizedOutputActive()))
         polish();
 }
 
@@ -423,7 +464,7 @@ void TerminalView::updateTimers() {
         if (!wasShown)
             polish();
     }
-    const bool blinkingCaret = TerminalAccess::caret(*m_terminal).blinks;
+    const bool blinkingCaret = caretBlinks();
     if (blinkingCaret && hasActiveFocus() && active) {
         if (!m_caretBlinkTimer.isActive())
             m_caretBlinkTimer.start();
@@ -461,7 +502,7 @@ void TerminalView::sizeChanged(Terminal&) {
     polish();
 }
 
-void TerminalView::scrolled(Terminal&, int) {
+void TerminalView::scrolled(Terminal&, LineIndex) {
     polish();
 }
 
@@ -485,7 +526,7 @@ void TerminalView::progressReport(Terminal&, const ProgressReport& report) {
 
 void TerminalView::hostCurrentDirectoryUpdated(Terminal& source) {
     if (m_delegate)
-        m_delegate->hostCurrentDirectoryUpdate(*this, TerminalAccess::hostCurrentDirectory(source));
+        m_delegate->hostCurrentDirectoryUpdate(*this, reportedDirectory(source));
 }
 
 void TerminalView::clipboardCopy(Terminal&, std::vector<uint8_t> content) {

@@ -19,7 +19,7 @@
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/view/DisplayPacing.h"
 #include "Termkit/view/ProgressBarState.h"
-#include "Termkit/view/TerminalAccess.h"
+#include "Termkit/view/TerminalCells.h"
 #include "Termkit/view/TerminalViewDelegate.h"
 #include "Termkit/view/TerminalViewSettings.h"
 #include "Termkit/view/TextBlink.h"
@@ -196,7 +196,7 @@ protected:
     void send(Terminal& source, std::span<const uint8_t> data) override;
     void setTerminalTitle(Terminal& source, const std::string& title) override;
     void sizeChanged(Terminal& source) override;
-    void scrolled(Terminal& source, int yDisp) override;
+    void scrolled(Terminal& source, LineIndex yDisp) override;
     void bell(Terminal& source) override;
     void synchronizedOutputChanged(Terminal& source, bool active) override;
     void progressReport(Terminal& source, const ProgressReport& report) override;
@@ -212,10 +212,20 @@ protected:
     void sendUserInput(std::span<const uint8_t> data);
     /// The view's size in cells changed; the default tells the delegate.
     virtual void terminalResized(int cols, int rows);
+    /// The directory the program last reported (OSC 7), or nothing before it has.
+    static std::optional<std::string> reportedDirectory(const Terminal& terminal);
 
 private:
     friend class ViewRootNode;
     struct PendingFrame;
+
+    // What the view reads of the terminal's state
+    /// The modes the key, pointer and paste encoders follow, as the program set them now.
+    InputModes inputModes() const;
+    /// How many lines the display is scrolled back from the bottom.
+    int linesScrolledBack() const;
+    /// The caret blinks: by its style, or because the program turned blinking on.
+    bool caretBlinks() const;
 
     // Display
     void queuePendingDisplay();

@@ -63,7 +63,7 @@ void TerminalView::keyPressEvent(QKeyEvent* event) {
     options.optionAsMetaKey = m_settings.optionAsMetaKey;
     options.backspaceSendsControlH = m_settings.backspaceSendsControlH;
     // Keyboard enhancements (the kitty protocol) come first when the program enabled them.
-    const InputModes modes = TerminalAccess::inputModes(*m_terminal);
+    const InputModes modes = inputModes();
     std::optional<std::string> bytes;
     if (modes.keyboardEnhancementFlags != 0 && m_extensions.encodeEnhancedKey)
         bytes = m_extensions.encodeEnhancedKey(press, modes);
@@ -116,7 +116,7 @@ MouseEvent TerminalView::mouseEventAt(MouseAction action, MouseButton button, QP
 }
 
 bool TerminalView::reportMouse(const MouseEvent& event, Qt::KeyboardModifiers modifiers) {
-    const InputModes modes = TerminalAccess::inputModes(*m_terminal);
+    const InputModes modes = inputModes();
     if (!MouseEncoder::reportsMouse(modes, m_settings.allowMouseReporting, modifiersOf(modifiers))) {
         // The pointer is the terminal's own: selection and links take it from here.
         if (m_extensions.pointer)
@@ -153,7 +153,7 @@ void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
 }
 
 void TerminalView::hoverMoveEvent(QHoverEvent* event) {
-    if (TerminalAccess::inputModes(*m_terminal).mouseMode == MouseMode::anyEvent && !m_pressedButton)
+    if (inputModes().mouseMode == MouseMode::anyEvent && !m_pressedButton)
         reportMouse(
             mouseEventAt(MouseAction::motion, MouseButton::none, event->position(), event->modifiers()),
             event->modifiers());
@@ -172,9 +172,8 @@ void TerminalView::wheelEvent(QWheelEvent* event) {
     wheel.row = at.row;
     wheel.pixelX = at.pixelX;
     wheel.pixelY = at.pixelY;
-    const WheelOutcome outcome =
-        WheelScroll::handle(wheel, TerminalAccess::inputModes(*m_terminal), m_settings.allowMouseReporting,
-                            m_settings.scrollSensitivity, m_scrollAccumulator);
+    const WheelOutcome outcome = WheelScroll::handle(wheel, inputModes(), m_settings.allowMouseReporting,
+                                                     m_settings.scrollSensitivity, m_scrollAccumulator);
     switch (outcome.kind) {
     case WheelOutcome::Kind::report:
         send(std::span(reinterpret_cast<const uint8_t*>(outcome.bytes.data()), outcome.bytes.size()));
@@ -209,7 +208,7 @@ void TerminalView::focusOutEvent(QFocusEvent* event) {
 }
 
 void TerminalView::sendFocusReport(bool focused) {
-    if (!TerminalAccess::inputModes(*m_terminal).sendFocus)
+    if (!inputModes().sendFocus)
         return;
     const std::string_view report = focused ? "\x1b[I" : "\x1b[O";
     send(std::span(reinterpret_cast<const uint8_t*>(report.data()), report.size()));

@@ -106,14 +106,14 @@ CacheSignature TerminalView::signature() const {
     s.cellHeight = cell.height;
     s.viewWidth = static_cast<int>(width() * m_devicePixelRatio);
     s.viewHeight = static_cast<int>(height() * m_devicePixelRatio);
-    s.yDisp = TerminalAccess::displayTop(*m_terminal);
+    s.yDisp = m_terminal->buffer().yDisp().value;
     s.rows = m_terminal->rows();
     s.cols = m_terminal->cols();
     s.fontName = m_fontFamily.toStdString();
     s.fontSize = m_fontSize;
-    s.isAltBuffer = TerminalAccess::inputModes(*m_terminal).alternateBufferActive;
+    s.isAltBuffer = m_terminal->isAlternateBufferActive();
     s.bidiHostPolicy = static_cast<int>(m_settings.bidiHostPolicy);
-    s.colorStamp = TerminalAccess::colorStamp(*m_terminal, m_colors);
+    s.colorStamp = colorStamp(*m_terminal, m_colors);
     return s;
 }
 
@@ -153,8 +153,8 @@ void TerminalView::setUsesGpu(bool gpu) {
 
 void TerminalView::buildFrame() {
     TerminalRowSource source(*m_terminal, m_colors);
-    const RowBuildContext context{
-        m_fonts->metrics(), TerminalAccess::effectiveBackground(*m_terminal, m_colors), m_textBlink.shown()};
+    const RowBuildContext context{m_fonts->metrics(), viewBackground(*m_terminal, m_colors),
+                                  m_textBlink.shown()};
     FrameBuilder::Result result = m_frames->build(source, signature(), context);
     m_bytesInFrame = m_bytesFed;
     if (m_pendingAllRows)
@@ -183,22 +183,25 @@ void TerminalView::buildFrame() {
 }
 
 void TerminalView::buildCaret() {
-    const CaretState state = TerminalAccess::caret(*m_terminal);
+    const auto [cursorCol, cursorRow] = m_terminal->getCursorLocation();
+    const Buffer& buffer = m_terminal->buffer();
+    // The caret sits on the program's screen: scrolled back, it is off the display, and its row
+    // on the display is its screen row moved down by how far the display is scrolled back.
+    const bool scrolledBack = buffer.yDisp() != buffer.yBase();
+    const int caretRow = cursorRow.value + (buffer.yBase() - buffer.yDisp());
     const CellMetrics& cell = m_fonts->metrics();
     const bool focused = hasActiveFocus();
-    const bool visible = state.visible && (m_caretBlinkShown || !focused);
+    const bool visible = !m_terminal->cursorHidden() && !scrolledBack && (m_caretBlinkShown || !focused);
     QString cluster;
-    int col = state.col;
-    const RenderCell under = TerminalAccess::cellAt(*m_terminal, col, state.row, m_colors, cluster);
+    int col = cursorCol.value;
+    const RenderCell under = cellAt(*m_terminal, col, caretRow, m_colors, cluster);
     CaretLook look;
-    look.shape = shapeOf(state.style);
+    look.shape = shapeOf(m_terminal->cursorStyle());
     look.focused = focused;
-    look.caretColor =
-        m_settings.caretColor ? TerminalAccess::argb(*m_settings.caretColor) : m_colors.foreground;
-    look.caretTextColor =
-        m_settings.caretTextColor ? TerminalAccess::argb(*m_settings.caretTextColor) : m_colors.background;
+    look.caretColor = m_settings.caretColor ? argb(*m_settings.caretColor) : m_colors.foreground;
+    look.caretTextColor = m_settings.caretTextColor ? argb(*m_settings.caretTextColor) : m_colors.background;
     look.cells = under.width == 2 ? 2 : 1;
-    const QRectF rect(col * cell.width / m_devicePixelRatio, state.row * cell.height / m_devicePixelRatio,
+    const QRectF rect(col * cell.width / m_devicePixelRatio, caretRow * cell.height / m_devicePixelRatio,
                       look.cells * cell.width / m_devicePixelRatio, cell.height / m_devicePixelRatio);
     if (visible != m_caretVisible || rect != m_caretRect)
         m_caretDirty = true;
@@ -233,7 +236,7 @@ QSGNode* TerminalView::updatePaintNode(QSGNode* oldNode, UpdatePaintNodeData*) {
         m_caretDirty = true;
     }
     root->background->setRect(boundingRect());
-    root->background->setColor(qcolor(TerminalAccess::effectiveBackground(*m_terminal, m_colors)));
+    root->background->setColor(qcolor(viewBackground(*m_terminal, m_colors)));
     updateRowNodes(*root, w);
     updateCaretNode(*root, w);
     updateOverlayNodes(*root);

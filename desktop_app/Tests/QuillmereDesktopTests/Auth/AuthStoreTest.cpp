@@ -89,6 +89,37 @@ private slots:
         QCOMPARE(store.client()->baseURL().toString(), "http://127.0.0.1:8787/");
     }
 
+    void theOldAddressKeyIsTakenOverOnceAndRemoved() {
+        // An installation that only has the address under the queue's old key keeps it.
+        m_prefs.setString("baseURL", "http://relay.example:9000/");
+        {
+            AuthStore store(m_prefs, m_secrets, nullptr, manualStart());
+            QCOMPARE(store.relayURLString(), "http://relay.example:9000/");
+            QCOMPARE(store.client()->baseURL().toString(), "http://relay.example:9000/");
+        }
+        QCOMPARE(m_prefs.stringValue("relayURL"), QString("http://relay.example:9000/"));
+        QVERIFY(!m_prefs.contains("baseURL"));
+        // Once only: a later change of the address is not undone by the old key.
+        AuthStore changed(m_prefs, m_secrets, nullptr, manualStart());
+        changed.setRelayURLString("http://relay.example:9001/");
+        AuthStore again(m_prefs, m_secrets, nullptr, manualStart());
+        QCOMPARE(again.relayURLString(), "http://relay.example:9001/");
+    }
+
+    void whenBothKeysExistTheSignInAddressWins() {
+        m_prefs.setString("relayURL", "http://relay.example:9000/");
+        m_prefs.setString("baseURL", "http://other.example:9000/");
+        AuthStore store(m_prefs, m_secrets, nullptr, manualStart());
+        QCOMPARE(store.relayURLString(), "http://relay.example:9000/");
+        QCOMPARE(m_prefs.stringValue("relayURL"), QString("http://relay.example:9000/"));
+        QVERIFY(!m_prefs.contains("baseURL"));
+    }
+
+    void theDefaultAddressIsTheManagedRelaysPort() {
+        QCOMPARE(AuthStore::defaultRelayURL, "http://127.0.0.1:8787/");
+        QCOMPARE(QUrl(AuthStore::defaultRelayURL).port(), RelayProcessConfig::defaultPort);
+    }
+
     void tokenAccountsFollowTheURLText() {
         const QString account = AuthStore::tokenAccount("http://Relay.Example.com/");
         QCOMPARE(account, AuthStore::tokenAccount("http://relay.example.com/"));

@@ -1,11 +1,17 @@
 #include "QuillmereDesktop/Auth/RelayProcessManager.h"
+#include "support/Await.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 
+#include <chrono>
 #include <csignal>
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -17,6 +23,26 @@ const char* const fakePython = R"sh(#!/bin/sh
   env
 } > "$FAKE_RELAY_RECORD"
 exec sleep 60
+)sh";
+
+// A stand-in that counts its launches, then stays up like a server.
+const char* const countingPython = R"sh(#!/bin/sh
+echo launched >> "$FAKE_RELAY_RECORD"
+exec sleep 60
+)sh";
+
+// A stand-in that will not stop when asked: SIGTERM is ignored, only a kill ends it.
+const char* const stubbornPython = R"sh(#!/bin/sh
+trap '' TERM
+echo "ignoring=TERM" > "$FAKE_RELAY_RECORD"
+exec sleep 60
+)sh";
+
+// A stand-in that stops when asked and says so before it goes.
+const char* const politePython = R"sh(#!/bin/sh
+trap 'echo "stopped=asked" > "$FAKE_RELAY_RECORD"; exit 0' TERM
+echo "started=yes" > "$FAKE_RELAY_RECORD"
+while :; do sleep 1; done
 )sh";
 
 void writeFile(const QString& path, const QByteArray& content, bool executable) {
@@ -137,7 +163,7 @@ private slots:
     void missingScriptIsReported() {
         writeFile(path("bin-b/python3"), fakePython, true);
         RelayProcessManager manager(emptyConfig());
-        const auto result = manager.start();
+        const auto result = await(manager.start());
         QCOMPARE(result.error().message, "The bundled relay files could not be found.");
         QVERIFY(!manager.ownsProcess());
     }
@@ -147,12 +173,12 @@ private slots:
         RelayProcessConfig config = emptyConfig();
         config.systemInterpreters = {path("usr/bin/python3")};
         RelayProcessManager manager(config);
-        QCOMPARE(manager.start().error().message, "Python 3 is required to run the local relay.");
+        QCOMPARE(await(manager.start()).error().message, "Python 3 is required to run the local relay.");
     }
 
     void startGivesTheEnvironmentTable() {
         RelayProcessManager manager(workingConfig());
-        QVERIFY(manager.start().ok());
+        QVERIFY(await(manager.start()).ok());
         QTRY_VERIFY(record().contains("MERE_RELAY_LOCAL_AUTH"));
         const auto values = record();
         QCOMPARE(values["args"], path("source/cloud_app/src/relay/server.py"));
@@ -168,20 +194,20 @@ private slots:
 
     void startTwiceLaunchesOneChild() {
         RelayProcessManager manager(workingConfig());
-        QVERIFY(manager.start().ok());
+        QVERIFY(await(manager.start()).ok());
         const qint64 pid = *manager.processId();
-        QVERIFY(manager.start().ok());
+        QVERIFY(await(manager.start()).ok());
         QCOMPARE(*manager.processId(), pid);
     }
 
     void aDeadChildIsReplacedByTheNextStart() {
         RelayProcessManager manager(workingConfig());
-        QVERIFY(manager.start().ok());
+        QVERIFY(await(manager.start()).ok());
         const qint64 pid = *manager.processId();
         ::kill(pid_t(pid), SIGKILL);
         QTRY_VERIFY(!manager.isRunning());
         QVERIFY(manager.ownsProcess());
-        QVERIFY(manager.start().ok());
+        QVERIFY(await(manager.start()).ok());
         QVERIFY(*manager.processId() != pid);
     }
 
@@ -192,17 +218,17 @@ private slots:
                 std::map<QString, QString>{{"MERE_RELAY_LOCAL_AUTH", "0"}, {"ROUTER_MODELS_JSON", "[]"}});
         };
         RelayProcessManager manager(config);
-        QVERIFY(manager.start().ok());
+        QVERIFY(await(manager.start()).ok());
         QTRY_VERIFY(record().contains("ROUTER_MODELS_JSON"));
         QCOMPARE(record()["MERE_RELAY_LOCAL_AUTH"], "0");
-        manager.terminateOwned();
+        await(manager.stop());
 
         QFile::remove(path("record.txt"));
         config.inventoryEnvironment = [] {
             return Result<std::map<QString, QString>>(Error{"The provider inventory could not be read."});
         };
         RelayProcessManager failing(config);
-        QCOMPARE(failing.start().error().message, "The provider inventory could not be read.");
+        QCOMPARE(await(failing.start()).error().message, "The provider inventory could not be read.");
         QVERIFY(!failing.ownsProcess());
         QTest::qWait(100);
         QVERIFY(!QFile::exists(path("record.txt")));
@@ -210,15 +236,15 @@ private slots:
 
     void restartOfAForeignRelayRefuses() {
         RelayProcessManager manager(workingConfig());
-        QCOMPARE(manager.restart().error().message,
+        QCOMPARE(await(manager.restart()).error().message,
                  "This relay was not launched by Quillmere, so the app will not restart it.");
     }
 
     void restartReplacesOurChild() {
         RelayProcessManager manager(workingConfig());
-        QVERIFY(manager.start().ok());
+        QVERIFY(await(manager.start()).ok());
         const qint64 first = *manager.processId();
-        QVERIFY(manager.restart().ok());
+        QVERIFY(await(manager.restart()).ok());
         QVERIFY(*manager.processId() != first);
         QVERIFY(!processAlive(first));
     }
@@ -227,16 +253,79 @@ private slots:
         qint64 pid = 0;
         {
             RelayProcessManager manager(workingConfig());
-            QVERIFY(manager.start().ok());
+            QVERIFY(await(manager.start()).ok());
             pid = *manager.processId();
-            manager.terminateOwned();
+            await(manager.stop());
             QVERIFY(!manager.ownsProcess());
             QVERIFY(!processAlive(pid));
-            QVERIFY(manager.start().ok());
+            QVERIFY(await(manager.start()).ok());
             pid = *manager.processId();
         }
-        // Destroying the manager, as the application does at quit, ends the child too.
+        // Destroying the manager, as the application does at quit, ends the child too;
+        // without waiting for it, so it is gone a moment later.
+        QTRY_VERIFY(!processAlive(pid));
+    }
+
+    void waitsHaveNamedDefaults() {
+        QCOMPARE(RelayProcessConfig::defaultStartTimeout, 3000ms);
+        QCOMPARE(RelayProcessConfig::defaultStopGrace, 3000ms);
+        QCOMPARE(RelayProcessConfig::defaultKillGrace, 3000ms);
+        const RelayProcessConfig config;
+        QCOMPARE(config.startTimeout, RelayProcessConfig::defaultStartTimeout);
+        QCOMPARE(config.stopGrace, RelayProcessConfig::defaultStopGrace);
+        QCOMPARE(config.killGrace, RelayProcessConfig::defaultKillGrace);
+    }
+
+    void aRelayThatStopsWhenAskedIsNotKilled() {
+        writeFile(path("source/cloud_app/src/relay/server.py"), "# relay\n", false);
+        writeFile(path("bin-b/python3"), politePython, true);
+        RelayProcessConfig config = emptyConfig();
+        config.stopGrace = 10000ms;
+        RelayProcessManager manager(config);
+        QVERIFY(await(manager.start()).ok());
+        QTRY_COMPARE(record().value("started"), "yes");
+        const qint64 pid = *manager.processId();
+        await(manager.stop());
+        QCOMPARE(record().value("stopped"), "asked");
         QVERIFY(!processAlive(pid));
+    }
+
+    void aRelayThatIgnoresTheRequestIsKilledAfterItsGraceWhileTheLoopTurns() {
+        writeFile(path("source/cloud_app/src/relay/server.py"), "# relay\n", false);
+        writeFile(path("bin-b/python3"), stubbornPython, true);
+        RelayProcessConfig config = emptyConfig();
+        config.stopGrace = 300ms;
+        RelayProcessManager manager(config);
+        QVERIFY(await(manager.start()).ok());
+        QTRY_COMPARE(record().value("ignoring"), "TERM");
+        const qint64 pid = *manager.processId();
+        // A frame's worth of work keeps running while the quit waits for the relay.
+        int ticks = 0;
+        QTimer ticker;
+        ticker.setInterval(5);
+        QObject::connect(&ticker, &QTimer::timeout, [&ticks] { ++ticks; });
+        ticker.start();
+        QElapsedTimer waited;
+        waited.start();
+        await(manager.stop());
+        // It was given its grace first (a coarse timer may end up to 5 % early).
+        QVERIFY(waited.elapsed() >= 270);
+        QVERIFY(!processAlive(pid));
+        QVERIFY2(ticks >= 10, qPrintable(QString("the event loop turned %1 times").arg(ticks)));
+    }
+
+    void aSecondStartDuringALaunchLaunchesNoSecondChild() {
+        writeFile(path("source/cloud_app/src/relay/server.py"), "# relay\n", false);
+        writeFile(path("bin-b/python3"), countingPython, true);
+        RelayProcessManager manager(emptyConfig());
+        auto first = manager.start();
+        auto second = manager.start();
+        QVERIFY(await(std::move(first)).ok());
+        QVERIFY(await(std::move(second)).ok());
+        QTest::qWait(100); // a second child would have written by now
+        QFile launches(path("record.txt"));
+        QVERIFY(launches.open(QIODevice::ReadOnly));
+        QCOMPARE(launches.readAll(), QByteArray("launched\n"));
     }
 };
 

@@ -58,7 +58,8 @@ private slots:
         QVERIFY(harness.clickUntil("Open queue", [&] { return harness.showsText("AURORA-MIGRATE"); }));
         const QStringList queue = harness.visibleTextsInOrder();
         QVERIFY(queue.indexOf("AURORA-MIGRATE") < queue.indexOf("TRIAGE-BOT"));
-        QVERIFY(queue.contains("NEEDS INPUT 2") || harness.showsText("needs input 2"));
+        // The banner's text; its font shows it in capitals.
+        QVERIFY(queue.contains("needs input 2"));
         harness.screenshot("queue-demo");
 
         // Item: the approval with its real action, answered.

@@ -42,9 +42,8 @@ class RelayRoadTest : public QObject {
         AppStateConfig config;
         config.toastDuration = 50ms;
         config.homeDirectory = m_home.path();
-        config.makeRelayClient = [retry](const QUrl& url, const QString& token,
-                                         QObject* parent) -> MereClient* {
-            return new MereCloudClient(url, token, parent, retry);
+        config.makeRelayClient = [retry](RelayClient& relay, QObject* parent) -> MereClient* {
+            return new MereCloudClient(&relay, parent, retry);
         };
         return config;
     }

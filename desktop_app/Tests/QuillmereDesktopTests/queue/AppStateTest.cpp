@@ -7,7 +7,12 @@
 #include <QTest>
 #include <QThread>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
+#include <cstddef>
+#include <memory>
+#include <new>
 
 using namespace std::chrono_literals;
 
@@ -17,13 +22,18 @@ class AppStateTest : public QObject {
     QTemporaryDir m_home;
     MemoryPreferencesStore m_prefs;
     QPointer<FakeMereClient> m_fake;
+    // The signed-in relay client, as the sign-in store would hand it over, and the relay
+    // client the last queue client was made for.
+    std::unique_ptr<RelayClient> m_relay;
+    QPointer<RelayClient> m_fakeMadeFor;
 
     AppStateConfig config() {
         AppStateConfig c;
         c.toastDuration = 30ms;
         c.mockTiming = {20ms, 5ms};
         c.homeDirectory = m_home.path();
-        c.makeRelayClient = [this](const QUrl&, const QString&, QObject* parent) {
+        c.makeRelayClient = [this](RelayClient& relay, QObject* parent) {
+            m_fakeMadeFor = &relay;
             m_fake = new FakeMereClient(parent);
             return m_fake.data();
         };
@@ -50,7 +60,7 @@ class AppStateTest : public QObject {
     // An app state in relay mode whose queue client is the fake, holding interrupt "a".
     std::unique_ptr<AppState> relayStateWithSelection(const QStringList& ids = {"a"}) {
         auto state = std::make_unique<AppState>(m_prefs, config());
-        state->connect();
+        state->connectToRelay(m_relay.get());
         m_fake->pushSnapshot(snapshotWithIds(ids));
         state->setSelectedInterruptId(QString("a"));
         state->setScreen(AppState::Screen::item);
@@ -61,6 +71,7 @@ private slots:
     void init() {
         m_prefs = MemoryPreferencesStore();
         m_fake.clear();
+        m_relay = std::make_unique<RelayClient>(QUrl("http://127.0.0.1:9/"), QString("tok"));
     }
 
     void toastDefaultIsOnePointFourSeconds() { QCOMPARE(AppStateConfig{}.toastDuration, 1400ms); }
@@ -96,7 +107,6 @@ private slots:
         m_prefs.setString("token", "leaked-secret");
         AppState state(m_prefs, config());
         QVERIFY(!m_prefs.contains("token"));
-        QVERIFY(state.token().isEmpty());
         m_prefs.setString("token", "again");
         AppState second(m_prefs, config());
         QVERIFY(!m_prefs.contains("token"));
@@ -105,7 +115,6 @@ private slots:
     void startingValuesAndStoredOnes() {
         {
             AppState state(m_prefs, config());
-            QCOMPARE(state.baseURLString(), "http://127.0.0.1:8787/");
             QVERIFY(state.alwaysOnTop());
             QCOMPARE(state.terminalWorkingDirectory(), m_home.filePath("Quillmere"));
             QVERIFY(QDir(m_home.filePath("Quillmere")).exists());
@@ -117,7 +126,8 @@ private slots:
         m_prefs.setBool("alwaysOnTop", false);
         m_prefs.setString("terminalWorkingDirectory", m_home.filePath("a/b/c"));
         AppState state(m_prefs, config());
-        QCOMPARE(state.baseURLString(), "http://relay.example:9000/");
+        // The relay's address is the sign-in store's; an old copy stays for it to take over.
+        QCOMPARE(m_prefs.stringValue("baseURL"), QString("http://relay.example:9000/"));
         QVERIFY(!state.alwaysOnTop());
         QCOMPARE(state.terminalWorkingDirectory(), m_home.filePath("a/b/c"));
         QVERIFY(QDir(m_home.filePath("a/b/c")).exists());
@@ -141,11 +151,6 @@ private slots:
 
     void settersPersist() {
         AppState state(m_prefs, config());
-        QSignalSpy urlSpy(&state, &AppState::baseURLStringChanged);
-        state.setBaseURLString("http://127.0.0.1:9999/");
-        QCOMPARE(m_prefs.stringValue("baseURL"), QString("http://127.0.0.1:9999/"));
-        QCOMPARE(urlSpy.count(), 1);
-        QVERIFY(!state.client()); // no reconnection
         state.setAlwaysOnTop(false);
         QCOMPARE(m_prefs.boolValue("alwaysOnTop"), false);
         state.setTerminalWorkingDirectory(m_home.filePath("elsewhere/deep"));
@@ -155,6 +160,7 @@ private slots:
 
     void switchingToDemoModeConnectsAndBackToRelayReconnects() {
         AppState state(m_prefs, config());
+        state.connectToRelay(m_relay.get());
         state.setUseMock(true);
         QCOMPARE(m_prefs.boolValue("useMock"), true);
         QVERIFY(qobject_cast<MockClient*>(state.client()));
@@ -165,22 +171,24 @@ private slots:
         QCOMPARE(m_fake->connectCount, 1);
     }
 
-    void anInvalidRelayURLClearsTheClient() {
+    void withoutARelayClientThereIsNoQueueClient() {
+        // Not signed in: there is no relay to queue from.
         AppState state(m_prefs, config());
-        state.connect();
-        QVERIFY(state.client());
-        state.setBaseURLString("http://[::1");
         state.connect();
         QVERIFY(!state.client());
         QVERIFY(!state.online());
-        state.setBaseURLString("");
+        state.connectToRelay(m_relay.get());
+        QVERIFY(state.client());
+        // The sign-in store replaced its client: the next connect has nothing to use.
+        m_relay.reset();
         state.connect();
         QVERIFY(!state.client());
+        QVERIFY(!state.online());
     }
 
     void callbacksAssignSnapshotAndOnline() {
         AppState state(m_prefs, config());
-        state.connect();
+        state.connectToRelay(m_relay.get());
         QSignalSpy snapshotSpy(&state, &AppState::snapshotChanged);
         m_fake->pushConnection(true);
         QVERIFY(state.online());
@@ -194,7 +202,7 @@ private slots:
 
     void callbacksFromAnotherThreadArriveOnTheMainThread() {
         AppState state(m_prefs, config());
-        state.connect();
+        state.connectToRelay(m_relay.get());
         QPointer<FakeMereClient> fake = m_fake;
         QThread* worker = QThread::create([fake] {
             fake->pushConnection(true);
@@ -209,7 +217,7 @@ private slots:
 
     void aReplacedClientCanNoLongerChangeTheState() {
         AppState state(m_prefs, config());
-        state.connect();
+        state.connectToRelay(m_relay.get());
         QPointer<FakeMereClient> old = m_fake;
         old->keepsCallbacksAfterDisconnect = true;
         state.connect(); // a new fake replaces the old one
@@ -228,13 +236,14 @@ private slots:
         RelayClient relay(QUrl("http://127.0.0.1:9123/"), QString("tok-9"));
         state.connectToRelay(&relay);
         QCOMPARE(state.relayClient(), &relay);
-        QCOMPARE(state.baseURLString(), "http://127.0.0.1:9123/");
-        QCOMPARE(m_prefs.stringValue("baseURL"), QString("http://127.0.0.1:9123/"));
-        QCOMPARE(state.token(), "tok-9");
+        // The queue client speaks for that relay client, and nothing keeps a copy of its address.
+        QCOMPARE(m_fakeMadeFor.data(), &relay);
+        QVERIFY(!m_prefs.contains("baseURL"));
         QCOMPARE(state.client(), m_fake.data());
         RelayClient signedOut(QUrl("http://127.0.0.1:9123/"), std::nullopt);
         state.connectToRelay(&signedOut);
-        QCOMPARE(state.token(), "");
+        QCOMPARE(state.relayClient(), &signedOut);
+        QCOMPARE(m_fakeMadeFor.data(), &signedOut);
     }
 
     void inDemoModeConnectToRelayStoresButKeepsTheDemoClient() {
@@ -244,8 +253,7 @@ private slots:
         MereClient* demo = state.client();
         RelayClient relay(QUrl("http://127.0.0.1:9123/"), QString("tok-9"));
         state.connectToRelay(&relay);
-        QCOMPARE(state.baseURLString(), "http://127.0.0.1:9123/");
-        QCOMPARE(state.token(), "tok-9");
+        QCOMPARE(state.relayClient(), &relay);
         QCOMPARE(state.client(), demo);
         QVERIFY(!m_fake);
     }
@@ -258,14 +266,18 @@ private slots:
         state.connectToRelay(&relay);
         auto* live = qobject_cast<MereCloudClient*>(state.client());
         QVERIFY(live);
+        QCOMPARE(live->relayClient(), &relay);
         QCOMPARE(live->baseURL(), QUrl("http://127.0.0.1:9/"));
         QCOMPARE(live->token(), "tok");
+        // Asked at the moment of use: a new session token is the queue's at once.
+        relay.setToken(QString("tok-2"));
+        QCOMPARE(live->token(), "tok-2");
         state.disconnectQueue();
     }
 
     void disconnectQueueKeepsTheLastSnapshot() {
         AppState state(m_prefs, config());
-        state.connect();
+        state.connectToRelay(m_relay.get());
         m_fake->pushConnection(true);
         m_fake->pushSnapshot(snapshotWithIds({"x"}));
         state.setScreen(AppState::Screen::queue);
@@ -299,7 +311,7 @@ private slots:
 
     void submitWithoutSelectionDoesNothing() {
         AppState state(m_prefs, config());
-        state.connect();
+        state.connectToRelay(m_relay.get());
         QSignalSpy toastSpy(&state, &AppState::sentToastChanged);
         state.submit(approve());
         QTest::qWait(50);
@@ -382,10 +394,22 @@ private slots:
     }
 
     void stateDeletedDuringASubmitIsLeftAlone() {
-        auto state = relayStateWithSelection({"a"});
+        // The state lives in storage the test owns, so that once it is destroyed the test
+        // can see whether the submit's remaining steps still write into it.
+        alignas(AppState) std::array<std::byte, sizeof(AppState)> storage;
+        auto* state = new (storage.data()) AppState(m_prefs, config());
+        state->connectToRelay(m_relay.get());
+        m_fake->pushSnapshot(snapshotWithIds({"a"}));
+        state->setSelectedInterruptId(QString("a"));
         state->submit(approve());
-        state.reset();
-        QTest::qWait(80); // the toast timer fires into a guarded, deleted object
+        // The verdict went out and its toast shows: the submit now waits out the toast.
+        QCOMPARE(m_fake->submittedIds, QStringList{"a"});
+        QCOMPARE(state->sentToast(), QString("SENT"));
+        state->~AppState();
+        constexpr std::byte poison{0xA5};
+        storage.fill(poison);
+        QTest::qWait(80); // past the toast: the submit has taken its last step
+        QVERIFY(std::all_of(storage.begin(), storage.end(), [](std::byte b) { return b == poison; }));
     }
 };
 

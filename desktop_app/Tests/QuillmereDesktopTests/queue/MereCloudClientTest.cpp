@@ -6,6 +6,7 @@
 #include <QTest>
 
 #include <chrono>
+#include <memory>
 
 using namespace std::chrono_literals;
 
@@ -51,7 +52,8 @@ private slots:
     void streamRequestCarriesTheToken() {
         ScriptedHttpServer server;
         server.setHandler([](const auto&, auto& exchange) { exchange.startStream(); });
-        MereCloudClient client(server.url(), "tok", nullptr, 50ms);
+        RelayClient relay(server.url(), QString("tok"));
+        MereCloudClient client(&relay, nullptr, 50ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_COMPARE(recorder.connection, (QList<bool>{true}));
@@ -63,7 +65,8 @@ private slots:
     void dataLinesBecomeSnapshotsAndOtherLinesCountForNothing() {
         ScriptedHttpServer server;
         server.setHandler([](const auto&, auto& exchange) { exchange.startStream(); });
-        MereCloudClient client(server.url(), "t", nullptr, 50ms);
+        RelayClient relay(server.url(), QString("t"));
+        MereCloudClient client(&relay, nullptr, 50ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_COMPARE(server.streams().size(), 1);
@@ -82,7 +85,8 @@ private slots:
     void aLineSplitAcrossChunksIsJoinedBeforeDecoding() {
         ScriptedHttpServer server;
         server.setHandler([](const auto&, auto& exchange) { exchange.startStream(); });
-        MereCloudClient client(server.url(), "t", nullptr, 50ms);
+        RelayClient relay(server.url(), QString("t"));
+        MereCloudClient client(&relay, nullptr, 50ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_COMPARE(server.streams().size(), 1);
@@ -97,7 +101,8 @@ private slots:
     void aBadLineIsSkippedAndTheStreamGoesOn() {
         ScriptedHttpServer server;
         server.setHandler([](const auto&, auto& exchange) { exchange.startStream(); });
-        MereCloudClient client(server.url(), "t", nullptr, 50ms);
+        RelayClient relay(server.url(), QString("t"));
+        MereCloudClient client(&relay, nullptr, 50ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_COMPARE(server.streams().size(), 1);
@@ -116,7 +121,8 @@ private slots:
     void anEventSplitOverTwoDataLinesIsNotJoined() {
         ScriptedHttpServer server;
         server.setHandler([](const auto&, auto& exchange) { exchange.startStream(); });
-        MereCloudClient client(server.url(), "t", nullptr, 50ms);
+        RelayClient relay(server.url(), QString("t"));
+        MereCloudClient client(&relay, nullptr, 50ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_COMPARE(server.streams().size(), 1);
@@ -130,7 +136,8 @@ private slots:
     void aRefusalReportsFalseAndRetriesWithTheSameToken() {
         ScriptedHttpServer server;
         server.replyAlways(401, R"({"error":{"message":"invalid token"}})");
-        MereCloudClient client(server.url(), "stale", nullptr, 40ms);
+        RelayClient relay(server.url(), QString("stale"));
+        MereCloudClient client(&relay, nullptr, 40ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_VERIFY(server.requests().size() >= 4);
@@ -140,10 +147,48 @@ private slots:
             QCOMPARE(request.header("authorization"), "Bearer stale");
     }
 
+    void eachAttemptUsesTheTokenTheRelayClientHasThen() {
+        ScriptedHttpServer server;
+        server.setHandler([](const auto& request, auto& exchange) {
+            if (request.header("authorization") == "Bearer fresh")
+                exchange.startStream();
+            else
+                exchange.reply(401, R"({"error":{"message":"invalid token"}})");
+        });
+        RelayClient relay(server.url(), QString("stale"));
+        MereCloudClient client(&relay, nullptr, 40ms);
+        Recorder recorder;
+        recorder.attach(client);
+        QTRY_COMPARE(recorder.connection.value(0, true), false);
+        // A new session: the queue client holds no copy, so its next attempt carries it.
+        relay.setToken(QString("fresh"));
+        QTRY_VERIFY(recorder.connection.contains(true));
+        QCOMPARE(server.requests().constLast().header("authorization"), "Bearer fresh");
+    }
+
+    void withItsRelayClientGoneItStaysOfflineAndSendsNothing() {
+        ScriptedHttpServer server;
+        server.replyAlways(200, "{}");
+        auto relay = std::make_unique<RelayClient>(server.url(), QString("tok"));
+        MereCloudClient client(relay.get(), nullptr, 30ms);
+        relay.reset();
+        QCOMPARE(client.baseURL(), QUrl());
+        Recorder recorder;
+        recorder.attach(client);
+        QCOMPARE(recorder.connection, (QList<bool>{false}));
+        const auto result = await(client.submitVerdict("a", approve()));
+        QVERIFY(!result.ok());
+        QCOMPARE(std::get<ClientError>(result.error()).kind, ClientError::Kind::server);
+        QTest::qWait(100); // several retry delays: nothing is attempted
+        QVERIFY(server.requests().isEmpty());
+        QCOMPARE(recorder.connection, (QList<bool>{false}));
+    }
+
     void anEmptyTokenStillBuildsAClientThatStaysOffline() {
         ScriptedHttpServer server;
         server.replyAlways(401, "{}");
-        MereCloudClient client(server.url(), "", nullptr, 40ms);
+        RelayClient relay(server.url(), QString(""));
+        MereCloudClient client(&relay, nullptr, 40ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_VERIFY(recorder.connection.size() >= 2);
@@ -155,7 +200,8 @@ private slots:
         ScriptedHttpServer server;
         const QUrl url = server.url();
         server.close();
-        MereCloudClient client(url, "t", nullptr, 30ms);
+        RelayClient relay(url, QString("t"));
+        MereCloudClient client(&relay, nullptr, 30ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_VERIFY(recorder.connection.size() >= 3);
@@ -165,7 +211,8 @@ private slots:
     void aCleanEndReportsNothingAndReconnectsAfterTheDelay() {
         ScriptedHttpServer server;
         server.setHandler([](const auto&, auto& exchange) { exchange.startStream(); });
-        MereCloudClient client(server.url(), "t", nullptr, 150ms);
+        RelayClient relay(server.url(), QString("t"));
+        MereCloudClient client(&relay, nullptr, 150ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_COMPARE(server.streams().size(), 1);
@@ -181,7 +228,8 @@ private slots:
     void aReadFailureReportsFalse() {
         ScriptedHttpServer server;
         server.setHandler([](const auto&, auto& exchange) { exchange.startStream(); });
-        MereCloudClient client(server.url(), "t", nullptr, 100ms);
+        RelayClient relay(server.url(), QString("t"));
+        MereCloudClient client(&relay, nullptr, 100ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_COMPARE(server.streams().size(), 1);
@@ -195,7 +243,8 @@ private slots:
     void disconnectStopsEveryCallbackAndReportsNothing() {
         ScriptedHttpServer server;
         server.setHandler([](const auto&, auto& exchange) { exchange.startStream(); });
-        MereCloudClient client(server.url(), "t", nullptr, 30ms);
+        RelayClient relay(server.url(), QString("t"));
+        MereCloudClient client(&relay, nullptr, 30ms);
         Recorder recorder;
         recorder.attach(client);
         QTRY_COMPARE(recorder.connection.size(), 1);
@@ -212,7 +261,8 @@ private slots:
     void verdictPostsSnakeCaseBody() {
         ScriptedHttpServer server;
         server.replyAlways(200, "{}");
-        MereCloudClient client(server.url(), "tok");
+        RelayClient relay(server.url(), QString("tok"));
+        MereCloudClient client(&relay);
         Verdict verdict = approve();
         verdict.verdict = VerdictKind::reply;
         verdict.reply = "use billing";
@@ -231,7 +281,8 @@ private slots:
 
     void verdictStatuses() {
         ScriptedHttpServer server;
-        MereCloudClient client(server.url(), "tok");
+        RelayClient relay(server.url(), QString("tok"));
+        MereCloudClient client(&relay);
         server.replyAlways(204);
         QVERIFY(await(client.submitVerdict("a", approve())).ok());
         server.replyAlways(200, "not even json");
@@ -248,16 +299,19 @@ private slots:
         ScriptedHttpServer server;
         const QUrl url = server.url();
         server.close();
-        MereCloudClient client(url, "tok");
+        RelayClient relay(url, QString("tok"));
+        MereCloudClient client(&relay);
         const auto result = await(client.submitVerdict("a", approve()));
         QVERIFY(!result.ok());
         QCOMPARE(std::get<Error>(result.error()).message, "Connection refused");
     }
 
     void baseWithAPathKeepsIt() {
-        MereCloudClient client(QUrl("http://relay.example/queue"), "t");
+        RelayClient relay(QUrl("http://relay.example/queue"), QString("t"));
+        MereCloudClient client(&relay);
         QCOMPARE(client.endpoint("v1/stream").toString(), "http://relay.example/queue/v1/stream");
-        MereCloudClient slash(QUrl("http://relay.example/queue/"), "t");
+        RelayClient slashRelay(QUrl("http://relay.example/queue/"), QString("t"));
+        MereCloudClient slash(&slashRelay);
         QCOMPARE(slash.endpoint("v1/stream").toString(), "http://relay.example/queue/v1/stream");
     }
 };

@@ -41,7 +41,11 @@ private slots:
         QCOMPARE(signedIn.count(), 1);
         QVERIFY(root.hasAutoOpenedTerminal());
         QCOMPARE(app.relayClient(), auth.client());
-        QCOMPARE(app.token(), *auth.client()->token());
+        // The live queue speaks with the sign-in's address and token.
+        auto* live = qobject_cast<MereCloudClient*>(app.client());
+        QVERIFY(live);
+        QCOMPARE(live->baseURL(), auth.client()->baseURL());
+        QCOMPARE(live->token(), *auth.client()->token());
         QTRY_VERIFY(app.online());
         // The first sign-in asks for the CLI status, starts polling, and checks again later.
         QTRY_VERIFY(cli.status().has_value());

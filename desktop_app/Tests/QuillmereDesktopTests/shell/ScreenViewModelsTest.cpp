@@ -19,6 +19,8 @@ class ScreenViewModelsTest : public QObject {
     QTemporaryDir m_home;
     MemoryPreferencesStore m_prefs;
     std::unique_ptr<AppState> m_app;
+    // The signed-in relay client the queue is connected for.
+    RelayClient m_relay{QUrl("http://127.0.0.1:9/"), QString("tok")};
     QPointer<FakeMereClient> m_fake;
     const QDateTime m_now{QDate(2026, 3, 1), QTime(12, 0), Qt::UTC};
 
@@ -48,12 +50,12 @@ private slots:
         AppStateConfig config;
         config.homeDirectory = m_home.path();
         config.toastDuration = 20ms;
-        config.makeRelayClient = [this](const QUrl&, const QString&, QObject* parent) {
+        config.makeRelayClient = [this](RelayClient&, QObject* parent) {
             m_fake = new FakeMereClient(parent);
             return m_fake.data();
         };
         m_app = std::make_unique<AppState>(m_prefs, config);
-        m_app->connect();
+        m_app->connectToRelay(&m_relay);
     }
 
     void queueIsOldestFirstAndStable() {

@@ -96,23 +96,23 @@ TEST(BufferLineTest, TrimmedLengthCountsTheWidthOfTheLastCharacter) {
 
 TEST(BufferLineTest, EveryChangeBumpsTheGeneration) {
     BufferLine line(4, CharData::Null);
-    uint64_t g = line.generation;
+    uint64_t g = line.generation();
     line.set(0, cell('x'));
-    EXPECT_GT(line.generation, g);
-    g = line.generation;
+    EXPECT_GT(line.generation(), g);
+    g = line.generation();
     line.replaceCells(0, 2, CharData::Null);
-    EXPECT_GT(line.generation, g);
-    g = line.generation;
+    EXPECT_GT(line.generation(), g);
+    g = line.generation();
     line.resize(8, CharData::Null);
-    EXPECT_GT(line.generation, g);
+    EXPECT_GT(line.generation(), g);
     EXPECT_EQ(line.count(), 8);
 }
 
 TEST(BufferLineTest, ClearEmptiesWithTheAttributeAndUnwraps) {
     BufferLine line = lineOf("ab", 3);
-    line.isWrapped = true;
+    line.setWrapped(true);
     line.clear(7);
-    EXPECT_FALSE(line.isWrapped);
+    EXPECT_FALSE(line.isWrapped());
     EXPECT_EQ(line[0].attribute, 7u);
     EXPECT_EQ(line[0].code, 0);
 }

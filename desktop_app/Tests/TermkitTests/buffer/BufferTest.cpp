@@ -24,15 +24,15 @@ public:
 
 TEST(BufferTest, StartsWithLazyBlankScreenRowsAndDefaultRegions) {
     Buffer b(10, 4, 8, 100, {});
-    EXPECT_EQ(b.lines.count(), 4);
-    EXPECT_EQ(b.lines.maxLength(), 104);
-    EXPECT_EQ(b.lines.peek(0), nullptr);
-    EXPECT_EQ(b.scrollTop, 0);
-    EXPECT_EQ(b.scrollBottom, 3);
-    EXPECT_EQ(b.marginLeft, 0);
-    EXPECT_EQ(b.marginRight, 9);
-    EXPECT_EQ(b.lines[0].count(), 10);
-    EXPECT_NE(b.lines.peek(0), nullptr);
+    EXPECT_EQ(b.lineCount(), 4);
+    EXPECT_EQ(b.lines().maxLength(), 104);
+    EXPECT_EQ(b.lines().peek(0), nullptr);
+    EXPECT_EQ(b.scrollTop(), ScreenRow(0));
+    EXPECT_EQ(b.scrollBottom(), ScreenRow(3));
+    EXPECT_EQ(b.marginLeft(), Col(0));
+    EXPECT_EQ(b.marginRight(), Col(9));
+    EXPECT_EQ(b.line(LineIndex(0)).count(), 10);
+    EXPECT_NE(b.lines().peek(0), nullptr);
 }
 
 TEST(BufferTest, FullRingScrollKeepsYBaseGrowsLinesTopAndDropsTheOldestLine) {
@@ -42,57 +42,57 @@ TEST(BufferTest, FullRingScrollKeepsYBaseGrowsLinesTopAndDropsTheOldestLine) {
         newline(b);
     }
     // Four lines and the cursor line: the ring of 4 is full and has dropped "a".
-    EXPECT_TRUE(b.lines.isFull());
+    EXPECT_TRUE(b.lines().isFull());
     EXPECT_EQ(allLines(b), (Lines{"b", "c", "d", ""}));
-    const int yBase = b.yBase;
-    const long long top = b.linesTop;
+    const LineIndex yBase = b.yBase();
+    const long long top = b.linesTop();
     write(b, U"e");
     newline(b);
-    EXPECT_EQ(b.yBase, yBase);
-    EXPECT_EQ(b.linesTop, top + 1);
+    EXPECT_EQ(b.yBase(), yBase);
+    EXPECT_EQ(b.linesTop(), top + 1);
     EXPECT_EQ(allLines(b), (Lines{"c", "d", "e", ""}));
 }
 
 TEST(BufferTest, UserScrolledUpViewStaysStillUntilItsLinesAreRecycled) {
     Buffer b(5, 2, 8, 4, {});
     UserScrollObserver observer;
-    b.observer = &observer;
+    b.setObserver(&observer);
     for (int i = 0; i < 5; ++i) {
         write(b, std::u32string(1, U'a' + i));
         newline(b);
     }
     // The person scrolls to the top of the history; the ring of 6 is just full.
-    ASSERT_TRUE(b.lines.isFull());
-    b.yDisp = 2;
+    ASSERT_TRUE(b.lines().isFull());
+    b.setYDisp(LineIndex(2));
     observer.holding = true;
-    const std::string shown = text(b, b.yDisp);
+    const std::string shown = text(b, b.yDisp());
     EXPECT_EQ(shown, "c");
     write(b, U"f");
     newline(b);
     // The line on display moved one index up and yDisp with it: the text stays still.
-    EXPECT_EQ(b.yDisp, 1);
-    EXPECT_EQ(text(b, b.yDisp), shown);
+    EXPECT_EQ(b.yDisp(), LineIndex(1));
+    EXPECT_EQ(text(b, b.yDisp()), shown);
     EXPECT_EQ(observer.inPlace, 1);
-    b.yDisp = 0;
+    b.setYDisp(LineIndex(0));
     write(b, U"g");
     newline(b);
     // At the very top the line on display is itself recycled, and the view moves on.
-    EXPECT_EQ(b.yDisp, 0);
-    EXPECT_EQ(text(b, b.yDisp), "c");
+    EXPECT_EQ(b.yDisp(), LineIndex(0));
+    EXPECT_EQ(text(b, b.yDisp()), "c");
 }
 
 TEST(BufferTest, NotFullRingScrollGrowsYBaseAndFollowsUnlessTheUserHolds) {
     Buffer b(5, 2, 8, 10, {});
     UserScrollObserver observer;
-    b.observer = &observer;
+    b.setObserver(&observer);
     newline(b);
     newline(b);
-    EXPECT_EQ(b.yBase, 1);
-    EXPECT_EQ(b.yDisp, 1);
+    EXPECT_EQ(b.yBase(), LineIndex(1));
+    EXPECT_EQ(b.yDisp(), LineIndex(1));
     observer.holding = true;
     newline(b);
-    EXPECT_EQ(b.yBase, 2);
-    EXPECT_EQ(b.yDisp, 1);
+    EXPECT_EQ(b.yBase(), LineIndex(2));
+    EXPECT_EQ(b.yDisp(), LineIndex(1));
 }
 
 TEST(BufferTest, ScrollRegionBelowTheTopKeepsHistoryOut) {
@@ -102,11 +102,10 @@ TEST(BufferTest, ScrollRegionBelowTheTopKeepsHistoryOut) {
         if (c != U'd')
             newline(b);
     }
-    b.scrollTop = 1;
-    b.scrollBottom = 2;
-    b.y = 2;
+    b.setScrollRegion(ScreenRow(1), ScreenRow(2));
+    b.setY(ScreenRow(2));
     b.scroll(false);
-    EXPECT_EQ(b.yBase, 0);
+    EXPECT_EQ(b.yBase(), LineIndex(0));
     EXPECT_EQ(screen(b), (Lines{"a", "c", "", "d"}));
 }
 
@@ -117,9 +116,9 @@ TEST(BufferTest, ScrollRegionAtTheTopWithABottomMarginSendsTheTopLineToHistory) 
         if (c != U'd')
             newline(b);
     }
-    b.scrollBottom = 2;
+    b.setScrollRegion(b.scrollTop(), ScreenRow(2));
     b.scroll(false);
-    EXPECT_EQ(b.yBase, 1);
+    EXPECT_EQ(b.yBase(), LineIndex(1));
     EXPECT_EQ(allLines(b), (Lines{"a", "b", "c", "", "d"}));
 }
 
@@ -128,12 +127,12 @@ TEST(BufferTest, WideCharacterThatWrappedJoinsTheRowAboveWhenWidened) {
     write(b, U"hello\u4E16");
     newline(b);
     EXPECT_EQ(screen(b), (Lines{"hello", "\xe4\xb8\x96", ""}));
-    EXPECT_TRUE(b.lines[1].isWrapped);
+    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped());
     b.resize(7, 3);
     EXPECT_EQ(screen(b)[0], "hello\xe4\xb8\x96");
-    EXPECT_EQ(b.lines[0].count(), 7);
-    EXPECT_EQ(b.lines[0][5].width, 2);
-    EXPECT_EQ(b.lines[0][6].width, 0);
+    EXPECT_EQ(b.line(LineIndex(0)).count(), 7);
+    EXPECT_EQ(b.line(LineIndex(0))[5].width, 2);
+    EXPECT_EQ(b.line(LineIndex(0))[6].width, 0);
 }
 
 TEST(BufferTest, WideningMovesTheCursorUpByTheLinesRemovedAboveIt) {
@@ -141,8 +140,8 @@ TEST(BufferTest, WideningMovesTheCursorUpByTheLinesRemovedAboveIt) {
     write(b, U"hello\u4E16");
     newline(b);
     b.resize(7, 3);
-    EXPECT_EQ(b.y, 1);
-    EXPECT_EQ(b.x, 0);
+    EXPECT_EQ(b.y(), ScreenRow(1));
+    EXPECT_EQ(b.x(), Col(0));
     EXPECT_EQ(screen(b), (Lines{"hello\xe4\xb8\x96", "", ""}));
 }
 
@@ -152,9 +151,9 @@ TEST(BufferTest, NarrowingPutsAWideCharacterOnTheEdgeOntoTheNextRow) {
     newline(b);
     b.resize(5, 3);
     EXPECT_EQ(screen(b), (Lines{"abcd", "\xe4\xb8\x96x", ""}));
-    EXPECT_TRUE(b.lines[0][4].isUntouchedBlank());
-    EXPECT_TRUE(b.lines[1].isWrapped);
-    EXPECT_EQ(b.y, 2);
+    EXPECT_TRUE(b.line(LineIndex(0))[4].isUntouchedBlank());
+    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped());
+    EXPECT_EQ(b.y(), ScreenRow(2));
     // And back: the filler blank disappears again.
     b.resize(10, 3);
     EXPECT_EQ(screen(b)[0], "abcd\xe4\xb8\x96x");
@@ -163,10 +162,10 @@ TEST(BufferTest, NarrowingPutsAWideCharacterOnTheEdgeOntoTheNextRow) {
 TEST(BufferTest, GroupHoldingTheCursorIsNotReflowed) {
     Buffer b(5, 3, 8, 10, {});
     write(b, U"abcdefg");
-    ASSERT_TRUE(b.lines[1].isWrapped);
+    ASSERT_TRUE(b.line(LineIndex(1)).isWrapped());
     b.resize(10, 3);
     EXPECT_EQ(screen(b), (Lines{"abcde", "fg", ""}));
-    EXPECT_TRUE(b.lines[1].isWrapped);
+    EXPECT_TRUE(b.line(LineIndex(1)).isWrapped());
 }
 
 TEST(BufferTest, WideningRemovesLinesAboveTheCursorAndMovesItUp) {
@@ -174,11 +173,11 @@ TEST(BufferTest, WideningRemovesLinesAboveTheCursorAndMovesItUp) {
     write(b, U"abcdefg");
     newline(b);
     write(b, U"$");
-    EXPECT_EQ(b.y, 2);
+    EXPECT_EQ(b.y(), ScreenRow(2));
     b.resize(10, 4);
     EXPECT_EQ(screen(b), (Lines{"abcdefg", "$", "", ""}));
-    EXPECT_EQ(b.y, 1);
-    EXPECT_EQ(b.x, 1);
+    EXPECT_EQ(b.y(), ScreenRow(1));
+    EXPECT_EQ(b.x(), Col(1));
 }
 
 TEST(BufferTest, NarrowingMovesTheCursorDownOnAScreenWithRoom) {
@@ -188,8 +187,8 @@ TEST(BufferTest, NarrowingMovesTheCursorDownOnAScreenWithRoom) {
     write(b, U"$");
     b.resize(5, 4);
     EXPECT_EQ(screen(b), (Lines{"abcde", "fg", "$", ""}));
-    EXPECT_EQ(b.y, 2);
-    EXPECT_EQ(b.yBase, 0);
+    EXPECT_EQ(b.y(), ScreenRow(2));
+    EXPECT_EQ(b.yBase(), LineIndex(0));
 }
 
 TEST(BufferTest, NarrowingAFullScreenPushesItsTopIntoHistory) {
@@ -198,9 +197,9 @@ TEST(BufferTest, NarrowingAFullScreenPushesItsTopIntoHistory) {
     newline(b);
     write(b, U"$");
     b.resize(5, 2);
-    EXPECT_EQ(b.yBase, 1);
+    EXPECT_EQ(b.yBase(), LineIndex(1));
     EXPECT_EQ(allLines(b), (Lines{"abcde", "fg", "$"}));
-    EXPECT_EQ(b.y, 1);
+    EXPECT_EQ(b.y(), ScreenRow(1));
 }
 
 TEST(BufferTest, NarrowingKeepsEveryCellWhenTheRowCountStaysTheSame) {
@@ -214,13 +213,12 @@ TEST(BufferTest, NarrowingKeepsEveryCellWhenTheRowCountStaysTheSame) {
 TEST(BufferTest, AlternateBufferResizeTruncatesText) {
     Buffer alt(10, 3, 8, std::nullopt, {}, nullptr, false);
     write(alt, U"abcdefghij");
-    alt.x = 0;
-    alt.y = 1;
+    alt.setCursor(Col(0), ScreenRow(1));
     write(alt, U"xyz");
     alt.resize(4, 3);
     EXPECT_EQ(screen(alt), (Lines{"abcd", "xyz", ""}));
-    EXPECT_FALSE(alt.lines[1].isWrapped);
-    EXPECT_EQ(alt.lines.maxLength(), 3);
+    EXPECT_FALSE(alt.line(LineIndex(1)).isWrapped());
+    EXPECT_EQ(alt.lines().maxLength(), 3);
 }
 
 TEST(BufferTest, ShrinkingRowsWithTheCursorInTheMiddlePopsEmptyRows) {
@@ -229,9 +227,9 @@ TEST(BufferTest, ShrinkingRowsWithTheCursorInTheMiddlePopsEmptyRows) {
     newline(b);
     write(b, U"b");
     b.resize(5, 3);
-    EXPECT_EQ(b.yBase, 0);
-    EXPECT_EQ(b.y, 1);
-    EXPECT_EQ(b.lines.count(), 3);
+    EXPECT_EQ(b.yBase(), LineIndex(0));
+    EXPECT_EQ(b.y(), ScreenRow(1));
+    EXPECT_EQ(b.lineCount(), 3);
     EXPECT_EQ(screen(b), (Lines{"a", "b", ""}));
 }
 
@@ -243,8 +241,8 @@ TEST(BufferTest, ShrinkingRowsWithTheCursorAtTheBottomScrolls) {
             newline(b);
     }
     b.resize(5, 2);
-    EXPECT_EQ(b.yBase, 2);
-    EXPECT_EQ(b.y, 1);
+    EXPECT_EQ(b.yBase(), LineIndex(2));
+    EXPECT_EQ(b.y(), ScreenRow(1));
     EXPECT_EQ(screen(b), (Lines{"c", "d"}));
 }
 
@@ -255,10 +253,10 @@ TEST(BufferTest, GrowingRowsPullsHistoryBackIntoView) {
         if (c != U'd')
             newline(b);
     }
-    ASSERT_EQ(b.yBase, 2);
+    ASSERT_EQ(b.yBase(), LineIndex(2));
     b.resize(5, 3);
-    EXPECT_EQ(b.yBase, 1);
-    EXPECT_EQ(b.y, 2);
+    EXPECT_EQ(b.yBase(), LineIndex(1));
+    EXPECT_EQ(b.y(), ScreenRow(2));
     EXPECT_EQ(screen(b), (Lines{"b", "c", "d"}));
 }
 
@@ -268,59 +266,59 @@ TEST(BufferTest, ChangeHistorySizeToNothingLeavesOnlyTheScreen) {
         write(b, std::u32string(1, U'a' + i));
         newline(b);
     }
-    ASSERT_EQ(b.lines.count(), 7);
+    ASSERT_EQ(b.lineCount(), 7);
     b.changeHistorySize(std::nullopt);
-    EXPECT_EQ(b.lines.maxLength(), 2);
-    EXPECT_EQ(b.lines.count(), 2);
-    EXPECT_EQ(b.yBase, 0);
-    EXPECT_EQ(b.yDisp, 0);
-    EXPECT_FALSE(b.scrollback.has_value());
+    EXPECT_EQ(b.lines().maxLength(), 2);
+    EXPECT_EQ(b.lineCount(), 2);
+    EXPECT_EQ(b.yBase(), LineIndex(0));
+    EXPECT_EQ(b.yDisp(), LineIndex(0));
+    EXPECT_FALSE(b.scrollback().has_value());
     EXPECT_EQ(screen(b), (Lines{"f", ""}));
     b.changeHistorySize(3);
-    EXPECT_EQ(b.lines.maxLength(), 5);
+    EXPECT_EQ(b.lines().maxLength(), 5);
 }
 
 TEST(BufferTest, TabStopsEveryWidthAndKeptWhenWidening) {
     Buffer b(20, 2, 8, 0, {});
-    EXPECT_EQ(b.nextTabStop(0, false), 8);
-    EXPECT_EQ(b.nextTabStop(8, false), 16);
-    EXPECT_EQ(b.nextTabStop(16, false), 19);
-    EXPECT_EQ(b.previousTabStop(10), 8);
-    EXPECT_EQ(b.previousTabStop(3), 0);
-    b.tabSet(3);
-    b.tabClear(8);
-    EXPECT_EQ(b.nextTabStop(0, false), 3);
-    EXPECT_EQ(b.nextTabStop(3, false), 16);
+    EXPECT_EQ(b.nextTabStop(Col(0), false), Col(8));
+    EXPECT_EQ(b.nextTabStop(Col(8), false), Col(16));
+    EXPECT_EQ(b.nextTabStop(Col(16), false), Col(19));
+    EXPECT_EQ(b.previousTabStop(Col(10)), Col(8));
+    EXPECT_EQ(b.previousTabStop(Col(3)), Col(0));
+    b.tabSet(Col(3));
+    b.tabClear(Col(8));
+    EXPECT_EQ(b.nextTabStop(Col(0), false), Col(3));
+    EXPECT_EQ(b.nextTabStop(Col(3), false), Col(16));
     b.resize(30, 2);
-    EXPECT_EQ(b.nextTabStop(3, false), 16);
-    EXPECT_EQ(b.nextTabStop(16, false), 24);
-    b.marginRight = 20;
-    EXPECT_EQ(b.nextTabStop(16, true), 20);
+    EXPECT_EQ(b.nextTabStop(Col(3), false), Col(16));
+    EXPECT_EQ(b.nextTabStop(Col(16), false), Col(24));
+    b.setMargins(b.marginLeft(), Col(20));
+    EXPECT_EQ(b.nextTabStop(Col(16), true), Col(20));
     b.clearTabStops();
-    EXPECT_EQ(b.nextTabStop(0, false), 29);
+    EXPECT_EQ(b.nextTabStop(Col(0), false), Col(29));
 }
 
 TEST(BufferTest, InsertCharacterWithoutWraparoundDropsWideAndOverwritesTheEdge) {
     Buffer b(10, 2, 8, 0, {});
-    b.wraparound = false;
+    b.modes().wraparound = false;
     write(b, U"abcdefghi");
     write(b, U"\u4E16");
-    EXPECT_EQ(text(b, 0), "abcdefghi");
+    EXPECT_EQ(text(b, LineIndex(0)), "abcdefghi");
     write(b, U"jk");
-    EXPECT_EQ(text(b, 0), "abcdefghik");
-    EXPECT_EQ(b.y, 0);
+    EXPECT_EQ(text(b, LineIndex(0)), "abcdefghik");
+    EXPECT_EQ(b.y(), ScreenRow(0));
 }
 
 TEST(BufferTest, InsertModeWithAWideCharacterAtTheEdgeLeavesNoHalf) {
     Buffer b(6, 2, 8, 0, {});
     write(b, U"abcd\u4E16");
-    b.x = 0;
-    b.insertMode = true;
+    b.setX(Col(0));
+    b.modes().insertMode = true;
     write(b, U"x");
     // The wide character was pushed to columns 5 and 6; column 6 does not exist.
-    EXPECT_EQ(b.lines[0][5].width, 1);
-    EXPECT_EQ(b.lines[0][5].code, 0);
-    EXPECT_EQ(text(b, 0), "xabcd");
+    EXPECT_EQ(b.line(LineIndex(0))[5].width, 1);
+    EXPECT_EQ(b.line(LineIndex(0))[5].code, 0);
+    EXPECT_EQ(text(b, LineIndex(0)), "xabcd");
 }
 
 TEST(BufferTest, AsciiRunsWrapLikeSingleCharacters) {
@@ -332,16 +330,16 @@ TEST(BufferTest, AsciiRunsWrapLikeSingleCharacters) {
         static_cast<int>(s.size()));
     write(viaChars, U"abcdefghijklmn");
     EXPECT_EQ(allLines(viaRun), allLines(viaChars));
-    EXPECT_EQ(viaRun.x, viaChars.x);
-    EXPECT_EQ(viaRun.y, viaChars.y);
-    EXPECT_EQ(viaRun.yBase, viaChars.yBase);
-    for (int i = 1; i < viaRun.lines.count(); ++i)
-        EXPECT_EQ(viaRun.lines[i].isWrapped, viaChars.lines[i].isWrapped);
+    EXPECT_EQ(viaRun.x(), viaChars.x());
+    EXPECT_EQ(viaRun.y(), viaChars.y());
+    EXPECT_EQ(viaRun.yBase(), viaChars.yBase());
+    for (int i = 1; i < viaRun.lineCount(); ++i)
+        EXPECT_EQ(viaRun.line(LineIndex(i)).isWrapped(), viaChars.line(LineIndex(i)).isWrapped());
 }
 
 TEST(BufferTest, AsciiRunLeavesInsertModeToTheGeneralPath) {
     Buffer b(4, 3, 8, 10, {});
-    b.insertMode = true;
+    b.modes().insertMode = true;
     const uint8_t s[] = {'a', 'b'};
     EXPECT_EQ(b.insertAsciiRun(s, 2, 0), 0);
 }
@@ -349,25 +347,22 @@ TEST(BufferTest, AsciiRunLeavesInsertModeToTheGeneralPath) {
 TEST(BufferTest, ScrollWithLeftAndRightMarginsMovesOnlyTheCellsInside) {
     Buffer b(6, 3, 8, 10, {});
     write(b, U"abcdef");
-    b.x = 0;
-    b.y = 1;
+    b.setCursor(Col(0), ScreenRow(1));
     write(b, U"ghijkl");
-    b.x = 0;
-    b.y = 2;
+    b.setCursor(Col(0), ScreenRow(2));
     write(b, U"mnopqr");
-    b.marginMode = true;
-    b.marginLeft = 1;
-    b.marginRight = 3;
+    b.modes().marginMode = true;
+    b.setMargins(Col(1), Col(3));
     b.scroll(false);
     EXPECT_EQ(screen(b), (Lines{"ahijef", "gnopkl", "m   qr"}));
-    EXPECT_EQ(b.yBase, 0);
+    EXPECT_EQ(b.yBase(), LineIndex(0));
 }
 
 TEST(BufferTest, AttributeMarkingReportsEveryIdOnMaterialisedLines) {
     Buffer b(4, 2, 8, 0, {});
-    b.curAttr = 5;
+    b.modes().curAttr = 5;
     write(b, U"ab");
-    b.curAttr = 9;
+    b.modes().curAttr = 9;
     write(b, U"c");
     std::vector<AttributeId> seen;
     b.markAttributes([&](AttributeId id) { seen.push_back(id); });

@@ -50,16 +50,16 @@ TEST_F(RingTest, RecycleReusesTheOldestLineAsTheNewestCleared) {
     for (int i = 1; i <= 3; ++i)
         ring.push(lineWith(i));
     BufferLine* oldest = ring.peek(0);
-    oldest->isWrapped = true;
+    oldest->setWrapped(true);
     oldest->attach(TerminalImage{});
-    const uint64_t generation = oldest->recycleGeneration;
+    const uint64_t generation = oldest->recycleGeneration();
     BufferLine& line = ring.recycle(4);
     EXPECT_EQ(&line, oldest);
     EXPECT_EQ(ring.peek(2), oldest);
-    EXPECT_FALSE(line.isWrapped);
+    EXPECT_FALSE(line.isWrapped());
     EXPECT_EQ(line[0].code, 0);
     EXPECT_EQ(line[0].attribute, 4u);
-    EXPECT_EQ(line.recycleGeneration, generation + 1);
+    EXPECT_EQ(line.recycleGeneration(), generation + 1);
     EXPECT_EQ(recycledWithImages, 1);
     EXPECT_EQ(first(ring, 0), 2);
 }

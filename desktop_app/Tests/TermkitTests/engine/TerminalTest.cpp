@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "TermkitTests/IndexPrinters.h"
+
 #include <cstdlib>
 
 #include "Termkit/buffer/TinyAtom.h"
@@ -54,7 +56,7 @@ TEST(TerminalOptionsTest, TimerAndIdentityConstants) {
     EXPECT_EQ(kTermkitVersion, "v1.20.0");
     RecordingTerminalDelegate host;
     Terminal t(&host);
-    EXPECT_EQ(t.synchronizedOutputTimeout, kSynchronizedOutputTimeout);
+    EXPECT_EQ(t.synchronizedOutputTimeout(), kSynchronizedOutputTimeout);
 }
 
 TEST(TerminalTest, SizeIsRaisedToTheMinimum) {
@@ -69,13 +71,13 @@ TEST(TerminalTest, SynchronizedOutputTimeoutIsInjectable) {
     RecordingTerminalDelegate host;
     testing::ManualScheduler clock;
     Terminal t(&host, sized(10, 2), &clock);
-    t.synchronizedOutputTimeout = std::chrono::milliseconds(20);
+    t.setSynchronizedOutputTimeout(std::chrono::milliseconds(20));
     t.feed("\x1b[?2026h");
-    EXPECT_TRUE(t.synchronizedOutputActive);
+    EXPECT_TRUE(t.synchronizedOutputActive());
     clock.advance(std::chrono::milliseconds(19));
-    EXPECT_TRUE(t.synchronizedOutputActive);
+    EXPECT_TRUE(t.synchronizedOutputActive());
     clock.advance(std::chrono::milliseconds(1));
-    EXPECT_FALSE(t.synchronizedOutputActive);
+    EXPECT_FALSE(t.synchronizedOutputActive());
     const auto range = t.getUpdateRange();
     ASSERT_TRUE(range.has_value());
     EXPECT_EQ(range->first, 0);
@@ -121,12 +123,31 @@ TEST(TerminalTest, UpdateRangeCoversChangedRowsUntilCleared) {
     EXPECT_EQ(t.getUpdateRange(), std::pair(0, 4));
 }
 
+TEST(TerminalTest, TheDisplayScrollsWithinTheScrollbackAndGetLineReadsWhatItShows) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    t.feed("a\r\nb\r\nc\r\nd\r\ne");
+    ASSERT_EQ(t.buffer().yBase(), LineIndex(3));
+    EXPECT_EQ(rowText(*t.getLine(ScreenRow(0)), t.tables().characters), "d");
+    t.scrollDisplay(LineIndex(1));
+    EXPECT_EQ(t.buffer().yDisp(), LineIndex(1));
+    EXPECT_EQ(rowText(*t.getLine(ScreenRow(0)), t.tables().characters), "b");
+    EXPECT_EQ(rowText(*t.getLine(ScreenRow(1)), t.tables().characters), "c");
+    // The screen stays where the program writes: the cursor row is still the last one.
+    EXPECT_EQ(t.getCursorLocation().second, ScreenRow(1));
+    // Beyond either end the display stops at the end.
+    t.scrollDisplay(LineIndex(9));
+    EXPECT_EQ(t.buffer().yDisp(), LineIndex(3));
+    t.scrollDisplay(LineIndex(-4));
+    EXPECT_EQ(t.buffer().yDisp(), LineIndex(0));
+}
+
 TEST(TerminalTest, ScrollInvariantRowsSurviveRecycling) {
     RecordingTerminalDelegate host;
     Terminal t(&host, sized(10, 2, 2));
     t.feed("a\r\nb\r\nc\r\nd\r\ne\r\nf");
     // "c" was the third line written: invariant row 2, although the ring has recycled.
-    BufferLine* line = t.getScrollInvariantLine(InvariantRow(2));
+    const BufferLine* line = t.getScrollInvariantLine(InvariantRow(2));
     ASSERT_NE(line, nullptr);
     EXPECT_EQ(rowText(*line, t.tables().characters), "c");
     EXPECT_EQ(t.getScrollInvariantLine(InvariantRow(0)), nullptr);
@@ -194,14 +215,14 @@ TEST(TerminalTest, PayloadHandlesNoLineUsesAreFreed) {
     Terminal t(&host, sized(10, 2, 0));
     t.feed("\x1b]8;;one\x07"
            "a\x1b]8;;\x07");
-    ASSERT_EQ(t.payloadCodes.size(), 1u);
-    const uint16_t code = *t.payloadCodes.begin();
+    ASSERT_EQ(t.payloadCodes().size(), 1u);
+    const uint16_t code = *t.payloadCodes().begin();
     EXPECT_EQ(t.getCharData(Col(0), ScreenRow(0))->payload, code);
     t.garbageCollectPayload();
-    EXPECT_EQ(t.payloadCodes.size(), 1u);
+    EXPECT_EQ(t.payloadCodes().size(), 1u);
     t.feed("\x1b[2J");
     t.garbageCollectPayload();
-    EXPECT_TRUE(t.payloadCodes.empty());
+    EXPECT_TRUE(t.payloadCodes().empty());
     EXPECT_FALSE(TinyAtom::target(code).has_value());
 }
 
@@ -213,16 +234,16 @@ TEST(TerminalTest, DefaultDelegateStoresColoursAndRebuildsThePalette) {
     const Color before = t.palette()[16];
     // A light foreground on the white background becomes the dark end of the cube.
     t.feed("\x1b]10;#e0e0e0\x07");
-    EXPECT_EQ(t.foregroundColor, Color::from8bit(0xE0, 0xE0, 0xE0));
+    EXPECT_EQ(t.foregroundColor(), Color::from8bit(0xE0, 0xE0, 0xE0));
     EXPECT_NE(t.palette()[16], before);
     EXPECT_EQ(t.palette()[16], Color::from8bit(0xE0, 0xE0, 0xE0));
     t.feed("\x1b]11;#202020\x07");
-    EXPECT_EQ(t.backgroundColor, Color::from8bit(0x20, 0x20, 0x20));
+    EXPECT_EQ(t.backgroundColor(), Color::from8bit(0x20, 0x20, 0x20));
     EXPECT_EQ(t.palette()[16], Color::from8bit(0x20, 0x20, 0x20));
     t.feed("\x1b]12;#010203\x07");
-    EXPECT_EQ(t.cursorColor, Color::from8bit(1, 2, 3));
+    EXPECT_EQ(t.cursorColor(), Color::from8bit(1, 2, 3));
     t.feed("\x1b]112\x07");
-    EXPECT_FALSE(t.cursorColor);
+    EXPECT_FALSE(t.cursorColor());
 }
 
 TEST(TerminalTest, SettingAColourTellsTheDelegateOnce) {
@@ -231,7 +252,7 @@ TEST(TerminalTest, SettingAColourTellsTheDelegateOnce) {
     t.setForegroundColor(Color::from8bit(1, 1, 1));
     ASSERT_EQ(host.events.size(), 1u);
     EXPECT_EQ(host.events[0], "foreground rgb:0101/0101/0101");
-    EXPECT_EQ(t.foregroundColor, Color::from8bit(1, 1, 1));
+    EXPECT_EQ(t.foregroundColor(), Color::from8bit(1, 1, 1));
 }
 
 TEST(TerminalTest, InstallingColoursReplacesTheFirstSixteenAndNotifies) {
@@ -281,7 +302,7 @@ TEST(TerminalTest, ExtensionPointsReceiveTheirSequences) {
         "keyboard >1", "keyboard ?0", "graphics a=T;QUFB", "prompt A", "bidi 8", "bidi 4", "switch"};
     EXPECT_EQ(ext.log, expected);
     EXPECT_EQ(ext.dcs, (std::vector<std::string>{"sixel.hook(,1,q)", "sixel.put(#0!3~)", "sixel.unhook"}));
-    EXPECT_EQ(t.currentBidiState.fallbackDirection, BidiDirection::leftToRight);
+    EXPECT_EQ(t.currentBidiState().fallbackDirection, BidiDirection::leftToRight);
 }
 
 TEST(TerminalTest, CsiUWithoutCollectRestoresTheCursor) {
@@ -302,27 +323,27 @@ TEST(TerminalTest, RegisteredOscHandlerWinsOverTheBuiltIn) {
     t.feed("\x1b]2;mine\x07");
     EXPECT_EQ(seen, "mine");
     EXPECT_TRUE(host.events.empty());
-    EXPECT_TRUE(t.terminalTitle.empty());
+    EXPECT_TRUE(t.terminalTitle().empty());
 }
 
 TEST(TerminalTest, ParserLogsGoThroughTheTerminalUnlessSilent) {
     RecordingTerminalDelegate host;
     Terminal t(&host, sized(10, 2));
     std::vector<std::string> lines;
-    t.logSink = [&](std::string_view l) { lines.emplace_back(l); };
+    t.setLogSink([&](std::string_view l) { lines.emplace_back(l); });
     t.feed("\x1b[:m\x1b#9");
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0], "Info: Termkit: Parsing error, state: csiEntry");
     EXPECT_EQ(lines[1], "Info: Termkit: Unknown ESC Code: ESC + 9 txt=#");
-    t.silentLog = true;
+    t.setSilentLog(true);
     t.feed("\x1b[:m\x1b#9");
     EXPECT_EQ(lines.size(), 2u);
 }
 
 // The cluster in the first cell of the cursor row.
-std::string firstCellCluster(Terminal& t) {
-    Buffer& b = t.buffer();
-    return t.character(std::as_const(b.lines[b.yBase + b.y]).cells()[0].code);
+std::string firstCellCluster(const Terminal& t) {
+    const Buffer& b = t.buffer();
+    return t.character(b.screenLine(b.y()).cells()[0].code);
 }
 
 TEST(TerminalTest, MarksThatArriveTogetherStoreOnlyTheWholeCluster) {
@@ -331,7 +352,7 @@ TEST(TerminalTest, MarksThatArriveTogetherStoreOnlyTheWholeCluster) {
     const size_t before = t.tables().characters.size();
     t.feed("a\xcc\x81\xcc\x82\xcc\x83");
     EXPECT_EQ(firstCellCluster(t), "a\xcc\x81\xcc\x82\xcc\x83");
-    EXPECT_EQ(t.buffer().x, 1);
+    EXPECT_EQ(t.buffer().x(), Col(1));
     // The steps to it ("a" with one and with two marks) were never shown, so never stored.
     EXPECT_EQ(t.tables().characters.size(), before + 1);
 }
@@ -347,7 +368,7 @@ TEST(TerminalTest, MarksSplitAcrossChunksJoinTheSameCluster) {
         for (size_t at = 0; at < marks.size(); at += step)
             t.feed(std::string_view(marks).substr(at, step));
         ASSERT_EQ(firstCellCluster(t), firstCellCluster(whole)) << "step " << step;
-        ASSERT_EQ(t.buffer().x, 1);
+        ASSERT_EQ(t.buffer().x(), Col(1));
     }
     EXPECT_EQ(firstCellCluster(whole), marks);
 }
@@ -371,7 +392,7 @@ TEST(TerminalTest, AMarkRunStopsAtASelectorAndAJoiner) {
     t.feed("a\xcc\x81\xcc\x82\xef\xb8\x8f\xcc\x83\xe2\x80\x8d\xe4\xb8\x96");
     EXPECT_EQ(firstCellCluster(t), "a\xcc\x81\xcc\x82\xcc\x83\xe2\x80\x8d");
     EXPECT_EQ(screenText(t)[0], "a\xcc\x81\xcc\x82\xcc\x83\xe2\x80\x8d\xe4\xb8\x96");
-    EXPECT_EQ(t.buffer().x, 3);
+    EXPECT_EQ(t.buffer().x(), Col(3));
 }
 
 TEST(TerminalTest, AJoinerInTheMiddleOfARunCallsTheNextScalarIntoItsCell) {
@@ -379,12 +400,12 @@ TEST(TerminalTest, AJoinerInTheMiddleOfARunCallsTheNextScalarIntoItsCell) {
     Terminal t(&host, sized(10, 2));
     // Woman, ZWJ, laptop: one wide cell even though both emoji take the plain write path.
     t.feed("x\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x92\xbby");
-    Buffer& b = t.buffer();
-    const CharData* cells = std::as_const(b.lines[b.yBase]).cells();
+    const Buffer& b = t.buffer();
+    const CharData* cells = b.screenLine(ScreenRow(0)).cells();
     EXPECT_EQ(t.character(cells[1].code), "\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x92\xbb");
     EXPECT_EQ(cells[1].width, 2);
     EXPECT_EQ(t.character(cells[3].code), "y");
-    EXPECT_EQ(b.x, 4);
+    EXPECT_EQ(b.x(), Col(4));
 }
 
 TEST(TerminalTest, ChunkingNeverChangesTheResult) {

@@ -72,10 +72,10 @@ public:
         events.push_back("cursorStyle " + std::to_string(static_cast<int>(s)));
     }
     void hostCurrentDocumentUpdated(Terminal& t) override {
-        events.push_back("document " + t.hostCurrentDocument);
+        events.push_back("document " + t.hostCurrentDocument());
     }
     void hostCurrentDirectoryUpdated(Terminal& t) override {
-        events.push_back("directory " + t.hostCurrentDirectory);
+        events.push_back("directory " + t.hostCurrentDirectory());
     }
     void colorChanged(Terminal&, std::optional<int> idx) override {
         events.push_back("colorChanged " + (idx ? std::to_string(*idx) : std::string("all")));
@@ -113,7 +113,7 @@ public:
                          std::to_string(h.value) + (keep ? " keep" : " stretch"));
     }
     void mouseModeChanged(Terminal& t) override {
-        events.push_back("mouse " + std::to_string(static_cast<int>(t.mouseMode)));
+        events.push_back("mouse " + std::to_string(static_cast<int>(t.mouseMode())));
     }
 };
 

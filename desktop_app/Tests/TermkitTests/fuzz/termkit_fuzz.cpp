@@ -26,18 +26,26 @@ void check(bool condition) {
 }
 
 // The invariants every operation must keep.
-void checkInvariants(termkit::Terminal& t) {
-    for (termkit::Buffer* b : {&t.normalBuffer(), &t.altBuffer()}) {
+void checkInvariants(const termkit::Terminal& t) {
+    for (const termkit::Buffer* b : {&t.normalBuffer(), &t.altBuffer()}) {
+        const int x = b->x().value;
+        const int y = b->y().value;
+        const int yBase = b->yBase().value;
+        const int yDisp = b->yDisp().value;
+        const int top = b->scrollTop().value;
+        const int bottom = b->scrollBottom().value;
+        const int left = b->marginLeft().value;
+        const int right = b->marginRight().value;
         check(b->cols() == t.cols() && b->rows() == t.rows());
-        check(b->x >= 0 && b->x <= b->cols());
-        check(b->y >= 0 && b->y < b->rows());
-        check(b->yBase >= 0 && b->yDisp >= 0 && b->yDisp <= b->yBase);
-        check(b->lines.count() == b->yBase + b->rows());
-        check(b->lines.count() <= b->lines.maxLength());
-        check(b->scrollTop >= 0 && b->scrollTop < b->scrollBottom + 1 && b->scrollBottom < b->rows());
-        check(b->marginLeft >= 0 && b->marginLeft <= b->marginRight && b->marginRight < b->cols());
-        for (int i = 0; i < b->lines.count(); ++i) {
-            const termkit::BufferLine* line = b->lines.peek(i);
+        check(x >= 0 && x <= b->cols());
+        check(y >= 0 && y < b->rows());
+        check(yBase >= 0 && yDisp >= 0 && yDisp <= yBase);
+        check(b->lineCount() == yBase + b->rows());
+        check(b->lineCount() <= b->lines().maxLength());
+        check(top >= 0 && top < bottom + 1 && bottom < b->rows());
+        check(left >= 0 && left <= right && right < b->cols());
+        for (int i = 0; i < b->lineCount(); ++i) {
+            const termkit::BufferLine* line = b->lines().peek(i);
             if (line == nullptr)
                 continue;
             check(line->count() == b->cols());
@@ -62,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         (data[3] & 1) ? termkit::RegionalIndicatorWidth::narrow : termkit::RegionalIndicatorWidth::wide;
     options.convertEol = (data[3] & 2) != 0;
     termkit::Terminal terminal(&host, options);
-    terminal.silentLog = true;
+    terminal.setSilentLog(true);
     size_t i = 4;
     while (i < size) {
         const uint8_t op = data[i++];
@@ -86,8 +94,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             (void)terminal.getText(termkit::Position(termkit::Col(0), termkit::LineIndex(0)),
                                    termkit::Position(termkit::Col(3), termkit::LineIndex(5)));
         } else if (op == 0xF8) {
-            terminal.userScrolling = !terminal.userScrolling;
-            terminal.buffer().yDisp = 0;
+            terminal.setUserScrolling(!terminal.userScrolling());
+            terminal.scrollDisplay(termkit::LineIndex(0));
         } else {
             // A longer chunk, to reach states that need many bytes.
             const size_t n = std::min<size_t>(512, size - i);

@@ -146,7 +146,7 @@ std::vector<std::string> runGoldenCase(const GoldenCase& c) {
     auto live = [&]() -> Terminal& {
         if (!terminal) {
             terminal = std::make_unique<Terminal>(&host, options, &scheduler);
-            terminal->logSink = [&logs](std::string_view line) { logs.emplace_back(line); };
+            terminal->setLogSink([&logs](std::string_view line) { logs.emplace_back(line); });
         }
         return *terminal;
     };
@@ -181,13 +181,13 @@ std::vector<std::string> runGoldenCase(const GoldenCase& c) {
             const auto [key, value] = split1(args);
             Terminal& t = live();
             if (key == "send8bit")
-                t.cc.send8bit = value == "on";
+                t.feed(value == "on" ? "\x1b G" : "\x1b F"); // S8C1T and S7C1T
             else if (key == "trusted")
                 host.trusted = value == "on";
             else if (key == "userScrolling")
-                t.userScrolling = value == "on";
+                t.setUserScrolling(value == "on");
             else if (key == "silentLog")
-                t.silentLog = value == "on";
+                t.setSilentLog(value == "on");
             else if (key == "cellSize") {
                 std::istringstream v(value);
                 int w = 0, h = 0;
@@ -219,23 +219,23 @@ std::vector<std::string> runGoldenCase(const GoldenCase& c) {
     }
     Terminal& t = live();
     std::vector<std::string> out;
-    Buffer& b = t.buffer();
+    const Buffer& b = t.buffer();
     if (history) {
-        for (int i = 0; i < b.yBase; ++i)
-            out.push_back("^" + rowText(b.lines[i], t.tables().characters));
+        for (LineIndex i(0); i < b.yBase(); ++i)
+            out.push_back("^" + rowText(b.line(i), t.tables().characters));
     }
     for (const std::string& row : screenText(t))
         out.push_back("|" + row);
     const auto [col, row] = t.getCursorLocation();
     out.push_back("cursor " + std::to_string(row.value) + " " + std::to_string(col.value));
-    for (int r = 0; r < t.rows(); ++r) {
+    for (ScreenRow r(0); r <= b.lastRow(); ++r) {
         const std::string runs = attributeRuns(t, r);
         if (!runs.empty())
-            out.push_back("attrs " + std::to_string(r) + ": " + runs);
+            out.push_back("attrs " + std::to_string(r.value) + ": " + runs);
     }
-    for (int r = 0; r < t.rows(); ++r) {
+    for (ScreenRow r(0); r <= b.lastRow(); ++r) {
         // Cells with a payload, as runs of the payload's text.
-        const BufferLine& line = b.lines[b.yBase + r];
+        const BufferLine& line = b.screenLine(r);
         std::string runs;
         for (int c = 0; c < line.count();) {
             const uint16_t payload = line[c].payload;
@@ -251,7 +251,7 @@ std::vector<std::string> runGoldenCase(const GoldenCase& c) {
             c = end + 1;
         }
         if (!runs.empty())
-            out.push_back("links " + std::to_string(r) + ": " + runs);
+            out.push_back("links " + std::to_string(r.value) + ": " + runs);
     }
     for (const auto& reply : host.replies)
         out.push_back("reply " + reply);

@@ -61,7 +61,7 @@ std::string replay(const Session& s, const std::vector<uint8_t>& bytes, std::mt1
     options.cols = s.cols;
     options.rows = s.rows;
     Terminal terminal(&host, options);
-    terminal.silentLog = true;
+    terminal.setSilentLog(true);
     if (chunking == nullptr) {
         terminal.feed(bytes);
     } else {

@@ -24,10 +24,10 @@ protected:
     std::vector<ParsingState> errors;
 
     void SetUp() override {
-        parser.errorHandler = [this](ParsingState s) {
+        parser.setErrorHandler([this](ParsingState s) {
             errors.push_back(s);
             return s;
-        };
+        });
     }
     void feed(const std::string& s) { parser.parse(bytes(s)); }
 };
@@ -183,9 +183,9 @@ TEST_F(ParserTest, C1CsiPrintsInGroundButOpensCsiInsideEscape) {
 
 TEST_F(ParserTest, ApcGoesToKittyGraphicsOrToTheFallback) {
     std::string fallback;
-    parser.apcHandlerFallback = [&](uint8_t cmd, std::span<const uint8_t> d) {
+    parser.setApcFallback([&](uint8_t cmd, std::span<const uint8_t> d) {
         fallback = std::string(1, static_cast<char>(cmd)) + ":" + std::string(d.begin(), d.end());
-    };
+    });
     feed("\x1b_Ga=T,f=100;AAAA\x1b\\");
     EXPECT_EQ(target.log, (Log{"kitty(a=T,f=100;AAAA)", "esc(,\\)"}));
     feed("\x1b_Xyz\x07");
@@ -225,13 +225,13 @@ TEST_F(ParserTest, HighBytesInCsiIgnoreStayIgnored) {
 
 TEST_F(ParserTest, AbortingErrorHandlerLeavesTheStoredStateAsBeforeTheChunk) {
     feed("\x1b[12");
-    parser.errorHandler = [](ParsingState s) {
+    parser.setErrorHandler([](ParsingState s) {
         s.abort = true;
         return s;
-    };
+    });
     feed(";3\x1b[5\x19");
-    EXPECT_EQ(parser.currentState, ParserState::csiParam);
-    parser.errorHandler = nullptr;
+    EXPECT_EQ(parser.currentState(), ParserState::csiParam);
+    parser.setErrorHandler(nullptr);
     feed("H");
     EXPECT_EQ(target.log, (Log{"csi(,12,H)"}));
 }
@@ -272,7 +272,7 @@ TEST_F(ParserTest, ResetDropsCollectedStateAndCallsPrintStateReset) {
     feed("\x1b[12;");
     const int before = target.printResets;
     parser.reset();
-    EXPECT_EQ(parser.currentState, ParserState::ground);
+    EXPECT_EQ(parser.currentState(), ParserState::ground);
     EXPECT_EQ(target.printResets, before + 1);
     feed("m");
     EXPECT_EQ(target.log, (Log{"print(m)"}));

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 namespace termkit {
 namespace {
 
@@ -27,7 +29,16 @@ void expectEntry(S state, uint8_t code, A action, S next) {
 TEST(TransitionTableTest, HoldsOneByteForEveryStateAndClampedByte) {
     EXPECT_EQ(TransitionTable::kSize, 4095);
     EXPECT_EQ(sharedVt500Table().table.size(), 4095u);
-    EXPECT_EQ(&sharedVt500Table(), &sharedVt500Table());
+}
+
+TEST(TransitionTableTest, TheSharedTableIsTheVt500TableBuiltOncePerProcess) {
+    // Every parser reads the shared table, so it must hold exactly what the builder makes.
+    const TransitionTable built = buildVt500TransitionTable();
+    EXPECT_EQ(sharedVt500Table().table, built.table);
+    // Parsers on other threads (the process layer's) share the same object, not a copy.
+    const TransitionTable* seenElsewhere = nullptr;
+    std::thread([&] { seenElsewhere = &sharedVt500Table(); }).join();
+    EXPECT_EQ(seenElsewhere, &sharedVt500Table());
 }
 
 TEST(TransitionTableTest, EntryPacksActionAboveNextState) {

@@ -132,7 +132,7 @@ TEST(HeadlessTerminalTest, TheReportedDirectoryIsKept) {
                                       {"-c", "printf '\\033]7;file://localhost/tmp/termkit-dir\\007'"});
     ASSERT_TRUE(f.waitForEnd());
     ASSERT_TRUE(f.headless.dir());
-    EXPECT_EQ(*f.headless.dir(), f.headless.terminal().hostCurrentDirectory);
+    EXPECT_EQ(*f.headless.dir(), f.headless.terminal().hostCurrentDirectory());
     EXPECT_NE(f.headless.dir()->find("/tmp/termkit-dir"), std::string::npos);
 }
 

@@ -20,15 +20,15 @@ namespace termkit::testing {
 inline constexpr std::chrono::milliseconds kWait{20000};
 
 /// Every line of the active buffer, scrollback included, trailing blanks trimmed.
-inline std::vector<std::string> allLines(Terminal& terminal) {
-    Buffer& buffer = terminal.buffer();
+inline std::vector<std::string> allLines(const Terminal& terminal) {
+    const Buffer& buffer = terminal.buffer();
     std::vector<std::string> lines;
-    for (int i = 0; i < buffer.lines.count(); ++i)
-        lines.push_back(rowText(buffer.lines[i], terminal.tables().characters));
+    for (LineIndex i(0); i.value < buffer.lineCount(); ++i)
+        lines.push_back(rowText(buffer.line(i), terminal.tables().characters));
     return lines;
 }
 
-inline bool hasLine(Terminal& terminal, const std::string& text) {
+inline bool hasLine(const Terminal& terminal, const std::string& text) {
     const auto lines = allLines(terminal);
     return std::find(lines.begin(), lines.end(), text) != lines.end();
 }

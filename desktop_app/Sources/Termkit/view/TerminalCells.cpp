@@ -1,4 +1,4 @@
-#include "Termkit/view/TerminalAccess.h"
+#include "Termkit/view/TerminalCells.h"
 
 #include <QList>
 
@@ -23,7 +23,7 @@ uint32_t resolve(const Attribute::Color& c, const std::array<Color, 256>& palett
         return invertedDefault;
     case Attribute::Color::Kind::ansi256: {
         const int code = brighten && c.code() < 8 ? c.code() + 8 : c.code();
-        return TerminalAccess::argb(palette[static_cast<size_t>(code)]);
+        return argb(palette[static_cast<size_t>(code)]);
     }
     case Attribute::Color::Kind::trueColor:
         return 0xFF000000u | (uint32_t{c.red} << 16) | (uint32_t{c.green} << 8) | c.blue;
@@ -32,7 +32,8 @@ uint32_t resolve(const Attribute::Color& c, const std::array<Color, 256>& palett
 }
 
 // A cell's character as a scalar, or its cluster put aside in the row.
-uint32_t codeOf(Terminal& terminal, const CharData& cell, std::vector<QString>& clusters, QString* single) {
+uint32_t codeOf(const Terminal& terminal, const CharData& cell, std::vector<QString>& clusters,
+                QString* single) {
     if (cell.code < kCharacterTableBase)
         return static_cast<uint32_t>(cell.code);
     const QString text = QString::fromStdString(terminal.character(cell.code));
@@ -47,10 +48,10 @@ uint32_t codeOf(Terminal& terminal, const CharData& cell, std::vector<QString>& 
     return RenderCell::kClusterFlag | static_cast<uint32_t>(clusters.size() - 1);
 }
 
-RenderCell render(Terminal& terminal, const CharData& data, const ViewColors& colors,
+RenderCell render(const Terminal& terminal, const CharData& data, const ViewColors& colors,
                   std::vector<QString>& clusters, QString* single) {
     const Attribute& attr = terminal.attribute(data);
-    const bool reverse = terminal.reverseColors;
+    const bool reverse = terminal.reverseColors();
     const uint32_t defaultFg = reverse ? colors.background : colors.foreground;
     const uint32_t defaultBg = reverse ? colors.foreground : colors.background;
     const auto& palette = terminal.palette();
@@ -81,98 +82,29 @@ RenderCell render(Terminal& terminal, const CharData& data, const ViewColors& co
 
 } // namespace
 
-namespace TerminalAccess {
-
 uint32_t argb(const Color& color) {
     return 0xFF000000u | (uint32_t{static_cast<uint8_t>(color.red >> 8)} << 16) |
            (uint32_t{static_cast<uint8_t>(color.green >> 8)} << 8) | static_cast<uint8_t>(color.blue >> 8);
 }
 
-InputModes inputModes(Terminal& terminal) {
-    InputModes modes;
-    modes.applicationCursor = terminal.applicationCursor;
-    modes.applicationKeypad = terminal.applicationKeypad;
-    modes.bracketedPasteMode = terminal.bracketedPasteMode;
-    modes.alternateScrollMode = terminal.alternateScrollMode;
-    modes.alternateBufferActive = terminal.isAlternateBufferActive();
-    modes.sendFocus = terminal.sendFocus;
-    modes.mouseMode = terminal.mouseMode;
-    modes.mouseProtocol = terminal.mouseProtocol;
-    modes.keyboardEnhancementFlags =
-        terminal.isAlternateBufferActive() ? terminal.keyboardModeAlt : terminal.keyboardModeNormal;
-    return modes;
-}
-
-CaretState caret(Terminal& terminal) {
-    Buffer& buffer = terminal.buffer();
-    CaretState state;
-    state.col = std::min(buffer.x, terminal.cols() - 1);
-    state.row = buffer.y + (buffer.yBase - buffer.yDisp);
-    state.visible = !terminal.cursorHidden && buffer.yDisp == buffer.yBase;
-    state.style = terminal.cursorStyle;
-    state.blinks = state.style == CursorStyle::blinkBlock || state.style == CursorStyle::blinkUnderline ||
-                   state.style == CursorStyle::blinkBar || terminal.cursorBlink;
-    return state;
-}
-
-bool synchronizedOutputActive(Terminal& terminal) {
-    return terminal.synchronizedOutputActive;
-}
-
-int displayTop(Terminal& terminal) {
-    return terminal.buffer().yDisp;
-}
-
-uint64_t colorStamp(Terminal& terminal, const ViewColors& colors) {
+uint64_t colorStamp(const Terminal& terminal, const ViewColors& colors) {
     uint64_t h = 1469598103934665603ull;
     auto mixIn = [&](uint64_t v) { h = (h ^ v) * 1099511628211ull; };
     mixIn(colors.foreground);
     mixIn(colors.background);
     mixIn(colors.useBrightColors ? 1 : 0);
-    mixIn(terminal.reverseColors ? 1 : 0);
+    mixIn(terminal.reverseColors() ? 1 : 0);
     for (const Color& c : terminal.palette())
         mixIn((uint64_t{c.red} << 32) | (uint64_t{c.green} << 16) | c.blue);
     return h;
 }
 
-uint32_t effectiveBackground(Terminal& terminal, const ViewColors& colors) {
-    return terminal.reverseColors ? colors.foreground : colors.background;
+uint32_t viewBackground(const Terminal& terminal, const ViewColors& colors) {
+    return terminal.reverseColors() ? colors.foreground : colors.background;
 }
 
-int scrollbackLines(Terminal& terminal) {
-    return terminal.buffer().yBase;
-}
-
-int linesScrolledBack(Terminal& terminal) {
-    return terminal.buffer().yBase - terminal.buffer().yDisp;
-}
-
-void scrollBackTo(Terminal& terminal, int lines) {
-    Buffer& buffer = terminal.buffer();
-    buffer.yDisp = buffer.yBase - std::clamp(lines, 0, buffer.yBase);
-    terminal.updateFullScreen();
-}
-
-void setUserScrolling(Terminal& terminal, bool scrolling) {
-    terminal.userScrolling = scrolling;
-}
-
-std::optional<std::string> hostCurrentDirectory(Terminal& terminal) {
-    if (terminal.hostCurrentDirectory.empty())
-        return std::nullopt;
-    return terminal.hostCurrentDirectory;
-}
-
-uint32_t foreground(Terminal& terminal) {
-    return argb(terminal.foregroundColor);
-}
-
-uint32_t background(Terminal& terminal) {
-    return argb(terminal.backgroundColor);
-}
-
-RenderCell cellAt(Terminal& terminal, int& col, int row, const ViewColors& colors, QString& cluster) {
-    BufferLine* line = terminal.getLine(ScreenRow(row));
+RenderCell cellAt(const Terminal& terminal, int& col, int row, const ViewColors& colors, QString& cluster) {
+    const BufferLine* line = terminal.getLine(ScreenRow(row));
     if (line == nullptr || col < 0 || col >= line->count())
         return RenderCell{};
     std::vector<QString> unused;
@@ -184,8 +116,6 @@ RenderCell cellAt(Terminal& terminal, int& col, int row, const ViewColors& color
     return cell;
 }
 
-} // namespace TerminalAccess
-
 int TerminalRowSource::rowCount() const {
     return m_terminal.rows();
 }
@@ -194,7 +124,7 @@ RowKey TerminalRowSource::rowKey(int row) const {
     const BufferLine* line = m_terminal.getLine(ScreenRow(row));
     if (line == nullptr)
         return {};
-    return {line, line->generation, 0};
+    return {line, line->generation(), 0};
 }
 
 void TerminalRowSource::copyRow(int row, RowSnapshot& out) const {
