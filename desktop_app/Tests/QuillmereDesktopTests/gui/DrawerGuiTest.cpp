@@ -10,6 +10,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QProcessEnvironment>
 #include <QQuickWindow>
 #include <QSGRendererInterface>
@@ -28,10 +29,19 @@ QString fakeBin() {
 }
 
 // A relay that finds a "claude" on its PATH (the stand-in) and no "codex".
-RelayFixture::Options relayWithClaudeInstalled(const QTemporaryDir& bin) {
-    QFile::link(fakeBin() + QStringLiteral("/claude"), bin.filePath(QStringLiteral("claude")));
+// The relay finds the agents' tools on its PATH: there it gets only a folder of its own, so
+// that tools installed on the machine running the tests change nothing.
+RelayFixture::Options relayWithTools(const QTemporaryDir& bin, bool claudeInstalled) {
+    if (claudeInstalled)
+        QFile::link(fakeBin() + QStringLiteral("/claude"), bin.filePath(QStringLiteral("claude")));
     RelayFixture::Options options;
-    options.extra.insert(QStringLiteral("PATH"), bin.path() + QStringLiteral(":/usr/bin:/bin"));
+    options.extra.insert(QStringLiteral("PATH"), bin.path());
+    // Without the system's PATH the relay needs its interpreter itself, not a launcher.
+    QProcess python;
+    python.start(RelayFixture::python(),
+                 {QStringLiteral("-c"), QStringLiteral("import sys; print(sys.executable)")});
+    if (python.waitForFinished(10000))
+        options.interpreter = QString::fromUtf8(python.readAllStandardOutput()).trimmed();
     return options;
 }
 
@@ -92,9 +102,7 @@ class DrawerGuiTest : public QObject {
 
     static std::unique_ptr<Session> signIn(bool claudeInstalled) {
         auto session = std::make_unique<Session>();
-        session->relay = claudeInstalled
-                             ? std::make_unique<RelayFixture>(relayWithClaudeInstalled(session->relayBin))
-                             : std::make_unique<RelayFixture>();
+        session->relay = std::make_unique<RelayFixture>(relayWithTools(session->relayBin, claudeInstalled));
         if (!session->relay->start())
             return nullptr;
         session->harness = std::make_unique<AppHarness>(AppHarness::Options{session->relay->url(), false});
