@@ -2,7 +2,7 @@
 
 #include "QuillmereDesktop/agents/AgentRun.h"
 #include "QuillmereDesktop/agents/Graphemes.h"
-#include "QuillmereDesktop/agents/LoginShell.h"
+#include "QuillmereDesktop/common/LoginShell.h"
 #include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/common/Result.h"
 #include "QuillmereDesktop/terminal/HeldRelayClient.h"

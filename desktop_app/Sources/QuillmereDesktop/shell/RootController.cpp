@@ -1,5 +1,7 @@
 #include "QuillmereDesktop/shell/RootController.h"
 
+#include <QQmlComponent>
+#include <QQuickWindow>
 #include <qcoro/qcorotimer.h>
 
 RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& cli,
@@ -31,21 +33,74 @@ void RootController::onAuthStateChanged() {
         m_hasAutoOpenedTerminal = true;
         firstSignIn(m_auth->client());
     } else {
-        m_cli->startPolling(m_auth->client());
+        // Later sign-ins only start what may have stopped; the drawer stays as it was.
+        startPollingAndProbing(m_auth->client());
     }
+}
+
+void RootController::startPollingAndProbing(RelayClient* client) {
+    m_cli->startPolling(client);
+    emit claudeUsageProbingRequested(m_app->terminalWorkingDirectory());
 }
 
 QCoro::Task<> RootController::firstSignIn(RelayClient* client) {
     QPointer<RootController> self(this);
     QPointer<RelayClient> guardedClient(client);
+    // The status first, so that the drawer opens knowing which tools need installing.
     co_await m_cli->refresh(guardedClient.data());
     if (!self)
         co_return;
-    m_cli->startPolling(guardedClient.data());
+    openTerminal();
+    startPollingAndProbing(guardedClient.data());
     co_await QCoro::sleepFor(m_firstRunCheckDelay);
     if (!self)
         co_return;
     co_await m_cli->refresh(guardedClient.data());
     if (self)
         emit self->firstRunChecked();
+}
+
+void RootController::openTerminal() {
+    if (!m_drawer)
+        return;
+    m_drawer->setSessionDirectory(m_app->terminalWorkingDirectory());
+    if (!m_drawer->isOpen())
+        m_drawer->open([this] { return buildDrawerContent(); });
+}
+
+void RootController::toggleTerminal() {
+    if (!m_drawer)
+        return;
+    m_drawer->setSessionDirectory(m_app->terminalWorkingDirectory());
+    m_drawer->toggle([this] { return buildDrawerContent(); });
+}
+
+void RootController::restartTerminals() {
+    if (!m_drawer)
+        return;
+    m_drawer->discardSessions();
+    openTerminal();
+}
+
+QWindow* RootController::buildDrawerContent() {
+    if (!m_engine)
+        return nullptr;
+    // The client as it is at this moment: the pipelines keep it for their sessions' lives.
+    auto* panel = new TerminalPanelViewModel(m_auth->client(), m_cli->status(),
+                                             m_app->terminalWorkingDirectory(), m_panelConfig);
+    QQmlComponent component(m_engine, QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/TerminalPanelWindow.qml")));
+    QObject* made =
+        component.createWithInitialProperties({{QStringLiteral("panel"), QVariant::fromValue(panel)}});
+    auto* window = qobject_cast<QQuickWindow*>(made);
+    if (!window) {
+        qWarning("drawer: %s", qPrintable(component.errorString()));
+        delete made;
+        delete panel;
+        return nullptr;
+    }
+    QQmlEngine::setObjectOwnership(window, QQmlEngine::CppOwnership);
+    // The panel goes with its window, after the terminals that record through it.
+    panel->setParent(window);
+    connect(panel, &TerminalPanelViewModel::closeRequested, m_drawer, &TerminalDrawerController::close);
+    return window;
 }

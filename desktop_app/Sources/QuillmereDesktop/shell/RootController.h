@@ -4,9 +4,12 @@
 #include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
+#include "QuillmereDesktop/terminal/TerminalDrawerController.h"
+#include "QuillmereDesktop/terminal/TerminalPanelViewModel.h"
 
 #include <QObject>
 #include <QPointer>
+#include <QQmlEngine>
 #include <QtQml/qqmlregistration.h>
 
 #include <chrono>
@@ -45,19 +48,41 @@ public:
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
 
+    // The drawer and the engine its window is made with; set by the entry once both exist.
+    void setDrawer(TerminalDrawerController* drawer) { m_drawer = drawer; }
+    void setQmlEngine(QQmlEngine* engine) { m_engine = engine; }
+    // The drawer's panel settings, replaceable in tests (shorter delays).
+    void setPanelConfig(TerminalPanelViewModel::Config config) { m_panelConfig = std::move(config); }
+
+    // Opens the drawer in the present working folder (it is not toggled closed).
+    Q_INVOKABLE void openTerminal();
+    // Opens or closes the drawer.
+    Q_INVOKABLE void toggleTerminal();
+    // New terminals in the present working folder: the old ones and their sessions end.
+    Q_INVOKABLE void restartTerminals();
+
 signals:
     void signedInChanged();
     void sheetsChanged();
-    // The first sign-in's second status check is done (the first-run screen hooks in here).
+    // Step four of the first sign-in: the usage probe hooks in here when it exists.
+    void claudeUsageProbingRequested(const QString& workingDirectory);
+    // The first sign-in's second status check is done. Its last step, showing onboarding when
+    // either tool is not connected, hooks in here once the onboarding screen exists.
     void firstRunChecked();
 
 private:
     QCoro::Task<> firstSignIn(RelayClient* client);
+    void startPollingAndProbing(RelayClient* client);
+    // Makes the drawer's window with its panel, from what is known now.
+    QWindow* buildDrawerContent();
 
     AppState* m_app;
     AuthStore* m_auth;
     CLIStatusStore* m_cli;
     std::chrono::milliseconds m_firstRunCheckDelay;
+    QPointer<TerminalDrawerController> m_drawer;
+    QPointer<QQmlEngine> m_engine;
+    TerminalPanelViewModel::Config m_panelConfig;
     bool m_hasAutoOpenedTerminal = false;
     bool m_wasSignedIn = false;
     // Sign-out leaves a sheet's flag as it was.

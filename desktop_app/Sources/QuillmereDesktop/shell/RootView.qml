@@ -8,7 +8,10 @@ Rectangle {
     id: root
     color: Theme.paper
 
-    FloatingWindowConfigurator { alwaysOnTop: AppState.alwaysOnTop }
+    FloatingWindowConfigurator {
+        alwaysOnTop: AppState.alwaysOnTop
+        onResolved: (window) => TerminalDrawerController.setMainWindow(window)
+    }
 
     LoginView {
         anchors.fill: parent
@@ -31,6 +34,14 @@ Rectangle {
                 color: Theme.ink
             }
             StatusDot { objectName: "statusDot"; online: AppState.online }
+            PlainButton {
+                objectName: "terminalToggle"
+                text: TerminalDrawerController.toggleLabel
+                ToolTip.text: TerminalDrawerController.toggleHelp
+                ToolTip.visible: hovered
+                ToolTip.delay: 500
+                onClicked: RootController.toggleTerminal()
+            }
             Item { Layout.fillWidth: true }
             PanelButton {
                 objectName: "routingButton"
@@ -63,6 +74,14 @@ Rectangle {
         open: RootController.showRouting
         onCloseRequested: RootController.showRouting = false
         content: Component { RoutingView {} }
+    }
+
+    // The drawer's shortcut works from either window.
+    Shortcut {
+        sequence: TerminalDrawerController.toggleShortcut
+        context: Qt.ApplicationShortcut
+        enabled: RootController.signedIn
+        onActivated: RootController.toggleTerminal()
     }
 
     Text {

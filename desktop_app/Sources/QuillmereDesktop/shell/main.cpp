@@ -9,6 +9,7 @@
 #include "QuillmereDesktop/shell/QuitSequence.h"
 #include "QuillmereDesktop/shell/RootController.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
+#include "QuillmereDesktop/terminal/TerminalDrawerController.h"
 
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
@@ -71,6 +72,13 @@ int main(int argc, char* argv[]) {
 
     QuitOnSignal quitOnSignal;
     QQmlApplicationEngine engine;
+    // Made after the engine so that it goes first: the drawer's window and its terminals
+    // belong to the engine's objects and must end before the engine does.
+    TerminalDrawerController drawer(nullptr);
+    QmlSingleton<TerminalDrawerController>::set(&drawer);
+    root.setDrawer(&drawer);
+    root.setQmlEngine(&engine);
+    root.setPanelConfig(TerminalPanelViewModel::configFromPreferences(preferences));
     engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;

@@ -1,7 +1,7 @@
 #include "QuillmereDesktop/agents/AgentCommands.h"
 #include "QuillmereDesktop/agents/AgentRunStore.h"
 #include "QuillmereDesktop/agents/Graphemes.h"
-#include "QuillmereDesktop/agents/LoginShell.h"
+#include "QuillmereDesktop/common/LoginShell.h"
 
 #include <gtest/gtest.h>
 

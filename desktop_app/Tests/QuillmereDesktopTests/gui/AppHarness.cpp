@@ -12,6 +12,9 @@
 Q_IMPORT_QML_PLUGIN(QuillmerePlugin)
 
 AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
+    // The drawer's shells run a test shell whose PATH has stand-ins for the agents and their
+    // installers: signing in opens the drawer, and its auto-run lines must not reach the network.
+    qputenv("SHELL", QUILLMERE_TEST_SHELL);
     m_prefs.setBool(AppState::standaloneResetKey, true);
     m_prefs.setBool(AppState::useMockKey, m_options.demoMode);
     m_prefs.setString(AuthStore::relayURLKey, m_options.relayURL.toString());
@@ -31,11 +34,16 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
 }
 
 AppHarness::~AppHarness() {
+    m_drawer.reset();
     m_engine.reset();
 }
 
 bool AppHarness::load() {
     m_engine = std::make_unique<QQmlApplicationEngine>();
+    m_drawer = std::make_unique<TerminalDrawerController>(nullptr);
+    QmlSingleton<TerminalDrawerController>::set(m_drawer.get());
+    m_root->setDrawer(m_drawer.get());
+    m_root->setQmlEngine(m_engine.get());
     m_engine->load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
     if (m_engine->rootObjects().isEmpty())
         return false;
@@ -130,10 +138,14 @@ bool AppHarness::clickUntil(const QString& text, const std::function<bool()>& co
 }
 
 QString AppHarness::screenshot(const QString& name) const {
+    return screenshot(m_window, name);
+}
+
+QString AppHarness::screenshot(QQuickWindow* window, const QString& name) {
     const QString folder = QDir::current().filePath(QStringLiteral("screenshots"));
     QDir().mkpath(folder);
     const QString path = QDir(folder).filePath(name + QStringLiteral(".png"));
-    m_window->grabWindow().save(path);
+    window->grabWindow().save(path);
     return path;
 }
 

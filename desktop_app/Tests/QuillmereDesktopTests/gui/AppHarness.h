@@ -8,6 +8,7 @@
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/shell/RootController.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
+#include "QuillmereDesktop/terminal/TerminalDrawerController.h"
 #include "fakes/FakeSecretStore.h"
 
 #include <QQmlApplicationEngine>
@@ -34,6 +35,9 @@ public:
     QQuickWindow* window() const { return m_window; }
     AppState& app() { return *m_app; }
     AuthStore& auth() { return *m_auth; }
+    CLIStatusStore& cli() { return *m_cli; }
+    RootController& root() { return *m_root; }
+    TerminalDrawerController& drawer() { return *m_drawer; }
 
     // Visible text items whose text is exactly this, anywhere in the window.
     QList<QQuickItem*> visibleTexts(const QString& text) const;
@@ -46,6 +50,8 @@ public:
     bool clickUntil(const QString& text, const std::function<bool()>& condition);
     // Writes a picture of the window to the build folder's screenshots/NAME.png.
     QString screenshot(const QString& name) const;
+    // The same for another window (the drawer).
+    static QString screenshot(QQuickWindow* window, const QString& name);
 
     // A sheet (a window of its own) by its object name, or null.
     QQuickWindow* sheet(const QString& objectName) const;
@@ -63,5 +69,7 @@ private:
     std::unique_ptr<CLIStatusStore> m_cli;
     std::unique_ptr<RootController> m_root;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
+    // After the engine: the drawer's window is made by it and must go first.
+    std::unique_ptr<TerminalDrawerController> m_drawer;
     QQuickWindow* m_window = nullptr;
 };

@@ -222,7 +222,7 @@ private slots:
     }
 
     void signInScreenAsksForTheEmail() {
-        RelayFixture relay(RelayFixture::Options{false, {}});
+        RelayFixture relay(RelayFixture::Options{false, {}, {}});
         QVERIFY(relay.start());
         AppHarness harness({relay.url(), false});
         QVERIFY(harness.load());

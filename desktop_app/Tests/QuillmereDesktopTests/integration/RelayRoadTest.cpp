@@ -147,7 +147,7 @@ private slots:
     }
 
     void emailCodeSignIn() {
-        RelayFixture relay(RelayFixture::Options{false, {}});
+        RelayFixture relay(RelayFixture::Options{false, {}, {}});
         QVERIFY(relay.start());
         m_prefs.setString("relayURL", relay.url().toString());
         AuthStore auth(m_prefs, m_secrets, nullptr, authConfig());
@@ -174,7 +174,7 @@ private slots:
     }
 
     void secondFactorWithAnAuthenticatorAndARecoveryCode() {
-        RelayFixture relay(RelayFixture::Options{false, {}});
+        RelayFixture relay(RelayFixture::Options{false, {}, {}});
         QVERIFY(relay.start());
         m_prefs.setString("relayURL", relay.url().toString());
         AuthStore auth(m_prefs, m_secrets, nullptr, authConfig());

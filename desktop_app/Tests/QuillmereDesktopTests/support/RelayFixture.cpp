@@ -61,7 +61,7 @@ bool RelayFixture::start() {
     m_process->setStandardErrorFile(QProcess::nullDevice());
     // A test that crashes must not leave its relay behind.
     m_process->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
-    m_process->start(python(), {serverScript()});
+    m_process->start(m_options.interpreter.isEmpty() ? python() : m_options.interpreter, {serverScript()});
     if (!m_process->waitForStarted(5000))
         return false;
 

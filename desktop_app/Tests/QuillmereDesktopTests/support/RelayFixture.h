@@ -18,6 +18,9 @@ public:
         bool localAuth = true;
         // Extra variables, e.g. shorter relay timings.
         QProcessEnvironment extra;
+        // The Python that runs the relay; empty for the configured one (which may be a
+        // launcher that needs the system's PATH).
+        QString interpreter;
     };
 
     RelayFixture();

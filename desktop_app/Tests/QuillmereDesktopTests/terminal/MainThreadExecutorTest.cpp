@@ -11,8 +11,11 @@
 #include <thread>
 #include <vector>
 
-#include "QuillmereDesktop/terminal/MainThreadExecutor.h"
-#include "QuillmereDesktop/terminal/QtTerminalScheduler.h"
+#include "Termkit/view/qt/MainThreadExecutor.h"
+#include "Termkit/view/qt/QtTerminalScheduler.h"
+
+using termkit::MainThreadExecutor;
+using termkit::QtTerminalScheduler;
 #include "Termkit/engine/ScreenText.h"
 #include "Termkit/process/HeadlessTerminal.h"
 

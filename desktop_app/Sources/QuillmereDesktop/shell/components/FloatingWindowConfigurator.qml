@@ -2,7 +2,8 @@ import QtQuick
 import Quillmere
 import QtQuick.Window
 
-// Keeps its window above the others while `alwaysOnTop` is true, and reports the window.
+// Keeps its window above the others while `alwaysOnTop` is true, and reports the window
+// (the drawer is laid out against it).
 Item {
     id: configurator
     property bool alwaysOnTop: true
@@ -15,6 +16,8 @@ Item {
             return
         const base = window.flags & ~Qt.WindowStaysOnTopHint
         window.flags = alwaysOnTop ? (base | Qt.WindowStaysOnTopHint) : base
+        // The drawer floats with its main window.
+        TerminalDrawerController.followMainWindow()
     }
     onWindowChanged: { apply(); if (window) resolved(window) }
     onAlwaysOnTopChanged: apply()

@@ -7,11 +7,13 @@ import QtQuick.Layouts
 Button {
     id: button
     property bool busy: false
+    // Shown inverted, as a chosen tab is.
+    property bool selected: false
     padding: 6
     font.family: Theme.monoFamily
     font.pixelSize: Theme.bodySize
     background: Rectangle {
-        color: button.down ? Theme.ink : Theme.paper
+        color: button.down || button.selected ? Theme.ink : Theme.paper
         border.color: Theme.rule
         border.width: 1
         opacity: button.enabled ? 1 : 0.4
@@ -27,7 +29,7 @@ Button {
         Text {
             text: button.text
             font: button.font
-            color: button.down ? Theme.paper : Theme.ink
+            color: button.down || button.selected ? Theme.paper : Theme.ink
             opacity: button.enabled ? 1 : 0.6
         }
     }

@@ -9,9 +9,11 @@
 
 class QTimer;
 
+namespace termkit {
+
 // The terminal library's timers (such as the end of synchronized output) on the Qt event
 // loop of the thread that made the scheduler.
-class QtTerminalScheduler : public termkit::TerminalScheduler {
+class QtTerminalScheduler : public TerminalScheduler {
 public:
     QtTerminalScheduler();
     ~QtTerminalScheduler() override;
@@ -26,3 +28,5 @@ private:
     Token m_next = 0;
     std::map<Token, QTimer*> m_timers;
 };
+
+} // namespace termkit

@@ -1,4 +1,4 @@
-#include "QuillmereDesktop/agents/LoginShell.h"
+#include "QuillmereDesktop/common/LoginShell.h"
 
 #include <QFileInfo>
 #include <QtGlobal>

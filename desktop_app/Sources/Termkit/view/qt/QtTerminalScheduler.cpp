@@ -1,14 +1,16 @@
-#include "QuillmereDesktop/terminal/QtTerminalScheduler.h"
+#include "Termkit/view/qt/QtTerminalScheduler.h"
 
 #include <QTimer>
+
+namespace termkit {
 
 QtTerminalScheduler::QtTerminalScheduler() = default;
 
 // The timers are children of the context and go with it.
 QtTerminalScheduler::~QtTerminalScheduler() = default;
 
-termkit::TerminalScheduler::Token QtTerminalScheduler::schedule(std::chrono::milliseconds delay,
-                                                                std::function<void()> action) {
+TerminalScheduler::Token QtTerminalScheduler::schedule(std::chrono::milliseconds delay,
+                                                       std::function<void()> action) {
     const Token token = ++m_next;
     auto* timer = new QTimer(&m_context);
     timer->setSingleShot(true);
@@ -33,3 +35,5 @@ void QtTerminalScheduler::cancel(Token token) {
     it->second->deleteLater();
     m_timers.erase(it);
 }
+
+} // namespace termkit

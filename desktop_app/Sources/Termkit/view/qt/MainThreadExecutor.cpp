@@ -1,8 +1,10 @@
-#include "QuillmereDesktop/terminal/MainThreadExecutor.h"
+#include "Termkit/view/qt/MainThreadExecutor.h"
 
 #include <QCoreApplication>
 #include <QMetaObject>
 #include <QThread>
+
+namespace termkit {
 
 MainThreadExecutor::MainThreadExecutor() {
     if (QCoreApplication* app = QCoreApplication::instance())
@@ -19,3 +21,5 @@ MainThreadExecutor& MainThreadExecutor::shared() {
     static MainThreadExecutor executor;
     return executor;
 }
+
+} // namespace termkit

@@ -1,0 +1,324 @@
+// The view's input and display rules with a real terminal behind it, fed bytes as a program
+// would write them: what keys, the pointer, the wheel and pastes send in each mode, and how
+// bells, progress reports, synchronized output, blinking and scrolling show.
+
+#include <QGuiApplication>
+#include <QQuickWindow>
+#include <QSignalSpy>
+#include <QTest>
+
+#include "Termkit/view/TerminalView.h"
+
+using namespace termkit;
+using namespace std::chrono_literals;
+
+namespace {
+
+class Recorder : public TerminalViewDelegate {
+public:
+    void send(TerminalView&, std::span<const uint8_t> data) override {
+        sent.append(reinterpret_cast<const char*>(data.data()), static_cast<qsizetype>(data.size()));
+    }
+    void bell(TerminalView&) override { ++sounds; }
+    void sizeChanged(TerminalView&, int cols, int rows) override { sizes.append({cols, rows}); }
+    QByteArray sent;
+    int sounds = 0;
+    QList<QPair<int, int>> sizes;
+};
+
+struct Harness {
+    QQuickWindow window;
+    TerminalView* view = nullptr;
+    Recorder recorder;
+
+    Harness() {
+        window.resize(640, 400);
+        view = new TerminalView(window.contentItem());
+        view->setSize(QSizeF(640, 400));
+        view->setDelegate(&recorder);
+        window.show();
+        exposed = QTest::qWaitForWindowExposed(&window);
+        view->forceActiveFocus();
+    }
+    bool exposed = false;
+    QByteArray take() {
+        const QByteArray bytes = recorder.sent;
+        recorder.sent.clear();
+        return bytes;
+    }
+    QPoint cellCentre(int col, int row) const {
+        const CellMetrics& cell = view->cellMetrics();
+        return QPoint(static_cast<int>((col + 0.5) * cell.width),
+                      static_cast<int>((row + 0.5) * cell.height));
+    }
+    bool presented() {
+        return QTest::qWaitFor([&] { return view->bytesPresented() == view->bytesFed(); }, 5000);
+    }
+};
+
+} // namespace
+
+class TerminalViewBehaviourTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void keysFollowTheCursorKeyMode() {
+        Harness h;
+        QVERIFY(h.exposed);
+        QTest::keyClick(&h.window, Qt::Key_Up);
+        QCOMPARE(h.take(), QByteArray("\x1b[A"));
+        h.view->feed("\x1b[?1h"); // the program asks for application cursor keys
+        QTest::keyClick(&h.window, Qt::Key_Up);
+        QTest::keyClick(&h.window, Qt::Key_Left);
+        QCOMPARE(h.take(), QByteArray("\x1bOA\x1bOD"));
+        QTest::keyClick(&h.window, Qt::Key_C, Qt::ControlModifier);
+        QCOMPARE(h.take(), QByteArray("\x03"));
+        QTest::keyClick(&h.window, Qt::Key_F, Qt::AltModifier);
+        QCOMPARE(h.take(), QByteArray("\x1b"
+                                      "f"));
+        QTest::keyClick(&h.window, Qt::Key_Backspace);
+        QCOMPARE(h.take(), QByteArray("\x7f"));
+        h.view->settings().backspaceSendsControlH = true;
+        QTest::keyClick(&h.window, Qt::Key_Backspace);
+        QCOMPARE(h.take(), QByteArray("\x08"));
+    }
+
+    void theTerminalsOwnPointerGoesToItsExtension() {
+        Harness h;
+        QList<MouseEvent> pointer;
+        TerminalView::Extensions extensions;
+        extensions.encodeEnhancedKey = [](const KeyPress& press,
+                                          const InputModes&) -> std::optional<std::string> {
+            if (press.key == Key::escape)
+                return std::string("\x1b[27u");
+            return std::nullopt;
+        };
+        extensions.pointer = [&](const MouseEvent& e) {
+            pointer << e;
+            return true;
+        };
+        h.view->setExtensions(extensions);
+        // No program enabled keyboard enhancements (nothing in the engine sets them yet): the
+        // legacy byte, not the extension's.
+        QTest::keyClick(&h.window, Qt::Key_Escape);
+        QCOMPARE(h.take(), QByteArray("\x1b"));
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(3, 2));
+        QCOMPARE(pointer.size(), 2);
+        QCOMPARE(pointer.first().col, 3);
+        QCOMPARE(pointer.first().row, 2);
+        h.view->feed("\x1b[?1000h"); // now the program takes the pointer
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(3, 2));
+        QCOMPARE(pointer.size(), 2);
+    }
+
+    void composedTextArrivesThroughTheInputMethod() {
+        Harness h;
+        QInputMethodEvent event;
+        event.setCommitString(QString::fromUtf8("\xE4\xBD\xA0\xE5\xA5\xBD"));
+        QCoreApplication::sendEvent(h.view, &event);
+        QCOMPARE(h.take(), QByteArray("\xE4\xBD\xA0\xE5\xA5\xBD"));
+        QVERIFY(static_cast<QQuickItem*>(h.view)->inputMethodQuery(Qt::ImEnabled).toBool());
+    }
+
+    void thePointerIsReportedInTheProgramsEncoding() {
+        Harness h;
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(2, 1));
+        QCOMPARE(h.take(), QByteArray()); // no mouse mode: nothing goes to the program
+        h.view->feed("\x1b[?1000h\x1b[?1006h");
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(2, 1));
+        QCOMPARE(h.take(), QByteArray("\x1b[<0;3;2M\x1b[<0;3;2m"));
+        // Shift keeps the pointer for selecting, over a program that reports.
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::ShiftModifier, h.cellCentre(2, 1));
+        QCOMPARE(h.take(), QByteArray());
+        h.view->feed("\x1b[?1006l"); // back to the X10 encoding
+        QTest::mouseClick(&h.window, Qt::RightButton, Qt::NoModifier, h.cellCentre(0, 0));
+        QCOMPARE(h.take(), QByteArray("\x1b[M\x22\x21\x21\x1b[M\x23\x21\x21"));
+        h.view->settings().allowMouseReporting = false;
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(2, 1));
+        QCOMPARE(h.take(), QByteArray());
+    }
+
+    void theWheelSendsArrowsInAFullScreenProgramWithAlternateScroll() {
+        Harness h;
+        h.view->feed("\x1b[?1049h\x1b[?1007h");
+        QWheelEvent wheel(QPointF(h.cellCentre(1, 1)), h.window.mapToGlobal(QPointF(h.cellCentre(1, 1))),
+                          QPoint(), QPoint(0, 120), Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
+        QCoreApplication::sendEvent(&h.window, &wheel);
+        QCOMPARE(h.take(), QByteArray("\x1b[A\x1b[A\x1b[A"));
+        h.view->feed("\x1b[?1007l");
+        QCoreApplication::sendEvent(&h.window, &wheel);
+        QCOMPARE(h.take(), QByteArray());
+    }
+
+    void theWheelScrollsBackAndTypingReturnsToTheBottom() {
+        Harness h;
+        for (int i = 0; i < 100; ++i)
+            h.view->feed(QString("line %1\r\n").arg(i).toStdString());
+        QVERIFY(!h.view->userScrolling());
+        QWheelEvent wheel(QPointF(h.cellCentre(1, 1)), h.window.mapToGlobal(QPointF(h.cellCentre(1, 1))),
+                          QPoint(), QPoint(0, 120), Qt::NoButton, Qt::NoModifier, Qt::NoScrollPhase, false);
+        QCoreApplication::sendEvent(&h.window, &wheel);
+        QVERIFY(h.view->userScrolling());
+        QVERIFY(h.take().isEmpty());
+        QVERIFY(!h.view->screenText().contains("line 99"));
+        QTest::keyClick(&h.window, Qt::Key_A);
+        QCOMPARE(h.take(), QByteArray("a"));
+        QVERIFY(!h.view->userScrolling());
+        QVERIFY(h.view->screenText().contains("line 99"));
+        h.view->pageUp();
+        QVERIFY(h.view->userScrolling());
+        h.view->scrollToBottom();
+        QVERIFY(!h.view->userScrolling());
+    }
+
+    void aPasteIsOneBlockInsideTheBrackets() {
+        Harness h;
+        h.view->paste("echo one\necho two\n");
+        QCOMPARE(h.take(), QByteArray("echo one\recho two\r"));
+        h.view->feed("\x1b[?2004h");
+        h.view->paste("echo one\necho two\n");
+        QCOMPARE(h.take(), QByteArray("\x1b[200~echo one\recho two\r\x1b[201~"));
+    }
+
+    void focusIsReportedWhenTheProgramAsks() {
+        Harness h;
+        h.window.requestActivate();
+        QVERIFY(QTest::qWaitForWindowActive(&h.window));
+        h.view->forceActiveFocus();
+        QTRY_VERIFY(h.view->hasActiveFocus());
+        h.view->feed("\x1b[?1004h");
+        h.take();
+        auto* elsewhere = new QQuickItem(h.window.contentItem());
+        elsewhere->forceActiveFocus();
+        QTRY_COMPARE(h.recorder.sent, QByteArray("\x1b[O"));
+        h.take();
+        h.view->forceActiveFocus();
+        QTRY_COMPARE(h.recorder.sent, QByteArray("\x1b[I"));
+    }
+
+    void theBellFlashesOrSoundsByItsStyle() {
+        Harness h;
+        QSignalSpy rang(h.view, &TerminalView::bellRang);
+        h.view->settings().bellStyle = BellStyle::visual;
+        h.view->feed("\a");
+        QCOMPARE(rang.count(), 1);
+        QCOMPARE(h.recorder.sounds, 0);
+        h.view->settings().bellStyle = BellStyle::sound;
+        h.view->feed("\a");
+        QCOMPARE(h.recorder.sounds, 1);
+        h.view->settings().bellStyle = BellStyle::soundAndVisual;
+        h.view->feed("\a");
+        QCOMPARE(h.recorder.sounds, 2);
+        h.view->settings().bellStyle = BellStyle::none;
+        h.view->feed("\a");
+        QCOMPARE(h.recorder.sounds, 2);
+        QCOMPARE(rang.count(), 4);
+    }
+
+    void progressReportsShowTheBar() {
+        Harness h;
+        h.view->feed("\x1b]9;4;1;40\x1b\\");
+        QVERIFY(h.view->progressBar().visible());
+        QCOMPARE(h.view->progressBar().progress(), 40);
+        h.view->feed("\x1b]9;4;3\x1b\\");
+        QCOMPARE(h.view->progressBar().state(), ProgressReport::State::indeterminate);
+        h.view->feed("\x1b]9;4;0\x1b\\");
+        QVERIFY(!h.view->progressBar().visible());
+    }
+
+    void synchronizedOutputHoldsTheScreenUntilItEnds() {
+        Harness h;
+        h.view->feed("before\r\n");
+        QVERIFY(h.presented());
+        const uint64_t frames = h.view->presentedFrames();
+        h.view->feed("\x1b[?2026h");
+        h.view->feed("during the update\r\n");
+        QTest::qWait(200);
+        QCOMPARE(h.view->presentedFrames(), frames); // nothing of it reaches the screen
+        QVERIFY(h.view->bytesPresented() < h.view->bytesFed());
+        h.view->feed("\x1b[?2026l");
+        QVERIFY(h.presented());
+        QVERIFY(h.view->presentedFrames() > frames);
+    }
+
+    void textBlinksOnlyWhileBlinkingCellsAreShownInAnActiveWindow() {
+        Harness h;
+        h.window.requestActivate();
+        QVERIFY(QTest::qWaitForWindowActive(&h.window));
+        h.view->feed("plain text\r\n");
+        QVERIFY(h.presented());
+        QVERIFY(!h.view->textBlinkRunning());
+        h.view->feed("\x1b[5mblinking\x1b[0m\r\n");
+        QVERIFY(h.presented());
+        QTRY_VERIFY(h.view->textBlinkRunning());
+        // Another window takes the focus: the timer stops.
+        QQuickWindow other;
+        other.resize(100, 100);
+        other.show();
+        other.requestActivate();
+        QVERIFY(QTest::qWaitForWindowActive(&other));
+        QTRY_VERIFY(!h.view->textBlinkRunning());
+        h.window.requestActivate();
+        QVERIFY(QTest::qWaitForWindowActive(&h.window));
+        QTRY_VERIFY(h.view->textBlinkRunning());
+        // The blinking line scrolls out of sight: the timer stops.
+        h.view->feed("\x1b[2J\x1b[H");
+        QVERIFY(h.presented());
+        QTRY_VERIFY(!h.view->textBlinkRunning());
+    }
+
+    void aSizeInCellsFollowsTheItem() {
+        Harness h;
+        const CellMetrics& cell = h.view->cellMetrics();
+        QCOMPARE(h.view->cols(), 640 / cell.width);
+        QCOMPARE(h.view->rows(), 400 / cell.height);
+        QCOMPARE(h.view->terminal().cols(), h.view->cols());
+        QTRY_VERIFY(h.view->presentedFrames() > 0);
+        const uint64_t before = h.view->rowCacheDrops();
+        h.view->setSize(QSizeF(320, 200));
+        QTRY_COMPARE(h.view->cols(), 320 / cell.width);
+        QVERIFY(!h.recorder.sizes.isEmpty());
+        QCOMPARE(h.recorder.sizes.last(), qMakePair(320 / cell.width, 200 / cell.height));
+        // A new size drops the row cache whole; a change of one row does not.
+        QTRY_VERIFY(h.view->rowCacheDrops() > before);
+        h.view->feed("y");
+        QVERIFY(h.presented());
+        const uint64_t drops = h.view->rowCacheDrops();
+        h.view->feed("x");
+        QVERIFY(h.presented());
+        QCOMPARE(h.view->rowCacheDrops(), drops);
+    }
+
+    void aLiveResizeReachesTheTerminalFirstLastAndAtMostOncePerInterval() {
+        Harness h;
+        h.view->setLiveResizeThrottle(true);
+        QTest::qWait(100); // past any throttle of the first layout
+        h.recorder.sizes.clear();
+        const CellMetrics& cell = h.view->cellMetrics();
+        for (int i = 1; i <= 20; ++i)
+            h.view->setSize(QSizeF(640 - i * cell.width, 400));
+        // The first change went through at once; the rest wait for the interval.
+        QCOMPARE(h.recorder.sizes.size(), 1);
+        QCOMPARE(h.recorder.sizes.first().first, (640 - cell.width) / cell.width);
+        QTRY_COMPARE(h.view->cols(), (640 - 20 * cell.width) / cell.width);
+        QCOMPARE(h.recorder.sizes.size(), 2);
+        h.view->setLiveResizeThrottle(false);
+        h.view->setSize(QSizeF(300, 400));
+        QCOMPARE(h.view->cols(), 300 / cell.width);
+    }
+
+    void aViewMadeWithNoSizeKeepsItsTerminalUntilItHasOne() {
+        QQuickWindow window;
+        window.resize(200, 200);
+        auto* view = new TerminalView(window.contentItem());
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QCOMPARE(view->terminal().cols(), TerminalOptions{}.cols);
+        QCOMPARE(view->terminal().rows(), TerminalOptions{}.rows);
+        view->setSize(QSizeF(200, 200));
+        QCOMPARE(view->terminal().cols(), 200 / view->cellMetrics().width);
+    }
+};
+
+QTEST_MAIN(TerminalViewBehaviourTest)
+#include "TerminalViewBehaviourTest.moc"
