@@ -306,6 +306,7 @@ private:
     // The cached row's line, made the cursor's line first if it was another one.
     BufferLine& cursorLine(RowCache& row);
     bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
+    void continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload);
     bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
     size_t cellCluster(int32_t code, char* out, size_t room) const;
     static int extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length);
