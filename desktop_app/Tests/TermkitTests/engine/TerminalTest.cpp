@@ -408,6 +408,54 @@ TEST(TerminalTest, AJoinerInTheMiddleOfARunCallsTheNextScalarIntoItsCell) {
     EXPECT_EQ(b.x(), Col(4));
 }
 
+TEST(TerminalTest, AWordOfPlainScalarsFillsTheRowAndWrapsAWideOneWhole) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(6, 3));
+    // Bold "a", then four ideographs: the third no longer fits and wraps whole, leaving the
+    // last cell of the first row empty; a DEL inside the word is skipped, and a mark after
+    // the word joins its last ideograph.
+    t.feed("\x1b[1ma\xe4\xb8\x96\xe7\x95\x8c\x7f\xe4\xbd\xa0\xe5\xa5\xbd\xcc\x81");
+    const Buffer& b = t.buffer();
+    const CharData* first = b.screenLine(ScreenRow(0)).cells();
+    const CharData* second = b.screenLine(ScreenRow(1)).cells();
+    EXPECT_EQ(first[0].code, 'a');
+    EXPECT_EQ(first[1].code, 0x4E16);
+    EXPECT_EQ(first[1].width, 2);
+    EXPECT_EQ(first[2].code, 0);
+    EXPECT_EQ(first[2].width, 0);
+    EXPECT_EQ(first[3].code, 0x754C);
+    EXPECT_EQ(first[5].code, 0);
+    EXPECT_EQ(first[5].width, 1);
+    EXPECT_EQ(second[0].code, 0x4F60);
+    EXPECT_EQ(t.character(second[2].code), "\xe5\xa5\xbd\xcc\x81");
+    EXPECT_EQ(second[2].width, 2);
+    EXPECT_TRUE(b.screenLine(ScreenRow(1)).isWrapped());
+    EXPECT_EQ(b.x(), Col(4));
+    EXPECT_EQ(b.y(), ScreenRow(1));
+    // Every written cell, right halves included, carries the bold attribute.
+    const AttributeId bold = first[0].attribute;
+    EXPECT_NE(bold, AttributeTable::kEmpty);
+    for (int col : {1, 2, 3, 4})
+        EXPECT_EQ(first[col].attribute, bold) << col;
+    EXPECT_EQ(second[1].attribute, bold);
+}
+
+TEST(TerminalTest, RepeatAfterAWordOfPlainScalarsRepeatsItsLastScalar) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    t.feed("\xd0\x96\xd0\xb8 \xce\xb1\xce\xb2\x1b[2b");
+    EXPECT_EQ(screenText(t)[0], "\xd0\x96\xd0\xb8 \xce\xb1\xce\xb2\xce\xb2\xce\xb2");
+    EXPECT_EQ(t.buffer().x(), Col(7));
+}
+
+TEST(TerminalTest, AWordOfPlainScalarsInInsertModeShiftsWhatFollows) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    t.feed("xyz\r\x1b[4h\xd0\x96\xd0\xb8\xe4\xb8\x96");
+    EXPECT_EQ(screenText(t)[0], "\xd0\x96\xd0\xb8\xe4\xb8\x96xyz");
+    EXPECT_EQ(t.buffer().x(), Col(4));
+}
+
 TEST(TerminalTest, ChunkingNeverChangesTheResult) {
     const std::string input =
         "\x1b[1;31mhello \xe4\xb8\x96\xe7\x95\x8c\x1b[0m e\xcc\x81 \xf0\x9f\x87\xa9\xf0\x9f\x87\xaa\r\n"
