@@ -58,6 +58,27 @@ std::string wideText() {
     return s;
 }
 
+// Coloured tool output: a handful of sequences again and again, most of them resets, and
+// now and then a true colour that never comes back.
+std::string sgrRepeatedText() {
+    const char* const sequences[] = {"\x1b[1m",  "\x1b[0m",     "\x1b[1;31m", "\x1b[01;34m", "\x1b[1;94m",
+                                     "\x1b[39m", "\x1b[30;42m", "\x1b[m",     "\x1b[7m",     "\x1b[27m"};
+    std::string s;
+    std::mt19937 rng(6);
+    while (s.size() < (1 << 20)) {
+        for (int k = 0; k < 6; ++k) {
+            s += sequences[rng() % std::size(sequences)];
+            s += std::string(2 + rng() % 10, static_cast<char>('a' + rng() % 26));
+            s += "\x1b[0m ";
+        }
+        if (rng() % 8 == 0)
+            s += "\x1b[38;2;" + std::to_string(rng() % 256) + ";" + std::to_string(rng() % 256) +
+                 ";9mrgb\x1b[39m";
+        s += "\r\n";
+    }
+    return s;
+}
+
 void appendUtf8(char32_t c, std::string& s) {
     if (c < 0x80) {
         s += static_cast<char>(c);
@@ -131,6 +152,9 @@ void BM_AsciiRun(benchmark::State& state) {
 void BM_Sgr(benchmark::State& state) {
     feedBenchmark(state, sgrText());
 }
+void BM_SgrRepeated(benchmark::State& state) {
+    feedBenchmark(state, sgrRepeatedText());
+}
 void BM_Utf8Wide(benchmark::State& state) {
     feedBenchmark(state, wideText());
 }
@@ -143,6 +167,7 @@ void BM_Scrolling(benchmark::State& state) {
 
 BENCHMARK(BM_AsciiRun)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Sgr)->Args({80, 24})->Args({200, 50});
+BENCHMARK(BM_SgrRepeated)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8Wide)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8MixedScripts)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Scrolling)->Args({80, 24})->Args({200, 50});

@@ -446,6 +446,7 @@ private:
 
     // SGR (TerminalSgr.cpp)
     void cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> collect);
+    bool applySgr(const CsiParameters& pars);
     int extendedColor(const CsiParameters& pars, int i, std::optional<Attribute::Color>& out);
 
     // Replies (TerminalReplies.cpp)
@@ -553,6 +554,23 @@ private:
     // --- Print state -----------------------------------------------------------------------------------
     // The attribute ids follow `m_curAttr` lazily, so a run of SGR sequences interns only its outcome.
     bool m_attrDirty = true;
+    // Recent SGR sequences and what each did: a sequence always takes the same attribute to
+    // the same one, and programs repeat a handful of them, so a repeat costs one lookup
+    // instead of the parameter walk and the interning. An entry learns the ids of its outcome
+    // when the print path next interns it, and keeps them until the attribute table collects.
+    struct SgrMemo {
+        uint64_t parameters = 0; // 0: empty; see `sgrMemoKey`
+        Attribute from;
+        Attribute to;
+        uint32_t collections = 0;
+        bool hasIds = false;
+        AttributeId id = 0;
+        AttributeId eraseId = 0;
+    };
+    static constexpr int kSgrMemoBits = 8;
+    std::vector<SgrMemo> m_sgrMemo = std::vector<SgrMemo>(size_t(1) << kSgrMemoBits);
+    // The entry the last SGR sequence made, which the next interning completes; -1 for none.
+    int m_sgrMemoPending = -1;
     // Bytes of a UTF-8 character cut by the end of a chunk.
     std::array<uint8_t, 4> m_carried{};
     int m_carriedCount = 0;

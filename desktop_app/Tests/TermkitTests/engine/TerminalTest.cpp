@@ -326,6 +326,85 @@ TEST(TerminalTest, RegisteredOscHandlerWinsOverTheBuiltIn) {
     EXPECT_TRUE(t.terminalTitle().empty());
 }
 
+// The attribute of the cell at a column of the first row.
+Attribute cellAttribute(const Terminal& t, int col) {
+    const auto cell = t.getCharData(Col(col), ScreenRow(0));
+    return cell ? t.attribute(*cell) : Attribute{};
+}
+
+Attribute boldRed() {
+    Attribute a;
+    a.style.insert(CharacterStyle::bold);
+    a.fg = Attribute::Color::ansi256(1);
+    return a;
+}
+
+TEST(TerminalTest, ARepeatedSgrSequenceGivesTheSameAttributeFromEachStart) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(20, 2));
+    // The same sequences, in the same order, from different attributes and several times.
+    t.feed(
+        "\x1b[1;31mA\x1b[0mB\x1b[1;31mC\x1b[4m\x1b[1;31mD\x1b[0m\x1b[1;31mE\x1b[mF\x1b[1;31mG\x1b[7;1;31mH");
+    Attribute underlined = boldRed();
+    underlined.style.insert(CharacterStyle::underline);
+    underlined.underlineStyle = UnderlineStyle::single;
+    Attribute inverse = boldRed();
+    inverse.style.insert(CharacterStyle::inverse);
+    const Attribute expected[] = {boldRed(), Attribute{}, boldRed(), underlined,
+                                  boldRed(), Attribute{}, boldRed(), inverse};
+    for (int col = 0; col < 8; ++col)
+        EXPECT_EQ(cellAttribute(t, col), expected[col]) << col;
+    // Erasing uses the background of the sequence's outcome.
+    t.feed("\x1b[0m\x1b[1;44m\x1b[K");
+    const auto erased = t.getCharData(Col(10), ScreenRow(0));
+    ASSERT_TRUE(erased);
+    EXPECT_EQ(t.attribute(*erased).bg, Attribute::Color::ansi256(4));
+    EXPECT_FALSE(t.attribute(*erased).style.contains(CharacterStyle::bold));
+}
+
+TEST(TerminalTest, ASequenceBetweenSaveAndRestoreLeavesTheRestoredAttribute) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(20, 2));
+    const std::string save = "\x1b"
+                             "7";
+    const std::string restore = "\x1b"
+                                "8";
+    t.feed(save + "\x1b[1;31m" + restore + "A\x1b[1;31mB\x1b[0m" + save + "\x1b[1;31m" + restore +
+           "C\x1b[1;31mD");
+    EXPECT_EQ(cellAttribute(t, 0), Attribute{});
+    EXPECT_EQ(cellAttribute(t, 1), boldRed());
+    EXPECT_EQ(cellAttribute(t, 2), Attribute{});
+    EXPECT_EQ(cellAttribute(t, 3), boldRed());
+}
+
+TEST(TerminalTest, ARepeatedSgrSequenceStaysRightAcrossAttributeCollections) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(20, 5, 10));
+    t.feed("\x1b[1;31mA\x1b[0m");
+    std::string out;
+    for (int i = 0; i < 3 * static_cast<int>(AttributeTable::kInitialCollectThreshold); ++i) {
+        // The colon form, which the memo leaves alone, so that the entry above stays in it.
+        out += "\x1b[48:2::" + std::to_string(i & 255) + ":" + std::to_string((i >> 8) & 255) + ":7mx\x1b[0m";
+        if (i % 20 == 19)
+            out += "\r\n";
+    }
+    t.feed(out);
+    ASSERT_GT(t.tables().attributes.collections(), 0u);
+    t.feed("\x1b[2J\x1b[H\x1b[1;31mB");
+    EXPECT_EQ(cellAttribute(t, 0), boldRed());
+}
+
+TEST(TerminalTest, AnUnknownSgrAttributeIsLoggedEveryTime) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    std::vector<std::string> lines;
+    t.setLogSink([&](std::string_view l) { lines.emplace_back(l); });
+    t.feed("\x1b[1;77mx\x1b[0m\x1b[1;77my");
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], lines[1]);
+    EXPECT_EQ(cellAttribute(t, 1).style.bits, CharacterStyle::bold);
+}
+
 TEST(TerminalTest, ParserLogsGoThroughTheTerminalUnlessSilent) {
     RecordingTerminalDelegate host;
     Terminal t(&host, sized(10, 2));
