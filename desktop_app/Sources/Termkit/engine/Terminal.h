@@ -554,23 +554,6 @@ private:
     // --- Print state -----------------------------------------------------------------------------------
     // The attribute ids follow `m_curAttr` lazily, so a run of SGR sequences interns only its outcome.
     bool m_attrDirty = true;
-    // Recent SGR sequences and what each did: a sequence always takes the same attribute to
-    // the same one, and programs repeat a handful of them, so a repeat costs one lookup
-    // instead of the parameter walk and the interning. An entry learns the ids of its outcome
-    // when the print path next interns it, and keeps them until the attribute table collects.
-    struct SgrMemo {
-        uint64_t parameters = 0; // 0: empty; see `sgrMemoKey`
-        Attribute from;
-        Attribute to;
-        uint32_t collections = 0;
-        bool hasIds = false;
-        AttributeId id = 0;
-        AttributeId eraseId = 0;
-    };
-    static constexpr int kSgrMemoBits = 8;
-    std::vector<SgrMemo> m_sgrMemo = std::vector<SgrMemo>(size_t(1) << kSgrMemoBits);
-    // The entry the last SGR sequence made, which the next interning completes; -1 for none.
-    int m_sgrMemoPending = -1;
     // Bytes of a UTF-8 character cut by the end of a chunk.
     std::array<uint8_t, 4> m_carried{};
     int m_carriedCount = 0;
@@ -588,6 +571,25 @@ private:
     // Scratch for joining, kept to avoid allocating on the hot path.
     std::string m_joinScratch;
     std::u32string m_scalarScratch;
+
+    // --- SGR memo (kept after the print state, which the print path reads together) --------
+    // Recent SGR sequences and what each did: a sequence always takes the same attribute to
+    // the same one, and programs repeat a handful of them, so a repeat costs one lookup
+    // instead of the parameter walk and the interning. An entry learns the ids of its outcome
+    // when the print path next interns it, and keeps them until the attribute table collects.
+    struct SgrMemo {
+        uint64_t parameters = 0; // 0: empty; see `sgrMemoKey`
+        Attribute from;
+        Attribute to;
+        uint32_t collections = 0;
+        bool hasIds = false;
+        AttributeId id = 0;
+        AttributeId eraseId = 0;
+    };
+    static constexpr int kSgrMemoBits = 8;
+    std::vector<SgrMemo> m_sgrMemo = std::vector<SgrMemo>(size_t(1) << kSgrMemoBits);
+    // The entry the last SGR sequence made, which the next interning completes; -1 for none.
+    int m_sgrMemoPending = -1;
 };
 
 } // namespace termkit
