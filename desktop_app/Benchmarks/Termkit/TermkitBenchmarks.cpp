@@ -3,6 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <iterator>
 #include <random>
 #include <string>
 
@@ -57,6 +58,65 @@ std::string wideText() {
     return s;
 }
 
+// Coloured tool output: a handful of sequences again and again, most of them resets, and
+// now and then a true colour that never comes back.
+std::string sgrRepeatedText() {
+    const char* const sequences[] = {"\x1b[1m",  "\x1b[0m",     "\x1b[1;31m", "\x1b[01;34m", "\x1b[1;94m",
+                                     "\x1b[39m", "\x1b[30;42m", "\x1b[m",     "\x1b[7m",     "\x1b[27m"};
+    std::string s;
+    std::mt19937 rng(6);
+    while (s.size() < (1 << 20)) {
+        for (int k = 0; k < 6; ++k) {
+            s += sequences[rng() % std::size(sequences)];
+            s += std::string(2 + rng() % 10, static_cast<char>('a' + rng() % 26));
+            s += "\x1b[0m ";
+        }
+        if (rng() % 8 == 0)
+            s += "\x1b[38;2;" + std::to_string(rng() % 256) + ";" + std::to_string(rng() % 256) +
+                 ";9mrgb\x1b[39m";
+        s += "\r\n";
+    }
+    return s;
+}
+
+void appendUtf8(char32_t c, std::string& s) {
+    if (c < 0x80) {
+        s += static_cast<char>(c);
+    } else if (c < 0x800) {
+        s += static_cast<char>(0xC0 | (c >> 6));
+        s += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+        s += static_cast<char>(0xE0 | (c >> 12));
+        s += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+        s += static_cast<char>(0x80 | (c & 0x3F));
+    }
+}
+
+// Words of one script each, narrow and wide, between ASCII spaces: the run path of the
+// print path, where each scalar is decoded, looked up and written in one loop.
+std::string mixedScriptText() {
+    struct Script {
+        char32_t first;
+        uint32_t count;
+    };
+    // Cyrillic, Greek, box drawing, hiragana, katakana, CJK, Hangul.
+    const Script scripts[] = {{0x0410, 32}, {0x03B1, 24},     {0x2500, 64},    {0x3041, 80},
+                              {0x30A1, 80}, {0x4E00, 0x5000}, {0xAC00, 0x2B00}};
+    std::string s;
+    std::mt19937 rng(5);
+    while (s.size() < (1 << 20)) {
+        for (int w = 0; w < 8; ++w) {
+            const Script& script = scripts[rng() % std::size(scripts)];
+            const int length = 3 + static_cast<int>(rng() % 8);
+            for (int k = 0; k < length; ++k)
+                appendUtf8(script.first + rng() % script.count, s);
+            s += ' ';
+        }
+        s += "\r\n";
+    }
+    return s;
+}
+
 std::string scrollText() {
     std::string s = "\x1b[2;23r";
     while (s.size() < (1 << 20))
@@ -92,8 +152,14 @@ void BM_AsciiRun(benchmark::State& state) {
 void BM_Sgr(benchmark::State& state) {
     feedBenchmark(state, sgrText());
 }
+void BM_SgrRepeated(benchmark::State& state) {
+    feedBenchmark(state, sgrRepeatedText());
+}
 void BM_Utf8Wide(benchmark::State& state) {
     feedBenchmark(state, wideText());
+}
+void BM_Utf8MixedScripts(benchmark::State& state) {
+    feedBenchmark(state, mixedScriptText());
 }
 void BM_Scrolling(benchmark::State& state) {
     feedBenchmark(state, scrollText());
@@ -101,7 +167,9 @@ void BM_Scrolling(benchmark::State& state) {
 
 BENCHMARK(BM_AsciiRun)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Sgr)->Args({80, 24})->Args({200, 50});
+BENCHMARK(BM_SgrRepeated)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8Wide)->Args({80, 24})->Args({200, 50});
+BENCHMARK(BM_Utf8MixedScripts)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Scrolling)->Args({80, 24})->Args({200, 50});
 
 } // namespace

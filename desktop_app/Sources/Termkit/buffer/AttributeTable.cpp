@@ -96,6 +96,7 @@ AttributeId AttributeTable::intern(const Attribute& attribute) {
 
 void AttributeTable::collectGarbage() {
     TERMKIT_INVARIANT(static_cast<bool>(m_marker), "attribute collection without a marker");
+    ++m_collections;
     // The marks reuse one vector, so a collection in steady state allocates nothing.
     std::vector<uint8_t>& marks = m_marks;
     marks.assign(m_entries.size(), 0);

@@ -40,6 +40,9 @@ public:
     void setMarker(Marker marker) { m_marker = std::move(marker); }
     /// Frees every id that the marker does not report. Needs a marker.
     void collectGarbage();
+    /// How many collections have run: an id handed out since the last one keeps naming the
+    /// same attribute until this changes.
+    uint32_t collections() const { return m_collections; }
 
 private:
     AttributeId findOrInsert(const Attribute& attribute, uint64_t hash);
@@ -52,6 +55,7 @@ private:
     // Open addressing by hash; a slot holds id + 1, 0 when empty.
     std::vector<uint32_t> m_slots;
     size_t m_collectThreshold = kInitialCollectThreshold;
+    uint32_t m_collections = 0;
     Marker m_marker;
     // The last lookup, because runs of cells share their attribute.
     Attribute m_lastAttribute;

@@ -186,6 +186,17 @@ void Terminal::refreshAttributes() {
     erase.bg = m_curAttr.bg;
     if (table[m_modes.eraseAttr] != erase)
         m_modes.eraseAttr = table.intern(erase);
+    if (m_sgrMemoPending >= 0) {
+        // The outcome of the last SGR sequence, unless something else set the attribute since.
+        SgrMemo& memo = m_sgrMemo[static_cast<size_t>(m_sgrMemoPending)];
+        m_sgrMemoPending = -1;
+        if (memo.to == m_curAttr) {
+            memo.collections = table.collections();
+            memo.hasIds = true;
+            memo.id = m_modes.curAttr;
+            memo.eraseId = m_modes.eraseAttr;
+        }
+    }
 }
 
 void Terminal::markAttributes(const std::function<void(AttributeId)>& mark) const {

@@ -306,6 +306,7 @@ private:
     // The cached row's line, made the cursor's line first if it was another one.
     BufferLine& cursorLine(RowCache& row);
     bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
+    void continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload);
     bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
     size_t cellCluster(int32_t code, char* out, size_t room) const;
     static int extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length);
@@ -445,6 +446,7 @@ private:
 
     // SGR (TerminalSgr.cpp)
     void cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> collect);
+    bool applySgr(const CsiParameters& pars);
     int extendedColor(const CsiParameters& pars, int i, std::optional<Attribute::Color>& out);
 
     // Replies (TerminalReplies.cpp)
@@ -569,6 +571,25 @@ private:
     // Scratch for joining, kept to avoid allocating on the hot path.
     std::string m_joinScratch;
     std::u32string m_scalarScratch;
+
+    // --- SGR memo (kept after the print state, which the print path reads together) --------
+    // Recent SGR sequences and what each did: a sequence always takes the same attribute to
+    // the same one, and programs repeat a handful of them, so a repeat costs one lookup
+    // instead of the parameter walk and the interning. An entry learns the ids of its outcome
+    // when the print path next interns it, and keeps them until the attribute table collects.
+    struct SgrMemo {
+        uint64_t parameters = 0; // 0: empty; see `sgrMemoKey`
+        Attribute from;
+        Attribute to;
+        uint32_t collections = 0;
+        bool hasIds = false;
+        AttributeId id = 0;
+        AttributeId eraseId = 0;
+    };
+    static constexpr int kSgrMemoBits = 8;
+    std::vector<SgrMemo> m_sgrMemo = std::vector<SgrMemo>(size_t(1) << kSgrMemoBits);
+    // The entry the last SGR sequence made, which the next interning completes; -1 for none.
+    int m_sgrMemoPending = -1;
 };
 
 } // namespace termkit

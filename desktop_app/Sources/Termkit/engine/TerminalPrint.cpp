@@ -211,6 +211,76 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
     return true;
 }
 
+// After a plain scalar written into the cached row, the scalars that follow it are very
+// often plain too (a word of one script): they go straight into the row in one loop, each
+// decoded, looked up and written once, until anything that needs the general path (a mark,
+// a joiner, a flag letter, an emoji, a malformed or cut sequence, a control, the edge of
+// the row, an active character set).
+void Terminal::continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload) {
+    Buffer& b = *m_buffer;
+    int x = b.x().value;
+    if (row.line == nullptr || x != row.plainEnd || m_modes.insertMode)
+        return;
+    const int limit = rightLimit().value;
+    CharData* cells = row.line->cellsForWrite(x);
+    const AttributeId attribute = m_modes.curAttr;
+    const uint8_t semantic = b.semanticContent();
+    const int start = x;
+    int32_t lastCode = 0;
+    int lastWidth = 0;
+    while (i < n && x <= limit) {
+        const uint8_t lead = p[i];
+        int32_t c;
+        int length;
+        if (lead < 0x80) {
+            if (lead < 0x20 || lead == 0x7F || m_charset != nullptr)
+                break;
+            cells[x] = CharData{lead, attribute, payload, 1, semantic};
+            lastCode = lead;
+            lastWidth = 1;
+            ++x;
+            ++i;
+            continue;
+        }
+        if (lead >= 0xE0 && lead < 0xF0) {
+            if (i + 2 >= n || (p[i + 1] & 0xC0) != 0x80 || (p[i + 2] & 0xC0) != 0x80)
+                break;
+            c = (lead & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
+            if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF))
+                break;
+            length = 3;
+        } else if (lead >= 0xC2 && lead < 0xE0) {
+            if (i + 1 >= n || (p[i + 1] & 0xC0) != 0x80)
+                break;
+            c = (lead & 0x1F) << 6 | (p[i + 1] & 0x3F);
+            length = 2;
+        } else {
+            break;
+        }
+        const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+        if ((info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) != 0)
+            break;
+        const int width = (info & UnicodeUtil::kWidthMask) - 1;
+        if (width <= 0 || x + width - 1 > limit)
+            break;
+        cells[x] = CharData{c, attribute, payload, static_cast<int8_t>(width), semantic};
+        if (width == 2)
+            cells[x + 1] = CharData{0, attribute, payload, 0, semantic};
+        lastCode = c;
+        lastWidth = width;
+        x += width;
+        i += length;
+    }
+    if (x == start)
+        return;
+    row.line->cellsForWrite(x);
+    b.setX(Col(x));
+    row.plainEnd = x;
+    m_lastCode = lastCode;
+    m_lastWidth = lastWidth;
+    m_hasLastChar = true;
+}
+
 // Writes the cluster of a cell's code into `out` as UTF-8 and returns its length, or a
 // length beyond `room` when it would not fit there.
 size_t Terminal::cellCluster(int32_t code, char* out, size_t room) const {
@@ -380,6 +450,7 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
             continue;
         if (width > 0 && (info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) == 0 &&
             writePlainScalar(row, static_cast<char32_t>(c), width, payload)) {
+            continuePlainRun(row, p, n, i, payload);
             continue;
         }
         if (width == 0 && c != UnicodeUtil::kTextSelector && c != UnicodeUtil::kEmojiSelector &&

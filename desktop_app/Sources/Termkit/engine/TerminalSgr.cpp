@@ -53,16 +53,97 @@ int Terminal::extendedColor(const CsiParameters& pars, int i, std::optional<Attr
     return pars.count > i + 1 ? 1 : 0;
 }
 
+namespace {
+
+// The parameters of an SGR sequence as one number, for the memo: up to six values below 256,
+// separated by semicolons, with the count in the low byte. 0 for anything else.
+uint64_t sgrMemoKey(const CsiParameters& pars) {
+    if (pars.count > 6)
+        return 0;
+    uint64_t key = static_cast<uint64_t>(pars.count);
+    for (int i = 0; i < pars.count; ++i) {
+        const auto value = static_cast<uint32_t>(pars.values[i]);
+        if (value > 0xFF || (i > 0 && pars.separators[i - 1] != ';'))
+            return 0;
+        key |= static_cast<uint64_t>(value) << (8 * (i + 1));
+    }
+    return key;
+}
+
+// Slot of a sequence applied to an attribute.
+size_t sgrMemoSlot(uint64_t key, const Attribute& from, int bits) {
+    const uint64_t colours = static_cast<uint64_t>(from.fg.packed()) << 32 | from.bg.packed();
+    const uint64_t rest =
+        static_cast<uint64_t>(from.style.bits) | static_cast<uint64_t>(from.underlineStyle) << 8 |
+        (from.underlineColor ? static_cast<uint64_t>(from.underlineColor->packed()) << 16 : 0);
+    const uint64_t h =
+        (key * 0x9E3779B97F4A7C15ull) ^ (colours * 0xC2B2AE3D27D4EB4Full) ^ (rest * 0xD6E8FEB86659FD93ull);
+    return static_cast<size_t>((h ^ (h >> 31)) * 0x94D049BB133111EBull >> (64 - bits));
+}
+
+} // namespace
+
 void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> collect) {
     if (!collect.empty())
         return;
+    if (pars.count == 1 && pars.values[0] == 0) {
+        // The reset, the commonest sequence by far, needs no table: the empty attribute, and
+        // the erase attribute of its default background, are id 0 in every table.
+        m_sgrMemoPending = -1;
+        m_curAttr = kEmptyAttribute;
+        m_modes.curAttr = AttributeTable::kEmpty;
+        m_modes.eraseAttr = AttributeTable::kEmpty;
+        m_attrDirty = false;
+        return;
+    }
+    // After a true colour, which rarely comes back, a lookup would mostly miss and its entry
+    // push out one that is used.
+    const bool rare = m_curAttr.fg.kind == Attribute::Color::Kind::trueColor ||
+                      m_curAttr.bg.kind == Attribute::Color::Kind::trueColor;
+    const uint64_t key = rare ? 0 : sgrMemoKey(pars);
+    if (key == 0) {
+        m_sgrMemoPending = -1;
+        applySgr(pars);
+        return;
+    }
+    const size_t slot = sgrMemoSlot(key, m_curAttr, kSgrMemoBits);
+    SgrMemo& memo = m_sgrMemo[slot];
+    if (memo.parameters == key && memo.from == m_curAttr) {
+        m_curAttr = memo.to;
+        if (memo.hasIds && memo.collections == m_tables->attributes.collections()) {
+            // The ids still name the outcome: nothing is left to intern.
+            m_sgrMemoPending = -1;
+            m_modes.curAttr = memo.id;
+            m_modes.eraseAttr = memo.eraseId;
+            m_attrDirty = false;
+            return;
+        }
+        // The next interning tells the entry its ids.
+        m_sgrMemoPending = static_cast<int>(slot);
+        if (memo.to != memo.from)
+            m_attrDirty = true;
+        return;
+    }
+    const Attribute from = m_curAttr;
+    if (!applySgr(pars)) {
+        // A sequence that logs something is never memorised, so that it logs every time.
+        m_sgrMemoPending = -1;
+        return;
+    }
+    memo = SgrMemo{key, from, m_curAttr};
+    m_sgrMemoPending = static_cast<int>(slot);
+}
+
+// Applies the parameters to the current attribute; false when one of them was unknown.
+bool Terminal::applySgr(const CsiParameters& pars) {
     Attribute& a = m_curAttr;
     const Attribute before = a;
+    bool known = true;
     if (pars.count == 1 && pars.values[0] == 0) {
         a = kEmptyAttribute;
         if (a != before)
             m_attrDirty = true;
-        return;
+        return true;
     }
     for (int i = 0; i < pars.count; ++i) {
         const int code = pars.values[i];
@@ -172,6 +253,7 @@ void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> colle
             } else if (code >= 100 && code <= 107) {
                 a.bg = Attribute::Color::ansi256(static_cast<uint8_t>(code - 100 + 8));
             } else {
+                known = false;
                 if (!m_silentLog) {
                     std::string all;
                     for (int k = 0; k < pars.count; ++k)
@@ -185,6 +267,7 @@ void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> colle
     // The cell ids follow lazily, so a run of SGR sequences interns only its outcome.
     if (a != before)
         m_attrDirty = true;
+    return known;
 }
 
 } // namespace termkit

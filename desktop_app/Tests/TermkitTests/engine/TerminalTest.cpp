@@ -326,6 +326,85 @@ TEST(TerminalTest, RegisteredOscHandlerWinsOverTheBuiltIn) {
     EXPECT_TRUE(t.terminalTitle().empty());
 }
 
+// The attribute of the cell at a column of the first row.
+Attribute cellAttribute(const Terminal& t, int col) {
+    const auto cell = t.getCharData(Col(col), ScreenRow(0));
+    return cell ? t.attribute(*cell) : Attribute{};
+}
+
+Attribute boldRed() {
+    Attribute a;
+    a.style.insert(CharacterStyle::bold);
+    a.fg = Attribute::Color::ansi256(1);
+    return a;
+}
+
+TEST(TerminalTest, ARepeatedSgrSequenceGivesTheSameAttributeFromEachStart) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(20, 2));
+    // The same sequences, in the same order, from different attributes and several times.
+    t.feed(
+        "\x1b[1;31mA\x1b[0mB\x1b[1;31mC\x1b[4m\x1b[1;31mD\x1b[0m\x1b[1;31mE\x1b[mF\x1b[1;31mG\x1b[7;1;31mH");
+    Attribute underlined = boldRed();
+    underlined.style.insert(CharacterStyle::underline);
+    underlined.underlineStyle = UnderlineStyle::single;
+    Attribute inverse = boldRed();
+    inverse.style.insert(CharacterStyle::inverse);
+    const Attribute expected[] = {boldRed(), Attribute{}, boldRed(), underlined,
+                                  boldRed(), Attribute{}, boldRed(), inverse};
+    for (int col = 0; col < 8; ++col)
+        EXPECT_EQ(cellAttribute(t, col), expected[col]) << col;
+    // Erasing uses the background of the sequence's outcome.
+    t.feed("\x1b[0m\x1b[1;44m\x1b[K");
+    const auto erased = t.getCharData(Col(10), ScreenRow(0));
+    ASSERT_TRUE(erased);
+    EXPECT_EQ(t.attribute(*erased).bg, Attribute::Color::ansi256(4));
+    EXPECT_FALSE(t.attribute(*erased).style.contains(CharacterStyle::bold));
+}
+
+TEST(TerminalTest, ASequenceBetweenSaveAndRestoreLeavesTheRestoredAttribute) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(20, 2));
+    const std::string save = "\x1b"
+                             "7";
+    const std::string restore = "\x1b"
+                                "8";
+    t.feed(save + "\x1b[1;31m" + restore + "A\x1b[1;31mB\x1b[0m" + save + "\x1b[1;31m" + restore +
+           "C\x1b[1;31mD");
+    EXPECT_EQ(cellAttribute(t, 0), Attribute{});
+    EXPECT_EQ(cellAttribute(t, 1), boldRed());
+    EXPECT_EQ(cellAttribute(t, 2), Attribute{});
+    EXPECT_EQ(cellAttribute(t, 3), boldRed());
+}
+
+TEST(TerminalTest, ARepeatedSgrSequenceStaysRightAcrossAttributeCollections) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(20, 5, 10));
+    t.feed("\x1b[1;31mA\x1b[0m");
+    std::string out;
+    for (int i = 0; i < 3 * static_cast<int>(AttributeTable::kInitialCollectThreshold); ++i) {
+        // The colon form, which the memo leaves alone, so that the entry above stays in it.
+        out += "\x1b[48:2::" + std::to_string(i & 255) + ":" + std::to_string((i >> 8) & 255) + ":7mx\x1b[0m";
+        if (i % 20 == 19)
+            out += "\r\n";
+    }
+    t.feed(out);
+    ASSERT_GT(t.tables().attributes.collections(), 0u);
+    t.feed("\x1b[2J\x1b[H\x1b[1;31mB");
+    EXPECT_EQ(cellAttribute(t, 0), boldRed());
+}
+
+TEST(TerminalTest, AnUnknownSgrAttributeIsLoggedEveryTime) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    std::vector<std::string> lines;
+    t.setLogSink([&](std::string_view l) { lines.emplace_back(l); });
+    t.feed("\x1b[1;77mx\x1b[0m\x1b[1;77my");
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], lines[1]);
+    EXPECT_EQ(cellAttribute(t, 1).style.bits, CharacterStyle::bold);
+}
+
 TEST(TerminalTest, ParserLogsGoThroughTheTerminalUnlessSilent) {
     RecordingTerminalDelegate host;
     Terminal t(&host, sized(10, 2));
@@ -406,6 +485,54 @@ TEST(TerminalTest, AJoinerInTheMiddleOfARunCallsTheNextScalarIntoItsCell) {
     EXPECT_EQ(cells[1].width, 2);
     EXPECT_EQ(t.character(cells[3].code), "y");
     EXPECT_EQ(b.x(), Col(4));
+}
+
+TEST(TerminalTest, AWordOfPlainScalarsFillsTheRowAndWrapsAWideOneWhole) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(6, 3));
+    // Bold "a", then four ideographs: the third no longer fits and wraps whole, leaving the
+    // last cell of the first row empty; a DEL inside the word is skipped, and a mark after
+    // the word joins its last ideograph.
+    t.feed("\x1b[1ma\xe4\xb8\x96\xe7\x95\x8c\x7f\xe4\xbd\xa0\xe5\xa5\xbd\xcc\x81");
+    const Buffer& b = t.buffer();
+    const CharData* first = b.screenLine(ScreenRow(0)).cells();
+    const CharData* second = b.screenLine(ScreenRow(1)).cells();
+    EXPECT_EQ(first[0].code, 'a');
+    EXPECT_EQ(first[1].code, 0x4E16);
+    EXPECT_EQ(first[1].width, 2);
+    EXPECT_EQ(first[2].code, 0);
+    EXPECT_EQ(first[2].width, 0);
+    EXPECT_EQ(first[3].code, 0x754C);
+    EXPECT_EQ(first[5].code, 0);
+    EXPECT_EQ(first[5].width, 1);
+    EXPECT_EQ(second[0].code, 0x4F60);
+    EXPECT_EQ(t.character(second[2].code), "\xe5\xa5\xbd\xcc\x81");
+    EXPECT_EQ(second[2].width, 2);
+    EXPECT_TRUE(b.screenLine(ScreenRow(1)).isWrapped());
+    EXPECT_EQ(b.x(), Col(4));
+    EXPECT_EQ(b.y(), ScreenRow(1));
+    // Every written cell, right halves included, carries the bold attribute.
+    const AttributeId bold = first[0].attribute;
+    EXPECT_NE(bold, AttributeTable::kEmpty);
+    for (int col : {1, 2, 3, 4})
+        EXPECT_EQ(first[col].attribute, bold) << col;
+    EXPECT_EQ(second[1].attribute, bold);
+}
+
+TEST(TerminalTest, RepeatAfterAWordOfPlainScalarsRepeatsItsLastScalar) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    t.feed("\xd0\x96\xd0\xb8 \xce\xb1\xce\xb2\x1b[2b");
+    EXPECT_EQ(screenText(t)[0], "\xd0\x96\xd0\xb8 \xce\xb1\xce\xb2\xce\xb2\xce\xb2");
+    EXPECT_EQ(t.buffer().x(), Col(7));
+}
+
+TEST(TerminalTest, AWordOfPlainScalarsInInsertModeShiftsWhatFollows) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    t.feed("xyz\r\x1b[4h\xd0\x96\xd0\xb8\xe4\xb8\x96");
+    EXPECT_EQ(screenText(t)[0], "\xd0\x96\xd0\xb8\xe4\xb8\x96xyz");
+    EXPECT_EQ(t.buffer().x(), Col(4));
 }
 
 TEST(TerminalTest, ChunkingNeverChangesTheResult) {
