@@ -107,7 +107,7 @@ class AgentRunStoreTest : public QObject {
 
     // API runs go through the relay's router to this provider, its one API lane.
     FakeProviderProcess m_fake{QStringLiteral("The plan, from the fake provider.")};
-    RelayFixture m_relay{RelayFixture::Options{.localAuth = true, .extra = m_fake.inventory()}};
+    RelayFixture m_relay{RelayFixture::Options{true, m_fake.inventory(), {}}};
     QString m_token;
     QTemporaryDir m_home; // HOME of the runs, with the profile that finds the fakes
     QTemporaryDir m_work; // the working folder of the runs

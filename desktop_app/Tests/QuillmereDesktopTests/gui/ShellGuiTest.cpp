@@ -59,7 +59,7 @@ private slots:
     void theModelRouterOpensInItsOwnSheetWithLanesPreviewAndLedger() {
         FakeProviderProcess fake(QStringLiteral("Routed by the relay."));
         QVERIFY(!fake.url().isEmpty());
-        RelayFixture relay(RelayFixture::Options{.localAuth = true, .extra = fake.inventory()});
+        RelayFixture relay(RelayFixture::Options{true, fake.inventory(), {}});
         QVERIFY(relay.start());
         AppHarness harness({relay.url(), false});
         QVERIFY(harness.load());

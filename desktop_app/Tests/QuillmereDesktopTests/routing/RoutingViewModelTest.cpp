@@ -68,7 +68,7 @@ class RoutingViewModelTest : public QObject {
     Q_OBJECT
 
     FakeProviderProcess m_fake{QStringLiteral("Routed answer.")};
-    RelayFixture m_relay{RelayFixture::Options{.localAuth = true, .extra = m_fake.inventory()}};
+    RelayFixture m_relay{RelayFixture::Options{true, m_fake.inventory(), {}}};
     std::unique_ptr<RelayProxy> m_proxy;
     MemoryPreferencesStore m_prefs;
     FakeSecretStore m_secrets;
