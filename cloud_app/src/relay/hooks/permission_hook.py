@@ -557,6 +557,9 @@ def hold(client, interrupt, wait_seconds, keys=None, cli_pid=None, quit_unwatche
     interrupt_id = None
     marker = None
     try:
+        # The marker goes first: a call answered in the terminal while the interrupt is being
+        # raised must still find this hook (its signal waits for the id, as above).
+        marker = leave_marker(keys, environ)
         try:
             raised = client.call("POST", "v1/interrupts", body)
             interrupt_id = raised["id"]
@@ -565,7 +568,6 @@ def hold(client, interrupt, wait_seconds, keys=None, cli_pid=None, quit_unwatche
         if quit_unwatched and raised.get("watchers") == 0:
             client.withdraw(interrupt_id, "withdrawn")
             return None
-        marker = leave_marker(keys, environ)
         return wait_for_verdict(client, interrupt_id, wait_seconds, cli_pid, poll_seconds, went_on)
     except Stopped as stopped:
         # A second signal must not cut the withdrawal short.
