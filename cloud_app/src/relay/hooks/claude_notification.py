@@ -36,6 +36,7 @@ NOTICE_TYPES = ("permission_prompt", "agent_needs_input")
 # answered in the terminal with no tool run after it (a refusal, a turn stopped) runs no
 # after-tool hook.
 NOTICE_POLL_SECONDS = 1.0
+# The app opens its drawer when the first is chosen (it matches these words).
 OPTIONS = ["Open the drawer", "Open its terminal"]
 # Only the end of a transcript is read: the call waiting for an answer is the last one.
 TRANSCRIPT_TAIL_BYTES = 256 * 1024

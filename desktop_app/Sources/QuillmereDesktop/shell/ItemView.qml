@@ -8,6 +8,7 @@ Item {
     ItemViewModel {
         id: vm
         app: AppState
+        onDrawerRequested: RootController.openTerminal()
     }
 
     Text {

@@ -129,6 +129,9 @@ void ItemViewModel::chooseOption(int index) {
     if (!m_app || index < 0 || index >= all.size())
         return;
     m_app->submit(verdictForOption(all.at(index), m_clock()));
+    // The notice leaves the queue with the reply; the person goes on in the drawer.
+    if (all.at(index) == openTheDrawerOption())
+        emit drawerRequested();
 }
 
 void ItemViewModel::sendReply() {

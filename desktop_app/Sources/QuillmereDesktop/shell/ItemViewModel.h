@@ -46,6 +46,9 @@ public:
     static QString replyPlaceholder() { return QStringLiteral("Type a reply\u2026"); }
     static QString sendLabel() { return QStringLiteral("SEND"); }
     static QString notSupplied() { return QStringLiteral("NOT SUPPLIED"); }
+    // The option an agent's notice offers when it waits in a terminal the queue cannot answer
+    // for; the hook that raises the notice spells it the same way.
+    static QString openTheDrawerOption() { return QStringLiteral("Open the drawer"); }
 
     explicit ItemViewModel(QObject* parent = nullptr);
 
@@ -83,6 +86,8 @@ signals:
     void appChanged();
     void changed();
     void replyTextChanged();
+    // The person chose to go to the agent's terminals in the drawer.
+    void drawerRequested();
 
 private:
     std::optional<Interrupt> current() const { return m_app ? m_app->selectedInterrupt() : std::nullopt; }

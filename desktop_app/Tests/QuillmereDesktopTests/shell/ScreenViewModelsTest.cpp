@@ -185,6 +185,26 @@ private slots:
         QCOMPARE(m_fake->submittedVerdicts[0].reply, QString("Reject"));
     }
 
+    void openingTheDrawerRepliesAndAsksForTheDrawer() {
+        ItemViewModel item;
+        item.setApp(m_app.get());
+        QSignalSpy drawer(&item, &ItemViewModel::drawerRequested);
+        Interrupt first = interrupt("n", InterruptKind::question, 1);
+        first.options = {"Open the drawer", "Open its terminal"};
+        Interrupt second = interrupt("m", InterruptKind::question, 2);
+        second.options = first.options;
+        show({first, second});
+        m_app->setSelectedInterruptId(QString("n"));
+        item.chooseOption(1);
+        QCOMPARE(drawer.count(), 0);
+        m_app->setSelectedInterruptId(QString("m"));
+        item.chooseOption(0);
+        QCOMPARE(drawer.count(), 1);
+        QCOMPARE(m_fake->submittedIds, (QStringList{"n", "m"}));
+        QCOMPARE(m_fake->submittedVerdicts[1].verdict, VerdictKind::reply);
+        QCOMPARE(m_fake->submittedVerdicts[1].reply, QString("Open the drawer"));
+    }
+
     void aReplyIsTrimmedAndClearedAtOnceEvenWhenItFails() {
         ItemViewModel item;
         item.setApp(m_app.get());
