@@ -433,6 +433,7 @@ ROUTES = [
     ("GET", "v1/router/generations", True, None),
     ("POST", "v1/complete", True, {"task": "reason", "input": "Plan the change.", "model": "auto",
                                    "max_output_tokens": 4000}),
+    ("POST", "v1/router/probe", True, {"model_id": "claude-subscription"}),
     ("GET", "v1/router/api-keys", True, None),
     ("POST", "v1/router/api-keys", True, GATEWAY_KEY),
     ("DELETE", "v1/router/api-keys/{id}", True, None),

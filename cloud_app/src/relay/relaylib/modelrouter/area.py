@@ -34,6 +34,10 @@ MAX_OUTPUT_TOKENS = 1_000_000
 MAX_TOOLS = 64
 # A token estimate for scoring only: about four bytes of text per token.
 BYTES_PER_TOKEN_ESTIMATE = 4
+# A probe asks for the least a provider can answer: one token of output.
+PROBE_INPUT = "Reply with the word OK."
+PROBE_OUTPUT_TOKENS = 1
+PROBE_TASK = "chat"
 NO_LANE_STATUS = 422
 BUDGET_STATUS = 402
 ALL_FAILED_STATUS = 502
@@ -64,6 +68,7 @@ class ModelRouter:
         router.add("POST", "v1/router/budgets", self.save_budget, quick=True)
         router.add("GET", "v1/router/generations", self.read_generations)
         router.add("POST", "v1/complete", self.complete)
+        router.add("POST", "v1/router/probe", self.probe)
 
     async def start(self):
         # Nothing is in flight when the relay starts: reservations left by a stopped relay go.
@@ -292,6 +297,51 @@ class ModelRouter:
             "attempts": [ledger.attempt_record(row) for row in attempts], "route_decision_id": record["id"],
             "routed_because": decision.routed_because, "request_id": request.request_id})
         return completion
+
+    # Probes.
+
+    async def probe(self, request):
+        """One real minimal request to one lane, recorded as a generation. A provider that does
+        not answer correctly is a failure status, never a 2xx with `ok` false: the application
+        shows any 2xx as connected."""
+        model_id = request.body().string("model_id", non_empty=True, max_length=MAX_NAME)
+        lane = next((lane for lane in self.catalog.lanes if lane.id == model_id), None)
+        if lane is None:
+            raise not_found(f"model {model_id} is not in the catalog")
+        if lane.channel != "api":
+            raise ApiError(NO_LANE_STATUS, f"{model_id} is a CLI lane; the application runs it, not the relay")
+        key = self.catalog.key(lane)
+        reason = self.catalog.unavailable_reason(lane)
+        if key is None or reason is not None:
+            raise ApiError(NO_LANE_STATUS, f"{model_id} cannot be probed: {reason or 'its key is not set'}")
+        generation_id = _new_id("gen_")
+        started = time.monotonic()
+        result = await attempt(self.app.upstream, lane, key, PROBE_INPUT, None, PROBE_OUTPUT_TOKENS, None,
+                               self.timings.complete_deadline_seconds)
+        row = _attempt_row(generation_id, 1, lane, None, "failed", result.failure, result.latency_ms)
+        if result.outcome is not None:
+            # A probe asks for one token, so an answer without text still shows the lane works.
+            outcome = result.outcome
+            row.update(status="succeeded", error_code=None, upstream_id=outcome.upstream_id,
+                       input_tokens=outcome.input_tokens, output_tokens=outcome.output_tokens,
+                       cost_usd=lane.cost(outcome.input_tokens, outcome.output_tokens))
+        generation = {"id": generation_id, "project_id": None, "route_decision_id": "probe", "task": PROBE_TASK,
+                      "model_id": lane.id, "provider": lane.provider, "service_tier": lane.service_tier,
+                      "status": row["status"], "input_tokens": row["input_tokens"],
+                      "output_tokens": row["output_tokens"], "cost_usd": row["cost_usd"],
+                      "latency_ms": max(0, int((time.monotonic() - started) * 1000)), "fell_back": 0,
+                      "zero_completion_insured": 0, "error_code": row["error_code"],
+                      "request_id": request.request_id, "tools_declared": 0, "created_at": clock.now()}
+        await asyncio.shield(request.run(self._settle_probe, request.user_id, row, generation))
+        if result.outcome is None:
+            raise ApiError(ALL_FAILED_STATUS, f"probe failed: {result.message} ({result.failure})")
+        return {"ok": True, "generation_id": generation_id, "model": lane.id, "provider": lane.provider,
+                "latency_ms": result.latency_ms, "cost_usd": row["cost_usd"]}
+
+    def _settle_probe(self, user_id, row, generation):
+        with self.db.write_as(user_id) as conn:
+            ledger.add_attempt(conn, row)
+            ledger.add_generation(conn, generation)
 
     def _route_completion(self, user_id, route, model, worst):
         """Decides, stores the decision and reserves the primary lane's worst case, in one write."""
