@@ -437,6 +437,7 @@ ROUTES = [
     ("GET", "v1/router/api-keys", True, None),
     ("POST", "v1/router/api-keys", True, GATEWAY_KEY),
     ("DELETE", "v1/router/api-keys/{id}", True, None),
+    ("GET", "v1/models", True, None),
 ]
 
 

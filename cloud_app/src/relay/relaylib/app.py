@@ -26,6 +26,7 @@ from .hub import Hub
 from .interrupts import Queue
 from .mailer import Mailer
 from .modelrouter import ModelRouter
+from .modelrouter.gateway import Gateway
 from .modelrouter.gatewaykeys import GatewayKeys
 from .projects import Projects
 from .routing import Router
@@ -38,7 +39,7 @@ from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_s
 
 log = logging.getLogger("relay")
 
-AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter, GatewayKeys)
+AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter, GatewayKeys, Gateway)
 # How often idle connections are looked for, as a share of the idle time-out.
 IDLE_SWEEPS_PER_TIMEOUT = 4
 # How often committed changes are copied from the write-ahead log into the database.
@@ -58,6 +59,7 @@ class App:
         self.areas = {area: area(self) for area in AREAS}
         self.auth = self.areas[Auth]
         self.queue = self.areas[Queue]
+        self.gateway_keys = self.areas[GatewayKeys]
         self.hub = Hub(self.queue.build_snapshot)
         self.router.add("GET", "v1/health", self.health, auth=False)
         for area in self.areas.values():

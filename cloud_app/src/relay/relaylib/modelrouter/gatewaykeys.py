@@ -12,7 +12,7 @@ import json
 import secrets
 
 from .. import clock
-from ..errors import bad_request, not_found
+from ..errors import ApiError, bad_request, not_found
 from ..jsonio import Body
 from . import ledger
 from .guardrails import ZDR_GROUPS, UnsafePattern, check_pattern
@@ -180,6 +180,19 @@ def revoke(conn, key_id, now):
     return read(conn, key_id, now)
 
 
+def presented_secret(request):
+    """The secret a caller sends, as an OpenAI client does (`Authorization: Bearer`) or an
+    Anthropic one (`x-api-key`); None when neither header holds one."""
+    value = (request.headers.get("x-api-key") or "").strip()
+    if not value:
+        value = request.bearer_token() or ""
+    return value if value.isascii() and value.isprintable() and value else None
+
+
+def invalid_key(message):
+    return ApiError(401, message, {"WWW-Authenticate": 'Bearer realm="quillmere-gateway"'})
+
+
 class GatewayKeys:
     """The paths the application manages gateway keys by (with its session, never a key)."""
 
@@ -191,6 +204,44 @@ class GatewayKeys:
         router.add("GET", "v1/router/api-keys", self.list_keys)
         router.add("POST", "v1/router/api-keys", self.create_key)
         router.add("DELETE", "v1/router/api-keys/{id}", self.revoke_key, quick=True)
+
+    @staticmethod
+    def presents_key(request):
+        """Whether the caller offers a gateway key rather than a session token."""
+        secret = presented_secret(request)
+        return secret is not None and (secret.startswith(SECRET_MARK) or "x-api-key" in request.headers)
+
+    def authenticate(self, request):
+        """Sets `request.user` and `request.gateway_key` from the key presented, or fails with 401.
+        Nothing is cached, so a revocation holds from the next request on."""
+        secret = presented_secret(request)
+        if secret is None:
+            raise invalid_key("a gateway key is required: send it as Authorization: Bearer or x-api-key")
+        now = clock.now()
+        with self.db.read() as conn:
+            row = conn.execute("SELECT k.*, u.email FROM gateway_keys k JOIN users u ON u.id = k.user_id "
+                               "WHERE k.secret_hash = ?", (secret_hash(secret),)).fetchone()
+        if row is None:
+            raise invalid_key("invalid gateway key")
+        status = status_of(row, now)
+        if status != ACTIVE:
+            raise invalid_key(f"this gateway key is {status}")
+        request.user = {"id": row["user_id"], "email": row["email"]}
+        request.gateway_key = dict(row)
+
+    def limits(self, request):
+        """The calling key's rules (None for a session), marking the key as used just now."""
+        row = request.gateway_key
+        if row is None:
+            return None
+        with self.db.write_as(request.user_id) as conn:
+            conn.execute("UPDATE gateway_keys SET last_used_at = :now WHERE user_id = :user_id AND id = :id",
+                         {"id": row["id"], "now": clock.now()})
+        return {"id": row["id"], "allowed_models": json.loads(row["allowed_models"]),
+                "allowed_providers": json.loads(row["allowed_providers"]),
+                "content_filters": json.loads(row["content_filters"]), "enforce_zdr": json.loads(row["enforce_zdr"]),
+                "limit_usd": row["limit_usd"], "reset_interval": row["reset_interval"],
+                "requests_per_minute": row["requests_per_minute"], "tokens_per_minute": row["tokens_per_minute"]}
 
     def list_keys(self, request):
         with self.db.read_as(request.user_id) as conn:
