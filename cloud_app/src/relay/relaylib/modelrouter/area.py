@@ -21,6 +21,7 @@ from ..errors import ApiError, bad_request, not_found
 from ..jsonio import Body
 from . import ledger, protocols, scoring
 from .calls import attempt
+from .guardrails import zdr_group
 from .lanes import INVENTORY_VARIABLE, Catalog, adapter_record, model_record
 from .toolcheck import check_answer
 
@@ -212,7 +213,16 @@ class ModelRouter:
         if preset is not None:
             # Presets are kept by an area this relay does not have yet: a named one cannot exist.
             raise not_found(f"preset {preset} not found")
-        prompt_bytes = len(text.encode("utf-8")) + len((instructions or "").encode("utf-8"))
+        completion, _ = await self.run_completion(request, task, text, instructions, project_id, model, max_output,
+                                                  tools)
+        return completion
+
+    async def run_completion(self, request, task, text, instructions, project_id, model, max_output, tools,
+                             gateway_key=None):
+        """Routes one completion and tries its lanes in turn; returns (the `GatewayCompletion`
+        record, the served attempt's outcome). `text` is a prompt or a conversation; `gateway_key` is a
+        gateway key's rules, which narrow the lanes and are recorded with the generation."""
+        prompt_bytes = _prompt_bytes(text) + len((instructions or "").encode("utf-8"))
         route = scoring.RouteRequest(task=task, input_tokens=max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE),
                                      output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
         started = time.monotonic()
@@ -222,14 +232,16 @@ class ModelRouter:
         def worst(lane):
             return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
 
-        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst)
+        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst, gateway_key)
         candidates = [decision.primary] + decision.fallbacks
         deadline = started + self.timings.complete_deadline_seconds
         attempts, answer, last_failure, refused_for_budget, written = [], None, None, False, None
         lane = None
 
         def generation(status=None):
-            return _generation_row(generation_id, record, route, answer, attempts, started, request.request_id, status)
+            row = _generation_row(generation_id, record, route, answer, attempts, started, request.request_id, status)
+            row["gateway_key_id"] = gateway_key["id"] if gateway_key else None
+            return row
 
         try:
             for seq, candidate in enumerate(candidates, start=1):
@@ -296,7 +308,7 @@ class ModelRouter:
             "latency_ms": written["latency_ms"], "fell_back": bool(written["fell_back"]),
             "attempts": [ledger.attempt_record(row) for row in attempts], "route_decision_id": record["id"],
             "routed_because": decision.routed_because, "request_id": request.request_id})
-        return completion
+        return completion, result.outcome
 
     # Probes.
 
@@ -343,10 +355,13 @@ class ModelRouter:
             ledger.add_attempt(conn, row)
             ledger.add_generation(conn, generation)
 
-    def _route_completion(self, user_id, route, model, worst):
+    def _route_completion(self, user_id, route, model, worst, key=None):
         """Decides, stores the decision and reserves the primary lane's worst case, in one write."""
         readiness = self.catalog.readiness()
         lanes = self.catalog.lanes
+        if key is not None:
+            # A key's allowlists intersect the request's own choice of model.
+            lanes = [lane for lane in lanes if lane.channel != "api" or key_allows(key, lane)]
         if model != "auto":
             lanes = [lane for lane in lanes if model in (lane.id, lane.routing_model)]
             if not lanes:
@@ -407,6 +422,25 @@ def _generation_row(generation_id, record, route, answer, attempts, started, req
             "zero_completion_insured": int(any(row["insured"] for row in attempts)),
             "error_code": None if answer else (last["error_code"] if last else "no_lane_tried"),
             "request_id": request_id, "tools_declared": int(bool(route.tools)), "created_at": clock.now()}
+
+
+def _prompt_bytes(text):
+    if isinstance(text, str):
+        return len(text.encode("utf-8"))
+    return sum(len(turn["content"].encode("utf-8")) for turn in text)
+
+
+def key_allows(key, lane):
+    """Whether a gateway key's allowlists and retention rules let it reach `lane`."""
+    models = key["allowed_models"]
+    if models and lane.id not in models and lane.routing_model not in models:
+        return False
+    providers = key["allowed_providers"]
+    if providers and lane.provider not in providers and lane.endpoint_slug not in providers:
+        return False
+    if key["enforce_zdr"].get(zdr_group(lane.provider, lane.id)) and lane.data_policy != "zdr":
+        return False
+    return True
 
 
 def worst_case_input(lane, text, instructions, max_output, tools):

@@ -5,8 +5,7 @@ A gateway key reaches these paths only; every other path of the relay wants a se
 """
 
 from .. import clock
-from .area import ModelRouter
-from .guardrails import zdr_group
+from .area import ModelRouter, key_allows
 
 # The error `type` each protocol names a status by.
 _OPENAI_TYPES = {400: "invalid_request_error", 401: "authentication_error", 402: "insufficient_quota",
@@ -36,21 +35,6 @@ def either_error(error, request_id, request=None):
     return openai_error(error, request_id)
 
 
-def key_allows(key, lane):
-    """Whether a key's allowlists and retention rules let it reach `lane` (None: no key)."""
-    if key is None:
-        return True
-    models = key["allowed_models"]
-    if models and lane.id not in models and lane.routing_model not in models:
-        return False
-    providers = key["allowed_providers"]
-    if providers and lane.provider not in providers and lane.endpoint_slug not in providers:
-        return False
-    if key["enforce_zdr"].get(zdr_group(lane.provider, lane.id)) and lane.data_policy != "zdr":
-        return False
-    return True
-
-
 class Gateway:
     def __init__(self, app):
         self.app = app
@@ -68,7 +52,7 @@ class Gateway:
         key = self.app.gateway_keys.limits(request)
         readiness = self.router.catalog.readiness()
         lanes = [lane for lane in self.router.catalog.lanes
-                 if lane.channel == "api" and readiness[lane.id] is None and key_allows(key, lane)]
+                 if lane.channel == "api" and readiness[lane.id] is None and (key is None or key_allows(key, lane))]
         created = int(clock.now())
         created_iso = clock.iso(created)
         data = [{"id": "auto", "object": "model", "type": "model", "created": created, "created_at": created_iso,

@@ -176,10 +176,11 @@ def add_generation(conn, generation):
     conn.execute(
         "INSERT INTO router_generations (user_id, id, project_id, route_decision_id, task, model_id, provider, "
         "service_tier, status, input_tokens, output_tokens, cost_usd, latency_ms, fell_back, cache_hit, "
-        "zero_completion_insured, error_code, request_id, tools_declared, created_at) VALUES (:user_id, :id, "
-        ":project_id, :route_decision_id, :task, :model_id, :provider, :service_tier, :status, :input_tokens, "
-        ":output_tokens, :cost_usd, :latency_ms, :fell_back, 0, :zero_completion_insured, :error_code, "
-        ":request_id, :tools_declared, :created_at)", generation)
+        "zero_completion_insured, error_code, request_id, tools_declared, created_at, gateway_key_id) VALUES "
+        "(:user_id, :id, :project_id, :route_decision_id, :task, :model_id, :provider, :service_tier, :status, "
+        ":input_tokens, :output_tokens, :cost_usd, :latency_ms, :fell_back, 0, :zero_completion_insured, "
+        ":error_code, :request_id, :tools_declared, :created_at, :gateway_key_id)",
+        dict(generation, gateway_key_id=generation.get("gateway_key_id")))
 
 
 def attempt_record(row):

@@ -78,13 +78,20 @@ def _count(value):
 
 # Requests.
 
+def turns_of(text):
+    """A prompt as turns: a plain text is one user turn; a conversation is already turns
+    (`{role: "user"|"assistant", content: text}`, oldest first)."""
+    return [{"role": "user", "content": text}] if isinstance(text, str) else list(text)
+
+
 def build_request(lane, key, text, instructions, max_output_tokens, tools, stream):
-    """(headers, body) of one request to `lane` in its protocol."""
+    """(headers, body) of one request to `lane` in its protocol; `text` is a prompt or a
+    conversation (see `turns_of`)."""
     protocol = lane.protocol_name
+    turns = turns_of(text)
     if protocol == ANTHROPIC_MESSAGES:
         headers = {"x-api-key": key, "anthropic-version": ANTHROPIC_VERSION}
-        body = {"model": lane.upstream_model, "max_tokens": max_output_tokens,
-                "messages": [{"role": "user", "content": text}]}
+        body = {"model": lane.upstream_model, "max_tokens": max_output_tokens, "messages": turns}
         if instructions:
             body["system"] = instructions
         if tools:
@@ -94,14 +101,15 @@ def build_request(lane, key, text, instructions, max_output_tokens, tools, strea
         headers = {"Authorization": f"Bearer {key}"}
         messages = [{"role": "system", "content": instructions}] if instructions else []
         body = {"model": lane.upstream_model, "max_completion_tokens": max_output_tokens,
-                "messages": messages + [{"role": "user", "content": text}]}
+                "messages": messages + turns}
         if tools:
             body["tools"] = tools
         if stream:
             body["stream_options"] = {"include_usage": True}
     else:
         headers = {"Authorization": f"Bearer {key}"}
-        body = {"model": lane.upstream_model, "max_output_tokens": max_output_tokens, "input": text}
+        body = {"model": lane.upstream_model, "max_output_tokens": max_output_tokens,
+                "input": text if isinstance(text, str) else turns}
         if instructions:
             body["instructions"] = instructions
         if tools:
