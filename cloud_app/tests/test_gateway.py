@@ -7,7 +7,10 @@ import sqlite3
 import time
 import unittest
 
+import npm_peers
+from fake_provider import Reply
 from support import GATEWAY_KEY, ROUTES
+from test_fake_provider import run_sdk
 from test_router import RouterTestCase
 
 ANTHROPIC = {"anthropic-version": "2023-06-01"}
@@ -79,13 +82,17 @@ class KeyAuthenticationTest(GatewayTestCase):
         status, answer, _ = self.as_key("GET", "v1/models", expiring["key"])
         self.assertEqual((status, answer["error"]["message"]), (401, "this gateway key is expired"))
 
-    def test_a_session_token_is_not_a_gateway_key(self):
+    def test_the_applications_session_may_call_the_gateway_without_a_keys_limits(self):
         status, answer, _ = self.call("GET", "v1/models")
-        self.assertEqual((status, answer["error"]["message"]), (401, "invalid gateway key"))
+        self.assertEqual((status, len(answer["data"])), (200, 7))
+        status, answer, _ = self.call("GET", "v1/models", token="not-a-session")
+        self.assertEqual((status, answer["error"]["message"]), (401, "invalid or expired session token"))
+        self.assertEqual(answer["error"]["type"], "authentication_error")
 
     def test_a_gateway_key_reaches_no_other_path_of_the_relay(self):
         secret = self.new_key()["key"]
-        gateway_paths = {"v1/models", "v1/chat/completions", "v1/responses", "v1/messages", "v1/complete"}
+        gateway_paths = {"v1/models", "v1/chat/completions", "v1/responses", "v1/messages", "v1/v1/messages",
+                         "v1/complete"}
         checked = 0
         for method, pattern, auth, body in ROUTES:
             if not auth or pattern in gateway_paths:
@@ -104,6 +111,116 @@ class KeyAuthenticationTest(GatewayTestCase):
         self.as_key("GET", "v1/models", created["key"])
         listed = {key["id"]: key for key in self.call("GET", "v1/router/api-keys")[1]}
         self.assertGreaterEqual(listed[created["id"]]["last_used_at"], before)
+
+
+class CompletionTest(GatewayTestCase):
+    CHAT = {"model": "chat", "messages": [{"role": "system", "content": "Be brief."},
+                                          {"role": "user", "content": "Hello"},
+                                          {"role": "assistant", "content": "Hi."},
+                                          {"role": "user", "content": [{"type": "text", "text": "Plan it."}]}],
+            "max_tokens": 300}
+
+    def test_a_chat_completion_is_routed_and_answered_in_openais_shape(self):
+        created = self.new_key()
+        self.fake.script(Reply(text="Planned.", input_tokens=40, output_tokens=3))
+        status, answer, _ = self.as_key("POST", "v1/chat/completions", created["key"], self.CHAT)
+        self.assertEqual(status, 200, answer)
+        self.assertEqual((answer["object"], answer["model"]), ("chat.completion", "chat"))
+        self.assertEqual(answer["choices"][0]["message"], {"role": "assistant", "content": "Planned."})
+        self.assertEqual(answer["choices"][0]["finish_reason"], "stop")
+        self.assertEqual(answer["usage"], {"prompt_tokens": 40, "completion_tokens": 3, "total_tokens": 43})
+        [sent] = self.fake.model_requests()
+        self.assertEqual(sent.body["messages"], [{"role": "system", "content": "Be brief."},
+                                                 {"role": "user", "content": "Hello"},
+                                                 {"role": "assistant", "content": "Hi."},
+                                                 {"role": "user", "content": "Plan it."}])
+        self.assertEqual(sent.body["max_completion_tokens"], 300)
+        # The generation is the key's: its spending shows in the key's record.
+        generation = self.generations()[0]
+        self.assertEqual(generation["id"], answer["id"].removeprefix("chatcmpl-"))
+        key = {key["id"]: key for key in self.call("GET", "v1/router/api-keys")[1]}[created["id"]]
+        self.assertAlmostEqual(key["spent_usd"], (40 * 1.0 + 3 * 4.0) / 1e6)
+        self.assertAlmostEqual(key["lifetime_spent_usd"], key["spent_usd"])
+        self.assertAlmostEqual(key["remaining_usd"], 5 - key["spent_usd"])
+
+    def test_an_anthropic_message_reaches_a_lane_of_another_protocol_at_either_path(self):
+        secret = self.new_key()["key"]
+        body = {"model": "responses", "max_tokens": 200, "system": "Be brief.",
+                "messages": [{"role": "user", "content": "Hello"}]}
+        for path in ("v1/messages", "v1/v1/messages"):
+            with self.subTest(path=path):
+                self.fake.reset()
+                self.fake.script(Reply(text="Hi.", input_tokens=10, output_tokens=2))
+                status, answer, _ = self.as_key("POST", path, secret, body, header="x-api-key", headers=ANTHROPIC)
+                self.assertEqual(status, 200, answer)
+                self.assertEqual((answer["type"], answer["role"], answer["model"]), ("message", "assistant", "responses"))
+                self.assertEqual(answer["content"], [{"type": "text", "text": "Hi."}])
+                self.assertEqual(answer["usage"], {"input_tokens": 10, "output_tokens": 2})
+                self.assertEqual(answer["stop_reason"], "end_turn")
+                [sent] = self.fake.model_requests()
+                self.assertEqual(sent.path, "/v1/responses")
+                self.assertEqual(sent.body["instructions"], "Be brief.")
+
+    def test_allowlists_intersect_the_models_a_request_names(self):
+        secret = self.new_key(allowed_models=["messages"])["key"]
+        status, answer, _ = self.as_key("POST", "v1/chat/completions", secret, dict(self.CHAT, model="chat"))
+        self.assertEqual(status, 404, answer)
+        self.assertEqual(answer["error"]["type"], "not_found_error")
+        self.fake.script(Reply(text="ok"))
+        status, answer, _ = self.as_key("POST", "v1/chat/completions", secret, dict(self.CHAT, model="auto"))
+        self.assertEqual((status, answer["model"]), (200, "messages"))
+        self.assertEqual([sent.path for sent in self.fake.model_requests()], ["/v1/messages"])
+
+    def test_a_request_for_lanes_a_retention_rule_excludes_reaches_no_provider(self):
+        secret = self.new_key(enforce_zdr_other=True)["key"]
+        status, answer, _ = self.as_key("POST", "v1/messages", secret,
+                                        {"model": "auto", "max_tokens": 10, "messages": [{"role": "user",
+                                                                                          "content": "x"}]},
+                                        header="x-api-key", headers=ANTHROPIC)
+        self.assertEqual((status, answer["type"], answer["error"]["type"]), (422, "error", "invalid_request_error"))
+        self.assertEqual(self.fake.model_requests(), [])
+
+    def test_malformed_requests_are_refused_in_the_callers_shape(self):
+        secret = self.new_key()["key"]
+        status, answer, _ = self.as_key("POST", "v1/chat/completions", secret, {"model": "chat", "messages": []})
+        self.assertEqual((status, answer["error"]["message"]), (400, "messages must hold at least one user message"))
+        self.assertEqual(answer["error"]["type"], "invalid_request_error")
+        status, answer, _ = self.as_key("POST", "v1/messages", secret, {"model": "chat", "messages": []},
+                                        header="x-api-key", headers=ANTHROPIC)
+        self.assertEqual((status, answer["type"], answer["error"]["message"]), (400, "error", "max_tokens is required"))
+        self.assertEqual(self.fake.model_requests(), [])
+
+
+class OfficialSdkTest(GatewayTestCase):
+    """The official SDKs, configured as the key's screen shows them: base URL the relay's
+    address plus "/v1", the key as their API key."""
+
+    def setUp(self):
+        super().setUp()
+        self.peers = npm_peers.require(self)
+        self.base_url = f"http://127.0.0.1:{self.relay.port}/v1"
+
+    def test_openai_and_anthropic_sdks_complete_through_the_gateway(self):
+        created = self.new_key()
+        for script, api, model in (("openai_sdk_check.cjs", "chat", "chat-stream"),
+                                   ("anthropic_sdk_check.cjs", "messages", "messages")):
+            with self.subTest(api=api):
+                self.fake.reset()
+                self.fake.script(Reply(text="Hello there.", input_tokens=12, output_tokens=3))
+                [result] = run_sdk(self.peers, script, [{"baseURL": self.base_url, "apiKey": created["key"],
+                                                         "api": api, "stream": False, "model": model}])
+                self.assertTrue(result["ok"], result)
+                self.assertEqual(result["text"], "Hello there.")
+                self.assertEqual((result["usage"]["input"], result["usage"]["output"]), (12, 3))
+                self.assertEqual(len(self.fake.model_requests()), 1)
+        self.assertEqual(self.call("DELETE", f"v1/router/api-keys/{created['id']}")[0], 200)
+        for script, api in (("openai_sdk_check.cjs", "chat"), ("anthropic_sdk_check.cjs", "messages")):
+            with self.subTest(api=api, revoked=True):
+                [result] = run_sdk(self.peers, script, [{"baseURL": self.base_url, "apiKey": created["key"],
+                                                         "api": api, "stream": False, "model": "auto"}])
+                self.assertEqual((result["ok"], result["errorClass"], result["status"]),
+                                 (False, "AuthenticationError", 401))
+                self.assertIn("revoked", result["message"])
 
 
 if __name__ == "__main__":

@@ -309,7 +309,8 @@ class Dispatcher:
         """Steps 3 to 5: the session, the body, the handler."""
         route = request.route
         protocol = raw.protocol
-        if route.gateway and (route.gateway == "only" or self.app.gateway_keys.presents_key(request)):
+        if route.gateway and (route.gateway == "only" or request.bearer_token() is None
+                              or self.app.gateway_keys.presents_key(request)):
             await request.run(self.app.gateway_keys.authenticate, request)
             protocol.guard.busy(protocol)
         elif route.auth:

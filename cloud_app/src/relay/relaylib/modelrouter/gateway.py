@@ -1,11 +1,24 @@
 """The gateway: the OpenAI- and Anthropic-compatible paths that programs holding a gateway
 key call, each answering and failing in its own protocol's shape.
 
-A gateway key reaches these paths only; every other path of the relay wants a session.
+A gateway key reaches these paths only; every other path of the relay wants a session. The
+application's own session may call them too (then no key's limits or guardrails apply).
 """
 
 from .. import clock
-from .area import ModelRouter, key_allows
+from ..errors import bad_request
+from ..jsonio import Body
+from .area import MAX_INPUT_CHARACTERS, MAX_NAME, MAX_OUTPUT_TOKENS, ModelRouter, key_allows
+
+# What a caller gets when it names no output limit (OpenAI's chat clients need not).
+DEFAULT_MAX_OUTPUT_TOKENS = 4096
+GATEWAY_TASK = "chat"
+MAX_MESSAGES = 10_000
+# Providers' reasons an answer ended, in each protocol's words.
+_OPENAI_FINISH = {"end_turn": "stop", "stop_sequence": "stop", "max_tokens": "length", "tool_use": "tool_calls",
+                  "completed": "stop", "incomplete": "length"}
+_ANTHROPIC_STOP = {"stop": "end_turn", "length": "max_tokens", "tool_calls": "tool_use", "completed": "end_turn",
+                   "incomplete": "max_tokens"}
 
 # The error `type` each protocol names a status by.
 _OPENAI_TYPES = {400: "invalid_request_error", 401: "authentication_error", 402: "insufficient_quota",
@@ -45,7 +58,12 @@ class Gateway:
         return self.app.areas[ModelRouter]
 
     def register(self, router):
-        router.add("GET", "v1/models", self.list_models, gateway="only", error_shape=either_error)
+        router.add("GET", "v1/models", self.list_models, gateway="also", error_shape=either_error)
+        router.add("POST", "v1/chat/completions", self.chat_completions, gateway="also", error_shape=openai_error)
+        # Anthropic's clients add "/v1/messages" to their base URL themselves; given the gateway's
+        # base URL (which ends in "/v1", as OpenAI's clients want) they ask for "/v1/v1/messages".
+        for path in ("v1/messages", "v1/v1/messages"):
+            router.add("POST", path, self.messages, gateway="also", error_shape=anthropic_error)
 
     def list_models(self, request):
         """The lanes this key may reach now, in a list both OpenAI and Anthropic clients read."""
@@ -62,3 +80,99 @@ class Gateway:
                          "created_at": created_iso, "owned_by": lane.provider, "display_name": lane.display_name})
         return {"object": "list", "data": data, "has_more": False, "first_id": data[0]["id"],
                 "last_id": data[-1]["id"]}
+
+    # Completions in the callers' protocols.
+
+    async def _complete(self, request, model, instructions, turns, max_output):
+        key = await request.run(self.app.gateway_keys.limits, request)
+        completion, outcome = await self.router.run_completion(
+            request, GATEWAY_TASK, turns, instructions, None, model, max_output, None, gateway_key=key)
+        return completion, outcome
+
+    async def chat_completions(self, request):
+        body = request.body()
+        model = body.string("model", non_empty=True, max_length=MAX_NAME)
+        messages = body.array("messages")
+        if body.boolean("stream", required=False):
+            raise bad_request("stream is not supported by this relay yet")
+        if body.has("tools"):
+            raise bad_request("tools are not supported by this relay yet")
+        max_output = body.integer("max_completion_tokens", required=False, minimum=1, maximum=MAX_OUTPUT_TOKENS)
+        if max_output is None:
+            max_output = body.integer("max_tokens", required=False, minimum=1, maximum=MAX_OUTPUT_TOKENS)
+        instructions, turns = _openai_turns(messages)
+        completion, outcome = await self._complete(request, model, instructions, turns,
+                                                   max_output or DEFAULT_MAX_OUTPUT_TOKENS)
+        usage = completion["usage"]
+        reason = outcome.finish_reason or "stop"
+        return {"id": "chatcmpl-" + completion["id"], "object": "chat.completion", "created": int(clock.now()),
+                "model": completion["model"],
+                "choices": [{"index": 0, "message": {"role": "assistant", "content": outcome.text},
+                             "logprobs": None, "finish_reason": _OPENAI_FINISH.get(reason, reason)}],
+                "usage": {"prompt_tokens": usage["input_tokens"], "completion_tokens": usage["output_tokens"],
+                          "total_tokens": usage["input_tokens"] + usage["output_tokens"]}}
+
+    async def messages(self, request):
+        body = request.body()
+        model = body.string("model", non_empty=True, max_length=MAX_NAME)
+        max_output = body.integer("max_tokens", minimum=1, maximum=MAX_OUTPUT_TOKENS)
+        messages = body.array("messages")
+        if body.boolean("stream", required=False):
+            raise bad_request("stream is not supported by this relay yet")
+        if body.has("tools"):
+            raise bad_request("tools are not supported by this relay yet")
+        system = request.json().get("system")
+        instructions = None if system is None else _text_of(system, "system")
+        turns = [_turn(item, f"messages[{index}]", ("user", "assistant")) for index, item in enumerate(messages)]
+        if not turns:
+            raise bad_request("messages must hold at least one message")
+        completion, outcome = await self._complete(request, model, instructions, turns, max_output)
+        reason = outcome.finish_reason or "end_turn"
+        return {"id": "msg_" + completion["id"], "type": "message", "role": "assistant",
+                "model": completion["model"], "content": [{"type": "text", "text": outcome.text}],
+                "stop_reason": _ANTHROPIC_STOP.get(reason, reason), "stop_sequence": None,
+                "usage": {"input_tokens": completion["usage"]["input_tokens"],
+                          "output_tokens": completion["usage"]["output_tokens"]}}
+
+
+def _text_of(content, where):
+    """Text content: a string, or a list of text parts (`{type: "text", text}`) joined."""
+    if isinstance(content, str):
+        text = content
+    elif isinstance(content, list):
+        parts = []
+        for index, part in enumerate(content):
+            item = Body(part, f"{where}[{index}].")
+            kind = item.string("type")
+            if kind not in ("text", "input_text"):
+                raise bad_request(f"{where}[{index}].type {kind} is not supported by this relay yet; send text")
+            parts.append(item.string("text"))
+        text = "\n".join(parts)
+    else:
+        raise bad_request(f"{where} must be a string or an array of text parts")
+    if len(text) > MAX_INPUT_CHARACTERS:
+        raise bad_request(f"{where} must be at most {MAX_INPUT_CHARACTERS} characters")
+    return text
+
+
+def _turn(item, where, roles):
+    message = Body(item, where + ".")
+    role = message.one_of("role", roles)
+    return {"role": role, "content": _text_of(item.get("content"), where + ".content")}
+
+
+def _openai_turns(messages):
+    """(instructions, turns) of an OpenAI chat: system and developer messages are the instructions."""
+    if len(messages) > MAX_MESSAGES:
+        raise bad_request(f"messages must hold at most {MAX_MESSAGES} messages")
+    instructions, turns = [], []
+    for index, item in enumerate(messages):
+        where = f"messages[{index}]"
+        role = Body(item, where + ".").one_of("role", ("system", "developer", "user", "assistant"))
+        if role in ("system", "developer"):
+            instructions.append(_text_of(item.get("content"), where + ".content"))
+        else:
+            turns.append(_turn(item, where, ("user", "assistant")))
+    if not turns:
+        raise bad_request("messages must hold at least one user message")
+    return ("\n\n".join(instructions) or None), turns
