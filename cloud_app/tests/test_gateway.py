@@ -2,6 +2,7 @@
 Anthropic clients authenticate, reaching only the gateway's paths and only the lanes their key
 allows, with errors in their own protocol's shape."""
 
+import concurrent.futures
 import copy
 import sqlite3
 import time
@@ -11,6 +12,7 @@ import npm_peers
 from fake_provider import Reply
 from support import GATEWAY_KEY, ROUTES
 from test_fake_provider import run_sdk
+from relaylib.modelrouter.ratelimit import KeyRateLimiter, RateLimited
 from test_router import RouterTestCase
 
 ANTHROPIC = {"anthropic-version": "2023-06-01"}
@@ -189,6 +191,69 @@ class CompletionTest(GatewayTestCase):
                                         header="x-api-key", headers=ANTHROPIC)
         self.assertEqual((status, answer["type"], answer["error"]["message"]), (400, "error", "max_tokens is required"))
         self.assertEqual(self.fake.model_requests(), [])
+
+
+class RateLimiterTest(unittest.TestCase):
+    def test_requests_are_counted_over_a_rolling_window(self):
+        now = [100.0]
+        limiter = KeyRateLimiter(60.0, clock=lambda: now[0])
+        for second in (0, 10, 20):
+            now[0] = 100.0 + second
+            limiter.admit("k", 3, None, 1)
+        now[0] = 159.0
+        with self.assertRaises(RateLimited) as caught:
+            limiter.admit("k", 3, None, 1)
+        self.assertEqual(caught.exception.status, 429)
+        self.assertEqual(caught.exception.headers["Retry-After"], "1")  # the first falls out at 160
+        limiter.admit("other", 3, None, 1)  # each key has its own window
+        now[0] = 160.0
+        limiter.admit("k", 3, None, 1)
+        with self.assertRaises(RateLimited):
+            limiter.admit("k", 3, None, 1)
+
+    def test_tokens_are_the_windows_used_tokens_plus_the_new_requests_input(self):
+        now = [0.0]
+        limiter = KeyRateLimiter(60.0, clock=lambda: now[0])
+        limiter.admit("k", None, 100, 10)
+        limiter.count_tokens("k", 90)
+        limiter.admit("k", None, 100, 10)  # 90 + 10 fits exactly
+        with self.assertRaises(RateLimited) as caught:
+            limiter.admit("k", None, 100, 11)
+        self.assertIn("100 tokens per minute", caught.exception.message)
+        now[0] = 60.0
+        limiter.admit("k", None, 100, 100)
+
+
+class KeyLimitsTest(GatewayTestCase):
+    def test_a_hundred_parallel_requests_against_sixty_per_minute_give_exactly_sixty(self):
+        secret = self.new_key(requests_per_minute=60, tokens_per_minute=None)["key"]
+        body = {"model": "chat", "messages": [{"role": "user", "content": "Hello"}], "max_tokens": 20}
+
+        def one(_):
+            status, answer, headers = self.as_key("POST", "v1/chat/completions", secret, body)
+            return status, answer, headers
+
+        with concurrent.futures.ThreadPoolExecutor(max_workers=100) as pool:
+            results = list(pool.map(one, range(100)))
+        statuses = [status for status, _, _ in results]
+        self.assertEqual((statuses.count(200), statuses.count(429)), (60, 40), statuses)
+        refused = next(answer for status, answer, _ in results if status == 429)
+        self.assertEqual(refused["error"]["type"], "rate_limit_exceeded")
+        self.assertIn("60 requests per minute", refused["error"]["message"])
+        self.assertTrue(all(int(headers["Retry-After"]) >= 1 for status, _, headers in results if status == 429))
+        self.assertEqual(len(self.fake.model_requests()), 60)
+
+    def test_tokens_per_minute_refuse_a_request_once_the_window_is_used(self):
+        secret = self.new_key(requests_per_minute=None, tokens_per_minute=50)["key"]
+        body = {"model": "chat", "max_tokens": 10, "messages": [{"role": "user", "content": "Hello " * 10}]}
+        self.fake.script(Reply(text="ok", input_tokens=40, output_tokens=5))
+        status, answer, _ = self.as_key("POST", "v1/messages", secret, body, header="x-api-key", headers=ANTHROPIC)
+        self.assertEqual(status, 200, answer)
+        status, answer, _ = self.as_key("POST", "v1/messages", secret, body, header="x-api-key",
+                                              headers=ANTHROPIC)
+        self.assertEqual((status, answer["error"]["type"]), (429, "rate_limit_error"))
+        self.assertIn("50 tokens per minute", answer["error"]["message"])
+        self.assertEqual(len(self.fake.model_requests()), 1)
 
 
 class OfficialSdkTest(GatewayTestCase):

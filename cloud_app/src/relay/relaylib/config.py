@@ -58,6 +58,8 @@ CLI_STATUS_CACHE_SECONDS = 5.0
 # Provider health, observed speed and tool-call quality are read from the ledger at most
 # this often per user when routing (a preview or a completion).
 ROUTER_SIGNALS_SECONDS = 1.0
+# A gateway key's requests and tokens per minute are counted over a rolling window this long.
+GATEWAY_RATE_WINDOW_SECONDS = 60.0
 # At most this many provider connections open at once, over all callers.
 UPSTREAM_CONNECTIONS = 100
 # A quiet stream sends a comment this often so the client does not take it for dead
@@ -167,6 +169,7 @@ class Timings:
     complete_deadline_seconds: float = COMPLETE_DEADLINE_SECONDS
     cli_status_cache_seconds: float = CLI_STATUS_CACHE_SECONDS
     router_signals_seconds: float = ROUTER_SIGNALS_SECONDS
+    gateway_rate_window_seconds: float = GATEWAY_RATE_WINDOW_SECONDS
 
 
 # Environment variables that override a timing, with the field they set.
@@ -193,6 +196,7 @@ TIMING_VARIABLES = {
     "MERE_RELAY_COMPLETE_DEADLINE_SECONDS": "complete_deadline_seconds",
     "MERE_RELAY_CLI_STATUS_CACHE_SECONDS": "cli_status_cache_seconds",
     "MERE_RELAY_ROUTER_SIGNALS_SECONDS": "router_signals_seconds",
+    "MERE_RELAY_GATEWAY_RATE_WINDOW_SECONDS": "gateway_rate_window_seconds",
 }
 
 

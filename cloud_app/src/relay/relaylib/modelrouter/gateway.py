@@ -8,7 +8,9 @@ application's own session may call them too (then no key's limits or guardrails 
 from .. import clock
 from ..errors import bad_request
 from ..jsonio import Body
-from .area import MAX_INPUT_CHARACTERS, MAX_NAME, MAX_OUTPUT_TOKENS, ModelRouter, key_allows
+from .area import (BYTES_PER_TOKEN_ESTIMATE, MAX_INPUT_CHARACTERS, MAX_NAME, MAX_OUTPUT_TOKENS, ModelRouter,
+                   key_allows)
+from .ratelimit import KeyRateLimiter
 
 # What a caller gets when it names no output limit (OpenAI's chat clients need not).
 DEFAULT_MAX_OUTPUT_TOKENS = 4096
@@ -52,6 +54,7 @@ class Gateway:
     def __init__(self, app):
         self.app = app
         self.db = app.db
+        self.limiter = KeyRateLimiter(app.settings.timings.gateway_rate_window_seconds)
 
     @property
     def router(self):
@@ -85,8 +88,16 @@ class Gateway:
 
     async def _complete(self, request, model, instructions, turns, max_output):
         key = await request.run(self.app.gateway_keys.limits, request)
+        if key is not None:
+            prompt_bytes = sum(len(turn["content"].encode("utf-8")) for turn in turns) + \
+                len((instructions or "").encode("utf-8"))
+            self.limiter.admit(key["id"], key["requests_per_minute"], key["tokens_per_minute"],
+                               max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE))
         completion, outcome = await self.router.run_completion(
             request, GATEWAY_TASK, turns, instructions, None, model, max_output, None, gateway_key=key)
+        if key is not None:
+            self.limiter.count_tokens(key["id"], completion["usage"]["input_tokens"]
+                                      + completion["usage"]["output_tokens"])
         return completion, outcome
 
     async def chat_completions(self, request):
