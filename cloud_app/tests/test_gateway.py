@@ -256,6 +256,61 @@ class KeyLimitsTest(GatewayTestCase):
         self.assertEqual(len(self.fake.model_requests()), 1)
 
 
+class ContentFilterTest(GatewayTestCase):
+    FILTERS = [{"name": "Card numbers", "pattern": "\\b\\d{4}-\\d{4}-\\d{4}-\\d{4}\\b", "action": "block"},
+               {"name": "Secrets", "pattern": "sk-[A-Za-z0-9]{20,}", "action": "redact"}]
+    SECRET = "sk-" + "Q" * 24
+    CARD = "4111-1111-1111-1111"
+
+    def chat(self, secret, text, system=None):
+        messages = ([{"role": "system", "content": system}] if system else []) + [{"role": "user", "content": text}]
+        return self.as_key("POST", "v1/chat/completions", secret, {"model": "chat", "messages": messages,
+                                                                  "max_tokens": 20})
+
+    def test_blocked_text_never_reaches_a_provider_and_redacted_text_reaches_it_redacted(self):
+        created = self.new_key(content_filters=self.FILTERS, requests_per_minute=None)
+        secret = created["key"]
+        status, answer, _ = self.chat(secret, f"Pay with {self.CARD} please")
+        self.assertEqual((status, answer["error"]["type"]), (400, "invalid_request_error"))
+        self.assertEqual(answer["error"]["message"], 'the request was blocked by the content filter "Card numbers"')
+        self.assertEqual(self.fake.model_requests(), [])
+        self.fake.script(Reply(text="noted"))
+        status, answer, _ = self.chat(secret, f"My key is {self.SECRET}, twice {self.SECRET}.",
+                                      system=f"Never repeat {self.SECRET}")
+        self.assertEqual(status, 200, answer)
+        [sent] = self.fake.model_requests()
+        self.assertEqual(sent.body["messages"], [{"role": "system", "content": "Never repeat [REDACTED]"},
+                                                 {"role": "user", "content": "My key is [REDACTED], twice [REDACTED]."}])
+        key = {key["id"]: key for key in self.call("GET", "v1/router/api-keys")[1]}[created["id"]]
+        self.assertEqual(key["guardrail_events"], {"block": 1, "redact": 1})
+        # What matched is in no log and no stored record.
+        self.assertNotIn(self.SECRET, self.relay.log())
+        self.assertNotIn(self.CARD, self.relay.log())
+        with sqlite3.connect(self.relay.db_path) as conn:
+            conn.execute("PRAGMA wal_checkpoint(FULL)")
+        for path in (self.relay.db_path, self.relay.db_path + "-wal"):
+            try:
+                with open(path, "rb") as stored:
+                    data = stored.read()
+            except FileNotFoundError:
+                continue
+            self.assertNotIn(self.SECRET.encode(), data)
+            self.assertNotIn(self.CARD.encode(), data)
+
+    def test_under_concurrency_no_blocked_text_reaches_a_provider_and_the_counts_match(self):
+        created = self.new_key(content_filters=self.FILTERS, requests_per_minute=None, tokens_per_minute=None)
+        texts = [f"card {self.CARD}" if index % 3 == 0 else f"key {self.SECRET}" if index % 3 == 1 else "plain"
+                 for index in range(30)]
+        with concurrent.futures.ThreadPoolExecutor(max_workers=30) as pool:
+            results = list(pool.map(lambda text: self.chat(created["key"], text), texts))
+        statuses = [status for status, _, _ in results]
+        self.assertEqual((statuses.count(400), statuses.count(200)), (10, 20), statuses)
+        sent = [record.body["messages"][-1]["content"] for record in self.fake.model_requests()]
+        self.assertEqual(sorted(sent), sorted(["key [REDACTED]"] * 10 + ["plain"] * 10))
+        key = {key["id"]: key for key in self.call("GET", "v1/router/api-keys")[1]}[created["id"]]
+        self.assertEqual(key["guardrail_events"], {"block": 10, "redact": 10})
+
+
 class OfficialSdkTest(GatewayTestCase):
     """The official SDKs, configured as the key's screen shows them: base URL the relay's
     address plus "/v1", the key as their API key."""

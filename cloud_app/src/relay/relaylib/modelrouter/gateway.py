@@ -10,6 +10,8 @@ from ..errors import bad_request
 from ..jsonio import Body
 from .area import (BYTES_PER_TOKEN_ESTIMATE, MAX_INPUT_CHARACTERS, MAX_NAME, MAX_OUTPUT_TOKENS, ModelRouter,
                    key_allows)
+from .gatewaykeys import count_guardrail_events
+from .guardrails import apply_filters
 from .ratelimit import KeyRateLimiter
 
 # What a caller gets when it names no output limit (OpenAI's chat clients need not).
@@ -88,6 +90,11 @@ class Gateway:
 
     async def _complete(self, request, model, instructions, turns, max_output):
         key = await request.run(self.app.gateway_keys.limits, request)
+        if key is not None and key["content_filters"]:
+            filtered = await request.run(self._filter, request.user_id, key, instructions, turns)
+            if filtered.blocked_by is not None:
+                raise bad_request(f"the request was blocked by the content filter \"{filtered.blocked_by}\"")
+            instructions, turns = filtered.instructions, filtered.turns
         if key is not None:
             prompt_bytes = sum(len(turn["content"].encode("utf-8")) for turn in turns) + \
                 len((instructions or "").encode("utf-8"))
@@ -99,6 +106,13 @@ class Gateway:
             self.limiter.count_tokens(key["id"], completion["usage"]["input_tokens"]
                                       + completion["usage"]["output_tokens"])
         return completion, outcome
+
+    def _filter(self, user_id, key, instructions, turns):
+        filtered = apply_filters(key["content_filters"], instructions, turns)
+        if filtered.blocks or filtered.redactions:
+            with self.db.write_as(user_id) as conn:
+                count_guardrail_events(conn, key["id"], filtered.blocks, filtered.redactions)
+        return filtered
 
     async def chat_completions(self, request):
         body = request.body()

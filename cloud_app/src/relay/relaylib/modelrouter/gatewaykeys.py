@@ -193,6 +193,12 @@ def invalid_key(message):
     return ApiError(401, message, {"WWW-Authenticate": 'Bearer realm="quillmere-gateway"'})
 
 
+def count_guardrail_events(conn, key_id, blocks, redactions):
+    conn.execute("UPDATE gateway_keys SET block_events = block_events + :blocks, "
+                 "redact_events = redact_events + :redactions WHERE user_id = :user_id AND id = :id",
+                 {"id": key_id, "blocks": blocks, "redactions": redactions})
+
+
 class GatewayKeys:
     """The paths the application manages gateway keys by (with its session, never a key)."""
 

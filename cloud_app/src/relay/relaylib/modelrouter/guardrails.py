@@ -8,6 +8,7 @@ such as `(a+)+b` takes exponential time on a line of `a`s. Rather than time matc
 bound are refused when the key is created.
 """
 
+import dataclasses
 import re
 import re._parser as sre_parse
 from re._constants import (ASSERT, ASSERT_NOT, BRANCH, GROUPREF, GROUPREF_EXISTS, MAX_REPEAT, MAXREPEAT, MIN_REPEAT,
@@ -96,3 +97,37 @@ def _has_branch(items):
         if op == ATOMIC_GROUP and _has_branch(av):
             return True
     return False
+
+
+REDACTION = "[REDACTED]"
+
+
+@dataclasses.dataclass
+class FilterResult:
+    instructions: str | None
+    turns: list
+    blocked_by: str | None = None  # the first blocking filter's name
+    blocks: int = 0
+    redactions: int = 0
+
+
+def apply_filters(filters, instructions, turns):
+    """Runs a key's content filters over a request's text before any provider sees it. Each
+    filter that matches counts once; a blocking one stops the request, a redacting one
+    replaces every match with REDACTION. What matched is not kept anywhere."""
+    result = FilterResult(instructions, [dict(turn) for turn in turns])
+    for item in filters:
+        compiled = re.compile(item["pattern"])
+        texts = ([result.instructions] if result.instructions else []) + [turn["content"] for turn in result.turns]
+        if not any(compiled.search(text) for text in texts):
+            continue
+        if item["action"] == "block":
+            result.blocks += 1
+            result.blocked_by = result.blocked_by or item["name"]
+            continue
+        result.redactions += 1
+        if result.instructions:
+            result.instructions = compiled.sub(REDACTION, result.instructions)
+        for turn in result.turns:
+            turn["content"] = compiled.sub(REDACTION, turn["content"])
+    return result
