@@ -255,6 +255,29 @@ class KeyLimitsTest(GatewayTestCase):
         self.assertIn("50 tokens per minute", answer["error"]["message"])
         self.assertEqual(len(self.fake.model_requests()), 1)
 
+    def test_fifty_concurrent_requests_never_spend_past_a_keys_limit(self):
+        # Each answer costs (50 x 1 + 100 x 4) / 1e6 = $0.00045 (no more input tokens than the
+        # request's bytes, as with any tokenizer); the worst case reserved for one is larger, so the
+        # limit admits a few at a time and never lets spending pass it.
+        created = self.new_key(limit_usd=0.002, requests_per_minute=None, tokens_per_minute=None,
+                               content_filters=[])
+        self.fake.responder = lambda recorded: Reply(text="ok", input_tokens=50, output_tokens=100)
+        body = {"model": "chat", "max_tokens": 100, "messages": [{"role": "user", "content": "Hello"}]}
+        with concurrent.futures.ThreadPoolExecutor(max_workers=50) as pool:
+            results = list(pool.map(lambda _: self.as_key("POST", "v1/chat/completions", created["key"], body),
+                                    range(50)))
+        statuses = [status for status, _, _ in results]
+        served = statuses.count(200)
+        self.assertEqual(statuses.count(402), 50 - served, statuses)
+        self.assertGreaterEqual(served, 1)
+        key = {key["id"]: key for key in self.call("GET", "v1/router/api-keys")[1]}[created["id"]]
+        self.assertLessEqual(key["spent_usd"], 0.002)
+        self.assertAlmostEqual(key["spent_usd"], served * 0.00045)
+        self.assertEqual(len(self.fake.model_requests()), served)
+        self.assertEqual(self.reservations(), 0)
+        refused = next(answer for status, answer, _ in results if status == 402)
+        self.assertEqual(refused["error"]["type"], "insufficient_quota")
+
 
 class ContentFilterTest(GatewayTestCase):
     FILTERS = [{"name": "Card numbers", "pattern": "\\b\\d{4}-\\d{4}-\\d{4}-\\d{4}\\b", "action": "block"},

@@ -232,7 +232,8 @@ class ModelRouter:
         def worst(lane):
             return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
 
-        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst, gateway_key)
+        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst,
+                                                          gateway_key)
         candidates = [decision.primary] + decision.fallbacks
         deadline = started + self.timings.complete_deadline_seconds
         attempts, answer, last_failure, refused_for_budget, written = [], None, None, False, None
@@ -254,7 +255,7 @@ class ModelRouter:
                         reservation = None
                     continue
                 if reservation is None and seq > 1:
-                    reservation = await request.run(self._reserve, user_id, worst(lane), project_id)
+                    reservation = await request.run(self._reserve, user_id, worst(lane), project_id, gateway_key)
                 if reservation is None:
                     refused_for_budget = True
                     attempts.append(_attempt_row(generation_id, seq, lane, project_id, "refused", "budget_exceeded", 0))
@@ -380,12 +381,12 @@ class ModelRouter:
         record = decision_record(_new_id("rd_"), clock.now_iso(), decision, readiness)
         with self.db.write_as(user_id) as conn:
             ledger.store_decision(conn, record["id"], "complete", route.task, record)
-            reservation = ledger.reserve(conn, worst(decision.primary.lane), route.project_id)
+            reservation = ledger.reserve(conn, worst(decision.primary.lane), route.project_id, key)
         return decision, record, reservation
 
-    def _reserve(self, user_id, amount, project_id):
+    def _reserve(self, user_id, amount, project_id, gateway_key=None):
         with self.db.write_as(user_id) as conn:
-            return ledger.reserve(conn, amount, project_id)
+            return ledger.reserve(conn, amount, project_id, gateway_key)
 
     def _release(self, user_id, reservation):
         with self.db.write_as(user_id) as conn:

@@ -114,12 +114,6 @@ _COLUMNS = ("id, name, prefix, limit_usd, reset_interval, requests_per_minute, t
             "expires_at, last_used_at")
 
 
-def _spent(conn, key_id, since):
-    return conn.execute("SELECT COALESCE(SUM(cost_usd), 0) FROM router_generations WHERE user_id = :user_id "
-                        "AND gateway_key_id = :key AND created_at >= :since",
-                        {"key": key_id, "since": since}).fetchone()[0]
-
-
 def status_of(row, now):
     if row["status"] == ACTIVE and row["expires_at"] is not None and row["expires_at"] <= now:
         return EXPIRED
@@ -127,8 +121,8 @@ def status_of(row, now):
 
 
 def _record(conn, row, now):
-    spent = _spent(conn, row["id"], ledger.period_start(row["reset_interval"], now))
-    lifetime = _spent(conn, row["id"], 0.0)
+    spent = ledger.key_spent(conn, row["id"], ledger.period_start(row["reset_interval"], now))
+    lifetime = ledger.key_spent(conn, row["id"], 0.0)
     record = {"id": row["id"], "name": row["name"], "prefix": row["prefix"]}
     if row["limit_usd"] is not None:
         record["limit_usd"] = row["limit_usd"]
