@@ -347,15 +347,16 @@ class OfficialSdkTest(GatewayTestCase):
         created = self.new_key()
         for script, api, model in (("openai_sdk_check.cjs", "chat", "chat-stream"),
                                    ("anthropic_sdk_check.cjs", "messages", "messages")):
-            with self.subTest(api=api):
-                self.fake.reset()
-                self.fake.script(Reply(text="Hello there.", input_tokens=12, output_tokens=3))
-                [result] = run_sdk(self.peers, script, [{"baseURL": self.base_url, "apiKey": created["key"],
-                                                         "api": api, "stream": False, "model": model}])
-                self.assertTrue(result["ok"], result)
-                self.assertEqual(result["text"], "Hello there.")
-                self.assertEqual((result["usage"]["input"], result["usage"]["output"]), (12, 3))
-                self.assertEqual(len(self.fake.model_requests()), 1)
+            for stream in (False, True):
+                with self.subTest(api=api, stream=stream):
+                    self.fake.reset()
+                    self.fake.script(Reply(text="Hello there.", input_tokens=12, output_tokens=3))
+                    [result] = run_sdk(self.peers, script, [{"baseURL": self.base_url, "apiKey": created["key"],
+                                                             "api": api, "stream": stream, "model": model}])
+                    self.assertTrue(result["ok"], result)
+                    self.assertEqual(result["text"], "Hello there.")
+                    self.assertEqual((result["usage"]["input"], result["usage"]["output"]), (12, 3))
+                    self.assertEqual(len(self.fake.model_requests()), 1)
         self.assertEqual(self.call("DELETE", f"v1/router/api-keys/{created['id']}")[0], 200)
         for script, api in (("openai_sdk_check.cjs", "chat"), ("anthropic_sdk_check.cjs", "messages")):
             with self.subTest(api=api, revoked=True):

@@ -5,8 +5,11 @@ A gateway key reaches these paths only; every other path of the relay wants a se
 application's own session may call them too (then no key's limits or guardrails apply).
 """
 
+import json
+
 from .. import clock
 from ..errors import bad_request
+from ..web import EventStream
 from ..jsonio import Body
 from .area import (BYTES_PER_TOKEN_ESTIMATE, MAX_INPUT_CHARACTERS, MAX_NAME, MAX_OUTPUT_TOKENS, ModelRouter,
                    key_allows)
@@ -118,8 +121,11 @@ class Gateway:
         body = request.body()
         model = body.string("model", non_empty=True, max_length=MAX_NAME)
         messages = body.array("messages")
-        if body.boolean("stream", required=False):
-            raise bad_request("stream is not supported by this relay yet")
+        stream = body.boolean("stream", required=False)
+        include_usage = False
+        if body.has("stream_options"):
+            include_usage = bool(Body(request.json()["stream_options"], "stream_options.").boolean(
+                "include_usage", required=False))
         if body.has("tools"):
             raise bad_request("tools are not supported by this relay yet")
         max_output = body.integer("max_completion_tokens", required=False, minimum=1, maximum=MAX_OUTPUT_TOKENS)
@@ -130,20 +136,32 @@ class Gateway:
                                                    max_output or DEFAULT_MAX_OUTPUT_TOKENS)
         usage = completion["usage"]
         reason = outcome.finish_reason or "stop"
-        return {"id": "chatcmpl-" + completion["id"], "object": "chat.completion", "created": int(clock.now()),
-                "model": completion["model"],
-                "choices": [{"index": 0, "message": {"role": "assistant", "content": outcome.text},
-                             "logprobs": None, "finish_reason": _OPENAI_FINISH.get(reason, reason)}],
-                "usage": {"prompt_tokens": usage["input_tokens"], "completion_tokens": usage["output_tokens"],
-                          "total_tokens": usage["input_tokens"] + usage["output_tokens"]}}
+        finish = _OPENAI_FINISH.get(reason, reason)
+        usage = {"prompt_tokens": usage["input_tokens"], "completion_tokens": usage["output_tokens"],
+                 "total_tokens": usage["input_tokens"] + usage["output_tokens"]}
+        head = {"id": "chatcmpl-" + completion["id"], "created": int(clock.now()), "model": completion["model"]}
+        if not stream:
+            return dict(head, object="chat.completion",
+                        choices=[{"index": 0, "message": {"role": "assistant", "content": outcome.text},
+                                  "logprobs": None, "finish_reason": finish}], usage=usage)
+        chunk = dict(head, object="chat.completion.chunk")
+        events = [dict(chunk, choices=[{"index": 0, "delta": {"role": "assistant", "content": ""},
+                                        "logprobs": None, "finish_reason": None}])]
+        if outcome.text:
+            events.append(dict(chunk, choices=[{"index": 0, "delta": {"content": outcome.text}, "logprobs": None,
+                                                "finish_reason": None}]))
+        events.append(dict(chunk, choices=[{"index": 0, "delta": {}, "logprobs": None, "finish_reason": finish}]))
+        if include_usage:
+            events.append(dict(chunk, choices=[], usage=usage))
+        data = b"".join(b"data: " + _compact(event) + b"\n\n" for event in events) + b"data: [DONE]\n\n"
+        return await _send_events(request, data)
 
     async def messages(self, request):
         body = request.body()
         model = body.string("model", non_empty=True, max_length=MAX_NAME)
         max_output = body.integer("max_tokens", minimum=1, maximum=MAX_OUTPUT_TOKENS)
         messages = body.array("messages")
-        if body.boolean("stream", required=False):
-            raise bad_request("stream is not supported by this relay yet")
+        stream = body.boolean("stream", required=False)
         if body.has("tools"):
             raise bad_request("tools are not supported by this relay yet")
         system = request.json().get("system")
@@ -153,11 +171,40 @@ class Gateway:
             raise bad_request("messages must hold at least one message")
         completion, outcome = await self._complete(request, model, instructions, turns, max_output)
         reason = outcome.finish_reason or "end_turn"
-        return {"id": "msg_" + completion["id"], "type": "message", "role": "assistant",
-                "model": completion["model"], "content": [{"type": "text", "text": outcome.text}],
-                "stop_reason": _ANTHROPIC_STOP.get(reason, reason), "stop_sequence": None,
-                "usage": {"input_tokens": completion["usage"]["input_tokens"],
-                          "output_tokens": completion["usage"]["output_tokens"]}}
+        stop = _ANTHROPIC_STOP.get(reason, reason)
+        usage = {"input_tokens": completion["usage"]["input_tokens"],
+                 "output_tokens": completion["usage"]["output_tokens"]}
+        message = {"id": "msg_" + completion["id"], "type": "message", "role": "assistant",
+                   "model": completion["model"], "content": [{"type": "text", "text": outcome.text}],
+                   "stop_reason": stop, "stop_sequence": None, "usage": usage}
+        if not stream:
+            return message
+        events = [("message_start", {"type": "message_start", "message": dict(
+                      message, content=[], stop_reason=None, usage=dict(usage, output_tokens=0))}),
+                  ("content_block_start", {"type": "content_block_start", "index": 0,
+                                           "content_block": {"type": "text", "text": ""}})]
+        if outcome.text:
+            events.append(("content_block_delta", {"type": "content_block_delta", "index": 0,
+                                                   "delta": {"type": "text_delta", "text": outcome.text}}))
+        events += [("content_block_stop", {"type": "content_block_stop", "index": 0}),
+                   ("message_delta", {"type": "message_delta", "delta": {"stop_reason": stop, "stop_sequence": None},
+                                      "usage": {"output_tokens": usage["output_tokens"]}}),
+                   ("message_stop", {"type": "message_stop"})]
+        data = b"".join(b"event: " + name.encode() + b"\ndata: " + _compact(event) + b"\n\n"
+                        for name, event in events)
+        return await _send_events(request, data)
+
+
+def _compact(value):
+    return json.dumps(value, separators=(",", ":"), ensure_ascii=False).encode("utf-8")
+
+
+async def _send_events(request, data):
+    """Server-sent events in the caller's protocol. The answer is sent once the provider's is
+    complete: a failure can then still be an error status rather than a broken stream."""
+    events = await EventStream(request).open()
+    await events.send(data)
+    return events.response
 
 
 def _text_of(content, where):
