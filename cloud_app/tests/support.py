@@ -442,6 +442,8 @@ ROUTES = [
     ("DELETE", "v1/router/api-keys/{id}", True, None),
     ("GET", "v1/models", True, None),
     ("POST", "v1/chat/completions", True, {"model": "auto", "messages": [{"role": "user", "content": "Hello"}]}),
+    ("POST", "v1/responses", True, {"model": "auto", "input": "Hello", "instructions": "Be brief.",
+                                    "max_output_tokens": 100}),
     ("POST", "v1/messages", True, {"model": "auto", "max_tokens": 100,
                                    "messages": [{"role": "user", "content": "Hello"}]}),
     ("POST", "v1/v1/messages", True, {"model": "auto", "max_tokens": 100,

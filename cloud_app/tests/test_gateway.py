@@ -163,6 +163,23 @@ class CompletionTest(GatewayTestCase):
                 self.assertEqual(sent.path, "/v1/responses")
                 self.assertEqual(sent.body["instructions"], "Be brief.")
 
+    def test_an_openai_response_reaches_an_anthropic_lane_with_its_conversation(self):
+        secret = self.new_key()["key"]
+        self.fake.script(Reply(text="Done.", input_tokens=20, output_tokens=2))
+        status, answer, _ = self.as_key("POST", "v1/responses", secret, {
+            "model": "messages", "instructions": "Be brief.", "max_output_tokens": 50,
+            "input": [{"role": "developer", "content": "Answer in English."},
+                      {"role": "user", "content": [{"type": "input_text", "text": "Hello"}]}]})
+        self.assertEqual(status, 200, answer)
+        self.assertEqual((answer["object"], answer["status"], answer["model"]), ("response", "completed", "messages"))
+        self.assertEqual(answer["output"][0]["content"][0]["text"], "Done.")
+        self.assertEqual(answer["usage"]["total_tokens"], 22)
+        [sent] = self.fake.model_requests()
+        self.assertEqual(sent.path, "/v1/messages")
+        self.assertEqual(sent.body["system"], "Be brief.\n\nAnswer in English.")
+        self.assertEqual(sent.body["messages"], [{"role": "user", "content": "Hello"}])
+        self.assertEqual(sent.body["max_tokens"], 50)
+
     def test_allowlists_intersect_the_models_a_request_names(self):
         secret = self.new_key(allowed_models=["messages"])["key"]
         status, answer, _ = self.as_key("POST", "v1/chat/completions", secret, dict(self.CHAT, model="chat"))
@@ -346,6 +363,7 @@ class OfficialSdkTest(GatewayTestCase):
     def test_openai_and_anthropic_sdks_complete_through_the_gateway(self):
         created = self.new_key()
         for script, api, model in (("openai_sdk_check.cjs", "chat", "chat-stream"),
+                                   ("openai_sdk_check.cjs", "responses", "messages-stream"),
                                    ("anthropic_sdk_check.cjs", "messages", "messages")):
             for stream in (False, True):
                 with self.subTest(api=api, stream=stream):

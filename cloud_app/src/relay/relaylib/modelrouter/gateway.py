@@ -68,6 +68,7 @@ class Gateway:
     def register(self, router):
         router.add("GET", "v1/models", self.list_models, gateway="also", error_shape=either_error)
         router.add("POST", "v1/chat/completions", self.chat_completions, gateway="also", error_shape=openai_error)
+        router.add("POST", "v1/responses", self.responses, gateway="also", error_shape=openai_error)
         # Anthropic's clients add "/v1/messages" to their base URL themselves; given the gateway's
         # base URL (which ends in "/v1", as OpenAI's clients want) they ask for "/v1/v1/messages".
         for path in ("v1/messages", "v1/v1/messages"):
@@ -156,6 +157,66 @@ class Gateway:
         data = b"".join(b"data: " + _compact(event) + b"\n\n" for event in events) + b"data: [DONE]\n\n"
         return await _send_events(request, data)
 
+    async def responses(self, request):
+        body = request.body()
+        model = body.string("model", non_empty=True, max_length=MAX_NAME)
+        stream = body.boolean("stream", required=False)
+        if body.has("tools"):
+            raise bad_request("tools are not supported by this relay yet")
+        max_output = body.integer("max_output_tokens", required=False, minimum=1, maximum=MAX_OUTPUT_TOKENS)
+        instructions = body.string("instructions", required=False, max_length=MAX_INPUT_CHARACTERS)
+        raw = request.json().get("input")
+        if isinstance(raw, str):
+            turns = [{"role": "user", "content": _text_of(raw, "input")}]
+            extra = []
+        else:
+            extra, turns = _openai_turns(body.array("input"), "input")
+            extra = [extra] if extra else []
+        instructions = "\n\n".join(([instructions] if instructions else []) + extra) or None
+        if not turns or not any(turn["content"] for turn in turns):
+            raise bad_request("input must not be empty")
+        completion, outcome = await self._complete(request, model, instructions, turns,
+                                                   max_output or DEFAULT_MAX_OUTPUT_TOKENS)
+        usage = completion["usage"]
+        message_id = "msg_" + completion["id"]
+        text_part = {"type": "output_text", "text": outcome.text, "annotations": []}
+        item = {"type": "message", "id": message_id, "status": "completed", "role": "assistant",
+                "content": [text_part]}
+        finished = outcome.finish_reason in (None, "stop", "end_turn", "completed")
+        answer = {"id": "resp_" + completion["id"], "object": "response", "created_at": int(clock.now()),
+                  "status": "completed" if finished else "incomplete", "model": completion["model"],
+                  "output": [item], "error": None,
+                  "incomplete_details": None if finished else {"reason": "max_output_tokens"},
+                  "instructions": instructions, "max_output_tokens": max_output, "parallel_tool_calls": False,
+                  "tools": [], "tool_choice": "auto", "text": {"format": {"type": "text"}},
+                  "usage": {"input_tokens": usage["input_tokens"], "output_tokens": usage["output_tokens"],
+                            "total_tokens": usage["input_tokens"] + usage["output_tokens"],
+                            "input_tokens_details": {"cached_tokens": 0},
+                            "output_tokens_details": {"reasoning_tokens": 0}}}
+        if not stream:
+            return answer
+        pending = dict(answer, status="in_progress", output=[], usage=None)
+        empty_part = dict(text_part, text="")
+        sequence = [
+            ("response.created", {"response": pending}),
+            ("response.in_progress", {"response": pending}),
+            ("response.output_item.added", {"output_index": 0, "item": dict(item, status="in_progress",
+                                                                             content=[])}),
+            ("response.content_part.added", {"item_id": message_id, "output_index": 0, "content_index": 0,
+                                             "part": empty_part}),
+            ("response.output_text.delta", {"item_id": message_id, "output_index": 0, "content_index": 0,
+                                            "delta": outcome.text}),
+            ("response.output_text.done", {"item_id": message_id, "output_index": 0, "content_index": 0,
+                                           "text": outcome.text}),
+            ("response.content_part.done", {"item_id": message_id, "output_index": 0, "content_index": 0,
+                                            "part": text_part}),
+            ("response.output_item.done", {"output_index": 0, "item": item}),
+            ("response.completed" if finished else "response.incomplete", {"response": answer})]
+        data = b"".join(b"event: " + name.encode() + b"\ndata: " + _compact(dict(type=name, sequence_number=number,
+                                                                                  **fields)) + b"\n\n"
+                        for number, (name, fields) in enumerate(sequence))
+        return await _send_events(request, data)
+
     async def messages(self, request):
         body = request.body()
         model = body.string("model", non_empty=True, max_length=MAX_NAME)
@@ -216,7 +277,7 @@ def _text_of(content, where):
         for index, part in enumerate(content):
             item = Body(part, f"{where}[{index}].")
             kind = item.string("type")
-            if kind not in ("text", "input_text"):
+            if kind not in ("text", "input_text", "output_text"):
                 raise bad_request(f"{where}[{index}].type {kind} is not supported by this relay yet; send text")
             parts.append(item.string("text"))
         text = "\n".join(parts)
@@ -233,18 +294,19 @@ def _turn(item, where, roles):
     return {"role": role, "content": _text_of(item.get("content"), where + ".content")}
 
 
-def _openai_turns(messages):
-    """(instructions, turns) of an OpenAI chat: system and developer messages are the instructions."""
+def _openai_turns(messages, field="messages"):
+    """(instructions, turns) of an OpenAI conversation: system and developer messages are the
+    instructions."""
     if len(messages) > MAX_MESSAGES:
-        raise bad_request(f"messages must hold at most {MAX_MESSAGES} messages")
+        raise bad_request(f"{field} must hold at most {MAX_MESSAGES} messages")
     instructions, turns = [], []
     for index, item in enumerate(messages):
-        where = f"messages[{index}]"
+        where = f"{field}[{index}]"
         role = Body(item, where + ".").one_of("role", ("system", "developer", "user", "assistant"))
         if role in ("system", "developer"):
             instructions.append(_text_of(item.get("content"), where + ".content"))
         else:
             turns.append(_turn(item, where, ("user", "assistant")))
     if not turns:
-        raise bad_request("messages must hold at least one user message")
+        raise bad_request(f"{field} must hold at least one user message")
     return ("\n\n".join(instructions) or None), turns
