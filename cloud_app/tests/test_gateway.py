@@ -180,6 +180,22 @@ class CompletionTest(GatewayTestCase):
         self.assertEqual(sent.body["messages"], [{"role": "user", "content": "Hello"}])
         self.assertEqual(sent.body["max_tokens"], 50)
 
+    def test_the_relays_own_completion_takes_a_key_under_its_rules(self):
+        created = self.new_key(allowed_models=["responses"])
+        self.fake.script(Reply(text="Planned.", input_tokens=5, output_tokens=1))
+        body = {"task": "reason", "input": "Plan it. sk-" + "Z" * 24, "model": "auto", "max_output_tokens": 50}
+        status, answer, _ = self.as_key("POST", "v1/complete", created["key"], body, header="x-api-key")
+        self.assertEqual((status, answer["model"], answer["output"]), (200, "responses", "Planned."))
+        [sent] = self.fake.model_requests()
+        self.assertEqual(sent.body["input"], [{"role": "user", "content": "Plan it. [REDACTED]"}])
+        key = {key["id"]: key for key in self.call("GET", "v1/router/api-keys")[1]}[created["id"]]
+        self.assertEqual(key["guardrail_events"], {"block": 0, "redact": 1})
+        self.assertGreater(key["spent_usd"], 0)
+        # No project of the user's is reachable with a key.
+        project = self.call("POST", "v1/projects", {"name": "p", "root_path": "/work/p"})[1]["id"]
+        status, answer, _ = self.as_key("POST", "v1/complete", created["key"], dict(body, project_id=project))
+        self.assertError(answer, status, 404, "project not found")
+
     def test_allowlists_intersect_the_models_a_request_names(self):
         secret = self.new_key(allowed_models=["messages"])["key"]
         status, answer, _ = self.as_key("POST", "v1/chat/completions", secret, dict(self.CHAT, model="chat"))

@@ -60,6 +60,7 @@ class App:
         self.auth = self.areas[Auth]
         self.queue = self.areas[Queue]
         self.gateway_keys = self.areas[GatewayKeys]
+        self.gateway = self.areas[Gateway]
         self.hub = Hub(self.queue.build_snapshot)
         self.router.add("GET", "v1/health", self.health, auth=False)
         for area in self.areas.values():

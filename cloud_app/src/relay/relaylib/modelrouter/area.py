@@ -68,7 +68,8 @@ class ModelRouter:
         router.add("GET", "v1/router/budgets", self.read_budgets)
         router.add("POST", "v1/router/budgets", self.save_budget, quick=True)
         router.add("GET", "v1/router/generations", self.read_generations)
-        router.add("POST", "v1/complete", self.complete)
+        # Programs holding a gateway key may call it too, under their key's rules.
+        router.add("POST", "v1/complete", self.complete, gateway="also")
         router.add("POST", "v1/router/probe", self.probe)
 
     async def start(self):
@@ -213,8 +214,14 @@ class ModelRouter:
         if preset is not None:
             # Presets are kept by an area this relay does not have yet: a named one cannot exist.
             raise not_found(f"preset {preset} not found")
-        completion, _ = await self.run_completion(request, task, text, instructions, project_id, model, max_output,
-                                                  tools)
+        if request.gateway_key is not None and project_id is not None:
+            # A key reaches no project data, not even to charge a project's budget.
+            raise not_found("project not found")
+        key, instructions, turns = await self.app.gateway.guard(request, instructions, protocols.turns_of(text))
+        prompt = text if key is None else turns
+        completion, _ = await self.run_completion(request, task, prompt, instructions, project_id, model, max_output,
+                                                  tools, gateway_key=key)
+        self.app.gateway.used(key, completion)
         return completion
 
     async def run_completion(self, request, task, text, instructions, project_id, model, max_output, tools,

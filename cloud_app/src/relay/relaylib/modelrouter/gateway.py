@@ -92,23 +92,34 @@ class Gateway:
 
     # Completions in the callers' protocols.
 
-    async def _complete(self, request, model, instructions, turns, max_output):
+    async def guard(self, request, instructions, turns):
+        """A key's guardrails before routing: its content filters, then its rate limits.
+        Returns (the key's rules or None for a session, instructions, turns) as they may be sent."""
         key = await request.run(self.app.gateway_keys.limits, request)
-        if key is not None and key["content_filters"]:
+        if key is None:
+            return None, instructions, turns
+        if key["content_filters"]:
             filtered = await request.run(self._filter, request.user_id, key, instructions, turns)
             if filtered.blocked_by is not None:
                 raise bad_request(f"the request was blocked by the content filter \"{filtered.blocked_by}\"")
             instructions, turns = filtered.instructions, filtered.turns
-        if key is not None:
-            prompt_bytes = sum(len(turn["content"].encode("utf-8")) for turn in turns) + \
-                len((instructions or "").encode("utf-8"))
-            self.limiter.admit(key["id"], key["requests_per_minute"], key["tokens_per_minute"],
-                               max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE))
-        completion, outcome = await self.router.run_completion(
-            request, GATEWAY_TASK, turns, instructions, None, model, max_output, None, gateway_key=key)
+        prompt_bytes = sum(len(turn["content"].encode("utf-8")) for turn in turns) + \
+            len((instructions or "").encode("utf-8"))
+        self.limiter.admit(key["id"], key["requests_per_minute"], key["tokens_per_minute"],
+                           max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE))
+        return key, instructions, turns
+
+    def used(self, key, completion):
+        """Counts what an answered request used against its key's tokens per minute."""
         if key is not None:
             self.limiter.count_tokens(key["id"], completion["usage"]["input_tokens"]
                                       + completion["usage"]["output_tokens"])
+
+    async def _complete(self, request, model, instructions, turns, max_output):
+        key, instructions, turns = await self.guard(request, instructions, turns)
+        completion, outcome = await self.router.run_completion(
+            request, GATEWAY_TASK, turns, instructions, None, model, max_output, None, gateway_key=key)
+        self.used(key, completion)
         return completion, outcome
 
     def _filter(self, user_id, key, instructions, turns):
