@@ -367,6 +367,65 @@ class ContentFilterTest(GatewayTestCase):
         self.assertEqual(key["guardrail_events"], {"block": 10, "redact": 10})
 
 
+class ReplayCacheTest(GatewayTestCase):
+    BODY = {"model": "chat", "max_tokens": 20, "messages": [{"role": "user", "content": "Same question"}]}
+    ON = {"X-OpenRouter-Cache": "true"}
+
+    def ask(self, secret, body=None, **headers):
+        sent = dict(self.ON)
+        sent.update({name.replace("_", "-"): value for name, value in headers.items()})
+        return self.as_key("POST", "v1/chat/completions", secret, body or self.BODY, headers=sent)
+
+    def test_an_identical_request_is_replayed_at_no_cost_per_credential_until_cleared(self):
+        secret = self.new_key()["key"]
+        self.fake.responder = lambda recorded: Reply(text="answer %d" % len(self.fake.model_requests()),
+                                                     input_tokens=10, output_tokens=2)
+        first = self.ask(secret)[1]
+        again = self.ask(secret)[1]
+        self.assertEqual(again["choices"][0]["message"]["content"], first["choices"][0]["message"]["content"])
+        self.assertEqual(again["usage"], {"prompt_tokens": 0, "completion_tokens": 0, "total_tokens": 0})
+        self.assertEqual(len(self.fake.model_requests()), 1)
+        # Another body, another key, no header, or a clear: each goes to the provider.
+        self.ask(secret, dict(self.BODY, max_tokens=21))
+        self.ask(self.new_key()["key"])
+        self.as_key("POST", "v1/chat/completions", secret, self.BODY)
+        self.ask(secret, X_OpenRouter_Cache_Clear="true")
+        self.assertEqual(len(self.fake.model_requests()), 5)
+        # The cleared entry was refreshed by that request.
+        self.ask(secret)
+        self.assertEqual(len(self.fake.model_requests()), 5)
+
+    def test_a_key_that_enforces_zero_retention_is_never_cached(self):
+        secret = self.new_key(enforce_zdr_anthropic=True)["key"]
+        self.fake.responder = lambda recorded: Reply(text="fresh")
+        self.ask(secret)
+        self.ask(secret)
+        self.assertEqual(len(self.fake.model_requests()), 2)
+
+    def test_a_time_to_live_out_of_range_is_refused(self):
+        secret = self.new_key()["key"]
+        for ttl in ("0", "86401", "abc", "-5"):
+            status, answer, _ = self.ask(secret, X_OpenRouter_Cache_TTL=ttl)
+            self.assertEqual(status, 400, (ttl, answer))
+            self.assertIn("X-OpenRouter-Cache-TTL", answer["error"]["message"])
+        self.assertEqual(self.fake.model_requests(), [])
+
+
+class ReplayCacheExpiryTest(unittest.TestCase):
+    def test_entries_expire_after_their_time_to_live(self):
+        from relaylib.modelrouter.replaycache import ReplayCache
+        now = [0.0]
+        cache = ReplayCache(clock=lambda: now[0])
+
+        class Asked:
+            headers = {}
+        cache.put("d", 5, {"usage": {"input_tokens": 3, "output_tokens": 1, "cost_usd": 0.1}, "id": "g"}, "out")
+        now[0] = 4.9
+        self.assertEqual(cache.get(Asked, "d")[0]["usage"]["cost_usd"], 0.0)
+        now[0] = 5.0
+        self.assertIsNone(cache.get(Asked, "d"))
+
+
 class OfficialSdkTest(GatewayTestCase):
     """The official SDKs, configured as the key's screen shows them: base URL the relay's
     address plus "/v1", the key as their API key."""

@@ -16,6 +16,7 @@ from .area import (BYTES_PER_TOKEN_ESTIMATE, MAX_INPUT_CHARACTERS, MAX_NAME, MAX
 from .gatewaykeys import count_guardrail_events
 from .guardrails import apply_filters
 from .ratelimit import KeyRateLimiter
+from .replaycache import ReplayCache
 
 # What a caller gets when it names no output limit (OpenAI's chat clients need not).
 DEFAULT_MAX_OUTPUT_TOKENS = 4096
@@ -60,6 +61,7 @@ class Gateway:
         self.app = app
         self.db = app.db
         self.limiter = KeyRateLimiter(app.settings.timings.gateway_rate_window_seconds)
+        self.cache = ReplayCache()
 
     @property
     def router(self):
@@ -117,9 +119,16 @@ class Gateway:
 
     async def _complete(self, request, model, instructions, turns, max_output):
         key, instructions, turns = await self.guard(request, instructions, turns)
+        cached = self.cache.options(request, key)
+        if cached is not None:
+            hit = self.cache.get(request, cached[0])
+            if hit is not None:
+                return hit
         completion, outcome = await self.router.run_completion(
             request, GATEWAY_TASK, turns, instructions, None, model, max_output, None, gateway_key=key)
         self.used(key, completion)
+        if cached is not None:
+            self.cache.put(cached[0], cached[1], completion, outcome)
         return completion, outcome
 
     def _filter(self, user_id, key, instructions, turns):
