@@ -4,12 +4,13 @@ allows, with errors in their own protocol's shape."""
 
 import concurrent.futures
 import copy
+import json
 import sqlite3
 import time
 import unittest
 
 import npm_peers
-from fake_provider import Reply
+from fake_provider import Reply, failure
 from support import GATEWAY_KEY, ROUTES
 from test_fake_provider import run_sdk
 from relaylib.modelrouter.ratelimit import KeyRateLimiter, RateLimited
@@ -195,6 +196,29 @@ class CompletionTest(GatewayTestCase):
         project = self.call("POST", "v1/projects", {"name": "p", "root_path": "/work/p"})[1]["id"]
         status, answer, _ = self.as_key("POST", "v1/complete", created["key"], dict(body, project_id=project))
         self.assertError(answer, status, 404, "project not found")
+
+    def test_the_metadata_header_adds_the_content_free_route_attempts_candidates_and_guardrails(self):
+        secret = self.new_key()["key"]
+        self.fake.script(failure(503), Reply(text="Second lane answered."))
+        body = dict(self.CHAT, model="auto")
+        status, answer, _ = self.as_key("POST", "v1/chat/completions", secret, body,
+                                        headers={"X-OpenRouter-Metadata": "enabled"})
+        self.assertEqual(status, 200, answer)
+        metadata = answer["quillmere_metadata"]
+        self.assertEqual(metadata["route"]["model"], answer["model"])
+        self.assertTrue(metadata["route"]["fell_back"])
+        self.assertEqual([item["status"] for item in metadata["attempts"]], ["failed", "succeeded"])
+        self.assertEqual(metadata["candidates"][:2], [item["model_id"] for item in metadata["attempts"]])
+        self.assertEqual([stage["stage"] for stage in metadata["guardrails"]],
+                         ["allowlists", "content_filters", "rate_limits"])
+        self.assertEqual(metadata["guardrails"][1], {"stage": "content_filters", "filters": 1, "blocked": 0,
+                                                     "redacted": 0})
+        text = json.dumps(metadata)
+        for said in ("Be brief.", "Hello", "Plan it.", "Second lane answered."):
+            self.assertNotIn(said, text)
+        self.fake.script(Reply(text="ok"))
+        plain = self.as_key("POST", "v1/chat/completions", secret, body)[1]
+        self.assertNotIn("quillmere_metadata", plain)
 
     def test_allowlists_intersect_the_models_a_request_names(self):
         secret = self.new_key(allowed_models=["messages"])["key"]

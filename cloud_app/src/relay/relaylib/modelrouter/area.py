@@ -242,6 +242,8 @@ class ModelRouter:
         decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst,
                                                           gateway_key)
         candidates = [decision.primary] + decision.fallbacks
+        # Kept for the gateway's content-free metadata of the route.
+        request.route_candidates = [candidate.lane.id for candidate in candidates]
         deadline = started + self.timings.complete_deadline_seconds
         attempts, answer, last_failure, refused_for_budget, written = [], None, None, False, None
         lane = None

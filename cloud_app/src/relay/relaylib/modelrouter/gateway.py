@@ -21,6 +21,9 @@ from .replaycache import ReplayCache
 # What a caller gets when it names no output limit (OpenAI's chat clients need not).
 DEFAULT_MAX_OUTPUT_TOKENS = 4096
 GATEWAY_TASK = "chat"
+METADATA_HEADER = "X-OpenRouter-Metadata"
+# Where the metadata goes in an answer: a key no protocol's client reads.
+METADATA_KEY = "quillmere_metadata"
 MAX_MESSAGES = 10_000
 # Providers' reasons an answer ended, in each protocol's words.
 _OPENAI_FINISH = {"end_turn": "stop", "stop_sequence": "stop", "max_tokens": "length", "tool_use": "tool_calls",
@@ -98,10 +101,16 @@ class Gateway:
         """A key's guardrails before routing: its content filters, then its rate limits.
         Returns (the key's rules or None for a session, instructions, turns) as they may be sent."""
         key = await request.run(self.app.gateway_keys.limits, request)
+        stages = request.guardrail_stages = []
         if key is None:
             return None, instructions, turns
+        stages.append({"stage": "allowlists", "models": len(key["allowed_models"]),
+                       "providers": len(key["allowed_providers"]),
+                       "zdr_groups": sorted(group for group, on in key["enforce_zdr"].items() if on)})
         if key["content_filters"]:
             filtered = await request.run(self._filter, request.user_id, key, instructions, turns)
+            stages.append({"stage": "content_filters", "filters": len(key["content_filters"]),
+                           "blocked": filtered.blocks, "redacted": filtered.redactions})
             if filtered.blocked_by is not None:
                 raise bad_request(f"the request was blocked by the content filter \"{filtered.blocked_by}\"")
             instructions, turns = filtered.instructions, filtered.turns
@@ -109,6 +118,7 @@ class Gateway:
             len((instructions or "").encode("utf-8"))
         self.limiter.admit(key["id"], key["requests_per_minute"], key["tokens_per_minute"],
                            max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE))
+        stages.append({"stage": "rate_limits", "passed": True})
         return key, instructions, turns
 
     def used(self, key, completion):
@@ -122,6 +132,7 @@ class Gateway:
         cached = self.cache.options(request, key)
         if cached is not None:
             hit = self.cache.get(request, cached[0])
+            request.guardrail_stages.append({"stage": "cache", "hit": hit is not None})
             if hit is not None:
                 return hit
         completion, outcome = await self.router.run_completion(
@@ -137,6 +148,20 @@ class Gateway:
             with self.db.write_as(user_id) as conn:
                 count_guardrail_events(conn, key["id"], filtered.blocks, filtered.redactions)
         return filtered
+
+    @staticmethod
+    def metadata(request, completion):
+        """The content-free account of how a request was served, for callers that ask for it
+        with `X-OpenRouter-Metadata: enabled`: the route, the attempts, the candidates and the
+        guardrail stages. None otherwise."""
+        if (request.headers.get(METADATA_HEADER) or "").strip().lower() != "enabled":
+            return None
+        return {"route": {"route_decision_id": completion["route_decision_id"],
+                          "routed_because": completion["routed_because"], "model": completion["model"],
+                          "provider": completion["provider"], "fell_back": completion["fell_back"]},
+                "attempts": completion["attempts"],
+                "candidates": list(getattr(request, "route_candidates", [])),
+                "guardrails": list(getattr(request, "guardrail_stages", []))}
 
     async def chat_completions(self, request):
         body = request.body()
@@ -162,9 +187,10 @@ class Gateway:
                  "total_tokens": usage["input_tokens"] + usage["output_tokens"]}
         head = {"id": "chatcmpl-" + completion["id"], "created": int(clock.now()), "model": completion["model"]}
         if not stream:
-            return dict(head, object="chat.completion",
-                        choices=[{"index": 0, "message": {"role": "assistant", "content": outcome.text},
-                                  "logprobs": None, "finish_reason": finish}], usage=usage)
+            return _with_metadata(dict(head, object="chat.completion",
+                                       choices=[{"index": 0, "message": {"role": "assistant", "content": outcome.text},
+                                                 "logprobs": None, "finish_reason": finish}], usage=usage),
+                                  self.metadata(request, completion))
         chunk = dict(head, object="chat.completion.chunk")
         events = [dict(chunk, choices=[{"index": 0, "delta": {"role": "assistant", "content": ""},
                                         "logprobs": None, "finish_reason": None}])]
@@ -214,7 +240,7 @@ class Gateway:
                             "input_tokens_details": {"cached_tokens": 0},
                             "output_tokens_details": {"reasoning_tokens": 0}}}
         if not stream:
-            return answer
+            return _with_metadata(answer, self.metadata(request, completion))
         pending = dict(answer, status="in_progress", output=[], usage=None)
         empty_part = dict(text_part, text="")
         sequence = [
@@ -259,7 +285,7 @@ class Gateway:
                    "model": completion["model"], "content": [{"type": "text", "text": outcome.text}],
                    "stop_reason": stop, "stop_sequence": None, "usage": usage}
         if not stream:
-            return message
+            return _with_metadata(message, self.metadata(request, completion))
         events = [("message_start", {"type": "message_start", "message": dict(
                       message, content=[], stop_reason=None, usage=dict(usage, output_tokens=0))}),
                   ("content_block_start", {"type": "content_block_start", "index": 0,
@@ -274,6 +300,12 @@ class Gateway:
         data = b"".join(b"event: " + name.encode() + b"\ndata: " + _compact(event) + b"\n\n"
                         for name, event in events)
         return await _send_events(request, data)
+
+
+def _with_metadata(answer, metadata):
+    if metadata is not None:
+        answer[METADATA_KEY] = metadata
+    return answer
 
 
 def _compact(value):
