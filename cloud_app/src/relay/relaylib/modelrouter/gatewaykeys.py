@@ -28,6 +28,9 @@ MAX_TOKENS_PER_MINUTE = 1_000_000_000
 MAX_EXPIRY_DAYS = 3650
 SECONDS_PER_DAY = 86400
 FILTER_ACTIONS = ("block", "redact")
+# `last_used_at` is shown in whole seconds, so it is written at most once a second per key:
+# a busy key would otherwise add a database write to every request.
+LAST_USED_RESOLUTION_SECONDS = 1.0
 ACTIVE, REVOKED, EXPIRED = "active", "revoked", "expired"
 
 
@@ -234,9 +237,11 @@ class GatewayKeys:
         row = request.gateway_key
         if row is None:
             return None
-        with self.db.write_as(request.user_id) as conn:
-            conn.execute("UPDATE gateway_keys SET last_used_at = :now WHERE user_id = :user_id AND id = :id",
-                         {"id": row["id"], "now": clock.now()})
+        now = clock.now()
+        if row["last_used_at"] is None or now - row["last_used_at"] >= LAST_USED_RESOLUTION_SECONDS:
+            with self.db.write_as(request.user_id) as conn:
+                conn.execute("UPDATE gateway_keys SET last_used_at = :now WHERE user_id = :user_id AND id = :id",
+                             {"id": row["id"], "now": now})
         return {"id": row["id"], "allowed_models": json.loads(row["allowed_models"]),
                 "allowed_providers": json.loads(row["allowed_providers"]),
                 "content_filters": json.loads(row["content_filters"]), "enforce_zdr": json.loads(row["enforce_zdr"]),
