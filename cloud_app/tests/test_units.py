@@ -477,6 +477,23 @@ class DatabaseTest(unittest.TestCase):
             self.assertTrue(db.integrity_ok())
             db.close()
 
+    def test_only_a_write_that_changed_rows_counts_as_a_commit_to_checkpoint(self):
+        with tempfile.TemporaryDirectory() as folder:
+            db = Database(os.path.join(folder, "relay.db"), [(1, "table", "CREATE TABLE t (a TEXT);")])
+            before = db.commits
+            with db.write() as conn:
+                conn.execute("UPDATE t SET a = 'y' WHERE a = 'nothing'")
+            self.assertEqual(db.commits, before)
+            with db.write() as conn:
+                conn.execute("INSERT INTO t (a) VALUES ('x')")
+            self.assertEqual(db.commits, before + 1)
+            with self.assertRaises(RuntimeError):
+                with db.write() as conn:
+                    conn.execute("INSERT INTO t (a) VALUES ('z')")
+                    raise RuntimeError("handler failed")
+            self.assertEqual(db.commits, before + 1)
+            db.close()
+
     def test_a_migration_may_be_a_function(self):
         with tempfile.TemporaryDirectory() as folder:
             def fill(conn):
