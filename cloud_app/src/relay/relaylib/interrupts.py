@@ -315,15 +315,17 @@ class Queue:
         `last_polled` are the loop's records, copied."""
         now = clock.now()
         limit = self.timings.unpolled_withdraw_seconds
-        with self.db.write() as conn:
+        # Runs every sweep: it reads, and takes the writer only when there is something to withdraw
+        # (the update applies to an interrupt still open, whatever happened since the read).
+        with self.db.read() as conn:
             rows = conn.execute("SELECT id, user_id, raised_at FROM interrupts "
                                 "WHERE status = 'open' AND polled = 1").fetchall()
-            stale = [row for row in rows if row["id"] not in polling
-                     and now - max(row["raised_at"], last_polled.get(row["id"], self._started_at)) > limit]
-            for row in stale:
-                conn.execute("UPDATE interrupts SET status = 'withdrawn', resolved_at = ? "
-                             "WHERE id = ? AND status = 'open'", (now, row["id"]))
+        stale = [row for row in rows if row["id"] not in polling
+                 and now - max(row["raised_at"], last_polled.get(row["id"], self._started_at)) > limit]
         if stale:
+            with self.db.write() as conn:
+                conn.executemany("UPDATE interrupts SET status = 'withdrawn', resolved_at = ? "
+                                 "WHERE id = ? AND status = 'open'", [(now, row["id"]) for row in stale])
             log.info("withdrew %d interrupt(s) nobody polled any more", len(stale))
             for user_id in {row["user_id"] for row in stale}:
                 self.app.hub.publish(user_id)
