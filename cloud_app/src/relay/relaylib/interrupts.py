@@ -201,9 +201,7 @@ class Queue:
             users = self.expire_due(conn)
         if users:
             log.info("interrupts timed out in %d queue(s)", len(users))
-            for user_id in users:
-                self.app.hub.publish(user_id)
-            self.app.hub.notify_resolved()
+            self._announce_resolved(users)
         return users
 
     def _state(self, user_id, interrupt_id):
@@ -269,8 +267,7 @@ class Queue:
                 "SELECT status, expires_at FROM interrupts WHERE id = :id AND user_id = :user_id",
                 {"id": interrupt_id}).fetchone()
         if updated:
-            self.app.hub.publish(request.user_id)
-            self.app.hub.notify_resolved()
+            self._announce_resolved((request.user_id,))
         if row is None and not updated:
             raise not_found("interrupt not found")
         if not updated:
@@ -300,12 +297,18 @@ class Queue:
                 "WHERE id = :id AND user_id = :user_id AND status = 'open'",
                 {"status": reason, "now": now, "id": interrupt_id}).rowcount
         if updated:
-            self.app.hub.publish(request.user_id)
-            self.app.hub.notify_resolved()
+            self._announce_resolved((request.user_id,))
             return {"id": interrupt_id, "status": reason}
         if row["status"] in WITHDRAW_REASONS:
             return {"id": interrupt_id, "status": row["status"]}
         raise conflict("interrupt already resolved")
+
+    def _announce_resolved(self, user_ids):
+        """After a commit that resolved interrupts: the new queue to these users' streams, and
+        every held wait for a verdict looks again."""
+        for user_id in user_ids:
+            self.app.hub.publish(user_id)
+        self.app.hub.notify_resolved()
 
     # Interrupts whose hook went away
 
@@ -327,9 +330,7 @@ class Queue:
                 conn.executemany("UPDATE interrupts SET status = 'withdrawn', resolved_at = ? "
                                  "WHERE id = ? AND status = 'open'", [(now, row["id"]) for row in stale])
             log.info("withdrew %d interrupt(s) nobody polled any more", len(stale))
-            for user_id in {row["user_id"] for row in stale}:
-                self.app.hub.publish(user_id)
-            self.app.hub.notify_resolved()
+            self._announce_resolved({row["user_id"] for row in stale})
         gone = {row["id"] for row in stale}
         return {row["id"] for row in rows} - gone
 
