@@ -32,7 +32,7 @@ from aiohttp import http_exceptions, web
 from aiohttp.web_protocol import RequestHandler
 
 from . import VERSION, jsonio
-from .errors import ApiError, envelope, forbidden
+from .errors import ApiError, envelope, forbidden, shown
 from .trust import HOST_REFUSED, ORIGIN_REFUSED
 
 log = logging.getLogger("relay")
@@ -43,8 +43,6 @@ BODY_METHODS = frozenset({"POST", "PUT", "PATCH", "DELETE"})
 SUPPORTED_VERSIONS = frozenset({(1, 0), (1, 1)})
 # A query with more fields than this is not one the relay wrote.
 MAX_QUERY_FIELDS = 50
-# How much of a path a log line or an error message repeats.
-SHOWN_PATH_LENGTH = 200
 # A quick handler runs on the event loop only with a body up to this size: parsing a
 # larger one would hold up every other connection.
 QUICK_BODY_BYTES = 64 * 1024
@@ -176,14 +174,6 @@ _request_numbers = itertools.count(1)
 
 def new_request_id():
     return f"{_REQUEST_PREFIX}{next(_request_numbers):08x}"
-
-
-def shown(text):
-    """A path as the log and error messages repeat it: printable ASCII, cut short."""
-    text = text[:SHOWN_PATH_LENGTH]
-    if text.isascii() and text.isprintable():
-        return text
-    return "".join(c if " " <= c <= "~" else "?" for c in text)
 
 
 def json_response(status, value, request_id, headers=None):
