@@ -345,9 +345,7 @@ class Dispatcher:
                     parts.append(chunk)
         except TimeoutError:
             raise ApiError(408, "the request body did not arrive in time") from None
-        except http_exceptions.HttpProcessingError:
-            raise ApiError(400, "malformed request body") from None
-        except web.RequestPayloadError:
+        except (http_exceptions.HttpProcessingError, web.RequestPayloadError):
             raise ApiError(400, "malformed request body") from None
         return b"".join(parts)
 
@@ -541,7 +539,7 @@ class Listener:
                 conn.close()
                 continue
             conn.setblocking(False)
-            self._guard.pending += 1
+            guard.pending += 1
             self._loop.create_task(self._connect(conn))
 
     async def _connect(self, conn):
