@@ -5,11 +5,12 @@ import os
 import sqlite3
 import stat
 import tempfile
+import types
 import unittest
 
 import support  # noqa: F401  (puts the relay on the import path)
 from relaylib import clock, config, contextpack, hub, jsonio, routing, totp, trust
-from relaylib.auth import is_loopback, RateLimiter
+from relaylib.auth import Auth, is_loopback, RateLimiter
 from relaylib.db import Database
 from relaylib.errors import ApiError
 from relaylib.projects import normalise_root
@@ -266,6 +267,52 @@ class AuthPartsTest(unittest.TestCase):
         self.assertFalse(limiter.allow("a", 2))
         self.assertTrue(limiter.allow("b", 2))
         self.assertTrue(limiter.allow("a", 10.5))
+
+
+class SessionMemoryTest(unittest.TestCase):
+    """Sessions checked once are remembered; a sign-out is never undone by a check that read
+    the session just before it."""
+
+    class Caller:
+        def __init__(self, token):
+            self.token = token
+            self.user = self.token_hash = None
+
+        def bearer_token(self):
+            return self.token
+
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+        settings = config.load_settings({"MERE_RELAY_DB_PATH": os.path.join(self.folder.name, "relay.db")})
+        self.db = Database(settings.db_path)
+        self.addCleanup(self.db.close)
+        self.auth = Auth(types.SimpleNamespace(db=self.db, settings=settings, mailer=None))
+        with self.db.write() as conn:
+            conn.execute("INSERT INTO users (id, email, created_at) VALUES ('u1', 'a@example.com', 'now')")
+            self.token = self.auth.issue_session(conn, "u1")
+
+    def test_a_checked_session_is_remembered_until_its_sign_out(self):
+        caller = self.Caller(self.token)
+        self.assertFalse(self.auth.authenticate_remembered(caller))
+        self.auth.authenticate(caller)
+        self.assertEqual(caller.user["id"], "u1")
+        again = self.Caller(self.token)
+        self.assertTrue(self.auth.authenticate_remembered(again))
+        self.auth.logout(again)
+        self.assertFalse(self.auth.authenticate_remembered(self.Caller(self.token)))
+        with self.assertRaises(ApiError) as refused:
+            self.auth.authenticate(self.Caller(self.token))
+        self.assertEqual(refused.exception.status, 401)
+
+    def test_a_session_read_before_a_sign_out_is_not_remembered_after_it(self):
+        caller = self.Caller(self.token)
+        self.auth.authenticate(caller)
+        self.auth.logout(caller)
+        # A check on another thread that read the session before the sign-out committed
+        # finishes only now, with what it counted then.
+        self.auth._remember(caller.token_hash, caller.user, clock.now() + 3600, 0)
+        self.assertFalse(self.auth.authenticate_remembered(self.Caller(self.token)))
 
 
 class ProjectPathTest(unittest.TestCase):
