@@ -168,6 +168,10 @@ class JsonTest(unittest.TestCase):
         for text in ["\u00b2", "\u0663", "4\u0662", "-1", "+1", " 1", "1_0", "1001", "", "9" * 40]:
             with self.assertRaises(ApiError):
                 jsonio.whole_number(text, "limit", 1000)
+        self.assertEqual(jsonio.whole_number("1", "limit", 1000, minimum=1), 1)
+        with self.assertRaises(ApiError) as caught:
+            jsonio.whole_number("0", "limit", 1000, minimum=1)
+        self.assertEqual(caught.exception.message, "limit must be a whole number from 1 to 1000")
         self.assertEqual(jsonio.decimal_number("0.5"), 0.5)
         for text in ["\u0663", "nan", "inf", "1e3", ".5", "-1", "1_0", ""]:
             self.assertIsNone(jsonio.decimal_number(text), text)
