@@ -297,7 +297,7 @@ class Dispatcher:
         protocol = raw.protocol
         if route.auth:
             if not self.app.auth.authenticate_remembered(request):
-                await request.run(self.app.authenticate, request)
+                await request.run(self.app.auth.authenticate, request)
             protocol.guard.busy(protocol)
         await self._read_body(raw, request, route)
         if not route.auth:
