@@ -169,9 +169,10 @@ def decide(lanes, readiness, request, policy, signals):
             over_budget = over_budget or reason.endswith("left in the budget")
     # Health filters only while a healthy lane remains: when every provider is failing, the
     # lanes are still tried (worst health last), or a provider could never show it recovered.
-    healthy = [lane for lane in qualified if _health_rejection(lane, signals) is None]
+    health = {lane.id: _health_rejection(lane, signals) for lane in qualified}
+    healthy = [lane for lane in qualified if health[lane.id] is None]
     if healthy and len(healthy) < len(qualified):
-        rejected.extend((lane.id, _health_rejection(lane, signals)) for lane in qualified if lane not in healthy)
+        rejected.extend((lane.id, health[lane.id]) for lane in qualified if health[lane.id] is not None)
         qualified = healthy
     if not qualified:
         raise NoLane(_nothing_qualifies(request, rejected), rejected, over_budget)
