@@ -32,13 +32,6 @@ QString money(double value, int decimals) {
     return QStringLiteral("$") + QString::number(value, 'f', decimals);
 }
 
-template <class T> QVariantList variantList(const QList<T>& items) {
-    QVariantList list;
-    for (const T& item : items)
-        list << item;
-    return list;
-}
-
 } // namespace
 
 const QStringList& RoutingViewModel::tasks() {
@@ -366,13 +359,6 @@ QString RoutingViewModel::budgetButtonLabel() const {
 
 QString RoutingViewModel::lanesHeader() const {
     return QStringLiteral("execution lanes %1").arg(m_figures.models.size());
-}
-
-QString RoutingViewModel::displayName(const QString& laneId) const {
-    for (const RouterModel& model : m_figures.models)
-        if (model.id == laneId)
-            return model.display_name;
-    return laneId;
 }
 
 QVariantList RoutingViewModel::lanes() const {

@@ -236,7 +236,6 @@ private:
     void setError(std::optional<QString> message);
     void setBusy(bool& flag, bool value);
     void storeCatalog(const RouterCatalog& catalog);
-    QString displayName(const QString& laneId) const;
 
     QPointer<AuthStore> m_auth;
     RoutePreviewForm m_form;
