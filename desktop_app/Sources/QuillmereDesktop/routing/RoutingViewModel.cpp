@@ -530,7 +530,7 @@ void RoutingViewModel::saveBudget() {
 }
 
 QCoro::Task<> RoutingViewModel::loadNow() {
-    RelayClient* client = m_auth ? m_auth->client() : nullptr;
+    RelayClient* client = relayClient();
     if (!client)
         co_return;
     QPointer<RoutingViewModel> self(this);
@@ -577,7 +577,7 @@ QCoro::Task<> RoutingViewModel::previewNow() {
         setError(*problem);
         co_return;
     }
-    RelayClient* client = m_auth ? m_auth->client() : nullptr;
+    RelayClient* client = relayClient();
     if (!client)
         co_return;
     QPointer<RoutingViewModel> self(this);
@@ -593,7 +593,7 @@ QCoro::Task<> RoutingViewModel::previewNow() {
         setError(saved.error().message);
         co_return;
     }
-    client = m_auth ? m_auth->client() : nullptr;
+    client = relayClient();
     if (!client) {
         setBusy(m_isPreviewing, false);
         co_return;
@@ -609,7 +609,7 @@ QCoro::Task<> RoutingViewModel::previewNow() {
     }
     m_decision = decision.value();
     emit decisionChanged();
-    client = m_auth ? m_auth->client() : nullptr;
+    client = relayClient();
     if (!client)
         co_return;
     const Result<RouterCatalog> catalog =
@@ -630,7 +630,7 @@ QCoro::Task<> RoutingViewModel::saveBudgetNow() {
         setError(budgetMessage);
         co_return;
     }
-    RelayClient* client = m_auth ? m_auth->client() : nullptr;
+    RelayClient* client = relayClient();
     if (!client || m_isSavingBudget)
         co_return;
     QPointer<RoutingViewModel> self(this);
@@ -646,7 +646,7 @@ QCoro::Task<> RoutingViewModel::saveBudgetNow() {
         setError(saved.error().message);
         co_return;
     }
-    client = m_auth ? m_auth->client() : nullptr;
+    client = relayClient();
     if (!client) {
         setBusy(m_isSavingBudget, false);
         co_return;
