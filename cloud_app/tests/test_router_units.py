@@ -3,9 +3,13 @@ sort, tool-call validity, percentiles and budget periods."""
 
 import datetime
 import json
+import os
+import tempfile
 import unittest
 
 import support  # noqa: F401  (puts the relay on the path)
+from relaylib import clock
+from relaylib.db import Database
 from relaylib.modelrouter import lanes, ledger, scoring, toolcheck
 from relaylib.modelrouter.protocols import ToolCallOut
 from router_support import lane as record
@@ -230,6 +234,37 @@ class FiguresTest(unittest.TestCase):
         self.assertEqual(start("weekly").isoformat(), "2026-11-16T00:00:00+00:00")
         self.assertEqual(start("monthly").isoformat(), "2026-11-01T00:00:00+00:00")
         self.assertEqual(ledger.period_start("lifetime", moment), 0.0)
+
+    def test_headroom_is_the_least_left_in_any_budget_that_applies_counting_reservations(self):
+        moment = datetime.datetime(2026, 11, 19, 15, 30, tzinfo=datetime.timezone.utc).timestamp()  # a Thursday
+        with tempfile.TemporaryDirectory() as folder:
+            db = Database(os.path.join(folder, "relay.db"))
+            self.addCleanup(db.close)
+            with db.write() as conn:
+                conn.execute("INSERT INTO users (id, email, created_at) VALUES ('u', 'u@x', 'now')")
+            with db.write_as("u") as conn:
+                for project, cost, when in ((None, 1.0, moment), ("p", 0.5, moment),
+                                            ("p", 50.0, moment - 40 * 86400)):
+                    conn.execute("INSERT INTO router_attempts (user_id, generation_id, seq, provider, model_id, "
+                                 "project_id, status, latency_ms, input_tokens, output_tokens, cost_usd, "
+                                 "created_at) VALUES (:user_id, 'g', 1, 'p1', 'm', :project, 'succeeded', 1, 1, 1, "
+                                 ":cost, :when)", {"project": project, "cost": cost, "when": when})
+                self.assertIsNone(ledger.headroom(conn, None, moment))
+                ledger.set_budget(conn, "daily", 10.0)
+                ledger.set_budget(conn, "monthly", 5.0)
+                ledger.set_budget(conn, "daily", 3.0, "p")
+                ledger.set_budget(conn, "monthly", 4.0, "p")
+                saved, clock.now = clock.now, lambda: moment
+                try:
+                    self.assertIsNotNone(ledger.reserve(conn, 0.25, "p"))
+                    self.assertIsNotNone(ledger.reserve(conn, 0.1))
+                finally:
+                    clock.now = saved
+                # The account's budgets count every attempt this period (1.5) and every reservation (0.35).
+                self.assertAlmostEqual(ledger.headroom(conn, None, moment), 5.0 - 1.5 - 0.35)
+                # The project's count its own (0.5 today and this month, 0.25 reserved).
+                self.assertAlmostEqual(ledger.headroom(conn, "p", moment), 3.0 - 0.5 - 0.25)
+                self.assertAlmostEqual(ledger.headroom(conn, "q", moment), 5.0 - 1.5 - 0.35)
 
 
 if __name__ == "__main__":

@@ -5,11 +5,12 @@ import os
 import sqlite3
 import stat
 import tempfile
+import types
 import unittest
 
 import support  # noqa: F401  (puts the relay on the import path)
 from relaylib import clock, config, contextpack, hub, jsonio, routing, totp, trust
-from relaylib.auth import is_loopback, RateLimiter
+from relaylib.auth import Auth, is_loopback, RateLimiter
 from relaylib.db import Database
 from relaylib.errors import ApiError
 from relaylib.projects import normalise_root
@@ -167,6 +168,10 @@ class JsonTest(unittest.TestCase):
         for text in ["\u00b2", "\u0663", "4\u0662", "-1", "+1", " 1", "1_0", "1001", "", "9" * 40]:
             with self.assertRaises(ApiError):
                 jsonio.whole_number(text, "limit", 1000)
+        self.assertEqual(jsonio.whole_number("1", "limit", 1000, minimum=1), 1)
+        with self.assertRaises(ApiError) as caught:
+            jsonio.whole_number("0", "limit", 1000, minimum=1)
+        self.assertEqual(caught.exception.message, "limit must be a whole number from 1 to 1000")
         self.assertEqual(jsonio.decimal_number("0.5"), 0.5)
         for text in ["\u0663", "nan", "inf", "1e3", ".5", "-1", "1_0", ""]:
             self.assertIsNone(jsonio.decimal_number(text), text)
@@ -266,6 +271,52 @@ class AuthPartsTest(unittest.TestCase):
         self.assertFalse(limiter.allow("a", 2))
         self.assertTrue(limiter.allow("b", 2))
         self.assertTrue(limiter.allow("a", 10.5))
+
+
+class SessionMemoryTest(unittest.TestCase):
+    """Sessions checked once are remembered; a sign-out is never undone by a check that read
+    the session just before it."""
+
+    class Caller:
+        def __init__(self, token):
+            self.token = token
+            self.user = self.token_hash = None
+
+        def bearer_token(self):
+            return self.token
+
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+        settings = config.load_settings({"MERE_RELAY_DB_PATH": os.path.join(self.folder.name, "relay.db")})
+        self.db = Database(settings.db_path)
+        self.addCleanup(self.db.close)
+        self.auth = Auth(types.SimpleNamespace(db=self.db, settings=settings, mailer=None))
+        with self.db.write() as conn:
+            conn.execute("INSERT INTO users (id, email, created_at) VALUES ('u1', 'a@example.com', 'now')")
+            self.token = self.auth.issue_session(conn, "u1")
+
+    def test_a_checked_session_is_remembered_until_its_sign_out(self):
+        caller = self.Caller(self.token)
+        self.assertFalse(self.auth.authenticate_remembered(caller))
+        self.auth.authenticate(caller)
+        self.assertEqual(caller.user["id"], "u1")
+        again = self.Caller(self.token)
+        self.assertTrue(self.auth.authenticate_remembered(again))
+        self.auth.logout(again)
+        self.assertFalse(self.auth.authenticate_remembered(self.Caller(self.token)))
+        with self.assertRaises(ApiError) as refused:
+            self.auth.authenticate(self.Caller(self.token))
+        self.assertEqual(refused.exception.status, 401)
+
+    def test_a_session_read_before_a_sign_out_is_not_remembered_after_it(self):
+        caller = self.Caller(self.token)
+        self.auth.authenticate(caller)
+        self.auth.logout(caller)
+        # A check on another thread that read the session before the sign-out committed
+        # finishes only now, with what it counted then.
+        self.auth._remember(caller.token_hash, caller.user, clock.now() + 3600, 0)
+        self.assertFalse(self.auth.authenticate_remembered(self.Caller(self.token)))
 
 
 class ProjectPathTest(unittest.TestCase):
@@ -475,6 +526,23 @@ class DatabaseTest(unittest.TestCase):
             with db.read() as conn:
                 self.assertEqual(conn.execute("SELECT count(*) FROM t").fetchone()[0], 0)
             self.assertTrue(db.integrity_ok())
+            db.close()
+
+    def test_only_a_write_that_changed_rows_counts_as_a_commit_to_checkpoint(self):
+        with tempfile.TemporaryDirectory() as folder:
+            db = Database(os.path.join(folder, "relay.db"), [(1, "table", "CREATE TABLE t (a TEXT);")])
+            before = db.commits
+            with db.write() as conn:
+                conn.execute("UPDATE t SET a = 'y' WHERE a = 'nothing'")
+            self.assertEqual(db.commits, before)
+            with db.write() as conn:
+                conn.execute("INSERT INTO t (a) VALUES ('x')")
+            self.assertEqual(db.commits, before + 1)
+            with self.assertRaises(RuntimeError):
+                with db.write() as conn:
+                    conn.execute("INSERT INTO t (a) VALUES ('z')")
+                    raise RuntimeError("handler failed")
+            self.assertEqual(db.commits, before + 1)
             db.close()
 
     def test_a_migration_may_be_a_function(self):

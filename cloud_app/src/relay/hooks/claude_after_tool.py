@@ -45,9 +45,9 @@ def main(stdin=None, environ=None):
         event = permission_hook.loads((stdin or sys.stdin).read())
         if not isinstance(event, dict):
             return 0
+        # Only processes that still run a hook are listed (waiting_hooks looks at each).
         for pid in waiting_for(event, environ):
-            if permission_hook.is_hook_process(pid):
-                os.kill(pid, permission_hook.ANSWERED_ELSEWHERE_SIGNAL)
+            os.kill(pid, permission_hook.ANSWERED_ELSEWHERE_SIGNAL)
     except Exception:
         pass
     return 0

@@ -149,8 +149,7 @@ def main(argv=None, stdin=None, environ=None):
         if not session:
             return 0
         session_key = permission_hook.call_keys({"session_id": session})[0]
-        if any(permission_hook.is_hook_process(pid)
-               for pid in permission_hook.waiting_hooks(session_key, None, environ)):
+        if permission_hook.waiting_hooks(session_key, None, environ):
             return 0
         tool, tool_input = pending_tool_call(event.get("transcript_path"))
         keys = permission_hook.call_keys({"session_id": session, "tool_name": tool, "tool_input": tool_input})

@@ -70,9 +70,6 @@ class App:
         self._loop = None
         self._stop = None
 
-    def authenticate(self, request):
-        self.auth.authenticate(request)
-
     async def health(self, request):
         # Answered on the event loop, so that it answers even when every worker is busy.
         return {"status": "ok", "version": VERSION, "schema_version": self.db.schema_version}

@@ -94,6 +94,10 @@ class Auth:
         # Token hash -> (user, expiry). Sessions end only here (sign-out, expiry), so this
         # process's memory is as current as its database.
         self._sessions = {}
+        # Sign-outs so far, under the lock: a session read from the database before a sign-out
+        # is not remembered after it, or it would outlive the sign-out in memory.
+        self._sessions_lock = threading.Lock()
+        self._sign_outs = 0
 
     def register(self, router):
         router.add("POST", "v1/auth/local", self.local, auth=False, quick=True)
@@ -128,6 +132,7 @@ class Auth:
         """Sets `request.user` from the bearer token, or fails with 401."""
         token_hash = self._token_hash(request)
         now = clock.now()
+        sign_outs = self._sign_outs
         with self.db.read() as conn:
             row = conn.execute(
                 "SELECT s.token_hash, s.expires_at, u.id, u.email FROM sessions s "
@@ -137,9 +142,17 @@ class Auth:
             raise unauthorized("invalid or expired session token")
         request.user = user_json(row)
         request.token_hash = token_hash
-        if len(self._sessions) >= SESSION_CACHE_SIZE:
-            self._sessions.clear()
-        self._sessions[token_hash] = (request.user, row["expires_at"])
+        self._remember(token_hash, request.user, row["expires_at"], sign_outs)
+
+    def _remember(self, token_hash, user, expires_at, sign_outs):
+        """Remembers a session read from the database when `sign_outs` were counted, unless
+        someone signed out since (that may have been this very session)."""
+        with self._sessions_lock:
+            if self._sign_outs != sign_outs:
+                return
+            if len(self._sessions) >= SESSION_CACHE_SIZE:
+                self._sessions.clear()
+            self._sessions[token_hash] = (user, expires_at)
 
     def issue_session(self, conn, user_id):
         token = secrets.token_urlsafe(32)
@@ -265,10 +278,11 @@ class Auth:
         return request.user
 
     def logout(self, request):
-        self._sessions.pop(request.token_hash, None)
         with self.db.write() as conn:
             conn.execute("DELETE FROM sessions WHERE token_hash = ?", (request.token_hash,))
-        self._sessions.pop(request.token_hash, None)
+        with self._sessions_lock:
+            self._sign_outs += 1
+            self._sessions.pop(request.token_hash, None)
         return {"signed_out": True}
 
 

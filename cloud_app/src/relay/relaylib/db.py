@@ -104,6 +104,7 @@ class Database:
         the owner calls `checkpoint` from a worker instead, so that a commit made on the event
         loop never waits for a disk flush."""
         self.path = path
+        # Committed transactions that changed rows; the owner checkpoints when this moves.
         self.commits = 0
         make_private_folder(os.path.dirname(os.path.abspath(path)))
         if not os.path.exists(path):
@@ -153,13 +154,17 @@ class Database:
         with self._write_lock:
             conn = self._writer
             conn.execute("BEGIN IMMEDIATE")
+            changes = conn.total_changes
             try:
                 yield conn
             except BaseException:
                 conn.execute("ROLLBACK")
                 raise
             conn.execute("COMMIT")
-            self.commits += 1
+            # Only a transaction that changed rows leaves anything in the write-ahead log to
+            # checkpoint; the sweepers' transactions that find nothing to do are not counted.
+            if conn.total_changes != changes:
+                self.commits += 1
 
     def try_hold_writer(self):
         """Takes the writer if no other thread has it, without waiting; True if taken. The

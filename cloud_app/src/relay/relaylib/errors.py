@@ -1,6 +1,18 @@
 """The one error type that handlers raise, and the envelope every failure answers with."""
 
 
+# How much of a client's text (a path, a method) an error message or a log line repeats.
+SHOWN_LENGTH = 200
+
+
+def shown(text):
+    """Text from a client as an error message or the log repeats it: printable ASCII, cut short."""
+    text = text[:SHOWN_LENGTH]
+    if text.isascii() and text.isprintable():
+        return text
+    return "".join(c if " " <= c <= "~" else "?" for c in text)
+
+
 class ApiError(Exception):
     """A failure the client should see: an HTTP status and one readable message."""
 

@@ -201,9 +201,7 @@ class Queue:
             users = self.expire_due(conn)
         if users:
             log.info("interrupts timed out in %d queue(s)", len(users))
-            for user_id in users:
-                self.app.hub.publish(user_id)
-            self.app.hub.notify_resolved()
+            self._announce_resolved(users)
         return users
 
     def _state(self, user_id, interrupt_id):
@@ -269,8 +267,7 @@ class Queue:
                 "SELECT status, expires_at FROM interrupts WHERE id = :id AND user_id = :user_id",
                 {"id": interrupt_id}).fetchone()
         if updated:
-            self.app.hub.publish(request.user_id)
-            self.app.hub.notify_resolved()
+            self._announce_resolved((request.user_id,))
         if row is None and not updated:
             raise not_found("interrupt not found")
         if not updated:
@@ -300,12 +297,18 @@ class Queue:
                 "WHERE id = :id AND user_id = :user_id AND status = 'open'",
                 {"status": reason, "now": now, "id": interrupt_id}).rowcount
         if updated:
-            self.app.hub.publish(request.user_id)
-            self.app.hub.notify_resolved()
+            self._announce_resolved((request.user_id,))
             return {"id": interrupt_id, "status": reason}
         if row["status"] in WITHDRAW_REASONS:
             return {"id": interrupt_id, "status": row["status"]}
         raise conflict("interrupt already resolved")
+
+    def _announce_resolved(self, user_ids):
+        """After a commit that resolved interrupts: the new queue to these users' streams, and
+        every held wait for a verdict looks again."""
+        for user_id in user_ids:
+            self.app.hub.publish(user_id)
+        self.app.hub.notify_resolved()
 
     # Interrupts whose hook went away
 
@@ -315,19 +318,19 @@ class Queue:
         `last_polled` are the loop's records, copied."""
         now = clock.now()
         limit = self.timings.unpolled_withdraw_seconds
-        with self.db.write() as conn:
+        # Runs every sweep: it reads, and takes the writer only when there is something to withdraw
+        # (the update applies to an interrupt still open, whatever happened since the read).
+        with self.db.read() as conn:
             rows = conn.execute("SELECT id, user_id, raised_at FROM interrupts "
                                 "WHERE status = 'open' AND polled = 1").fetchall()
-            stale = [row for row in rows if row["id"] not in polling
-                     and now - max(row["raised_at"], last_polled.get(row["id"], self._started_at)) > limit]
-            for row in stale:
-                conn.execute("UPDATE interrupts SET status = 'withdrawn', resolved_at = ? "
-                             "WHERE id = ? AND status = 'open'", (now, row["id"]))
+        stale = [row for row in rows if row["id"] not in polling
+                 and now - max(row["raised_at"], last_polled.get(row["id"], self._started_at)) > limit]
         if stale:
+            with self.db.write() as conn:
+                conn.executemany("UPDATE interrupts SET status = 'withdrawn', resolved_at = ? "
+                                 "WHERE id = ? AND status = 'open'", [(now, row["id"]) for row in stale])
             log.info("withdrew %d interrupt(s) nobody polled any more", len(stale))
-            for user_id in {row["user_id"] for row in stale}:
-                self.app.hub.publish(user_id)
-            self.app.hub.notify_resolved()
+            self._announce_resolved({row["user_id"] for row in stale})
         gone = {row["id"] for row in stale}
         return {row["id"] for row in rows} - gone
 

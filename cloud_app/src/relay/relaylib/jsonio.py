@@ -81,11 +81,11 @@ def check_text(value):
             pending.extend((inner, f"{where}[{index}]") for index, inner in enumerate(item))
 
 
-def whole_number(text, name, maximum):
-    """A whole number from 0 to `maximum` written in ASCII digits, or a 400 naming `name`."""
+def whole_number(text, name, maximum, minimum=0):
+    """A whole number from `minimum` to `maximum` written in ASCII digits, or a 400 naming `name`."""
     if not isinstance(text, str) or len(text) > 18 or not _ASCII_WHOLE.fullmatch(text) \
-            or int(text) > maximum:
-        raise bad_request(f"{name} must be a whole number from 0 to {maximum}")
+            or not minimum <= int(text) <= maximum:
+        raise bad_request(f"{name} must be a whole number from {minimum} to {maximum}")
     return int(text)
 
 

@@ -12,7 +12,7 @@ import inspect
 import urllib.parse
 
 from .config import MAX_BODY_BYTES, SIGN_IN_BODY_BYTES
-from .errors import ApiError
+from .errors import ApiError, shown
 
 
 @dataclasses.dataclass
@@ -89,13 +89,9 @@ class Router:
             if params is not None:
                 matches.append((route, params))
         if not matches:
-            raise ApiError(404, "no such path: " + _shown(path.lstrip("/")))
+            raise ApiError(404, "no such path: " + shown(path.lstrip("/")))
         for route, params in sorted(matches, key=lambda item: -item[0].literal_count):
             if route.method == method:
                 return route, params
         allowed = ", ".join(sorted({route.method for route, _ in matches}))
-        raise ApiError(405, f"method {_shown(method)} is not allowed here; use {allowed}", {"Allow": allowed})
-
-
-def _shown(text, length=200):
-    return "".join(c if " " <= c <= "~" else "?" for c in text[:length])
+        raise ApiError(405, f"method {shown(method)} is not allowed here; use {allowed}", {"Allow": allowed})

@@ -9,7 +9,7 @@ stored is kept as it was: a repeated batch is accepted and stored once.
 import uuid
 
 from . import clock, jsonio
-from .errors import ApiError, bad_request, not_found
+from .errors import ApiError, not_found
 from .jsonio import Body
 
 STREAMS = ("input", "output")
@@ -112,10 +112,4 @@ def _session_json(row):
 def _limit(text):
     if text is None or text == "":
         return DEFAULT_LIST_LIMIT
-    try:
-        limit = jsonio.whole_number(text, "limit", MAX_LIST_LIMIT)
-    except ApiError:
-        limit = 0
-    if limit < 1:
-        raise bad_request(f"limit must be a whole number from 1 to {MAX_LIST_LIMIT}")
-    return limit
+    return jsonio.whole_number(text, "limit", MAX_LIST_LIMIT, minimum=1)

@@ -32,7 +32,7 @@ from aiohttp import http_exceptions, web
 from aiohttp.web_protocol import RequestHandler
 
 from . import VERSION, jsonio
-from .errors import ApiError, envelope, forbidden
+from .errors import ApiError, envelope, forbidden, shown
 from .trust import HOST_REFUSED, ORIGIN_REFUSED
 
 log = logging.getLogger("relay")
@@ -43,8 +43,6 @@ BODY_METHODS = frozenset({"POST", "PUT", "PATCH", "DELETE"})
 SUPPORTED_VERSIONS = frozenset({(1, 0), (1, 1)})
 # A query with more fields than this is not one the relay wrote.
 MAX_QUERY_FIELDS = 50
-# How much of a path a log line or an error message repeats.
-SHOWN_PATH_LENGTH = 200
 # A quick handler runs on the event loop only with a body up to this size: parsing a
 # larger one would hold up every other connection.
 QUICK_BODY_BYTES = 64 * 1024
@@ -180,14 +178,6 @@ def new_request_id():
     return f"{_REQUEST_PREFIX}{next(_request_numbers):08x}"
 
 
-def shown(text):
-    """A path as the log and error messages repeat it: printable ASCII, cut short."""
-    text = text[:SHOWN_PATH_LENGTH]
-    if text.isascii() and text.isprintable():
-        return text
-    return "".join(c if " " <= c <= "~" else "?" for c in text)
-
-
 def json_response(status, value, request_id, headers=None):
     response = web.Response(status=status, body=jsonio.dumps(value), headers={
         "Content-Type": "application/json; charset=utf-8",
@@ -315,7 +305,7 @@ class Dispatcher:
             protocol.guard.busy(protocol)
         elif route.auth:
             if not self.app.auth.authenticate_remembered(request):
-                await request.run(self.app.authenticate, request)
+                await request.run(self.app.auth.authenticate, request)
             protocol.guard.busy(protocol)
         await self._read_body(raw, request, route)
         if not route.auth:
@@ -363,9 +353,7 @@ class Dispatcher:
                     parts.append(chunk)
         except TimeoutError:
             raise ApiError(408, "the request body did not arrive in time") from None
-        except http_exceptions.HttpProcessingError:
-            raise ApiError(400, "malformed request body") from None
-        except web.RequestPayloadError:
+        except (http_exceptions.HttpProcessingError, web.RequestPayloadError):
             raise ApiError(400, "malformed request body") from None
         return b"".join(parts)
 
@@ -559,7 +547,7 @@ class Listener:
                 conn.close()
                 continue
             conn.setblocking(False)
-            self._guard.pending += 1
+            guard.pending += 1
             self._loop.create_task(self._connect(conn))
 
     async def _connect(self, conn):

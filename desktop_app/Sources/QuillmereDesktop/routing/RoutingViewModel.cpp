@@ -32,13 +32,6 @@ QString money(double value, int decimals) {
     return QStringLiteral("$") + QString::number(value, 'f', decimals);
 }
 
-template <class T> QVariantList variantList(const QList<T>& items) {
-    QVariantList list;
-    for (const T& item : items)
-        list << item;
-    return list;
-}
-
 } // namespace
 
 const QStringList& RoutingViewModel::tasks() {
@@ -368,13 +361,6 @@ QString RoutingViewModel::lanesHeader() const {
     return QStringLiteral("execution lanes %1").arg(m_figures.models.size());
 }
 
-QString RoutingViewModel::displayName(const QString& laneId) const {
-    for (const RouterModel& model : m_figures.models)
-        if (model.id == laneId)
-            return model.display_name;
-    return laneId;
-}
-
 QVariantList RoutingViewModel::lanes() const {
     QVariantList rows;
     for (const RouterModel& model : m_figures.models) {
@@ -544,7 +530,7 @@ void RoutingViewModel::saveBudget() {
 }
 
 QCoro::Task<> RoutingViewModel::loadNow() {
-    RelayClient* client = m_auth ? m_auth->client() : nullptr;
+    RelayClient* client = relayClient();
     if (!client)
         co_return;
     QPointer<RoutingViewModel> self(this);
@@ -591,7 +577,7 @@ QCoro::Task<> RoutingViewModel::previewNow() {
         setError(*problem);
         co_return;
     }
-    RelayClient* client = m_auth ? m_auth->client() : nullptr;
+    RelayClient* client = relayClient();
     if (!client)
         co_return;
     QPointer<RoutingViewModel> self(this);
@@ -607,7 +593,7 @@ QCoro::Task<> RoutingViewModel::previewNow() {
         setError(saved.error().message);
         co_return;
     }
-    client = m_auth ? m_auth->client() : nullptr;
+    client = relayClient();
     if (!client) {
         setBusy(m_isPreviewing, false);
         co_return;
@@ -623,7 +609,7 @@ QCoro::Task<> RoutingViewModel::previewNow() {
     }
     m_decision = decision.value();
     emit decisionChanged();
-    client = m_auth ? m_auth->client() : nullptr;
+    client = relayClient();
     if (!client)
         co_return;
     const Result<RouterCatalog> catalog =
@@ -644,7 +630,7 @@ QCoro::Task<> RoutingViewModel::saveBudgetNow() {
         setError(budgetMessage);
         co_return;
     }
-    RelayClient* client = m_auth ? m_auth->client() : nullptr;
+    RelayClient* client = relayClient();
     if (!client || m_isSavingBudget)
         co_return;
     QPointer<RoutingViewModel> self(this);
@@ -660,7 +646,7 @@ QCoro::Task<> RoutingViewModel::saveBudgetNow() {
         setError(saved.error().message);
         co_return;
     }
-    client = m_auth ? m_auth->client() : nullptr;
+    client = relayClient();
     if (!client) {
         setBusy(m_isSavingBudget, false);
         co_return;

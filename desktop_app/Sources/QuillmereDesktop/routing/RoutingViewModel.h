@@ -236,7 +236,8 @@ private:
     void setError(std::optional<QString> message);
     void setBusy(bool& flag, bool value);
     void storeCatalog(const RouterCatalog& catalog);
-    QString displayName(const QString& laneId) const;
+    // Asked afresh after every wait: signing out or moving the relay replaces the client.
+    RelayClient* relayClient() const { return m_auth ? m_auth->client() : nullptr; }
 
     QPointer<AuthStore> m_auth;
     RoutePreviewForm m_form;

@@ -186,7 +186,6 @@ public:
     Color foregroundColor() const { return m_foregroundColor; }
     Color backgroundColor() const { return m_backgroundColor; }
     /// The 256-colour palette in use.
-    const std::array<Color, 256>& ansiColors() const { return m_ansiColors; }
     const std::array<Color, 256>& palette() const { return m_ansiColors; }
     const std::vector<Color>& installedColors() const { return m_installedColors; }
     const std::vector<Color>& defaultAnsiColors() const { return m_defaultAnsiColors; }

@@ -95,8 +95,7 @@ class ModelRouter:
         with self._signals_lock:
             cached = self._signals_cache.get(user_id)
         if cached is None or now - cached[0] >= self.timings.router_signals_seconds:
-            cached = (now, ledger.provider_health(conn, HEALTH_WINDOW), ledger.performance(conn),
-                      ledger.tool_quality(conn))
+            cached = (now, *_observed(conn))
             with self._signals_lock:
                 self._signals_cache[user_id] = cached
         return scoring.Signals(health=cached[1], performance=cached[2], tool_quality=cached[3],
@@ -106,9 +105,7 @@ class ModelRouter:
         readiness = self.catalog.readiness()
         with self.db.read_as(request.user_id) as conn:
             policy = ledger.read_policy(conn)
-            health = ledger.provider_health(conn, HEALTH_WINDOW)
-            performance = ledger.performance(conn)
-            quality = ledger.tool_quality(conn)
+            health, performance, quality = _observed(conn)
         return {"models": [model_record(lane, readiness[lane.id] is None) for lane in self.catalog.lanes],
                 "policy": ledger.policy_record(policy), "provider_health": health,
                 "model_performance": performance, "tool_call_quality": quality,
@@ -413,6 +410,11 @@ class ModelRouter:
     def _write_generation(self, user_id, generation):
         with self.db.write_as(user_id) as conn:
             ledger.add_generation(conn, generation)
+
+
+def _observed(conn):
+    """What the ledger has seen of the lanes: provider health, performance, tool-call quality."""
+    return ledger.provider_health(conn, HEALTH_WINDOW), ledger.performance(conn), ledger.tool_quality(conn)
 
 
 def _generation_row(generation_id, record, route, answer, attempts, started, request_id, status):

@@ -224,10 +224,10 @@ class Catalog:
         value = self._lookup(lane.api_key_env) if lane.api_key_env else None
         return value.strip() if isinstance(value, str) and value.strip() else None
 
-    def unavailable_reason(self, lane, cli=None):
-        """Why a lane cannot execute now, or None when it can."""
+    def unavailable_reason(self, lane, cli):
+        """Why a lane cannot execute now, or None when it can, given the CLIs' status `cli`."""
         if lane.channel == "cli":
-            info = (cli if cli is not None else self._cli_status()).get(CLI_OF_LANE[lane.id]) or {}
+            info = cli.get(CLI_OF_LANE[lane.id]) or {}
             if not info.get("installed"):
                 return f"the {CLI_OF_LANE[lane.id]} CLI is not installed on the relay's machine"
             if not info.get("authenticated"):

@@ -119,10 +119,13 @@ def headroom(conn, project_id=None, now=None):
     now = clock.now() if now is None else now
     rows = conn.execute("SELECT project_id, period, limit_usd FROM router_budgets WHERE user_id = :user_id "
                         "AND project_id IN ('', :project)", {"project": project_id or ""}).fetchall()
-    least = None
+    least, reserved = None, {}
     for row in rows:
-        left = row["limit_usd"] - _spent(conn, period_start(row["period"], now), row["project_id"]) \
-            - _reserved(conn, row["project_id"])
+        owner = row["project_id"]
+        if owner not in reserved:
+            # The same for each period of one owner's budgets.
+            reserved[owner] = _reserved(conn, owner)
+        left = row["limit_usd"] - _spent(conn, period_start(row["period"], now), owner) - reserved[owner]
         least = left if least is None else min(least, left)
     return least
 

@@ -76,6 +76,12 @@ def _count(value):
     return value if isinstance(value, int) and not isinstance(value, bool) and value >= 0 else 0
 
 
+def _take_usage(outcome, usage, input_key="input_tokens", output_key="output_tokens"):
+    """Copies the token counts of a usage object (OpenAI Chat names them prompt and completion)."""
+    usage = usage or {}
+    outcome.input_tokens, outcome.output_tokens = _count(usage.get(input_key)), _count(usage.get(output_key))
+
+
 # Requests.
 
 def turns_of(text):
@@ -132,8 +138,7 @@ def parse_whole(protocol, body):
                 outcome.text += block.get("text") or ""
             elif block.get("type") == "tool_use":
                 outcome.tool_calls.append(ToolCallOut(block.get("name") or "", block.get("input")))
-        usage = body.get("usage") or {}
-        outcome.input_tokens, outcome.output_tokens = _count(usage.get("input_tokens")), _count(usage.get("output_tokens"))
+        _take_usage(outcome, body.get("usage"))
         return outcome
     if protocol == OPENAI_CHAT:
         choices = body.get("choices")
@@ -145,9 +150,7 @@ def parse_whole(protocol, body):
         for call in message.get("tool_calls") or []:
             function = call.get("function") or {}
             outcome.tool_calls.append(ToolCallOut(function.get("name") or "", function.get("arguments")))
-        usage = body.get("usage") or {}
-        outcome.input_tokens = _count(usage.get("prompt_tokens"))
-        outcome.output_tokens = _count(usage.get("completion_tokens"))
+        _take_usage(outcome, body.get("usage"), "prompt_tokens", "completion_tokens")
         return outcome
     outcome = Outcome(upstream_id=body.get("id"), finish_reason=body.get("status"))
     for item in body.get("output") or []:
@@ -157,8 +160,7 @@ def parse_whole(protocol, body):
                     outcome.text += part.get("text") or ""
         elif item.get("type") == "function_call":
             outcome.tool_calls.append(ToolCallOut(item.get("name") or "", item.get("arguments")))
-    usage = body.get("usage") or {}
-    outcome.input_tokens, outcome.output_tokens = _count(usage.get("input_tokens")), _count(usage.get("output_tokens"))
+    _take_usage(outcome, body.get("usage"))
     return outcome
 
 
@@ -239,10 +241,8 @@ class StreamReader:
         if "error" in event and not event.get("choices"):
             return self._fail(event.get("error"))
         outcome.upstream_id = outcome.upstream_id or event.get("id")
-        usage = event.get("usage")
-        if isinstance(usage, dict):
-            outcome.input_tokens = _count(usage.get("prompt_tokens"))
-            outcome.output_tokens = _count(usage.get("completion_tokens"))
+        if isinstance(event.get("usage"), dict):
+            _take_usage(outcome, event["usage"], "prompt_tokens", "completion_tokens")
         carried = False
         for choice in event.get("choices") or []:
             delta = choice.get("delta") or {}
@@ -275,9 +275,7 @@ class StreamReader:
             outcome.upstream_id = (event.get("response") or {}).get("id")
         elif kind in ("response.completed", "response.incomplete", "response.failed"):
             response = event.get("response") or {}
-            usage = response.get("usage") or {}
-            outcome.input_tokens = _count(usage.get("input_tokens"))
-            outcome.output_tokens = _count(usage.get("output_tokens"))
+            _take_usage(outcome, response.get("usage"))
             outcome.finish_reason = response.get("status")
             self.done = True
             if kind == "response.failed":

@@ -37,7 +37,9 @@ WEIGHTS = {
 UNKNOWN_THROUGHPUT_SCORE = 50.0
 
 
-BUDGET_REASON = "estimated ${cost:.4f} exceeds the ${left:.4f} left in the budget"
+# A budget rejection is known by its reason's ending, so both come from one place.
+BUDGET_REASON_END = "left in the budget"
+BUDGET_REASON = "estimated ${cost:.4f} exceeds the ${left:.4f} " + BUDGET_REASON_END
 
 
 class NoLane(Exception):
@@ -166,12 +168,13 @@ def decide(lanes, readiness, request, policy, signals):
             qualified.append(lane)
         else:
             rejected.append((lane.id, reason))
-            over_budget = over_budget or reason.endswith("left in the budget")
+            over_budget = over_budget or reason.endswith(BUDGET_REASON_END)
     # Health filters only while a healthy lane remains: when every provider is failing, the
     # lanes are still tried (worst health last), or a provider could never show it recovered.
-    healthy = [lane for lane in qualified if _health_rejection(lane, signals) is None]
+    health = {lane.id: _health_rejection(lane, signals) for lane in qualified}
+    healthy = [lane for lane in qualified if health[lane.id] is None]
     if healthy and len(healthy) < len(qualified):
-        rejected.extend((lane.id, _health_rejection(lane, signals)) for lane in qualified if lane not in healthy)
+        rejected.extend((lane.id, health[lane.id]) for lane in qualified if health[lane.id] is not None)
         qualified = healthy
     if not qualified:
         raise NoLane(_nothing_qualifies(request, rejected), rejected, over_budget)
