@@ -364,7 +364,8 @@ class RelayTestCase(unittest.TestCase):
 
     def assertError(self, answer, status, expected_status, message=None, contains=None):
         """The error envelope: an object `error` with a string `message`, and a `request_id`."""
-        self.assertEqual(status, expected_status, answer)
+        # An unexpected internal error is explained by the relay's log, not by its answer.
+        self.assertEqual(status, expected_status, answer if status != 500 else f"{answer}\n{self.relay.log()[-4000:]}")
         # The gateway's paths answer in their callers' protocols: Anthropic's marks the body as an
         # error, and both name the error's type beside its message.
         protocol_shape = answer.get("type") == "error" or "type" in answer.get("error", {})

@@ -8,6 +8,7 @@ provider reported. So any number of completions at once can never spend past a b
 """
 
 import asyncio
+import functools
 import json
 import math
 import secrets
@@ -19,8 +20,9 @@ from ..cli_status import CliInspector
 from ..config import HEALTH_WINDOW
 from ..errors import ApiError, bad_request, not_found
 from ..jsonio import Body
-from . import ledger, protocols, scoring
+from . import conversation, ledger, protocols, scoring
 from .calls import attempt
+from .caller_requests import MAX_INPUT_CHARACTERS, MAX_NAME, MAX_OUTPUT_TOKENS, chat_tools
 from .guardrails import zdr_group
 from .lanes import INVENTORY_VARIABLE, Catalog, adapter_record, model_record
 from .toolcheck import check_answer
@@ -28,11 +30,6 @@ from .toolcheck import check_answer
 # Policy limits.
 MAX_FALLBACKS = 10
 MAX_ALLOWED_PROVIDERS = 100
-MAX_NAME = 200
-# Completion limits.
-MAX_INPUT_CHARACTERS = 4_000_000
-MAX_OUTPUT_TOKENS = 1_000_000
-MAX_TOOLS = 64
 # A token estimate for scoring only: about four bytes of text per token.
 BYTES_PER_TOKEN_ESTIMATE = 4
 # A probe asks for the least a provider can answer: one token of output.
@@ -46,6 +43,10 @@ ALL_FAILED_STATUS = 502
 
 def _new_id(prefix):
     return prefix + secrets.token_hex(12)
+
+
+def new_generation_id():
+    return _new_id("gen_")
 
 
 class ModelRouter:
@@ -173,7 +174,7 @@ class ModelRouter:
             channel=body.one_of("channel", scoring.CHANNELS),
             latency_budget_ms=body.integer("latency_budget_ms", required=False, minimum=0),
             max_cost_usd=body.number("max_cost_usd", required=False, minimum=0),
-            tools=_tools(body))
+            tools=chat_tools(body))
         if body.has("provider"):
             raw = request.json()["provider"]
             provider = Body(raw, "provider.")
@@ -207,7 +208,7 @@ class ModelRouter:
         model = body.string("model", required=False, non_empty=True, max_length=MAX_NAME) or "auto"
         preset = body.string("preset", required=False, non_empty=True, max_length=MAX_NAME)
         max_output = body.integer("max_output_tokens", minimum=1, maximum=MAX_OUTPUT_TOKENS)
-        tools = _tools(body)
+        tools = chat_tools(body)
         if preset is not None:
             # Presets are kept by an area this relay does not have yet: a named one cannot exist.
             raise not_found(f"preset {preset} not found")
@@ -222,16 +223,19 @@ class ModelRouter:
         return completion
 
     async def run_completion(self, request, task, text, instructions, project_id, model, max_output, tools,
-                             gateway_key=None):
+                             gateway_key=None, on_delta=None, generation_id=None):
         """Routes one completion and tries its lanes in turn; returns (the `GatewayCompletion`
         record, the served attempt's outcome). `text` is a prompt or a conversation; `gateway_key` is a
-        gateway key's rules, which narrow the lanes and are recorded with the generation."""
-        prompt_bytes = _prompt_bytes(text) + len((instructions or "").encode("utf-8"))
-        route = scoring.RouteRequest(task=task, input_tokens=max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE),
+        gateway key's rules, which narrow the lanes and are recorded with the generation. `on_delta`
+        is awaited with (the lane, deltas) as a streamed answer comes (see calls.attempt); once it
+        has received part of one, no other lane is tried. `generation_id` names the generation when
+        the caller needs its id before the answer (a stream's first event carries it)."""
+        size = prompt_bytes(text) + len((instructions or "").encode("utf-8"))
+        route = scoring.RouteRequest(task=task, input_tokens=max(1, size // BYTES_PER_TOKEN_ESTIMATE),
                                      output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
         started = time.monotonic()
         user_id = request.user_id
-        generation_id = _new_id("gen_")
+        generation_id = generation_id or new_generation_id()
 
         def worst(lane):
             return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
@@ -266,11 +270,13 @@ class ModelRouter:
                     refused_for_budget = True
                     attempts.append(_attempt_row(generation_id, seq, lane, project_id, "refused", "budget_exceeded", 0))
                     continue
-                result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining)
+                forward = None if on_delta is None else functools.partial(on_delta, lane)
+                result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining,
+                                       on_delta=forward)
                 row = _result_row(generation_id, seq, lane, project_id, result, tools)
                 attempts.append(row)
                 final = row["status"] == "succeeded" or result.failure in protocols.NOT_RETRYABLE \
-                    or seq == len(candidates)
+                    or result.forwarded or seq == len(candidates)
                 if row["status"] == "succeeded":
                     answer = (candidate, result)
                 else:
@@ -330,10 +336,11 @@ class ModelRouter:
         if lane.channel != "api":
             raise ApiError(NO_LANE_STATUS, f"{model_id} is a CLI lane; the application runs it, not the relay")
         key = self.catalog.key(lane)
-        reason = self.catalog.unavailable_reason(lane)
+        # An API lane's readiness does not depend on the CLIs' status.
+        reason = self.catalog.unavailable_reason(lane, cli={})
         if key is None or reason is not None:
             raise ApiError(NO_LANE_STATUS, f"{model_id} cannot be probed: {reason or 'its key is not set'}")
-        generation_id = _new_id("gen_")
+        generation_id = new_generation_id()
         started = time.monotonic()
         result = await attempt(self.app.upstream, lane, key, PROBE_INPUT, None, PROBE_OUTPUT_TOKENS, None,
                                self.timings.complete_deadline_seconds)
@@ -436,10 +443,11 @@ def _generation_row(generation_id, record, route, answer, attempts, started, req
             "request_id": request_id, "tools_declared": int(bool(route.tools)), "created_at": clock.now()}
 
 
-def _prompt_bytes(text):
+def prompt_bytes(text):
+    """The size of a prompt or a conversation's texts (tool calls' arguments included)."""
     if isinstance(text, str):
         return len(text.encode("utf-8"))
-    return sum(len(turn["content"].encode("utf-8")) for turn in text)
+    return sum(len(piece.encode("utf-8")) for piece in conversation.texts_of(text))
 
 
 def key_allows(key, lane):
@@ -460,22 +468,6 @@ def worst_case_input(lane, text, instructions, max_output, tools):
     sent to the provider (no tokenizer in use makes more tokens than bytes)."""
     _, body = protocols.build_request(lane, "", text, instructions, max_output, tools, lane.streams)
     return len(json.dumps(body).encode("utf-8"))
-
-
-def _tools(body):
-    """The tools a request declares, each checked for the shape routing and validation need."""
-    tools = body.array("tools", required=False)
-    if tools is None:
-        return None
-    if len(tools) > MAX_TOOLS:
-        raise bad_request(f"tools must hold at most {MAX_TOOLS} tools")
-    for index, tool in enumerate(tools):
-        item = Body(tool, f"tools[{index}].")
-        item.one_of("type", ("function",))
-        function = Body(tool.get("function"), f"tools[{index}].function.")
-        function.string("name", non_empty=True, max_length=MAX_NAME)
-        Body(tool["function"].get("parameters"), f"tools[{index}].function.parameters.")
-    return tools or None
 
 
 def _attempt_row(generation_id, seq, lane, project_id, status, error_code, latency_ms):

@@ -215,8 +215,9 @@ class GatewayKeys:
         return secret is not None and (secret.startswith(SECRET_MARK) or "x-api-key" in request.headers)
 
     def authenticate(self, request):
-        """Sets `request.user` and `request.gateway_key` from the key presented, or fails with 401.
-        Nothing is cached, so a revocation holds from the next request on."""
+        """Sets `request.user` and `request.gateway_key` from the key presented, or fails with 401,
+        and marks the key as used just now. Nothing is cached, so a revocation holds from the
+        next request on. Runs on a worker: it reads (and now and then writes) the database."""
         secret = presented_secret(request)
         if secret is None:
             raise invalid_key("a gateway key is required: send it as Authorization: Bearer or x-api-key")
@@ -229,19 +230,19 @@ class GatewayKeys:
         status = status_of(row, now)
         if status != ACTIVE:
             raise invalid_key(f"this gateway key is {status}")
+        if row["last_used_at"] is None or now - row["last_used_at"] >= LAST_USED_RESOLUTION_SECONDS:
+            with self.db.write_as(row["user_id"]) as conn:
+                conn.execute("UPDATE gateway_keys SET last_used_at = :now WHERE user_id = :user_id AND id = :id",
+                             {"id": row["id"], "now": now})
         request.user = {"id": row["user_id"], "email": row["email"]}
         request.gateway_key = dict(row)
 
-    def limits(self, request):
-        """The calling key's rules (None for a session), marking the key as used just now."""
+    @staticmethod
+    def limits(request):
+        """The calling key's rules, or None for a session."""
         row = request.gateway_key
         if row is None:
             return None
-        now = clock.now()
-        if row["last_used_at"] is None or now - row["last_used_at"] >= LAST_USED_RESOLUTION_SECONDS:
-            with self.db.write_as(request.user_id) as conn:
-                conn.execute("UPDATE gateway_keys SET last_used_at = :now WHERE user_id = :user_id AND id = :id",
-                             {"id": row["id"], "now": now})
         return {"id": row["id"], "allowed_models": json.loads(row["allowed_models"]),
                 "allowed_providers": json.loads(row["allowed_providers"]),
                 "content_filters": json.loads(row["content_filters"]), "enforce_zdr": json.loads(row["enforce_zdr"]),

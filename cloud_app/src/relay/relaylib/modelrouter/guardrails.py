@@ -9,10 +9,13 @@ bound are refused when the key is created.
 """
 
 import dataclasses
+import itertools
 import re
 import re._parser as sre_parse
 from re._constants import (ASSERT, ASSERT_NOT, BRANCH, GROUPREF, GROUPREF_EXISTS, MAX_REPEAT, MAXREPEAT, MIN_REPEAT,
                            POSSESSIVE_REPEAT, SUBPATTERN, ATOMIC_GROUP)
+
+from .conversation import texts_of
 
 MAX_PATTERN_LENGTH = 1000
 # Unbounded quantifiers in one pattern: each one side by side multiplies the work on a
@@ -112,13 +115,14 @@ class FilterResult:
 
 
 def apply_filters(filters, instructions, turns):
-    """Runs a key's content filters over a request's text before any provider sees it. Each
-    filter that matches counts once; a blocking one stops the request, a redacting one
-    replaces every match with REDACTION. What matched is not kept anywhere."""
-    result = FilterResult(instructions, [dict(turn) for turn in turns])
+    """Runs a key's content filters over a request's text (its tool calls' arguments and tool
+    results included) before any provider sees it. Each filter that matches counts once; a
+    blocking one stops the request, a redacting one replaces every match with REDACTION. What
+    matched is not kept anywhere."""
+    result = FilterResult(instructions, [_copy_turn(turn) for turn in turns])
     for item in filters:
         compiled = re.compile(item["pattern"])
-        texts = ([result.instructions] if result.instructions else []) + [turn["content"] for turn in result.turns]
+        texts = itertools.chain([result.instructions] if result.instructions else [], texts_of(result.turns))
         if not any(compiled.search(text) for text in texts):
             continue
         if item["action"] == "block":
@@ -130,4 +134,13 @@ def apply_filters(filters, instructions, turns):
             result.instructions = compiled.sub(REDACTION, result.instructions)
         for turn in result.turns:
             turn["content"] = compiled.sub(REDACTION, turn["content"])
+            for call in turn.get("tool_calls") or []:
+                call["arguments"] = compiled.sub(REDACTION, call["arguments"])
     return result
+
+
+def _copy_turn(turn):
+    copy = dict(turn)
+    if "tool_calls" in copy:
+        copy["tool_calls"] = [dict(call) for call in copy["tool_calls"]]
+    return copy
