@@ -20,7 +20,7 @@ from . import VERSION
 from .auth import Auth
 from .cli_status import CliInspector
 from .config import LISTEN_BACKLOG, MAX_HEADER_BYTES, MAX_HEADER_COUNT, MAX_REQUEST_LINE_BYTES, RESERVED_FILES, \
-    WORKER_THREADS, SettingsError, load_settings
+    LEDGER_THREADS, WORKER_THREADS, SettingsError, load_settings
 from .db import Database
 from .hub import Hub
 from .interrupts import Queue
@@ -55,6 +55,7 @@ class App:
         self.mailer = Mailer(settings)
         self.router = Router()
         self.workers = WorkerPool(WORKER_THREADS)
+        self.ledger_workers = WorkerPool(LEDGER_THREADS, name="relay-ledger")
         self.upstream = Upstream(settings.timings)
         self.areas = {area: area(self) for area in AREAS}
         self.auth = self.areas[Auth]
@@ -86,6 +87,7 @@ class App:
         timings = self.settings.timings
         self.hub.bind(loop)
         self.workers.start(loop)
+        self.ledger_workers.start(loop)
         limit, reserve = connection_limit(timings.max_connections)
         self.guard = ConnectionGuard(limit, timings.idle_timeout_seconds, slack=reserve // 4)
         dispatcher = Dispatcher(self, None)
@@ -156,6 +158,7 @@ class App:
 
     def _close_resources(self):
         self.workers.shutdown()
+        self.ledger_workers.shutdown()
         self.db.close()
 
 

@@ -235,13 +235,13 @@ class ModelRouter:
                                      output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
         started = time.monotonic()
         user_id = request.user_id
+        on_ledger = self.app.ledger_workers.run
         generation_id = generation_id or new_generation_id()
 
         def worst(lane):
             return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
 
-        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst,
-                                                          gateway_key)
+        decision, record, reservation = await on_ledger(self._route_completion, user_id, route, model, worst, gateway_key)
         candidates = [decision.primary] + decision.fallbacks
         # Kept for the gateway's content-free metadata of the route.
         request.route_candidates = [candidate.lane.id for candidate in candidates]
@@ -261,11 +261,11 @@ class ModelRouter:
                 remaining = deadline - time.monotonic()
                 if key is None or remaining <= 0:
                     if reservation is not None:
-                        await request.run(self._release, user_id, reservation)
+                        await on_ledger(self._release, user_id, reservation)
                         reservation = None
                     continue
                 if reservation is None and seq > 1:
-                    reservation = await request.run(self._reserve, user_id, worst(lane), project_id, gateway_key)
+                    reservation = await on_ledger(self._reserve, user_id, worst(lane), project_id, gateway_key)
                 if reservation is None:
                     refused_for_budget = True
                     attempts.append(_attempt_row(generation_id, seq, lane, project_id, "refused", "budget_exceeded", 0))
@@ -284,7 +284,7 @@ class ModelRouter:
                 written = generation() if final else None
                 held, reservation = reservation, None
                 # Settling runs to its end even if the caller leaves meanwhile.
-                await asyncio.shield(request.run(self._settle, user_id, held, row, written))
+                await asyncio.shield(on_ledger(self._settle, user_id, held, row, written))
                 if final:
                     break
         except BaseException as error:
@@ -294,13 +294,13 @@ class ModelRouter:
                 ended = _attempt_row(generation_id, len(attempts) + 1, lane, project_id, status, status,
                                      int((time.monotonic() - started) * 1000))
                 attempts.append(ended)
-                await asyncio.shield(request.run(self._settle, user_id, reservation, ended, generation(status)))
+                await asyncio.shield(on_ledger(self._settle, user_id, reservation, ended, generation(status)))
             elif written is None:
-                await asyncio.shield(request.run(self._write_generation, user_id, generation(status)))
+                await asyncio.shield(on_ledger(self._write_generation, user_id, generation(status)))
             raise
         if written is None:
             written = generation()
-            await request.run(self._write_generation, user_id, written)
+            await on_ledger(self._write_generation, user_id, written)
         if answer is None:
             if last_failure is None and refused_for_budget:
                 raise ApiError(BUDGET_STATUS, "budget exceeded: the worst-case cost of this request is more than "
@@ -358,7 +358,7 @@ class ModelRouter:
                       "latency_ms": max(0, int((time.monotonic() - started) * 1000)), "fell_back": 0,
                       "zero_completion_insured": 0, "error_code": row["error_code"],
                       "request_id": request.request_id, "tools_declared": 0, "created_at": clock.now()}
-        await asyncio.shield(request.run(self._settle_probe, request.user_id, row, generation))
+        await asyncio.shield(self.app.ledger_workers.run(self._settle_probe, request.user_id, row, generation))
         if result.outcome is None:
             raise ApiError(ALL_FAILED_STATUS, f"probe failed: {result.message} ({result.failure})")
         return {"ok": True, "generation_id": generation_id, "model": lane.id, "provider": lane.provider,
