@@ -364,8 +364,12 @@ class RelayTestCase(unittest.TestCase):
 
     def assertError(self, answer, status, expected_status, message=None, contains=None):
         """The error envelope: an object `error` with a string `message`, and a `request_id`."""
-        self.assertEqual(status, expected_status, answer)
-        self.assertEqual(set(answer), {"error", "request_id"})
+        # An unexpected internal error is explained by the relay's log, not by its answer.
+        self.assertEqual(status, expected_status, answer if status != 500 else f"{answer}\n{self.relay.log()[-4000:]}")
+        # The gateway's paths answer in their callers' protocols: Anthropic's marks the body as an
+        # error, and both name the error's type beside its message.
+        protocol_shape = answer.get("type") == "error" or "type" in answer.get("error", {})
+        self.assertEqual(set(answer) - {"type"} if protocol_shape else set(answer), {"error", "request_id"})
         self.assertIsInstance(answer["error"]["message"], str)
         self.assertTrue(answer["request_id"].startswith("req_"))
         if message is not None:
@@ -383,6 +387,13 @@ CHUNK = {"seq": 1, "stream": "output", "data": "hello\r\n", "ts": "2026-01-31T09
 SAMPLE_TOOL = {"type": "function", "function": {"name": "project_action", "parameters": {
     "type": "object", "properties": {"action": {"type": "string"}}, "required": ["action"],
     "additionalProperties": False}}}
+# A gateway key as the application's create form sends it, every field given.
+GATEWAY_KEY = {"name": "Local SDK", "limit_usd": 5, "reset_interval": "monthly", "requests_per_minute": 60,
+               "tokens_per_minute": 100000, "allowed_models": [], "allowed_providers": [],
+               "content_filters": [{"name": "Secrets", "pattern": "sk-[A-Za-z0-9]{20,}", "action": "redact"}],
+               "enforce_zdr_anthropic": False, "enforce_zdr_openai": False, "enforce_zdr_google": False,
+               "enforce_zdr_xai": False, "enforce_zdr_other": False, "expires_in_days": 90}
+
 ROUTES = [
     ("GET", "v1/health", False, None),
     ("POST", "v1/auth/local", False, {}),
@@ -426,6 +437,18 @@ ROUTES = [
     ("GET", "v1/router/generations", True, None),
     ("POST", "v1/complete", True, {"task": "reason", "input": "Plan the change.", "model": "auto",
                                    "max_output_tokens": 4000}),
+    ("POST", "v1/router/probe", True, {"model_id": "claude-subscription"}),
+    ("GET", "v1/router/api-keys", True, None),
+    ("POST", "v1/router/api-keys", True, GATEWAY_KEY),
+    ("DELETE", "v1/router/api-keys/{id}", True, None),
+    ("GET", "v1/models", True, None),
+    ("POST", "v1/chat/completions", True, {"model": "auto", "messages": [{"role": "user", "content": "Hello"}]}),
+    ("POST", "v1/responses", True, {"model": "auto", "input": "Hello", "instructions": "Be brief.",
+                                    "max_output_tokens": 100}),
+    ("POST", "v1/messages", True, {"model": "auto", "max_tokens": 100,
+                                   "messages": [{"role": "user", "content": "Hello"}]}),
+    ("POST", "v1/v1/messages", True, {"model": "auto", "max_tokens": 100,
+                                      "messages": [{"role": "user", "content": "Hello"}]}),
 ]
 
 
@@ -441,10 +464,12 @@ def make_records(relay, token):
     post(f"v1/terminal/sessions/{session}/events", {"chunks": [CHUNK]})
     project = post("v1/projects", {"name": "p", "root_path": f"/work/{interrupt}"})["id"]
     item = post(f"v1/projects/{project}/context", {"title": "Tests", "content": "Run ctest."})["id"]
-    return {"interrupt": interrupt, "session": session, "project": project, "item": item}
+    key = post("v1/router/api-keys", GATEWAY_KEY)["id"]
+    return {"interrupt": interrupt, "session": session, "project": project, "item": item, "key": key}
 
 
 def route_path(pattern, ids):
     """A pattern with its {id} and {item} filled for the record kind its path names."""
-    kind = ("interrupt" if "interrupts" in pattern else "session" if "terminal" in pattern else "project")
+    kind = ("interrupt" if "interrupts" in pattern else "session" if "terminal" in pattern
+            else "key" if "api-keys" in pattern else "project")
     return pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))

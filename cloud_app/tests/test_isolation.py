@@ -42,7 +42,7 @@ class EveryPathTest(TwoUsersTestCase):
             status, answer, _ = self.as_bob(method, route_path(pattern, ids), body)
             self.assertEqual(status, 404, (method, pattern, answer))
             checked += 1
-        self.assertEqual(checked, 10)
+        self.assertEqual(checked, 11)
         # Nothing of Alice's was decided, written, ended or deleted by those requests.
         self.assertEqual(self.call("GET", f"v1/interrupts/{ids['interrupt']}")[1]["status"], "open")
         transcript = self.call("GET", f"v1/terminal/sessions/{ids['session']}")[1]
@@ -50,6 +50,9 @@ class EveryPathTest(TwoUsersTestCase):
         self.assertNotIn("ended_at", transcript)
         self.assertEqual([item["id"] for item in self.call("GET", f"v1/projects/{ids['project']}/context")[1]],
                          [ids["item"]])
+        alice_keys = self.call("GET", "v1/router/api-keys", token=self.alice)[1]
+        self.assertEqual([(key["id"], key["status"]) for key in alice_keys], [(ids["key"], "active")])
+        self.assertEqual(self.call("GET", "v1/router/api-keys", token=self.bob)[1], [])
         self.assertRelayIntact()
 
     def test_the_path_list_names_every_route_of_the_relay(self):

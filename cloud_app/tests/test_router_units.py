@@ -10,7 +10,7 @@ import unittest
 import support  # noqa: F401  (puts the relay on the path)
 from relaylib import clock
 from relaylib.db import Database
-from relaylib.modelrouter import lanes, ledger, scoring, toolcheck
+from relaylib.modelrouter import conversation, lanes, ledger, protocols, scoring, toolcheck
 from relaylib.modelrouter.protocols import ToolCallOut
 from router_support import lane as record
 
@@ -216,6 +216,83 @@ class ToolCheckTest(unittest.TestCase):
         self.assertEqual(self.check(("project_action", "{}")), (False, "missing_required"))
         self.assertEqual(self.check(("project_action", '{"action": 1}')), (False, "wrong_type"))
         self.assertEqual(self.check(("project_action", '{"action": "a", "x": 1}')), (False, "unexpected_property"))
+
+
+class StreamDeltaTest(unittest.TestCase):
+    def feed(self, protocol, events):
+        reader = protocols.StreamReader(protocol)
+        for name, event in events:
+            if name:
+                reader.feed(b"event: " + name.encode())
+            reader.feed(b"data: " + json.dumps(event).encode())
+        return reader
+
+    def test_text_and_tool_calls_are_kept_in_order_with_their_ids_in_each_protocol(self):
+        anthropic = self.feed(lanes.ANTHROPIC_MESSAGES, [
+            ("message_start", {"type": "message_start", "message": {"id": "m", "usage": {"input_tokens": 5}}}),
+            (None, {"type": "content_block_start", "index": 0, "content_block": {"type": "text", "text": ""}}),
+            (None, {"type": "content_block_delta", "index": 0, "delta": {"type": "text_delta", "text": "Hi"}}),
+            (None, {"type": "content_block_start", "index": 1,
+                    "content_block": {"type": "tool_use", "id": "toolu_9", "name": "f"}}),
+            (None, {"type": "content_block_delta", "index": 1,
+                    "delta": {"type": "input_json_delta", "partial_json": "{\"a\":"}}),
+            (None, {"type": "content_block_delta", "index": 1,
+                    "delta": {"type": "input_json_delta", "partial_json": "1}"}}),
+            (None, {"type": "message_delta", "delta": {"stop_reason": "tool_use"}, "usage": {"output_tokens": 3}}),
+            (None, {"type": "message_stop"})])
+        chat = self.feed(lanes.OPENAI_CHAT, [
+            (None, {"id": "c", "choices": [{"delta": {"content": "Hi"}}]}),
+            (None, {"choices": [{"delta": {"tool_calls": [{"index": 0, "id": "call_9",
+                                                           "function": {"name": "f", "arguments": "{\"a\":"}}]}}]}),
+            (None, {"choices": [{"delta": {"tool_calls": [{"index": 0, "function": {"arguments": "1}"}}]}}]}),
+            (None, {"choices": [{"delta": {}, "finish_reason": "tool_calls"}]})])
+        responses = self.feed(lanes.OPENAI_RESPONSES, [
+            (None, {"type": "response.output_text.delta", "delta": "Hi"}),
+            (None, {"type": "response.output_item.added", "output_index": 1,
+                    "item": {"type": "function_call", "call_id": "fc_9", "name": "f"}}),
+            (None, {"type": "response.function_call_arguments.delta", "output_index": 1, "delta": "{\"a\":"}),
+            (None, {"type": "response.function_call_arguments.delta", "output_index": 1, "delta": "1}"}),
+            (None, {"type": "response.output_item.done", "output_index": 1,
+                    "item": {"type": "function_call", "call_id": "fc_9", "name": "f", "arguments": "{\"a\":1}"}}),
+            (None, {"type": "response.completed", "response": {"status": "completed"}})])
+        for reader, call_id in ((anthropic, "toolu_9"), (chat, "call_9"), (responses, "fc_9")):
+            with self.subTest(protocol=reader.protocol):
+                self.assertEqual(reader.take_deltas(), [("text", "Hi"), ("tool", 0, call_id, "f"),
+                                                        ("arguments", 0, "{\"a\":"), ("arguments", 0, "1}")])
+                [call] = reader.outcome.tool_calls
+                self.assertEqual((call.id, call.name, conversation.arguments_object(call.arguments)),
+                                 (call_id, "f", {"a": 1}))
+                self.assertEqual(reader.take_deltas(), [])
+
+
+class ConversationTest(unittest.TestCase):
+    TURNS = [{"role": "user", "content": "Go"},
+             {"role": "assistant", "content": "", "tool_calls": [{"id": "1", "name": "f", "arguments": "{}"},
+                                                                 {"id": "2", "name": "g", "arguments": "bad"}]},
+             {"role": "tool", "tool_call_id": "1", "content": "one"},
+             {"role": "tool", "tool_call_id": "2", "content": "two", "is_error": True},
+             {"role": "user", "content": "And?"}]
+
+    def test_anthropic_puts_every_tool_result_and_the_following_text_in_one_user_message(self):
+        messages = conversation.anthropic_messages(self.TURNS)
+        self.assertEqual([message["role"] for message in messages], ["user", "assistant", "user"])
+        self.assertEqual([block["type"] for block in messages[1]["content"]], ["tool_use", "tool_use"])
+        # Arguments that are not a JSON object reach an object-only protocol as an empty one.
+        self.assertEqual(messages[1]["content"][1]["input"], {})
+        self.assertEqual(messages[2]["content"], [
+            {"type": "tool_result", "tool_use_id": "1", "content": "one"},
+            {"type": "tool_result", "tool_use_id": "2", "content": "two", "is_error": True},
+            {"type": "text", "text": "And?"}])
+
+    def test_responses_gets_calls_and_outputs_as_items_and_chat_keeps_its_own_shape(self):
+        items = conversation.responses_input(self.TURNS)
+        self.assertEqual([item.get("type", item.get("role")) for item in items],
+                         ["user", "function_call", "function_call", "function_call_output", "function_call_output",
+                          "user"])
+        chat = conversation.openai_chat_messages(self.TURNS)
+        self.assertEqual([message["role"] for message in chat], ["user", "assistant", "tool", "tool", "user"])
+        self.assertIsNone(chat[1]["content"])
+        self.assertEqual(chat[1]["tool_calls"][1]["function"]["arguments"], "bad")
 
 
 class FiguresTest(unittest.TestCase):

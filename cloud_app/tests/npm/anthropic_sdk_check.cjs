@@ -6,7 +6,7 @@
 const { TOOL_NAME, TOOL_SCHEMA, loadPackage, clientOptions, runCases } = require('./sdk_check_common.cjs');
 
 async function messages(client, options) {
-  const request = { model: 'fake-model', max_tokens: 256, messages: [{ role: 'user', content: 'Say hello' }] };
+  const request = { model: options.model ?? 'fake-model', max_tokens: 256, messages: [{ role: 'user', content: 'Say hello' }] };
   if (options.tools) request.tools = [{ name: TOOL_NAME, input_schema: TOOL_SCHEMA }];
   const message = options.stream
     ? await client.messages.stream(request).finalMessage()

@@ -10,7 +10,7 @@ function usageOf(input, output, total) {
 }
 
 async function chat(client, options) {
-  const request = { model: 'fake-model', messages: [{ role: 'user', content: 'Say hello' }] };
+  const request = { model: options.model ?? 'fake-model', messages: [{ role: 'user', content: 'Say hello' }] };
   if (options.tools) request.tools = [{ type: 'function', function: { name: TOOL_NAME, parameters: TOOL_SCHEMA } }];
   const streamed = { ...request, stream_options: { include_usage: true } };
   const completion = options.stream
@@ -30,7 +30,7 @@ async function chat(client, options) {
 }
 
 async function responses(client, options) {
-  const request = { model: 'fake-model', input: 'Say hello' };
+  const request = { model: options.model ?? 'fake-model', input: 'Say hello' };
   if (options.tools) {
     request.tools = [{ type: 'function', name: TOOL_NAME, parameters: TOOL_SCHEMA, strict: false }];
   }

@@ -20,12 +20,14 @@ from . import VERSION
 from .auth import Auth
 from .cli_status import CliInspector
 from .config import LISTEN_BACKLOG, MAX_HEADER_BYTES, MAX_HEADER_COUNT, MAX_REQUEST_LINE_BYTES, RESERVED_FILES, \
-    WORKER_THREADS, SettingsError, load_settings
+    LEDGER_THREADS, WORKER_THREADS, SettingsError, load_settings
 from .db import Database
 from .hub import Hub
 from .interrupts import Queue
 from .mailer import Mailer
 from .modelrouter import ModelRouter
+from .modelrouter.gateway import Gateway
+from .modelrouter.gatewaykeys import GatewayKeys
 from .projects import Projects
 from .routing import Router
 from .runs import Runs
@@ -37,7 +39,7 @@ from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_s
 
 log = logging.getLogger("relay")
 
-AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter)
+AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter, GatewayKeys, Gateway)
 # How often idle connections are looked for, as a share of the idle time-out.
 IDLE_SWEEPS_PER_TIMEOUT = 4
 # How often committed changes are copied from the write-ahead log into the database.
@@ -53,10 +55,13 @@ class App:
         self.mailer = Mailer(settings)
         self.router = Router()
         self.workers = WorkerPool(WORKER_THREADS)
+        self.ledger_workers = WorkerPool(LEDGER_THREADS, name="relay-ledger")
         self.upstream = Upstream(settings.timings)
         self.areas = {area: area(self) for area in AREAS}
         self.auth = self.areas[Auth]
         self.queue = self.areas[Queue]
+        self.gateway_keys = self.areas[GatewayKeys]
+        self.gateway = self.areas[Gateway]
         self.hub = Hub(self.queue.build_snapshot)
         self.router.add("GET", "v1/health", self.health, auth=False)
         for area in self.areas.values():
@@ -82,6 +87,7 @@ class App:
         timings = self.settings.timings
         self.hub.bind(loop)
         self.workers.start(loop)
+        self.ledger_workers.start(loop)
         limit, reserve = connection_limit(timings.max_connections)
         self.guard = ConnectionGuard(limit, timings.idle_timeout_seconds, slack=reserve // 4)
         dispatcher = Dispatcher(self, None)
@@ -152,6 +158,7 @@ class App:
 
     def _close_resources(self):
         self.workers.shutdown()
+        self.ledger_workers.shutdown()
         self.db.close()
 
 

@@ -43,6 +43,10 @@ LISTEN_BACKLOG = 512
 # Handlers are synchronous and run on this many threads beside the event loop; the
 # database has one writer whatever this number is.
 WORKER_THREADS = 16
+# The router's ledger writes (a route's reservation, an attempt's settlement) queue on their
+# own few threads: handed in order to one writer, they do not crowd the handlers' threads
+# around the database's one write lock, which under load costs more than the writes.
+LEDGER_THREADS = 2
 # How long a stopping relay waits for answers in progress before it cuts them off.
 SHUTDOWN_GRACE_SECONDS = 2.0
 # Calls to model providers: the time to connect, the longest silence while reading an
@@ -58,6 +62,8 @@ CLI_STATUS_CACHE_SECONDS = 5.0
 # Provider health, observed speed and tool-call quality are read from the ledger at most
 # this often per user when routing (a preview or a completion).
 ROUTER_SIGNALS_SECONDS = 1.0
+# A gateway key's requests and tokens per minute are counted over a rolling window this long.
+GATEWAY_RATE_WINDOW_SECONDS = 60.0
 # At most this many provider connections open at once, over all callers.
 UPSTREAM_CONNECTIONS = 100
 # A quiet stream sends a comment this often so the client does not take it for dead
@@ -167,6 +173,7 @@ class Timings:
     complete_deadline_seconds: float = COMPLETE_DEADLINE_SECONDS
     cli_status_cache_seconds: float = CLI_STATUS_CACHE_SECONDS
     router_signals_seconds: float = ROUTER_SIGNALS_SECONDS
+    gateway_rate_window_seconds: float = GATEWAY_RATE_WINDOW_SECONDS
 
 
 # Environment variables that override a timing, with the field they set.
@@ -193,6 +200,7 @@ TIMING_VARIABLES = {
     "MERE_RELAY_COMPLETE_DEADLINE_SECONDS": "complete_deadline_seconds",
     "MERE_RELAY_CLI_STATUS_CACHE_SECONDS": "cli_status_cache_seconds",
     "MERE_RELAY_ROUTER_SIGNALS_SECONDS": "router_signals_seconds",
+    "MERE_RELAY_GATEWAY_RATE_WINDOW_SECONDS": "gateway_rate_window_seconds",
 }
 
 

@@ -310,6 +310,36 @@ CREATE TABLE router_reservations (
 CREATE INDEX router_reservations_by_user ON router_reservations (user_id);
 """
 
+GATEWAY = """
+CREATE TABLE gateway_keys (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    name TEXT NOT NULL,
+    prefix TEXT NOT NULL,
+    secret_hash TEXT NOT NULL UNIQUE,
+    limit_usd REAL,
+    reset_interval TEXT NOT NULL,
+    requests_per_minute INTEGER,
+    tokens_per_minute INTEGER,
+    allowed_models TEXT NOT NULL,
+    allowed_providers TEXT NOT NULL,
+    content_filters TEXT NOT NULL,
+    enforce_zdr TEXT NOT NULL,
+    block_events INTEGER NOT NULL DEFAULT 0,
+    redact_events INTEGER NOT NULL DEFAULT 0,
+    status TEXT NOT NULL,
+    created_at REAL NOT NULL,
+    expires_at REAL,
+    last_used_at REAL,
+    revoked_at REAL,
+    PRIMARY KEY (user_id, id)
+);
+CREATE INDEX gateway_keys_by_time ON gateway_keys (user_id, created_at);
+ALTER TABLE router_generations ADD COLUMN gateway_key_id TEXT;
+CREATE INDEX router_generations_by_key ON router_generations (user_id, gateway_key_id, created_at);
+ALTER TABLE router_reservations ADD COLUMN gateway_key_id TEXT;
+"""
+
 
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
@@ -317,4 +347,5 @@ MIGRATIONS = [
     (3, "no lone surrogates in stored interrupts", repair_stored_text),
     (4, "interrupts withdrawn by their raiser", WITHDRAWALS),
     (5, "model router: policy, budgets, decisions, generations, attempts, reservations", ROUTER),
+    (6, "gateway keys and their guardrails", GATEWAY),
 ]

@@ -24,6 +24,10 @@ class Route:
     body_limit: int
     is_async: bool
     quick: bool
+    # Whether a gateway key is the credential: "" never, "only", or "also" (beside a session).
+    gateway: str = ""
+    # Builds the error body in the caller's protocol: (ApiError, request id, Request) -> JSON value.
+    error_shape: object = None
 
     @property
     def literal_count(self):
@@ -49,7 +53,7 @@ class Router:
         # Routes by their number of segments: a path is only ever matched against these.
         self._by_length = {}
 
-    def add(self, method, pattern, handler, auth=True, body_limit=None, quick=False):
+    def add(self, method, pattern, handler, auth=True, body_limit=None, quick=False, gateway="", error_shape=None):
         """Registers a handler; `auth` says whether it needs a session token.
 
         A plain function runs on the worker pool; an `async def` runs on the event loop
@@ -63,7 +67,8 @@ class Router:
             body_limit = MAX_BODY_BYTES if auth else SIGN_IN_BODY_BYTES
         segments = tuple(pattern.strip("/").split("/"))
         is_async = inspect.iscoroutinefunction(handler)
-        route = Route(method, segments, handler, auth, body_limit, is_async, quick and not is_async)
+        route = Route(method, segments, handler, auth or bool(gateway), body_limit, is_async, quick and not is_async,
+                      gateway, error_shape)
         self._routes.append(route)
         self._by_length.setdefault(len(segments), []).append(route)
 

@@ -83,6 +83,8 @@ class Request:
         self.params = {}
         self.user = None
         self.token_hash = None
+        # The key's stored row when a gateway key is the credential, else None.
+        self.gateway_key = None
         self.route = None
         self._parsed = False
         self._json = None
@@ -250,7 +252,7 @@ class Dispatcher:
                 # A stream already under way cannot turn into an error answer: it just ends.
                 log.info("stream ended early: %s id=%s", error.message, request_id)
                 return raw["event_stream"]
-            return self._error_response(raw, error, request_id)
+            return self._error_response(raw, error, request_id, request)
         except (ClientGone, ConnectionError):
             raise asyncio.CancelledError() from None
         except Exception:
@@ -258,15 +260,17 @@ class Dispatcher:
             log.exception("unexpected failure on %s %s id=%s", shown(raw.method), shown(where), request_id)
             if self._status_sent(raw) != "gone":
                 return raw["event_stream"]
-            return self._error_response(raw, ApiError(500, "internal error"), request_id)
+            return self._error_response(raw, ApiError(500, "internal error"), request_id, request)
         if isinstance(result, web.StreamResponse):
             return result
         if isinstance(result, Response):
             return json_response(result.status, result.value, request_id, result.headers)
         return json_response(200, result, request_id)
 
-    def _error_response(self, raw, error, request_id):
-        response = json_response(error.status, envelope(error.message, request_id), request_id, error.headers)
+    def _error_response(self, raw, error, request_id, request=None):
+        shape = request.route.error_shape if request is not None and request.route is not None else None
+        body = shape(error, request_id, request) if shape is not None else envelope(error.message, request_id)
+        response = json_response(error.status, body, request_id, error.headers)
         # A body left unread, or framed in a way not to be trusted, means this connection cannot
         # carry another request.
         if error.close or (raw.body_exists and not raw.content.is_eof()):
@@ -295,7 +299,11 @@ class Dispatcher:
         """Steps 3 to 5: the session, the body, the handler."""
         route = request.route
         protocol = raw.protocol
-        if route.auth:
+        if route.gateway and (route.gateway == "only" or request.bearer_token() is None
+                              or self.app.gateway_keys.presents_key(request)):
+            await request.run(self.app.gateway_keys.authenticate, request)
+            protocol.guard.busy(protocol)
+        elif route.auth:
             if not self.app.auth.authenticate_remembered(request):
                 await request.run(self.app.auth.authenticate, request)
             protocol.guard.busy(protocol)

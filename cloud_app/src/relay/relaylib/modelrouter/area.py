@@ -8,6 +8,7 @@ provider reported. So any number of completions at once can never spend past a b
 """
 
 import asyncio
+import functools
 import json
 import math
 import secrets
@@ -19,21 +20,22 @@ from ..cli_status import CliInspector
 from ..config import HEALTH_WINDOW
 from ..errors import ApiError, bad_request, not_found
 from ..jsonio import Body
-from . import ledger, protocols, scoring
+from . import conversation, ledger, protocols, scoring
 from .calls import attempt
+from .caller_requests import MAX_INPUT_CHARACTERS, MAX_NAME, MAX_OUTPUT_TOKENS, chat_tools
+from .guardrails import zdr_group
 from .lanes import INVENTORY_VARIABLE, Catalog, adapter_record, model_record
 from .toolcheck import check_answer
 
 # Policy limits.
 MAX_FALLBACKS = 10
 MAX_ALLOWED_PROVIDERS = 100
-MAX_NAME = 200
-# Completion limits.
-MAX_INPUT_CHARACTERS = 4_000_000
-MAX_OUTPUT_TOKENS = 1_000_000
-MAX_TOOLS = 64
 # A token estimate for scoring only: about four bytes of text per token.
 BYTES_PER_TOKEN_ESTIMATE = 4
+# A probe asks for the least a provider can answer: one token of output.
+PROBE_INPUT = "Reply with the word OK."
+PROBE_OUTPUT_TOKENS = 1
+PROBE_TASK = "chat"
 NO_LANE_STATUS = 422
 BUDGET_STATUS = 402
 ALL_FAILED_STATUS = 502
@@ -41,6 +43,10 @@ ALL_FAILED_STATUS = 502
 
 def _new_id(prefix):
     return prefix + secrets.token_hex(12)
+
+
+def new_generation_id():
+    return _new_id("gen_")
 
 
 class ModelRouter:
@@ -63,7 +69,9 @@ class ModelRouter:
         router.add("GET", "v1/router/budgets", self.read_budgets)
         router.add("POST", "v1/router/budgets", self.save_budget, quick=True)
         router.add("GET", "v1/router/generations", self.read_generations)
-        router.add("POST", "v1/complete", self.complete)
+        # Programs holding a gateway key may call it too, under their key's rules.
+        router.add("POST", "v1/complete", self.complete, gateway="also")
+        router.add("POST", "v1/router/probe", self.probe)
 
     async def start(self):
         # Nothing is in flight when the relay starts: reservations left by a stopped relay go.
@@ -166,7 +174,7 @@ class ModelRouter:
             channel=body.one_of("channel", scoring.CHANNELS),
             latency_budget_ms=body.integer("latency_budget_ms", required=False, minimum=0),
             max_cost_usd=body.number("max_cost_usd", required=False, minimum=0),
-            tools=_tools(body))
+            tools=chat_tools(body))
         if body.has("provider"):
             raw = request.json()["provider"]
             provider = Body(raw, "provider.")
@@ -200,28 +208,51 @@ class ModelRouter:
         model = body.string("model", required=False, non_empty=True, max_length=MAX_NAME) or "auto"
         preset = body.string("preset", required=False, non_empty=True, max_length=MAX_NAME)
         max_output = body.integer("max_output_tokens", minimum=1, maximum=MAX_OUTPUT_TOKENS)
-        tools = _tools(body)
+        tools = chat_tools(body)
         if preset is not None:
             # Presets are kept by an area this relay does not have yet: a named one cannot exist.
             raise not_found(f"preset {preset} not found")
-        prompt_bytes = len(text.encode("utf-8")) + len((instructions or "").encode("utf-8"))
-        route = scoring.RouteRequest(task=task, input_tokens=max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE),
+        if request.gateway_key is not None and project_id is not None:
+            # A key reaches no project data, not even to charge a project's budget.
+            raise not_found("project not found")
+        key, instructions, turns = await self.app.gateway.guard(request, instructions, protocols.turns_of(text))
+        prompt = text if key is None else turns
+        completion, _ = await self.run_completion(request, task, prompt, instructions, project_id, model, max_output,
+                                                  tools, gateway_key=key)
+        self.app.gateway.used(key, completion)
+        return completion
+
+    async def run_completion(self, request, task, text, instructions, project_id, model, max_output, tools,
+                             gateway_key=None, on_delta=None, generation_id=None):
+        """Routes one completion and tries its lanes in turn; returns (the `GatewayCompletion`
+        record, the served attempt's outcome). `text` is a prompt or a conversation; `gateway_key` is a
+        gateway key's rules, which narrow the lanes and are recorded with the generation. `on_delta`
+        is awaited with (the lane, deltas) as a streamed answer comes (see calls.attempt); once it
+        has received part of one, no other lane is tried. `generation_id` names the generation when
+        the caller needs its id before the answer (a stream's first event carries it)."""
+        size = prompt_bytes(text) + len((instructions or "").encode("utf-8"))
+        route = scoring.RouteRequest(task=task, input_tokens=max(1, size // BYTES_PER_TOKEN_ESTIMATE),
                                      output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
         started = time.monotonic()
         user_id = request.user_id
-        generation_id = _new_id("gen_")
+        on_ledger = self.app.ledger_workers.run
+        generation_id = generation_id or new_generation_id()
 
         def worst(lane):
             return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
 
-        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst)
+        decision, record, reservation = await on_ledger(self._route_completion, user_id, route, model, worst, gateway_key)
         candidates = [decision.primary] + decision.fallbacks
+        # Kept for the gateway's content-free metadata of the route.
+        request.route_candidates = [candidate.lane.id for candidate in candidates]
         deadline = started + self.timings.complete_deadline_seconds
         attempts, answer, last_failure, refused_for_budget, written = [], None, None, False, None
         lane = None
 
         def generation(status=None):
-            return _generation_row(generation_id, record, route, answer, attempts, started, request.request_id, status)
+            row = _generation_row(generation_id, record, route, answer, attempts, started, request.request_id, status)
+            row["gateway_key_id"] = gateway_key["id"] if gateway_key else None
+            return row
 
         try:
             for seq, candidate in enumerate(candidates, start=1):
@@ -230,20 +261,22 @@ class ModelRouter:
                 remaining = deadline - time.monotonic()
                 if key is None or remaining <= 0:
                     if reservation is not None:
-                        await request.run(self._release, user_id, reservation)
+                        await on_ledger(self._release, user_id, reservation)
                         reservation = None
                     continue
                 if reservation is None and seq > 1:
-                    reservation = await request.run(self._reserve, user_id, worst(lane), project_id)
+                    reservation = await on_ledger(self._reserve, user_id, worst(lane), project_id, gateway_key)
                 if reservation is None:
                     refused_for_budget = True
                     attempts.append(_attempt_row(generation_id, seq, lane, project_id, "refused", "budget_exceeded", 0))
                     continue
-                result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining)
+                forward = None if on_delta is None else functools.partial(on_delta, lane)
+                result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining,
+                                       on_delta=forward)
                 row = _result_row(generation_id, seq, lane, project_id, result, tools)
                 attempts.append(row)
                 final = row["status"] == "succeeded" or result.failure in protocols.NOT_RETRYABLE \
-                    or seq == len(candidates)
+                    or result.forwarded or seq == len(candidates)
                 if row["status"] == "succeeded":
                     answer = (candidate, result)
                 else:
@@ -251,7 +284,7 @@ class ModelRouter:
                 written = generation() if final else None
                 held, reservation = reservation, None
                 # Settling runs to its end even if the caller leaves meanwhile.
-                await asyncio.shield(request.run(self._settle, user_id, held, row, written))
+                await asyncio.shield(on_ledger(self._settle, user_id, held, row, written))
                 if final:
                     break
         except BaseException as error:
@@ -261,13 +294,13 @@ class ModelRouter:
                 ended = _attempt_row(generation_id, len(attempts) + 1, lane, project_id, status, status,
                                      int((time.monotonic() - started) * 1000))
                 attempts.append(ended)
-                await asyncio.shield(request.run(self._settle, user_id, reservation, ended, generation(status)))
+                await asyncio.shield(on_ledger(self._settle, user_id, reservation, ended, generation(status)))
             elif written is None:
-                await asyncio.shield(request.run(self._write_generation, user_id, generation(status)))
+                await asyncio.shield(on_ledger(self._write_generation, user_id, generation(status)))
             raise
         if written is None:
             written = generation()
-            await request.run(self._write_generation, user_id, written)
+            await on_ledger(self._write_generation, user_id, written)
         if answer is None:
             if last_failure is None and refused_for_budget:
                 raise ApiError(BUDGET_STATUS, "budget exceeded: the worst-case cost of this request is more than "
@@ -288,12 +321,61 @@ class ModelRouter:
             "latency_ms": written["latency_ms"], "fell_back": bool(written["fell_back"]),
             "attempts": [ledger.attempt_record(row) for row in attempts], "route_decision_id": record["id"],
             "routed_because": decision.routed_because, "request_id": request.request_id})
-        return completion
+        return completion, result.outcome
 
-    def _route_completion(self, user_id, route, model, worst):
+    # Probes.
+
+    async def probe(self, request):
+        """One real minimal request to one lane, recorded as a generation. A provider that does
+        not answer correctly is a failure status, never a 2xx with `ok` false: the application
+        shows any 2xx as connected."""
+        model_id = request.body().string("model_id", non_empty=True, max_length=MAX_NAME)
+        lane = next((lane for lane in self.catalog.lanes if lane.id == model_id), None)
+        if lane is None:
+            raise not_found(f"model {model_id} is not in the catalog")
+        if lane.channel != "api":
+            raise ApiError(NO_LANE_STATUS, f"{model_id} is a CLI lane; the application runs it, not the relay")
+        key = self.catalog.key(lane)
+        # An API lane's readiness does not depend on the CLIs' status.
+        reason = self.catalog.unavailable_reason(lane, cli={})
+        if key is None or reason is not None:
+            raise ApiError(NO_LANE_STATUS, f"{model_id} cannot be probed: {reason or 'its key is not set'}")
+        generation_id = new_generation_id()
+        started = time.monotonic()
+        result = await attempt(self.app.upstream, lane, key, PROBE_INPUT, None, PROBE_OUTPUT_TOKENS, None,
+                               self.timings.complete_deadline_seconds)
+        row = _attempt_row(generation_id, 1, lane, None, "failed", result.failure, result.latency_ms)
+        if result.outcome is not None:
+            # A probe asks for one token, so an answer without text still shows the lane works.
+            outcome = result.outcome
+            row.update(status="succeeded", error_code=None, upstream_id=outcome.upstream_id,
+                       input_tokens=outcome.input_tokens, output_tokens=outcome.output_tokens,
+                       cost_usd=lane.cost(outcome.input_tokens, outcome.output_tokens))
+        generation = {"id": generation_id, "project_id": None, "route_decision_id": "probe", "task": PROBE_TASK,
+                      "model_id": lane.id, "provider": lane.provider, "service_tier": lane.service_tier,
+                      "status": row["status"], "input_tokens": row["input_tokens"],
+                      "output_tokens": row["output_tokens"], "cost_usd": row["cost_usd"],
+                      "latency_ms": max(0, int((time.monotonic() - started) * 1000)), "fell_back": 0,
+                      "zero_completion_insured": 0, "error_code": row["error_code"],
+                      "request_id": request.request_id, "tools_declared": 0, "created_at": clock.now()}
+        await asyncio.shield(self.app.ledger_workers.run(self._settle_probe, request.user_id, row, generation))
+        if result.outcome is None:
+            raise ApiError(ALL_FAILED_STATUS, f"probe failed: {result.message} ({result.failure})")
+        return {"ok": True, "generation_id": generation_id, "model": lane.id, "provider": lane.provider,
+                "latency_ms": result.latency_ms, "cost_usd": row["cost_usd"]}
+
+    def _settle_probe(self, user_id, row, generation):
+        with self.db.write_as(user_id) as conn:
+            ledger.add_attempt(conn, row)
+            ledger.add_generation(conn, generation)
+
+    def _route_completion(self, user_id, route, model, worst, key=None):
         """Decides, stores the decision and reserves the primary lane's worst case, in one write."""
         readiness = self.catalog.readiness()
         lanes = self.catalog.lanes
+        if key is not None:
+            # A key's allowlists intersect the request's own choice of model.
+            lanes = [lane for lane in lanes if lane.channel != "api" or key_allows(key, lane)]
         if model != "auto":
             lanes = [lane for lane in lanes if model in (lane.id, lane.routing_model)]
             if not lanes:
@@ -312,12 +394,12 @@ class ModelRouter:
         record = decision_record(_new_id("rd_"), clock.now_iso(), decision, readiness)
         with self.db.write_as(user_id) as conn:
             ledger.store_decision(conn, record["id"], "complete", route.task, record)
-            reservation = ledger.reserve(conn, worst(decision.primary.lane), route.project_id)
+            reservation = ledger.reserve(conn, worst(decision.primary.lane), route.project_id, key)
         return decision, record, reservation
 
-    def _reserve(self, user_id, amount, project_id):
+    def _reserve(self, user_id, amount, project_id, gateway_key=None):
         with self.db.write_as(user_id) as conn:
-            return ledger.reserve(conn, amount, project_id)
+            return ledger.reserve(conn, amount, project_id, gateway_key)
 
     def _release(self, user_id, reservation):
         with self.db.write_as(user_id) as conn:
@@ -361,27 +443,31 @@ def _generation_row(generation_id, record, route, answer, attempts, started, req
             "request_id": request_id, "tools_declared": int(bool(route.tools)), "created_at": clock.now()}
 
 
+def prompt_bytes(text):
+    """The size of a prompt or a conversation's texts (tool calls' arguments included)."""
+    if isinstance(text, str):
+        return len(text.encode("utf-8"))
+    return sum(len(piece.encode("utf-8")) for piece in conversation.texts_of(text))
+
+
+def key_allows(key, lane):
+    """Whether a gateway key's allowlists and retention rules let it reach `lane`."""
+    models = key["allowed_models"]
+    if models and lane.id not in models and lane.routing_model not in models:
+        return False
+    providers = key["allowed_providers"]
+    if providers and lane.provider not in providers and lane.endpoint_slug not in providers:
+        return False
+    if key["enforce_zdr"].get(zdr_group(lane.provider, lane.id)) and lane.data_policy != "zdr":
+        return False
+    return True
+
+
 def worst_case_input(lane, text, instructions, max_output, tools):
     """The most input tokens a request can be charged for: one per byte of the whole request body
     sent to the provider (no tokenizer in use makes more tokens than bytes)."""
     _, body = protocols.build_request(lane, "", text, instructions, max_output, tools, lane.streams)
     return len(json.dumps(body).encode("utf-8"))
-
-
-def _tools(body):
-    """The tools a request declares, each checked for the shape routing and validation need."""
-    tools = body.array("tools", required=False)
-    if tools is None:
-        return None
-    if len(tools) > MAX_TOOLS:
-        raise bad_request(f"tools must hold at most {MAX_TOOLS} tools")
-    for index, tool in enumerate(tools):
-        item = Body(tool, f"tools[{index}].")
-        item.one_of("type", ("function",))
-        function = Body(tool.get("function"), f"tools[{index}].function.")
-        function.string("name", non_empty=True, max_length=MAX_NAME)
-        Body(tool["function"].get("parameters"), f"tools[{index}].function.parameters.")
-    return tools or None
 
 
 def _attempt_row(generation_id, seq, lane, project_id, status, error_code, latency_ms):

@@ -24,12 +24,15 @@ class AttemptResult:
     # A stream that had started to answer and then reported an error: whatever it had produced
     # is not charged.
     broke_off: bool = False
+    # Part of the answer was passed on to the caller already: no other lane may answer instead.
+    forwarded: bool = False
 
 
 async def attempt(upstream, lane, key, text, instructions, max_output_tokens, tools, total_seconds,
-                  clock=time.monotonic):
+                  clock=time.monotonic, on_delta=None):
     """Calls `lane` once and reads its answer; never raises for the provider's failures (only for
-    the caller's cancellation)."""
+    the caller's cancellation, or `on_delta`'s own errors). `on_delta`, when given, is awaited with
+    each stretch of a streamed answer's deltas (see protocols.StreamReader) as it arrives."""
     stream = lane.streams
     headers, body = protocols.build_request(lane, key, text, instructions, max_output_tokens, tools, stream)
     started = clock()
@@ -43,6 +46,7 @@ async def attempt(upstream, lane, key, text, instructions, max_output_tokens, to
             throughput = outcome.output_tokens / max(span, MIN_THROUGHPUT_SECONDS)
         return AttemptResult(outcome, failure, message, latency_ms, throughput)
 
+    forwarded = False
     try:
         async with upstream.call("POST", lane.url, headers=headers, json=body,
                                  total_seconds=max(0.001, total_seconds)) as answer:
@@ -59,21 +63,30 @@ async def attempt(upstream, lane, key, text, instructions, max_output_tokens, to
             reader, first = protocols.StreamReader(lane.protocol_name), None
             async for line in answer.lines():
                 # Read to the end even after the last event, so the connection goes back to the pool.
-                if reader.feed(line) and first is None:
-                    first = clock()
+                if reader.feed(line):
+                    if first is None:
+                        first = clock()
+                    deltas = reader.take_deltas()
+                    if on_delta is not None and deltas:
+                        forwarded = True
+                        await on_delta(deltas)
             outcome = reader.outcome
             if outcome.error is not None:
                 failed = result(None, outcome.error[0], f"{lane.display_name}: {outcome.error[1]}")
-                failed.broke_off = first is not None
+                failed.broke_off, failed.forwarded = first is not None, forwarded
                 return failed
             if not reader.done:
-                return result(None, protocols.SERVER_ERROR, f"{lane.display_name}'s answer ended early")
+                ended = result(None, protocols.SERVER_ERROR, f"{lane.display_name}'s answer ended early")
+                ended.forwarded = forwarded
+                return ended
             return result(outcome, None, "", first)
     except UpstreamError as error:
         failure = protocols.TIMEOUT if error.status == 504 else protocols.UNREACHABLE
-        return result(None, failure, f"{lane.display_name}: {error.message}")
+        failed = result(None, failure, f"{lane.display_name}: {error.message}")
     except asyncio.TimeoutError:
-        return result(None, protocols.TIMEOUT, f"{lane.display_name}: the provider did not answer in time")
+        failed = result(None, protocols.TIMEOUT, f"{lane.display_name}: the provider did not answer in time")
+    failed.forwarded = forwarded
+    return failed
 
 
 async def _drain(answer):

@@ -130,16 +130,36 @@ def headroom(conn, project_id=None, now=None):
     return least
 
 
-def reserve(conn, amount, project_id=None):
-    """Holds `amount` against every budget that applies, if each has that much left; returns the
-    reservation's id, or None when a budget has not. Run inside one write transaction, so that
-    two requests can never both take the last of a budget."""
-    left = headroom(conn, project_id)
-    if left is not None and amount > left + 1e-12:
+def key_spent(conn, key_id, since):
+    """What a gateway key's generations cost since `since`."""
+    return conn.execute("SELECT COALESCE(SUM(cost_usd), 0) FROM router_generations WHERE user_id = :user_id "
+                        "AND gateway_key_id = :key AND created_at >= :since",
+                        {"key": key_id, "since": since}).fetchone()[0]
+
+
+def key_headroom(conn, key, now=None):
+    """What a gateway key's spend limit has left in its period, counting its requests in flight;
+    None without a limit."""
+    if key is None or key.get("limit_usd") is None:
         return None
-    cursor = conn.execute("INSERT INTO router_reservations (user_id, project_id, amount_usd, created_at) "
-                          "VALUES (:user_id, :project, :amount, :now)",
-                          {"project": project_id, "amount": amount, "now": clock.now()})
+    now = clock.now() if now is None else now
+    reserved = conn.execute("SELECT COALESCE(SUM(amount_usd), 0) FROM router_reservations WHERE user_id = :user_id "
+                            "AND gateway_key_id = :key", {"key": key["id"]}).fetchone()[0]
+    return key["limit_usd"] - key_spent(conn, key["id"], period_start(key["reset_interval"], now)) - reserved
+
+
+def reserve(conn, amount, project_id=None, key=None):
+    """Holds `amount` against every budget that applies (and the spend limit of the gateway key
+    `key`, when given), if each has that much left; returns the reservation's id, or None when
+    one has not. Run inside one write transaction, so that two requests can never both take the
+    last of a budget."""
+    for left in (headroom(conn, project_id), key_headroom(conn, key)):
+        if left is not None and amount > left + 1e-12:
+            return None
+    cursor = conn.execute("INSERT INTO router_reservations (user_id, project_id, amount_usd, created_at, "
+                          "gateway_key_id) VALUES (:user_id, :project, :amount, :now, :key)",
+                          {"project": project_id, "amount": amount, "now": clock.now(),
+                           "key": key["id"] if key else None})
     return cursor.lastrowid
 
 
@@ -179,10 +199,11 @@ def add_generation(conn, generation):
     conn.execute(
         "INSERT INTO router_generations (user_id, id, project_id, route_decision_id, task, model_id, provider, "
         "service_tier, status, input_tokens, output_tokens, cost_usd, latency_ms, fell_back, cache_hit, "
-        "zero_completion_insured, error_code, request_id, tools_declared, created_at) VALUES (:user_id, :id, "
-        ":project_id, :route_decision_id, :task, :model_id, :provider, :service_tier, :status, :input_tokens, "
-        ":output_tokens, :cost_usd, :latency_ms, :fell_back, 0, :zero_completion_insured, :error_code, "
-        ":request_id, :tools_declared, :created_at)", generation)
+        "zero_completion_insured, error_code, request_id, tools_declared, created_at, gateway_key_id) VALUES "
+        "(:user_id, :id, :project_id, :route_decision_id, :task, :model_id, :provider, :service_tier, :status, "
+        ":input_tokens, :output_tokens, :cost_usd, :latency_ms, :fell_back, 0, :zero_completion_insured, "
+        ":error_code, :request_id, :tools_declared, :created_at, :gateway_key_id)",
+        dict(generation, gateway_key_id=generation.get("gateway_key_id")))
 
 
 def attempt_record(row):

@@ -7,8 +7,10 @@ finish reason and the provider's id for the answer.
 """
 
 import dataclasses
+import itertools
 import json
 
+from . import conversation
 from .lanes import ANTHROPIC_MESSAGES, OPENAI_CHAT, OPENAI_RESPONSES
 
 ANTHROPIC_VERSION = "2023-06-01"
@@ -55,10 +57,20 @@ def classify_error_type(kind):
     return SERVER_ERROR
 
 
+_call_serial = itertools.count(1)
+
+
+def _call_id(value):
+    """A provider's id for a tool call, or one of ours when it sent none: the caller needs one
+    to answer the call with its result."""
+    return value if isinstance(value, str) and value else f"call_{next(_call_serial)}"
+
+
 @dataclasses.dataclass
 class ToolCallOut:
     name: str
     arguments: object  # a JSON text (OpenAI) or an object (Anthropic)
+    id: str = dataclasses.field(default_factory=lambda: _call_id(None))
 
 
 @dataclasses.dataclass
@@ -70,6 +82,13 @@ class Outcome:
     finish_reason: str | None = None
     upstream_id: str | None = None
     error: tuple | None = None  # (failure class, message) reported inside a stream
+
+
+# What a stream carried since it was last asked, in the order it came: `("text", piece)`,
+# `("tool", ordinal, id, name)` when a tool call begins, `("arguments", ordinal, piece)`.
+TEXT_DELTA = "text"
+TOOL_DELTA = "tool"
+ARGUMENTS_DELTA = "arguments"
 
 
 def _count(value):
@@ -84,34 +103,42 @@ def _take_usage(outcome, usage, input_key="input_tokens", output_key="output_tok
 
 # Requests.
 
+def turns_of(text):
+    """A prompt as turns: a plain text is one user turn; a conversation is already turns
+    (`{role: "user"|"assistant", content: text}`, oldest first)."""
+    return [{"role": "user", "content": text}] if isinstance(text, str) else list(text)
+
+
 def build_request(lane, key, text, instructions, max_output_tokens, tools, stream):
-    """(headers, body) of one request to `lane` in its protocol."""
+    """(headers, body) of one request to `lane` in its protocol; `text` is a prompt or a
+    conversation (see `turns_of` and conversation.py)."""
     protocol = lane.protocol_name
+    turns = turns_of(text)
     if protocol == ANTHROPIC_MESSAGES:
         headers = {"x-api-key": key, "anthropic-version": ANTHROPIC_VERSION}
         body = {"model": lane.upstream_model, "max_tokens": max_output_tokens,
-                "messages": [{"role": "user", "content": text}]}
+                "messages": conversation.anthropic_messages(turns)}
         if instructions:
             body["system"] = instructions
         if tools:
-            body["tools"] = [{"name": tool["function"]["name"], "input_schema": tool["function"]["parameters"]}
-                             for tool in tools]
+            body["tools"] = conversation.anthropic_tools(tools)
     elif protocol == OPENAI_CHAT:
         headers = {"Authorization": f"Bearer {key}"}
         messages = [{"role": "system", "content": instructions}] if instructions else []
         body = {"model": lane.upstream_model, "max_completion_tokens": max_output_tokens,
-                "messages": messages + [{"role": "user", "content": text}]}
+                "messages": messages + conversation.openai_chat_messages(turns)}
         if tools:
             body["tools"] = tools
         if stream:
             body["stream_options"] = {"include_usage": True}
     else:
         headers = {"Authorization": f"Bearer {key}"}
-        body = {"model": lane.upstream_model, "max_output_tokens": max_output_tokens, "input": text}
+        body = {"model": lane.upstream_model, "max_output_tokens": max_output_tokens,
+                "input": text if isinstance(text, str) else conversation.responses_input(turns)}
         if instructions:
             body["instructions"] = instructions
         if tools:
-            body["tools"] = [dict(tool["function"], type="function") for tool in tools]
+            body["tools"] = conversation.responses_tools(tools)
     if stream:
         body["stream"] = True
     return headers, body
@@ -129,7 +156,8 @@ def parse_whole(protocol, body):
             if block.get("type") == "text":
                 outcome.text += block.get("text") or ""
             elif block.get("type") == "tool_use":
-                outcome.tool_calls.append(ToolCallOut(block.get("name") or "", block.get("input")))
+                outcome.tool_calls.append(ToolCallOut(block.get("name") or "", block.get("input"),
+                                                      _call_id(block.get("id"))))
         _take_usage(outcome, body.get("usage"))
         return outcome
     if protocol == OPENAI_CHAT:
@@ -141,7 +169,8 @@ def parse_whole(protocol, body):
                           finish_reason=choices[0].get("finish_reason"))
         for call in message.get("tool_calls") or []:
             function = call.get("function") or {}
-            outcome.tool_calls.append(ToolCallOut(function.get("name") or "", function.get("arguments")))
+            outcome.tool_calls.append(ToolCallOut(function.get("name") or "", function.get("arguments"),
+                                                  _call_id(call.get("id"))))
         _take_usage(outcome, body.get("usage"), "prompt_tokens", "completion_tokens")
         return outcome
     outcome = Outcome(upstream_id=body.get("id"), finish_reason=body.get("status"))
@@ -151,7 +180,8 @@ def parse_whole(protocol, body):
                 if part.get("type") == "output_text":
                     outcome.text += part.get("text") or ""
         elif item.get("type") == "function_call":
-            outcome.tool_calls.append(ToolCallOut(item.get("name") or "", item.get("arguments")))
+            outcome.tool_calls.append(ToolCallOut(item.get("name") or "", item.get("arguments"),
+                                                  _call_id(item.get("call_id"))))
     _take_usage(outcome, body.get("usage"))
     return outcome
 
@@ -159,15 +189,20 @@ def parse_whole(protocol, body):
 # Streamed answers.
 
 class StreamReader:
-    """Reads one protocol's server-sent events line by line into an Outcome."""
+    """Reads one protocol's server-sent events line by line into an Outcome, and keeps what
+    each line carried (`deltas`) for a caller that passes the answer on as it comes."""
 
     def __init__(self, protocol):
         self.protocol = protocol
         self.outcome = Outcome()
-        self.first_text_seen = False
         self.done = False
+        self.deltas = []
         self._event = None
-        self._tools = {}  # index -> [name, argument text or object]
+        self._tools = {}  # the provider's index for a call -> [ordinal, id, name, argument text]
+
+    def take_deltas(self):
+        deltas, self.deltas = self.deltas, []
+        return deltas
 
     def feed(self, line):
         """Takes one line (bytes, without its end); returns True when it carried output."""
@@ -193,6 +228,28 @@ class StreamReader:
             return self._chat(event)
         return self._responses(kind, event)
 
+    def _text(self, piece):
+        if not piece:
+            return False
+        self.outcome.text += piece
+        self.deltas.append((TEXT_DELTA, piece))
+        return True
+
+    def _begin_tool(self, index, call_id, name):
+        entry = self._tools.get(index)
+        if entry is None:
+            entry = self._tools[index] = [len(self._tools), _call_id(call_id), name or "", ""]
+            self.deltas.append((TOOL_DELTA, entry[0], entry[1], entry[2]))
+        return entry
+
+    def _arguments(self, index, piece):
+        entry = self._tools.get(index)
+        if entry is None or not piece:
+            return False
+        entry[3] += piece
+        self.deltas.append((ARGUMENTS_DELTA, entry[0], piece))
+        return True
+
     def _fail(self, error):
         error = error if isinstance(error, dict) else {}
         self.outcome.error = (classify_error_type(error.get("type") or error.get("code")),
@@ -209,15 +266,14 @@ class StreamReader:
         elif kind == "content_block_start":
             block = event.get("content_block") or {}
             if block.get("type") == "tool_use":
-                self._tools[event.get("index")] = [block.get("name") or "", ""]
+                self._begin_tool(event.get("index"), block.get("id"), block.get("name"))
+                return True
         elif kind == "content_block_delta":
             delta = event.get("delta") or {}
             if delta.get("type") == "text_delta":
-                outcome.text += delta.get("text") or ""
-                return True
-            if delta.get("type") == "input_json_delta" and event.get("index") in self._tools:
-                self._tools[event.get("index")][1] += delta.get("partial_json") or ""
-                return True
+                return self._text(delta.get("text"))
+            if delta.get("type") == "input_json_delta":
+                return self._arguments(event.get("index"), delta.get("partial_json"))
         elif kind == "message_delta":
             outcome.finish_reason = (event.get("delta") or {}).get("stop_reason")
             outcome.output_tokens = _count((event.get("usage") or {}).get("output_tokens"))
@@ -238,15 +294,14 @@ class StreamReader:
         carried = False
         for choice in event.get("choices") or []:
             delta = choice.get("delta") or {}
-            if delta.get("content"):
-                outcome.text += delta["content"]
-                carried = True
+            carried = self._text(delta.get("content")) or carried
             for call in delta.get("tool_calls") or []:
-                entry = self._tools.setdefault(call.get("index", 0), ["", ""])
                 function = call.get("function") or {}
-                entry[0] = entry[0] or function.get("name") or ""
-                entry[1] += function.get("arguments") or ""
-                carried = True
+                index = call.get("index", 0)
+                if index not in self._tools:
+                    self._begin_tool(index, call.get("id"), function.get("name"))
+                    carried = True
+                carried = self._arguments(index, function.get("arguments")) or carried
             if choice.get("finish_reason"):
                 outcome.finish_reason = choice["finish_reason"]
                 self._close_tools()
@@ -255,14 +310,20 @@ class StreamReader:
     def _responses(self, kind, event):
         outcome = self.outcome
         if kind == "response.output_text.delta":
-            outcome.text += event.get("delta") or ""
-            return True
-        if kind == "response.function_call_arguments.delta":
-            return True
-        if kind == "response.output_item.done":
+            return self._text(event.get("delta"))
+        if kind == "response.output_item.added":
             item = event.get("item") or {}
             if item.get("type") == "function_call":
-                outcome.tool_calls.append(ToolCallOut(item.get("name") or "", item.get("arguments")))
+                self._begin_tool(event.get("output_index"), item.get("call_id"), item.get("name"))
+                return True
+        elif kind == "response.function_call_arguments.delta":
+            return self._arguments(event.get("output_index"), event.get("delta"))
+        elif kind == "response.output_item.done":
+            item = event.get("item") or {}
+            if item.get("type") == "function_call":
+                entry = self._tools.pop(event.get("output_index"), None)
+                call_id = entry[1] if entry is not None else _call_id(item.get("call_id"))
+                outcome.tool_calls.append(ToolCallOut(item.get("name") or "", item.get("arguments"), call_id))
         elif kind in ("response.created", "response.in_progress"):
             outcome.upstream_id = (event.get("response") or {}).get("id")
         elif kind in ("response.completed", "response.incomplete", "response.failed"):
@@ -277,7 +338,6 @@ class StreamReader:
         return False
 
     def _close_tools(self):
-        for index in sorted(self._tools, key=lambda key: (key is None, key)):
-            name, arguments = self._tools[index]
-            self.outcome.tool_calls.append(ToolCallOut(name, arguments))
+        for _, call_id, name, arguments in sorted(self._tools.values()):
+            self.outcome.tool_calls.append(ToolCallOut(name, arguments, call_id))
         self._tools.clear()
