@@ -26,6 +26,7 @@ from .hub import Hub
 from .interrupts import Queue
 from .mailer import Mailer
 from .modelrouter import ModelRouter
+from .modelrouter.classifiers import Classifiers
 from .modelrouter.gateway import Gateway
 from .modelrouter.gatewaykeys import GatewayKeys
 from .projects import Projects
@@ -39,7 +40,7 @@ from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_s
 
 log = logging.getLogger("relay")
 
-AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter, GatewayKeys, Gateway)
+AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter, GatewayKeys, Gateway, Classifiers)
 # How often idle connections are looked for, as a share of the idle time-out.
 IDLE_SWEEPS_PER_TIMEOUT = 4
 # How often committed changes are copied from the write-ahead log into the database.
