@@ -461,6 +461,10 @@ ROUTES = [
     ("GET", "v1/classifiers/activity", True, None),
     ("PUT", "v1/classifiers/{id}", True, CLASSIFIER),
     ("DELETE", "v1/classifiers/{id}", True, None),
+    ("GET", "v1/composio/status", True, None),
+    ("GET", "v1/composio/toolkits", True, None),
+    ("GET", "v1/composio/connections", True, None),
+    ("POST", "v1/composio/connections", True, {"toolkit": "github"}),
 ]
 
 

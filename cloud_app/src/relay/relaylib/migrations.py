@@ -375,6 +375,24 @@ CREATE INDEX classification_activity_by_classifier ON classification_activity (u
 CREATE INDEX classification_activity_pending ON classification_activity (status);
 """
 
+INTEGRATIONS = """
+CREATE TABLE integration_links (
+    id INTEGER PRIMARY KEY,
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    toolkit TEXT NOT NULL,
+    connected_account_id TEXT,
+    created_at REAL NOT NULL
+);
+CREATE INDEX integration_links_by_time ON integration_links (user_id, created_at);
+CREATE TABLE integration_statuses (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    toolkit TEXT NOT NULL,
+    status TEXT NOT NULL,
+    seen_at REAL NOT NULL,
+    PRIMARY KEY (user_id, toolkit)
+);
+"""
+
 
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
@@ -384,4 +402,5 @@ MIGRATIONS = [
     (5, "model router: policy, budgets, decisions, generations, attempts, reservations", ROUTER),
     (6, "gateway keys and their guardrails", GATEWAY),
     (9, "usage classifiers and their activity", CLASSIFIERS),
+    (10, "connected apps: links started and statuses seen", INTEGRATIONS),
 ]
