@@ -394,6 +394,13 @@ GATEWAY_KEY = {"name": "Local SDK", "limit_usd": 5, "reset_interval": "monthly",
                "enforce_zdr_anthropic": False, "enforce_zdr_openai": False, "enforce_zdr_google": False,
                "enforce_zdr_xai": False, "enforce_zdr_other": False, "expires_in_days": 90}
 
+CLASSIFIER = {"name": "Agent complexity", "model": "", "sampling_rate": 1.0,
+              "prompt": "Classify the work being requested, not the person asking.", "active": True,
+              "dimensions": [{"key": "difficulty_tier", "label": "Difficulty",
+                              "values": ["trivial", "standard", "expert"]},
+                             {"key": "task_family", "label": "Task family",
+                              "values": ["coding", "analysis", "planning", "research"]}]}
+
 ROUTES = [
     ("GET", "v1/health", False, None),
     ("POST", "v1/auth/local", False, {}),
@@ -449,6 +456,15 @@ ROUTES = [
                                    "messages": [{"role": "user", "content": "Hello"}]}),
     ("POST", "v1/v1/messages", True, {"model": "auto", "max_tokens": 100,
                                       "messages": [{"role": "user", "content": "Hello"}]}),
+    ("GET", "v1/classifiers", True, None),
+    ("POST", "v1/classifiers", True, CLASSIFIER),
+    ("GET", "v1/classifiers/activity", True, None),
+    ("PUT", "v1/classifiers/{id}", True, CLASSIFIER),
+    ("DELETE", "v1/classifiers/{id}", True, None),
+    ("GET", "v1/composio/status", True, None),
+    ("GET", "v1/composio/toolkits", True, None),
+    ("GET", "v1/composio/connections", True, None),
+    ("POST", "v1/composio/connections", True, {"toolkit": "github"}),
 ]
 
 
@@ -465,11 +481,13 @@ def make_records(relay, token):
     project = post("v1/projects", {"name": "p", "root_path": f"/work/{interrupt}"})["id"]
     item = post(f"v1/projects/{project}/context", {"title": "Tests", "content": "Run ctest."})["id"]
     key = post("v1/router/api-keys", GATEWAY_KEY)["id"]
-    return {"interrupt": interrupt, "session": session, "project": project, "item": item, "key": key}
+    classifier = post("v1/classifiers", CLASSIFIER)["data"]["id"]
+    return {"interrupt": interrupt, "session": session, "project": project, "item": item, "key": key,
+            "classifier": classifier}
 
 
 def route_path(pattern, ids):
     """A pattern with its {id} and {item} filled for the record kind its path names."""
     kind = ("interrupt" if "interrupts" in pattern else "session" if "terminal" in pattern
-            else "key" if "api-keys" in pattern else "project")
+            else "key" if "api-keys" in pattern else "classifier" if "classifiers" in pattern else "project")
     return pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))

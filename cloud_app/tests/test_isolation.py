@@ -42,7 +42,7 @@ class EveryPathTest(TwoUsersTestCase):
             status, answer, _ = self.as_bob(method, route_path(pattern, ids), body)
             self.assertEqual(status, 404, (method, pattern, answer))
             checked += 1
-        self.assertEqual(checked, 11)
+        self.assertEqual(checked, 13)
         # Nothing of Alice's was decided, written, ended or deleted by those requests.
         self.assertEqual(self.call("GET", f"v1/interrupts/{ids['interrupt']}")[1]["status"], "open")
         transcript = self.call("GET", f"v1/terminal/sessions/{ids['session']}")[1]
@@ -53,6 +53,9 @@ class EveryPathTest(TwoUsersTestCase):
         alice_keys = self.call("GET", "v1/router/api-keys", token=self.alice)[1]
         self.assertEqual([(key["id"], key["status"]) for key in alice_keys], [(ids["key"], "active")])
         self.assertEqual(self.call("GET", "v1/router/api-keys", token=self.bob)[1], [])
+        [classifier] = self.call("GET", "v1/classifiers", token=self.alice)[1]["data"]
+        self.assertEqual((classifier["id"], classifier["name"]), (ids["classifier"], "Agent complexity"))
+        self.assertEqual(self.call("GET", "v1/classifiers", token=self.bob)[1], {"data": []})
         self.assertRelayIntact()
 
     def test_the_path_list_names_every_route_of_the_relay(self):

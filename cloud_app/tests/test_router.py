@@ -24,11 +24,13 @@ class RouterTestCase(RelayTestCase):
     """A relay whose inventory holds lanes on one fake provider, in every protocol."""
 
     lanes = ()
+    # More of the relay's environment, for a subclass.
+    extra_env = {}
 
     @classmethod
     def setUpClass(cls):
         cls.fake = FakeProvider(expected_key=FAKE_KEY).start()
-        cls.relay_env = dict(inventory_env(cls.make_lanes(cls.fake)),
+        cls.relay_env = dict(inventory_env(cls.make_lanes(cls.fake)), **cls.extra_env,
                              MERE_RELAY_UPSTREAM_READ_SECONDS=SILENCE_SECONDS, MERE_RELAY_ROUTER_SIGNALS_SECONDS="0")
         super().setUpClass()
 

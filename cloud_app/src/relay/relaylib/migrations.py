@@ -341,6 +341,59 @@ ALTER TABLE router_reservations ADD COLUMN gateway_key_id TEXT;
 """
 
 
+CLASSIFIERS = """
+CREATE TABLE classifiers (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    name TEXT NOT NULL,
+    model TEXT NOT NULL,
+    sampling_rate REAL NOT NULL,
+    prompt TEXT NOT NULL,
+    dimensions TEXT NOT NULL,
+    active INTEGER NOT NULL,
+    created_at REAL NOT NULL,
+    updated_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id)
+);
+CREATE INDEX classifiers_active ON classifiers (active, user_id);
+CREATE TABLE classification_activity (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    generation_id TEXT NOT NULL,
+    classifier_id TEXT NOT NULL,
+    classifier_name TEXT NOT NULL,
+    status TEXT NOT NULL,
+    tags TEXT NOT NULL,
+    error_code TEXT,
+    model_id TEXT,
+    provider TEXT,
+    created_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id)
+);
+CREATE INDEX classification_activity_by_time ON classification_activity (user_id, created_at);
+CREATE INDEX classification_activity_by_classifier ON classification_activity (user_id, classifier_id, status);
+CREATE INDEX classification_activity_pending ON classification_activity (status);
+"""
+
+INTEGRATIONS = """
+CREATE TABLE integration_links (
+    id INTEGER PRIMARY KEY,
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    toolkit TEXT NOT NULL,
+    connected_account_id TEXT,
+    created_at REAL NOT NULL
+);
+CREATE INDEX integration_links_by_time ON integration_links (user_id, created_at);
+CREATE TABLE integration_statuses (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    toolkit TEXT NOT NULL,
+    status TEXT NOT NULL,
+    seen_at REAL NOT NULL,
+    PRIMARY KEY (user_id, toolkit)
+);
+"""
+
+
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
     (2, "every record belongs to a user", OWNERS),
@@ -348,4 +401,6 @@ MIGRATIONS = [
     (4, "interrupts withdrawn by their raiser", WITHDRAWALS),
     (5, "model router: policy, budgets, decisions, generations, attempts, reservations", ROUTER),
     (6, "gateway keys and their guardrails", GATEWAY),
+    (9, "usage classifiers and their activity", CLASSIFIERS),
+    (10, "connected apps: links started and statuses seen", INTEGRATIONS),
 ]

@@ -60,6 +60,9 @@ class ModelRouter:
         self._cli_read_at = -math.inf
         self._signals_lock = threading.Lock()
         self._signals_cache = {}  # user id -> (read at, health, performance, tool quality)
+        # Called with (user id, generation id, prompt, instructions, tools, outcome) for each
+        # completed generation; each returns at once.
+        self.generation_listeners = []
 
     def register(self, router):
         router.add("GET", "v1/router/catalog", self.read_catalog)
@@ -223,13 +226,15 @@ class ModelRouter:
         return completion
 
     async def run_completion(self, request, task, text, instructions, project_id, model, max_output, tools,
-                             gateway_key=None, on_delta=None, generation_id=None):
+                             gateway_key=None, on_delta=None, generation_id=None, classify=True):
         """Routes one completion and tries its lanes in turn; returns (the `GatewayCompletion`
         record, the served attempt's outcome). `text` is a prompt or a conversation; `gateway_key` is a
         gateway key's rules, which narrow the lanes and are recorded with the generation. `on_delta`
         is awaited with (the lane, deltas) as a streamed answer comes (see calls.attempt); once it
         has received part of one, no other lane is tried. `generation_id` names the generation when
-        the caller needs its id before the answer (a stream's first event carries it)."""
+        the caller needs its id before the answer (a stream's first event carries it). A completed
+        generation is offered to `generation_listeners` (usage classifiers) unless `classify` is
+        false (a classifier's own call)."""
         size = prompt_bytes(text) + len((instructions or "").encode("utf-8"))
         route = scoring.RouteRequest(task=task, input_tokens=max(1, size // BYTES_PER_TOKEN_ESTIMATE),
                                      output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
@@ -311,6 +316,9 @@ class ModelRouter:
                                               f"({last_failure.failure})")
         candidate, result = answer
         lane = candidate.lane
+        if classify:
+            for listener in self.generation_listeners:
+                listener(user_id, generation_id, text, instructions, tools, result.outcome)
         completion = {"id": generation_id, "output": result.outcome.text, "model": lane.id,
                       "provider": lane.provider, "upstream_model": lane.upstream_model}
         if result.outcome.finish_reason:
