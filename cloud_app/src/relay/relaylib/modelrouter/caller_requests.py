@@ -213,16 +213,22 @@ def anthropic_messages(raw):
 
 
 def _anthropic_tools(tools):
+    return _typed_tools(tools, (None, "custom"), "input_schema", "custom")
+
+
+def _typed_tools(tools, accepted, schema_field, wanted):
+    """Declared tools whose `type` is one of `accepted` (None: may be left out), each with
+    its schema in `schema_field`; any other type is refused naming the kind wanted."""
     _check_tool_count(tools)
     declared = []
     for index, tool in enumerate(tools):
         where = f"tools[{index}]."
         item = Body(tool, where)
-        kind = item.string("type", required=False)
-        if kind not in (None, "custom"):
-            raise bad_request(f"{where}type {kind} is not supported by this relay yet; declare custom tools")
+        kind = item.string("type", required=None not in accepted)
+        if kind not in accepted:
+            raise bad_request(f"{where}type {kind} is not supported by this relay yet; declare {wanted} tools")
         declared.append(_tool(item.string("name", non_empty=True, max_length=MAX_NAME),
-                              item.string("description", required=False), tool.get("input_schema"), where))
+                              item.string("description", required=False), tool.get(schema_field), where))
     return declared or None
 
 
@@ -285,17 +291,7 @@ def openai_responses(raw):
 
 
 def _responses_tools(tools):
-    _check_tool_count(tools)
-    declared = []
-    for index, tool in enumerate(tools):
-        where = f"tools[{index}]."
-        item = Body(tool, where)
-        kind = item.string("type")
-        if kind != "function":
-            raise bad_request(f"{where}type {kind} is not supported by this relay yet; declare function tools")
-        declared.append(_tool(item.string("name", non_empty=True, max_length=MAX_NAME),
-                              item.string("description", required=False), tool.get("parameters"), where))
-    return declared or None
+    return _typed_tools(tools, ("function",), "parameters", "function")
 
 
 def _responses_turns(items):
