@@ -330,7 +330,8 @@ class ModelRouter:
         if lane.channel != "api":
             raise ApiError(NO_LANE_STATUS, f"{model_id} is a CLI lane; the application runs it, not the relay")
         key = self.catalog.key(lane)
-        reason = self.catalog.unavailable_reason(lane)
+        # An API lane never reads the CLI status, so there is none to pass.
+        reason = self.catalog.unavailable_reason(lane, {})
         if key is None or reason is not None:
             raise ApiError(NO_LANE_STATUS, f"{model_id} cannot be probed: {reason or 'its key is not set'}")
         generation_id = _new_id("gen_")
