@@ -69,6 +69,24 @@ ScrollView {
         }
         Small { visible: vm.isLoading; text: view.labels.loading }
 
+        // The confirmation of a revoke, above everything else while it waits.
+        OutlinedBox {
+            objectName: "revokeConfirmation"
+            visible: vm.confirmingRevoke
+            Layout.fillWidth: true
+            border.width: 2
+            ColumnLayout {
+                width: parent.width
+                spacing: 6
+                Body { text: view.labels.revokeTitle; font.bold: true }
+                Body { text: view.labels.revokeMessage }
+                RowLayout {
+                    PlainButton { objectName: "cancelRevoke"; text: view.labels.cancel; onClicked: vm.cancelRevoke() }
+                    PlainButton { objectName: "confirmRevoke"; text: view.labels.confirmRevoke; onClicked: vm.confirmRevoke() }
+                }
+            }
+        }
+
         // The secret, shown once.
         ColumnLayout {
             objectName: "createdSecret"
@@ -184,28 +202,41 @@ ScrollView {
             }
             Repeater {
                 model: vm.contentFilters
-                RowLayout {
+                OutlinedBox {
                     required property var modelData
                     required property int index
                     Layout.fillWidth: true
-                    LabeledField {
-                        Layout.fillWidth: true
-                        label: view.labels.filterName; hint: view.labels.filterNameHint; text: modelData.name
-                        onEdited: function(text) { vm.setFilterName(index, text) }
+                    GridLayout {
+                        width: parent.width
+                        columns: 2
+                        columnSpacing: 8
+                        rowSpacing: 4
+                        LabeledField {
+                            Layout.fillWidth: true
+                            Layout.preferredWidth: 1
+                            label: view.labels.filterName; hint: view.labels.filterNameHint; text: modelData.name
+                            onEdited: function(text) { vm.setFilterName(index, text) }
+                        }
+                        LabeledField {
+                            Layout.fillWidth: true
+                            Layout.preferredWidth: 2
+                            label: view.labels.filterPattern; hint: view.labels.filterPatternHint
+                            text: modelData.pattern
+                            onEdited: function(text) { vm.setFilterPattern(index, text) }
+                        }
+                        LabeledPicker {
+                            Layout.fillWidth: true
+                            Layout.preferredWidth: 1
+                            label: view.labels.filterAction; model: ["block", "redact"]; value: modelData.action
+                            display: function(v) { return v.toUpperCase() }
+                            onPicked: function(v) { vm.setFilterAction(index, v) }
+                        }
+                        PlainButton {
+                            Layout.alignment: Qt.AlignBottom | Qt.AlignRight
+                            text: view.labels.removeFilter
+                            onClicked: vm.removeFilter(index)
+                        }
                     }
-                    LabeledField {
-                        Layout.fillWidth: true
-                        Layout.preferredWidth: 2
-                        label: view.labels.filterPattern; hint: view.labels.filterPatternHint
-                        text: modelData.pattern
-                        onEdited: function(text) { vm.setFilterPattern(index, text) }
-                    }
-                    LabeledPicker {
-                        label: view.labels.filterAction; model: ["block", "redact"]; value: modelData.action
-                        display: function(v) { return v.toUpperCase() }
-                        onPicked: function(v) { vm.setFilterAction(index, v) }
-                    }
-                    PlainButton { text: view.labels.removeFilter; onClicked: vm.removeFilter(index) }
                 }
             }
             Small { text: view.labels.filtersNote; opacity: Theme.secondaryOpacity }
@@ -259,28 +290,5 @@ ScrollView {
         CodeBox { objectName: "anthropicSample"; code: vm.anthropicSample }
         LabelText { text: view.labels.routerFeatures }
         Small { text: view.labels.routerFeaturesNote; opacity: Theme.secondaryOpacity }
-    }
-
-    // The confirmation of a revoke.
-    Dialog {
-        objectName: "revokeDialog"
-        parent: Overlay.overlay
-        anchors.centerIn: parent
-        modal: true
-        visible: vm.confirmingRevoke
-        title: view.labels.revokeTitle
-        font.family: Theme.monoFamily
-        onRejected: vm.cancelRevoke()
-        contentItem: Text {
-            text: view.labels.revokeMessage
-            wrapMode: Text.Wrap
-            font.family: Theme.monoFamily
-            font.pixelSize: Theme.bodySize
-            color: Theme.ink
-        }
-        footer: RowLayout {
-            PlainButton { objectName: "cancelRevoke"; text: view.labels.cancel; onClicked: vm.cancelRevoke() }
-            PlainButton { objectName: "confirmRevoke"; text: view.labels.confirmRevoke; onClicked: vm.confirmRevoke() }
-        }
     }
 }

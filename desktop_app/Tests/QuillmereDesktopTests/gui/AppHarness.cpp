@@ -31,6 +31,10 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     QmlSingleton<AuthStore>::set(m_auth.get());
     QmlSingleton<CLIStatusStore>::set(m_cli.get());
     QmlSingleton<RootController>::set(m_root.get());
+    // The inventory file in the test's own home, its keys in the in-memory secret store.
+    m_providers = std::make_unique<ProviderConfigurationStore>(
+        QDir(m_home.path()).filePath(QStringLiteral("data/Quillmere")), m_secrets);
+    QmlSingleton<ProviderConfigurationStore>::set(m_providers.get());
 }
 
 AppHarness::~AppHarness() {

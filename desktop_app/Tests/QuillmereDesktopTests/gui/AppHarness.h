@@ -6,6 +6,7 @@
 #include "QuillmereDesktop/Auth/AuthStore.h"
 #include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
+#include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
 #include "QuillmereDesktop/shell/RootController.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
 #include "QuillmereDesktop/terminal/TerminalDrawerController.h"
@@ -38,6 +39,8 @@ public:
     CLIStatusStore& cli() { return *m_cli; }
     RootController& root() { return *m_root; }
     TerminalDrawerController& drawer() { return *m_drawer; }
+    ProviderConfigurationStore& providers() { return *m_providers; }
+    FakeSecretStore& secrets() { return m_secrets; }
 
     // Visible text items whose text is exactly this, anywhere in the window.
     QList<QQuickItem*> visibleTexts(const QString& text) const;
@@ -68,6 +71,7 @@ private:
     std::unique_ptr<AuthStore> m_auth;
     std::unique_ptr<CLIStatusStore> m_cli;
     std::unique_ptr<RootController> m_root;
+    std::unique_ptr<ProviderConfigurationStore> m_providers;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
     // After the engine: the drawer's window is made by it and must go first.
     std::unique_ptr<TerminalDrawerController> m_drawer;
