@@ -206,35 +206,42 @@ ScrollView {
                     required property var modelData
                     required property int index
                     Layout.fillWidth: true
-                    GridLayout {
+                    ColumnLayout {
                         width: parent.width
-                        columns: 2
-                        columnSpacing: 8
-                        rowSpacing: 4
-                        LabeledField {
+                        spacing: 4
+                        RowLayout {
                             Layout.fillWidth: true
-                            Layout.preferredWidth: 1
-                            label: view.labels.filterName; hint: view.labels.filterNameHint; text: modelData.name
-                            onEdited: function(text) { vm.setFilterName(index, text) }
+                            spacing: 8
+                            LabeledField {
+                                Layout.fillWidth: true
+                                Layout.preferredWidth: 1
+                                label: view.labels.filterName; hint: view.labels.filterNameHint
+                                text: modelData.name
+                                onEdited: function(text) { vm.setFilterName(index, text) }
+                            }
+                            LabeledField {
+                                Layout.fillWidth: true
+                                Layout.preferredWidth: 2
+                                label: view.labels.filterPattern; hint: view.labels.filterPatternHint
+                                text: modelData.pattern
+                                onEdited: function(text) { vm.setFilterPattern(index, text) }
+                            }
                         }
-                        LabeledField {
+                        RowLayout {
                             Layout.fillWidth: true
-                            Layout.preferredWidth: 2
-                            label: view.labels.filterPattern; hint: view.labels.filterPatternHint
-                            text: modelData.pattern
-                            onEdited: function(text) { vm.setFilterPattern(index, text) }
-                        }
-                        LabeledPicker {
-                            Layout.fillWidth: true
-                            Layout.preferredWidth: 1
-                            label: view.labels.filterAction; model: ["block", "redact"]; value: modelData.action
-                            display: function(v) { return v.toUpperCase() }
-                            onPicked: function(v) { vm.setFilterAction(index, v) }
-                        }
-                        PlainButton {
-                            Layout.alignment: Qt.AlignBottom | Qt.AlignRight
-                            text: view.labels.removeFilter
-                            onClicked: vm.removeFilter(index)
+                            spacing: 8
+                            LabeledPicker {
+                                Layout.fillWidth: true
+                                label: view.labels.filterAction; model: ["block", "redact"]
+                                value: modelData.action
+                                display: function(v) { return v.toUpperCase() }
+                                onPicked: function(v) { vm.setFilterAction(index, v) }
+                            }
+                            PlainButton {
+                                Layout.alignment: Qt.AlignBottom
+                                text: view.labels.removeFilter
+                                onClicked: vm.removeFilter(index)
+                            }
                         }
                     }
                 }
