@@ -69,24 +69,6 @@ ScrollView {
         }
         Small { visible: vm.isLoading; text: view.labels.loading }
 
-        // The confirmation of a revoke, above everything else while it waits.
-        OutlinedBox {
-            objectName: "revokeConfirmation"
-            visible: vm.confirmingRevoke
-            Layout.fillWidth: true
-            border.width: 2
-            ColumnLayout {
-                width: parent.width
-                spacing: 6
-                Body { text: view.labels.revokeTitle; font.bold: true }
-                Body { text: view.labels.revokeMessage }
-                RowLayout {
-                    PlainButton { objectName: "cancelRevoke"; text: view.labels.cancel; onClicked: vm.cancelRevoke() }
-                    PlainButton { objectName: "confirmRevoke"; text: view.labels.confirmRevoke; onClicked: vm.confirmRevoke() }
-                }
-            }
-        }
-
         // The secret, shown once.
         ColumnLayout {
             objectName: "createdSecret"
@@ -297,5 +279,29 @@ ScrollView {
         CodeBox { objectName: "anthropicSample"; code: vm.anthropicSample }
         LabelText { text: view.labels.routerFeatures }
         Small { text: view.labels.routerFeaturesNote; opacity: Theme.secondaryOpacity }
+    }
+
+    // The confirmation of a revoke, centred over the screen wherever it is scrolled to.
+    Popup {
+        objectName: "revokeConfirmation"
+        parent: view
+        x: (view.width - width) / 2
+        y: (view.height - height) / 2
+        width: Math.min(view.width - 24, 420)
+        modal: true
+        visible: vm.confirmingRevoke
+        closePolicy: Popup.CloseOnEscape | Popup.CloseOnPressOutside
+        onClosed: vm.cancelRevoke()
+        padding: 12
+        background: Rectangle { color: Theme.paper; border.color: Theme.ink; border.width: 2 }
+        contentItem: ColumnLayout {
+            spacing: 8
+            Body { text: view.labels.revokeTitle; font.bold: true }
+            Body { text: view.labels.revokeMessage }
+            RowLayout {
+                PlainButton { objectName: "cancelRevoke"; text: view.labels.cancel; onClicked: vm.cancelRevoke() }
+                PlainButton { objectName: "confirmRevoke"; text: view.labels.confirmRevoke; onClicked: vm.confirmRevoke() }
+            }
+        }
     }
 }

@@ -23,12 +23,6 @@ ColumnLayout {
 
     BannerView { Layout.fillWidth: true; text: form.labels.title || "" }
     Small { text: form.labels.note || ""; opacity: Theme.secondaryOpacity }
-    OutlinedBox {
-        objectName: "editorError"
-        visible: form.editor && form.editor.errorMessage.length > 0
-        Layout.fillWidth: true
-        ErrorLine { width: parent.width; text: form.editor ? form.editor.errorMessage : "" }
-    }
     GridLayout {
         visible: form.editor !== null
         Layout.fillWidth: true
@@ -136,6 +130,13 @@ ColumnLayout {
         font.pixelSize: Theme.labelSize
         checked: form.editor ? form.editor.isZDR : false
         onToggled: form.editor.isZDR = checked
+    }
+    // Beside the button that caused it: the form is taller than the sheet.
+    OutlinedBox {
+        objectName: "editorError"
+        visible: form.editor && form.editor.errorMessage.length > 0
+        Layout.fillWidth: true
+        ErrorLine { width: parent.width; text: form.editor ? form.editor.errorMessage : "" }
     }
     RowLayout {
         PlainButton { objectName: "saveProvider"; text: form.labels.save || ""; onClicked: form.editor.save() }
