@@ -74,8 +74,8 @@ QVariantMap GatewayAccessViewModel::labels() {
         {"filterAction", "Action"},
         {"removeFilter", "−"},
         {"noValues", "NO CONFIGURED VALUES"},
-        {"filtersNote",
-         "MATCHED TEXT NEVER ENTERS THE AUDIT LOG. UNSAFE REGEX FEATURES AND EMPTY-MATCH PATTERNS ARE REJECTED."},
+        {"filtersNote", "MATCHED TEXT NEVER ENTERS THE AUDIT LOG. UNSAFE REGEX FEATURES AND EMPTY-MATCH "
+                        "PATTERNS ARE REJECTED."},
         {"allowlistNote", "ALLOWLISTS INTERSECT REQUEST CHOICES. ZDR IS ADDITIVE AND CANNOT BE DISABLED BY A "
                           "CLIENT REQUEST."},
         {"noKeys", "NO GATEWAY KEYS YET"},
@@ -92,10 +92,12 @@ QVariantMap GatewayAccessViewModel::labels() {
          "administration or project data."},
         {"routerFeatures", "OPT-IN ROUTER FEATURES"},
         {"routerFeaturesNote",
-         "X-OpenRouter-Cache: true replays identical requests locally at zero provider tokens/cost (default 5 "
+         "X-OpenRouter-Cache: true replays identical requests locally at zero provider tokens/cost (default "
+         "5 "
          "minutes; set X-OpenRouter-Cache-TTL from 1–86400). X-OpenRouter-Cache-Clear: true refreshes one "
          "entry. X-OpenRouter-Metadata: enabled adds the content-free route, attempts, candidates, and "
-         "guardrail stages. Cache data is credential-scoped, stays on this Mac, expires automatically, and is "
+         "guardrail stages. Cache data is credential-scoped, stays on this Mac, expires automatically, and "
+         "is "
          "unavailable for ZDR-enforced keys."},
         {"loading", "LOADING…"},
     };
@@ -156,8 +158,11 @@ GatewayAPIKeyInput GatewayAccessViewModel::inputOf(const GatewayKeyForm& form) {
     input.allowed_models = sorted(form.selectedModels);
     input.allowed_providers = sorted(form.selectedProviders);
     for (const ContentFilterDraft& draft : form.contentFilters)
-        input.content_filters << GatewayContentFilter{draft.name.trimmed(), draft.pattern.trimmed(), draft.action};
-    const auto enforced = [&](const char* group) { return form.enforceZDRGroups.contains(QLatin1String(group)); };
+        input.content_filters << GatewayContentFilter{draft.name.trimmed(), draft.pattern.trimmed(),
+                                                      draft.action};
+    const auto enforced = [&](const char* group) {
+        return form.enforceZDRGroups.contains(QLatin1String(group));
+    };
     input.enforce_zdr_anthropic = enforced("anthropic");
     input.enforce_zdr_openai = enforced("openai");
     input.enforce_zdr_google = enforced("google");
@@ -225,8 +230,9 @@ QString GatewayAccessViewModel::guardrailText(const GatewayAPIKey& key) {
     QStringList parts;
     parts << (key.allowed_models.isEmpty() ? QStringLiteral("ALL MODELS")
                                            : QStringLiteral("%1 MODELS").arg(key.allowed_models.size()));
-    parts << (key.allowed_providers.isEmpty() ? QStringLiteral("ALL PROVIDERS")
-                                              : QStringLiteral("%1 PROVIDERS").arg(key.allowed_providers.size()));
+    parts << (key.allowed_providers.isEmpty()
+                  ? QStringLiteral("ALL PROVIDERS")
+                  : QStringLiteral("%1 PROVIDERS").arg(key.allowed_providers.size()));
     QStringList groups;
     const std::pair<bool, const char*> flags[] = {{key.enforce_zdr_anthropic, "ANTHROPIC"},
                                                   {key.enforce_zdr_openai, "OPENAI"},
@@ -236,9 +242,11 @@ QString GatewayAccessViewModel::guardrailText(const GatewayAPIKey& key) {
     for (const auto& [enforced, name] : flags)
         if (enforced)
             groups << QString::fromLatin1(name);
-    parts << (groups.isEmpty() ? QStringLiteral("STANDARD PRIVACY") : QStringLiteral("ZDR ") + groups.join(", "));
-    parts << (key.content_filters.isEmpty() ? QStringLiteral("NO CONTENT FILTERS")
-                                            : QStringLiteral("%1 CONTENT FILTERS").arg(key.content_filters.size()));
+    parts << (groups.isEmpty() ? QStringLiteral("STANDARD PRIVACY")
+                               : QStringLiteral("ZDR ") + groups.join(", "));
+    parts << (key.content_filters.isEmpty()
+                  ? QStringLiteral("NO CONTENT FILTERS")
+                  : QStringLiteral("%1 CONTENT FILTERS").arg(key.content_filters.size()));
     return parts.join(QStringLiteral(" · "));
 }
 
@@ -396,7 +404,8 @@ void GatewayAccessViewModel::removeFilter(int index) {
     emit formChanged();
 }
 
-void GatewayAccessViewModel::editFilter(int index, QString ContentFilterDraft::*member, const QString& value) {
+void GatewayAccessViewModel::editFilter(int index, QString ContentFilterDraft::*member,
+                                        const QString& value) {
     if (index < 0 || index >= m_form.contentFilters.size())
         return;
     change(m_form.contentFilters[index].*member, value);
@@ -512,7 +521,8 @@ QCoro::Task<> GatewayAccessViewModel::createNow() {
     setBusy(m_isCreating, true);
     setError(std::nullopt);
     const QJsonObject body = wire::encode(inputOf(m_form)).toObject();
-    const Result<QByteArray> answer = co_await client->postRawData(QStringLiteral("v1/router/api-keys"), body);
+    const Result<QByteArray> answer =
+        co_await client->postRawData(QStringLiteral("v1/router/api-keys"), body);
     if (!self)
         co_return;
     // The answer is read twice: once as the key's record, once for the secret alone.

@@ -86,7 +86,8 @@ public:
     static constexpr qint64 maximumRequestsPerMinute = 1000000;
     static constexpr qint64 maximumTokensPerMinute = 1000000000;
 
-    static inline const QString limitMessage = QStringLiteral("Spend limit must be a positive number or left blank.");
+    static inline const QString limitMessage =
+        QStringLiteral("Spend limit must be a positive number or left blank.");
     static inline const QString requestsMessage =
         QStringLiteral("Requests per minute must be a positive integer up to 1,000,000 or left blank.");
     static inline const QString tokensMessage =

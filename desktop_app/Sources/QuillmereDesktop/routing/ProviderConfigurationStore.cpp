@@ -50,7 +50,8 @@ Result<void> ProviderConfigurationStore::validate(const ProviderProfile& profile
     if (blank(profile.id) || blank(routingModel) || blank(profile.provider) || blank(profile.display_name) ||
         blank(profile.upstream_model))
         return Error{requiredMessage};
-    static const QStringList tiers{QStringLiteral("default"), QStringLiteral("flex"), QStringLiteral("priority")};
+    static const QStringList tiers{QStringLiteral("default"), QStringLiteral("flex"),
+                                   QStringLiteral("priority")};
     if (!tiers.contains(profile.service_tier.value_or(QStringLiteral("default"))))
         return Error{tierMessage};
     const QUrl url(profile.endpoint, QUrl::StrictMode);
@@ -177,7 +178,8 @@ QCoro::Task<Result<void>> ProviderConfigurationStore::remove(ProviderProfile pro
     co_return Result<void>{};
 }
 
-QCoro::Task<Result<std::map<QString, QString>>> ProviderConfigurationStore::managedInventoryEnvironment() const {
+QCoro::Task<Result<std::map<QString, QString>>>
+ProviderConfigurationStore::managedInventoryEnvironment() const {
     std::map<QString, QString> environment;
     // Without a file the relay keeps whatever inventory it has from elsewhere (relay.env).
     if (!QFileInfo::exists(filePath()))
@@ -185,7 +187,8 @@ QCoro::Task<Result<std::map<QString, QString>>> ProviderConfigurationStore::mana
     const Result<QList<ProviderProfile>> profiles = readProfiles();
     if (!profiles)
         co_return profiles.error();
-    const QByteArray json = QJsonDocument(wire::encode(profiles.value()).toArray()).toJson(QJsonDocument::Compact);
+    const QByteArray json =
+        QJsonDocument(wire::encode(profiles.value()).toArray()).toJson(QJsonDocument::Compact);
     const QString text = QString::fromUtf8(json);
     if (text.toUtf8() != json)
         co_return Error{encodingMessage};

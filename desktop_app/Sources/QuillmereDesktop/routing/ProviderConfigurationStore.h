@@ -31,16 +31,19 @@ public:
     static inline const QString accountPrefix = QStringLiteral("provider_credential_");
     static inline const QString modelsVariable = QStringLiteral("ROUTER_MODELS_JSON");
 
-    static inline const QString requiredMessage = QStringLiteral(
-        "Lane id, client model, provider, display name, and upstream model are required.");
-    static inline const QString tierMessage = QStringLiteral("Service tier must be default, flex, or priority.");
+    static inline const QString requiredMessage =
+        QStringLiteral("Lane id, client model, provider, display name, and upstream model are required.");
+    static inline const QString tierMessage =
+        QStringLiteral("Service tier must be default, flex, or priority.");
     static inline const QString endpointMessage = QStringLiteral("Endpoint must be an absolute HTTP(S) URL.");
     static inline const QString httpsMessage =
         QStringLiteral("Provider endpoints must use HTTPS unless they are loopback-only.");
-    static inline const QString environmentNameMessage = QStringLiteral("Credential environment name is invalid.");
+    static inline const QString environmentNameMessage =
+        QStringLiteral("Credential environment name is invalid.");
     static inline const QString sizeMessage =
         QStringLiteral("Context window must be positive and latency cannot be negative.");
-    static inline const QString priceMessage = QStringLiteral("Model prices must be finite and non-negative.");
+    static inline const QString priceMessage =
+        QStringLiteral("Model prices must be finite and non-negative.");
     static inline const QString qualityMessage = QStringLiteral("Quality must be between 0 and 100.");
     static inline const QString dataPolicyMessage = QStringLiteral("Data policy must be standard or zdr.");
     static inline const QString duplicateMessage =

@@ -14,7 +14,8 @@ QString numberText(double value) {
 } // namespace
 
 const QStringList& ProviderEditorViewModel::capabilityOptions() {
-    static const QStringList list{"reasoning", "long_context", "structured_output", "tools", "vision", "audio"};
+    static const QStringList list{"reasoning", "long_context", "structured_output",
+                                  "tools",     "vision",       "audio"};
     return list;
 }
 

@@ -48,7 +48,8 @@ public:
     static constexpr int defaultQuality = 70;
     static inline const QString defaultContextWindow = QStringLiteral("128000");
     static inline const QString defaultLatency = QStringLiteral("1000");
-    static inline const QString numericMessage = QStringLiteral("Context, latency, and prices must be numeric.");
+    static inline const QString numericMessage =
+        QStringLiteral("Context, latency, and prices must be numeric.");
 
     static const QStringList& capabilityOptions();
     static const QStringList& protocols();

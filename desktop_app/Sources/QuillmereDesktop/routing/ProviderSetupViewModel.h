@@ -36,7 +36,8 @@ public:
     static constexpr int defaultHealthPolls = 30;
     static constexpr std::chrono::milliseconds defaultHealthPollInterval{150};
 
-    static inline const QString appliedMessage = QStringLiteral("Provider inventory applied to the managed relay.");
+    static inline const QString appliedMessage =
+        QStringLiteral("Provider inventory applied to the managed relay.");
     static inline const QString notReadyMessage =
         QStringLiteral("The local relay did not become ready after restart.");
 

@@ -214,7 +214,8 @@ private slots:
     void inventoryVariablesWinAndItsFailureStartsNothing() {
         RelayProcessConfig config = workingConfig();
         config.inventoryEnvironment = []() -> QCoro::Task<Result<std::map<QString, QString>>> {
-            co_return std::map<QString, QString>{{"MERE_RELAY_LOCAL_AUTH", "0"}, {"ROUTER_MODELS_JSON", "[]"}};
+            co_return std::map<QString, QString>{{"MERE_RELAY_LOCAL_AUTH", "0"},
+                                                 {"ROUTER_MODELS_JSON", "[]"}};
         };
         RelayProcessManager manager(config);
         QVERIFY(await(manager.start()).ok());

@@ -97,7 +97,8 @@ private slots:
         AppHarness::screenshotOf(sheet, "gateway-guardrails");
         // An empty filter is refused before anything is sent.
         press(sheet, "createKey");
-        QTRY_VERIFY(AppHarness::textsIn(sheet).contains("Every content filter needs a name and regex pattern."));
+        QTRY_VERIFY(
+            AppHarness::textsIn(sheet).contains("Every content filter needs a name and regex pattern."));
         QQuickItem* view = inSheet(sheet, "gatewayAccessView");
         QObject* model = view->findChild<QObject*>("gatewayAccessViewModel");
         QVERIFY(model);
@@ -119,7 +120,8 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(AppHarness::textsIn(sheet).contains("keys 1"), 10000);
         shown = AppHarness::textsIn(sheet);
         QVERIFY(!shown.contains("NEW KEY"));
-        QVERIFY(std::none_of(shown.begin(), shown.end(), [&](const QString& t) { return t.contains(secret); }));
+        QVERIFY(
+            std::none_of(shown.begin(), shown.end(), [&](const QString& t) { return t.contains(secret); }));
         QVERIFY(shown.contains("$0.0000 LIFETIME · NO KEY LIMIT"));
         QVERIFY(shown.contains("60 RPM · 100000 TPM"));
         QVERIFY(shown.contains("AUDIT · 0 BLOCK · 0 REDACT"));
@@ -129,7 +131,8 @@ private slots:
         QVERIFY(model);
         const QString keyId = model->property("keyRows").toList().first().toMap()["id"].toString();
         QMetaObject::invokeMethod(model, "requestRevoke", Q_ARG(QString, keyId));
-        QTRY_VERIFY(AppHarness::textsIn(sheet).contains("Clients using this key will lose access immediately."));
+        QTRY_VERIFY(
+            AppHarness::textsIn(sheet).contains("Clients using this key will lose access immediately."));
         AppHarness::screenshotOf(sheet, "gateway-revoke");
         QVERIFY(AppHarness::textsIn(sheet).contains("Revoke API key?"));
         press(sheet, "confirmRevoke");
@@ -153,8 +156,9 @@ private slots:
         QStringList shown = AppHarness::textsIn(sheet);
         QVERIFY(shown.contains("api providers"));
         QVERIFY(shown.contains("KEYCHAIN SECRETS · RELAY-SIDE EXECUTION"));
-        QVERIFY(shown.contains("NO API MODELS CONFIGURED. CLAUDE AND CODEX SUBSCRIPTION CLIS STILL WORK THROUGH "
-                               "THE TERMINAL AND LOCAL ORCHESTRATOR."));
+        QVERIFY(
+            shown.contains("NO API MODELS CONFIGURED. CLAUDE AND CODEX SUBSCRIPTION CLIS STILL WORK THROUGH "
+                           "THE TERMINAL AND LOCAL ORCHESTRATOR."));
         QTest::qWait(200);
         AppHarness::screenshotOf(sheet, "providers-empty");
 
@@ -179,9 +183,10 @@ private slots:
         AppHarness::screenshotOf(sheet, "provider-editor");
         press(sheet, "saveProvider");
         // This window's relay was not started by it, so applying says so and restarts nothing.
-        QTRY_VERIFY_WITH_TIMEOUT(AppHarness::textsIn(sheet).contains(
-                                     "This relay was not launched by Quillmere, so the app will not restart it."),
-                                 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            AppHarness::textsIn(sheet).contains(
+                "This relay was not launched by Quillmere, so the app will not restart it."),
+            10000);
         QTRY_VERIFY(AppHarness::textsIn(sheet).contains("KEY STORED"));
         shown = AppHarness::textsIn(sheet);
         QVERIFY(shown.contains("Acme Fast · acme"));

@@ -184,15 +184,33 @@ private slots:
         QTest::addColumn<QString>("id");
         QTest::addColumn<QString>("provider");
         QTest::addColumn<QString>("group");
-        QTest::newRow("claude at acme") << "claude-x" << "acme" << "anthropic";
-        QTest::newRow("anthropic provider") << "sonnet" << "Anthropic" << "anthropic";
-        QTest::newRow("gpt") << "gpt-5" << "azure" << "openai";
-        QTest::newRow("proto1 stays openai") << "proto1" << "acme" << "openai";
-        QTest::newRow("gemini") << "gemini-pro" << "acme" << "google";
-        QTest::newRow("vertex") << "m" << "vertex" << "google";
-        QTest::newRow("grok") << "grok-4" << "acme" << "xai";
-        QTest::newRow("anthropic wins over openai") << "claude-gpt" << "acme" << "anthropic";
-        QTest::newRow("other") << "llama" << "acme" << "other";
+        QTest::newRow("claude at acme") << "claude-x"
+                                        << "acme"
+                                        << "anthropic";
+        QTest::newRow("anthropic provider") << "sonnet"
+                                            << "Anthropic"
+                                            << "anthropic";
+        QTest::newRow("gpt") << "gpt-5"
+                             << "azure"
+                             << "openai";
+        QTest::newRow("proto1 stays openai") << "proto1"
+                                             << "acme"
+                                             << "openai";
+        QTest::newRow("gemini") << "gemini-pro"
+                                << "acme"
+                                << "google";
+        QTest::newRow("vertex") << "m"
+                                << "vertex"
+                                << "google";
+        QTest::newRow("grok") << "grok-4"
+                              << "acme"
+                              << "xai";
+        QTest::newRow("anthropic wins over openai") << "claude-gpt"
+                                                    << "acme"
+                                                    << "anthropic";
+        QTest::newRow("other") << "llama"
+                               << "acme"
+                               << "other";
     }
 
     void guardrailGroups() {
@@ -260,7 +278,8 @@ private slots:
     }
 
     void endpointAndSamples() {
-        QCOMPARE(GatewayAccessViewModel::gatewayBaseURL(QUrl("http://127.0.0.1:8787/")), "http://127.0.0.1:8787/v1");
+        QCOMPARE(GatewayAccessViewModel::gatewayBaseURL(QUrl("http://127.0.0.1:8787/")),
+                 "http://127.0.0.1:8787/v1");
         QCOMPARE(GatewayAccessViewModel::gatewayBaseURL(QUrl("https://relay.example.com/base")),
                  "https://relay.example.com/base/v1");
         const QString openai = GatewayAccessViewModel::openAISample("http://127.0.0.1:8787/v1");
@@ -282,8 +301,10 @@ private slots:
         QCOMPARE(view.expiry(), "90");
         QVERIFY(view.limit().isEmpty());
         QCOMPARE(GatewayAccessViewModel::expiries(), (QStringList{"never", "30", "90", "365"}));
-        QCOMPARE(GatewayAccessViewModel::resetIntervals(), (QStringList{"daily", "weekly", "monthly", "lifetime"}));
-        QCOMPARE(GatewayAccessViewModel::zdrGroups(), (QStringList{"anthropic", "openai", "google", "xai", "other"}));
+        QCOMPARE(GatewayAccessViewModel::resetIntervals(),
+                 (QStringList{"daily", "weekly", "monthly", "lifetime"}));
+        QCOMPARE(GatewayAccessViewModel::zdrGroups(),
+                 (QStringList{"anthropic", "openai", "google", "xai", "other"}));
         QCOMPARE(view.guardrailsHeader(), "key guardrails · unrestricted");
         QCOMPARE(view.keysHeader(), "keys 0");
         QCOMPARE(view.createButtonLabel(), "CREATE GATEWAY KEY");

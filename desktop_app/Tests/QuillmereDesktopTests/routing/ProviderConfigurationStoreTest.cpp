@@ -1,6 +1,6 @@
+#include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
 #include "QuillmereDesktop/Auth/RelayClient.h"
 #include "QuillmereDesktop/Auth/RelayProcessManager.h"
-#include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
 #include "QuillmereDesktop/routing/RouterRecords.h"
 #include "fakes/FakeSecretStore.h"
 #include "support/Await.h"
@@ -140,8 +140,8 @@ private slots:
         QTest::newRow("http LOCALHOST") << "HTTP://LOCALHOST:8080/v1" << QString();
         QTest::newRow("http 127.0.0.1") << "http://127.0.0.1:9/v1" << QString();
         QTest::newRow("http ::1") << "http://[::1]:9/v1" << QString();
-        QTest::newRow("http other host") << "http://api.example.com/v1"
-                                         << ProviderConfigurationStore::httpsMessage;
+        QTest::newRow("http other host")
+            << "http://api.example.com/v1" << ProviderConfigurationStore::httpsMessage;
         QTest::newRow("http 127.0.0.2") << "http://127.0.0.2/v1" << ProviderConfigurationStore::httpsMessage;
         QTest::newRow("ftp") << "ftp://localhost/v1" << ProviderConfigurationStore::endpointMessage;
         QTest::newRow("no host") << "https:///v1" << ProviderConfigurationStore::endpointMessage;
@@ -173,8 +173,7 @@ private slots:
         QFETCH(QString, name);
         QFETCH(bool, valid);
         ProviderProfile profile = lane("a", name);
-        QCOMPARE(messageOf(profile),
-                 valid ? QString() : ProviderConfigurationStore::environmentNameMessage);
+        QCOMPARE(messageOf(profile), valid ? QString() : ProviderConfigurationStore::environmentNameMessage);
     }
 
     void sizesPricesAndQuality() {
@@ -323,7 +322,8 @@ private slots:
         QVERIFY(await(store.save(lane("a"), QStringLiteral("sk-a"))).ok());
         QVERIFY(await(store.save(lane("b"), QStringLiteral("sk-b"))).ok());
         m_secrets.refuseRemoval = true;
-        QCOMPARE(await(store.remove(lane("a"))).error().message, ProviderConfigurationStore::deleteRefusedMessage);
+        QCOMPARE(await(store.remove(lane("a"))).error().message,
+                 ProviderConfigurationStore::deleteRefusedMessage);
         QCOMPARE(store.profiles().size(), 2);
         m_secrets.refuseRemoval = false;
         QVERIFY(await(store.remove(lane("a"))).ok());

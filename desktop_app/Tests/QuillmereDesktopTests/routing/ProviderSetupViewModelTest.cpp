@@ -218,9 +218,10 @@ private slots:
         QCOMPARE(a["protocolName"].toString(), "anthropic_messages");
         QVERIFY(a["isZDR"].toBool());
         QVERIFY(!b["keyStored"].toBool());
-        QCOMPARE(ProviderSetupViewModel::labels()["empty"].toString(),
-                 "NO API MODELS CONFIGURED. CLAUDE AND CODEX SUBSCRIPTION CLIS STILL WORK THROUGH THE TERMINAL "
-                 "AND LOCAL ORCHESTRATOR.");
+        QCOMPARE(
+            ProviderSetupViewModel::labels()["empty"].toString(),
+            "NO API MODELS CONFIGURED. CLAUDE AND CODEX SUBSCRIPTION CLIS STILL WORK THROUGH THE TERMINAL "
+            "AND LOCAL ORCHESTRATOR.");
     }
 
     // Applying.
