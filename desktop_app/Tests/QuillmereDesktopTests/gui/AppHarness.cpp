@@ -153,6 +153,18 @@ QString AppHarness::screenshot(QQuickWindow* window, const QString& name) {
     return path;
 }
 
+QQuickItem* AppHarness::findItem(QQuickItem* item, const QString& name) {
+    if (!item)
+        return nullptr;
+    if (item->objectName() == name)
+        return item;
+    const auto children = item->childItems();
+    for (QQuickItem* child : children)
+        if (QQuickItem* found = findItem(child, name))
+            return found;
+    return nullptr;
+}
+
 QQuickWindow* AppHarness::sheet(const QString& objectName) const {
     return m_window ? m_window->findChild<QQuickWindow*>(objectName) : nullptr;
 }

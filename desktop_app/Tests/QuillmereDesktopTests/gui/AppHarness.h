@@ -56,6 +56,12 @@ public:
     // The same for another window (the drawer).
     static QString screenshot(QQuickWindow* window, const QString& name);
 
+    // An item by its object name in the visual tree below `item` (a loaded screen's items
+    // are not the loader's QObject children), or null.
+    static QQuickItem* findItem(QQuickItem* item, const QString& name);
+    static QQuickItem* inSheet(QQuickWindow* sheet, const char* name) {
+        return findItem(sheet->contentItem(), QString::fromLatin1(name));
+    }
     // A sheet (a window of its own) by its object name, or null.
     QQuickWindow* sheet(const QString& objectName) const;
     // The visible texts of any window, top to bottom, and a picture of it.

@@ -13,20 +13,8 @@
 class ProviderSheetsGuiTest : public QObject {
     Q_OBJECT
 
-    static QQuickItem* findItem(QQuickItem* item, const QString& name) {
-        if (!item)
-            return nullptr;
-        if (item->objectName() == name)
-            return item;
-        const auto children = item->childItems();
-        for (QQuickItem* child : children)
-            if (QQuickItem* found = findItem(child, name))
-                return found;
-        return nullptr;
-    }
-
     static QQuickItem* inSheet(QQuickWindow* sheet, const char* name) {
-        return findItem(sheet->contentItem(), QString::fromLatin1(name));
+        return AppHarness::inSheet(sheet, name);
     }
 
     static void press(QQuickWindow* sheet, const char* name) {

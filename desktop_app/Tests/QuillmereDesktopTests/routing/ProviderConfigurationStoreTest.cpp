@@ -13,7 +13,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -43,12 +42,6 @@ QString messageOf(const ProviderProfile& profile) {
     return valid ? QString() : valid.error().message;
 }
 
-quint16 freePort() {
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return probe.serverPort();
-}
-
 } // namespace
 
 class ProviderConfigurationStoreTest : public QObject {
@@ -64,6 +57,15 @@ class ProviderConfigurationStoreTest : public QObject {
         QFile out(file());
         QVERIFY(out.open(QIODevice::WriteOnly));
         out.write(bytes);
+    }
+    // The real relay, managed by this process, on a free port with the store's inventory.
+    RelayProcessConfig managedConfig(ProviderConfigurationStore& store) const {
+        RelayProcessConfig config = RelayProcessConfig::system();
+        config.supportDirectory = support();
+        config.port = RelayFixture::freeLoopbackPort();
+        config.systemInterpreters = {RelayFixture::python()};
+        config.inventoryEnvironment = [&store] { return store.managedInventoryEnvironment(); };
+        return config;
     }
     QByteArray readFile() const {
         QFile in(file());
@@ -225,11 +227,7 @@ private slots:
     void malformedFileStopsTheManagedRelayLaunch() {
         writeFile("{\"not\": \"an array\"}");
         ProviderConfigurationStore store(support(), m_secrets);
-        RelayProcessConfig config = RelayProcessConfig::system();
-        config.supportDirectory = support();
-        config.port = freePort();
-        config.systemInterpreters = {RelayFixture::python()};
-        config.inventoryEnvironment = [&store] { return store.managedInventoryEnvironment(); };
+        const RelayProcessConfig config = managedConfig(store);
         RelayProcessManager manager(config);
         const Result<void> started = await(manager.start());
         QVERIFY(!started.ok());
@@ -374,11 +372,7 @@ private slots:
         profile.endpoint = "http://127.0.0.1:9/v1";
         QVERIFY(await(store.save(profile, QStringLiteral("sk-own"))).ok());
 
-        RelayProcessConfig config = RelayProcessConfig::system();
-        config.supportDirectory = support();
-        config.port = freePort();
-        config.systemInterpreters = {RelayFixture::python()};
-        config.inventoryEnvironment = [&store] { return store.managedInventoryEnvironment(); };
+        const RelayProcessConfig config = managedConfig(store);
         RelayProcessManager manager(config);
         QVERIFY(await(manager.start()).ok());
         const QUrl url(QStringLiteral("http://127.0.0.1:%1/").arg(config.port));

@@ -11,19 +11,12 @@
 #include <QJsonArray>
 #include <QRegularExpression>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
 using namespace std::chrono_literals;
 
 namespace {
-
-quint16 freePort() {
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return probe.serverPort();
-}
 
 ProviderProfile storedLane(const QString& id) {
     ProviderProfile profile;
@@ -62,7 +55,7 @@ class ProviderSetupViewModelTest : public QObject {
     RelayProcessConfig managedConfig(ProviderConfigurationStore& store) const {
         RelayProcessConfig config = RelayProcessConfig::system();
         config.supportDirectory = support();
-        config.port = freePort();
+        config.port = RelayFixture::freeLoopbackPort();
         config.systemInterpreters = {RelayFixture::python()};
         config.inventoryEnvironment = [&store] { return store.managedInventoryEnvironment(); };
         return config;
