@@ -67,6 +67,8 @@ public:
     const std::optional<QString>& authError() const { return m_authError; }
     const QString& relayURLString() const { return m_relayURLString; }
     RelayClient* client() const { return m_client; }
+    // The manager of the relay this application may start, if any.
+    RelayProcessManager* relayProcess() const { return m_relayProcess; }
     // The address of the code and second-factor forms, or of the signed-in user.
     QString email() const { return m_email; }
     QString userEmail() const { return m_user ? m_user->email : QString(); }

@@ -5,13 +5,18 @@
 
 namespace {
 
-// Runs a keyring job to its end. The job is deleted later, by Qt, once it has finished.
-QCoro::Task<bool> run(QKeychain::Job* job) {
+// Runs a keyring job to its end and gives its error. The job is deleted later, by Qt, once
+// it has finished.
+QCoro::Task<QKeychain::Error> runJob(QKeychain::Job* job) {
     job->setAutoDelete(true);
     job->setInsecureFallback(false);
     QMetaObject::invokeMethod(job, &QKeychain::Job::start, Qt::QueuedConnection);
     co_await qCoro(job, &QKeychain::Job::finished);
-    co_return job->error() == QKeychain::NoError;
+    co_return job->error();
+}
+
+QCoro::Task<bool> run(QKeychain::Job* job) {
+    co_return co_await runJob(job) == QKeychain::NoError;
 }
 
 } // namespace
@@ -36,8 +41,10 @@ QCoro::Task<bool> KeychainSecretStore::set(QString value, QString account) {
     co_return co_await run(job);
 }
 
-QCoro::Task<> KeychainSecretStore::remove(QString account) {
+QCoro::Task<bool> KeychainSecretStore::remove(QString account) {
     auto* job = new QKeychain::DeletePasswordJob(m_service);
     job->setKey(account);
-    (void)co_await run(job);
+    // Nothing to remove is as good as removed.
+    const QKeychain::Error error = co_await runJob(job);
+    co_return error == QKeychain::NoError || error == QKeychain::EntryNotFound;
 }

@@ -12,7 +12,7 @@ public:
 
     QCoro::Task<std::optional<QString>> get(QString account) override;
     QCoro::Task<bool> set(QString value, QString account) override;
-    QCoro::Task<> remove(QString account) override;
+    QCoro::Task<bool> remove(QString account) override;
 
 private:
     QString m_service;

@@ -120,9 +120,15 @@ QCoro::Task<Result<void>> RelayProcessManager::start() {
 
     QProcessEnvironment environment = relayEnvironment(support.value());
     if (m_config.inventoryEnvironment) {
-        const auto extra = m_config.inventoryEnvironment();
+        QPointer<RelayProcessManager> self(this);
+        const auto extra = co_await m_config.inventoryEnvironment();
+        if (!self)
+            co_return Error{launchAbandonedMessage};
         if (!extra)
             co_return extra.error();
+        // Someone else's start may have launched the relay while the inventory was read.
+        if (isRunning() || m_launching)
+            co_return co_await start();
         // The inventory's values win, over the table above as well.
         for (const auto& [name, value] : extra.value())
             environment.insert(name, value);

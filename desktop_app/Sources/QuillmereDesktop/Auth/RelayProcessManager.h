@@ -43,8 +43,9 @@ struct RelayProcessConfig {
     std::chrono::milliseconds stopGrace = defaultStopGrace;
     std::chrono::milliseconds killGrace = defaultKillGrace;
     QProcessEnvironment baseEnvironment;
-    // Extra variables from the provider inventory; none until it exists.
-    std::function<Result<std::map<QString, QString>>()> inventoryEnvironment;
+    // Extra variables from the provider inventory, asked afresh at every launch; none until
+    // it exists. Awaited, because the keys come from the secret store.
+    std::function<QCoro::Task<Result<std::map<QString, QString>>>()> inventoryEnvironment;
 
     // This installation's values.
     static RelayProcessConfig system();
@@ -86,6 +87,11 @@ public:
     // For when there is no time to wait (the manager itself goes away): our child is asked
     // to stop and left to end by itself.
     void terminateOwned();
+
+    // Replaces the inventory hook; the application sets it once, before the first launch.
+    void setInventoryEnvironment(decltype(RelayProcessConfig::inventoryEnvironment) hook) {
+        m_config.inventoryEnvironment = std::move(hook);
+    }
 
     bool ownsProcess() const { return m_process != nullptr; }
     bool isRunning() const { return m_process && m_process->state() != QProcess::NotRunning; }

@@ -14,5 +14,6 @@ public:
     virtual QCoro::Task<std::optional<QString>> get(QString account) = 0;
     // Whether it was stored; callers may ignore it.
     virtual QCoro::Task<bool> set(QString value, QString account) = 0;
-    virtual QCoro::Task<> remove(QString account) = 0;
+    // Whether the secret is gone, which it also is when there was none to remove.
+    virtual QCoro::Task<bool> remove(QString account) = 0;
 };

@@ -10,10 +10,10 @@ RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& c
     connect(m_auth, &AuthStore::stateChanged, this, &RootController::onAuthStateChanged);
 }
 
-void RootController::setShowRouting(bool show) {
-    if (m_showRouting == show)
+void RootController::setSheet(bool& flag, bool show) {
+    if (flag == show)
         return;
-    m_showRouting = show;
+    flag = show;
     emit sheetsChanged();
 }
 

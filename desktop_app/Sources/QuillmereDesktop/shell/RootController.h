@@ -24,6 +24,10 @@ class RootController : public QObject {
     Q_PROPERTY(QString wordmark READ wordmark CONSTANT)
     // The sheets: each is a window of its own, open while its flag is set.
     Q_PROPERTY(bool showRouting READ showRouting WRITE setShowRouting NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showSettings READ showSettings WRITE setShowSettings NOTIFY sheetsChanged)
+    // Opened from the settings sheet.
+    Q_PROPERTY(bool showProviderSetup READ showProviderSetup WRITE setShowProviderSetup NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showGatewayAccess READ showGatewayAccess WRITE setShowGatewayAccess NOTIFY sheetsChanged)
 
 public:
     // After the first sign-in, how long to wait before the second status check.
@@ -43,7 +47,13 @@ public:
     bool hasAutoOpenedTerminal() const { return m_hasAutoOpenedTerminal; }
 
     bool showRouting() const { return m_showRouting; }
-    void setShowRouting(bool show);
+    void setShowRouting(bool show) { setSheet(m_showRouting, show); }
+    bool showSettings() const { return m_showSettings; }
+    void setShowSettings(bool show) { setSheet(m_showSettings, show); }
+    bool showProviderSetup() const { return m_showProviderSetup; }
+    void setShowProviderSetup(bool show) { setSheet(m_showProviderSetup, show); }
+    bool showGatewayAccess() const { return m_showGatewayAccess; }
+    void setShowGatewayAccess(bool show) { setSheet(m_showGatewayAccess, show); }
 
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
@@ -71,6 +81,7 @@ signals:
     void firstRunChecked();
 
 private:
+    void setSheet(bool& flag, bool show);
     QCoro::Task<> firstSignIn(RelayClient* client);
     void startPollingAndProbing(RelayClient* client);
     // Makes the drawer's window with its panel, from what is known now.
@@ -87,4 +98,7 @@ private:
     bool m_wasSignedIn = false;
     // Sign-out leaves a sheet's flag as it was.
     bool m_showRouting = false;
+    bool m_showSettings = false;
+    bool m_showProviderSetup = false;
+    bool m_showGatewayAccess = false;
 };

@@ -50,6 +50,11 @@ Rectangle {
                 shortcut: "Ctrl+Shift+R"
                 onClicked: RootController.showRouting = true
             }
+            PanelButton {
+                objectName: "settingsButton"
+                text: "⚙"
+                onClicked: RootController.showSettings = true
+            }
         }
         RuleView { Layout.fillWidth: true }
 
@@ -74,6 +79,31 @@ Rectangle {
         open: RootController.showRouting
         onCloseRequested: RootController.showRouting = false
         content: Component { RoutingView {} }
+    }
+    SheetWindow {
+        objectName: "settingsSheet"
+        title: "settings"
+        transientParent: root.Window.window
+        open: RootController.showSettings
+        onCloseRequested: RootController.showSettings = false
+        content: Component { SettingsView {} }
+    }
+    // The two sheets the settings open; they stay above the main window like the rest.
+    SheetWindow {
+        objectName: "providerSetupSheet"
+        title: "api providers"
+        transientParent: root.Window.window
+        open: RootController.showProviderSetup
+        onCloseRequested: RootController.showProviderSetup = false
+        content: Component { ProviderSetupView {} }
+    }
+    SheetWindow {
+        objectName: "gatewayAccessSheet"
+        title: "api gateway access"
+        transientParent: root.Window.window
+        open: RootController.showGatewayAccess
+        onCloseRequested: RootController.showGatewayAccess = false
+        content: Component { GatewayAccessView {} }
     }
 
     // The drawer's shortcut works from either window.

@@ -5,6 +5,7 @@
 #include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/common/SettingsPreferencesStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
+#include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
 #include "QuillmereDesktop/shell/QuitOnSignal.h"
 #include "QuillmereDesktop/shell/QuitSequence.h"
 #include "QuillmereDesktop/shell/RootController.h"
@@ -49,6 +50,10 @@ int main(int argc, char* argv[]) {
     SettingsPreferencesStore preferences;
     KeychainSecretStore secrets;
     RelayProcessManager& relay = RelayProcessManager::shared();
+    // The person's own lanes reach the managed relay at each of its launches, the first
+    // included, so the hook is in place before sign-in can start it.
+    ProviderConfigurationStore providers(ProviderConfigurationStore::systemSupportDirectory(), secrets);
+    relay.setInventoryEnvironment([&providers] { return providers.managedInventoryEnvironment(); });
     AppState app(preferences);
     AuthStore auth(preferences, secrets, &relay);
     CLIStatusStore cli;
@@ -57,6 +62,7 @@ int main(int argc, char* argv[]) {
 
     QmlSingleton<AppState>::set(&app);
     QmlSingleton<AuthStore>::set(&auth);
+    QmlSingleton<ProviderConfigurationStore>::set(&providers);
     QmlSingleton<CLIStatusStore>::set(&cli);
     QmlSingleton<AgentRunStore>::set(&agentRuns);
     QmlSingleton<RootController>::set(&root);

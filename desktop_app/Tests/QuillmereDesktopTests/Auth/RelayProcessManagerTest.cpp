@@ -213,9 +213,9 @@ private slots:
 
     void inventoryVariablesWinAndItsFailureStartsNothing() {
         RelayProcessConfig config = workingConfig();
-        config.inventoryEnvironment = [] {
-            return Result<std::map<QString, QString>>(
-                std::map<QString, QString>{{"MERE_RELAY_LOCAL_AUTH", "0"}, {"ROUTER_MODELS_JSON", "[]"}});
+        config.inventoryEnvironment = []() -> QCoro::Task<Result<std::map<QString, QString>>> {
+            co_return std::map<QString, QString>{{"MERE_RELAY_LOCAL_AUTH", "0"},
+                                                 {"ROUTER_MODELS_JSON", "[]"}};
         };
         RelayProcessManager manager(config);
         QVERIFY(await(manager.start()).ok());
@@ -224,8 +224,8 @@ private slots:
         await(manager.stop());
 
         QFile::remove(path("record.txt"));
-        config.inventoryEnvironment = [] {
-            return Result<std::map<QString, QString>>(Error{"The provider inventory could not be read."});
+        config.inventoryEnvironment = []() -> QCoro::Task<Result<std::map<QString, QString>>> {
+            co_return Error{"The provider inventory could not be read."};
         };
         RelayProcessManager failing(config);
         QCOMPARE(await(failing.start()).error().message, "The provider inventory could not be read.");

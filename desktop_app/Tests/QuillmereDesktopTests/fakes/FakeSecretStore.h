@@ -19,11 +19,15 @@ public:
         values.insert(account, value);
         co_return true;
     }
-    QCoro::Task<> remove(QString account) override {
+    QCoro::Task<bool> remove(QString account) override {
+        if (!available || refuseRemoval)
+            co_return false;
         values.remove(account);
-        co_return;
+        co_return true;
     }
 
     QHash<QString, QString> values;
     bool available = true;
+    // A keyring that stores and reads but will not delete.
+    bool refuseRemoval = false;
 };

@@ -31,6 +31,10 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     QmlSingleton<AuthStore>::set(m_auth.get());
     QmlSingleton<CLIStatusStore>::set(m_cli.get());
     QmlSingleton<RootController>::set(m_root.get());
+    // The inventory file in the test's own home, its keys in the in-memory secret store.
+    m_providers = std::make_unique<ProviderConfigurationStore>(
+        QDir(m_home.path()).filePath(QStringLiteral("data/Quillmere")), m_secrets);
+    QmlSingleton<ProviderConfigurationStore>::set(m_providers.get());
 }
 
 AppHarness::~AppHarness() {
@@ -147,6 +151,18 @@ QString AppHarness::screenshot(QQuickWindow* window, const QString& name) {
     const QString path = QDir(folder).filePath(name + QStringLiteral(".png"));
     window->grabWindow().save(path);
     return path;
+}
+
+QQuickItem* AppHarness::findItem(QQuickItem* item, const QString& name) {
+    if (!item)
+        return nullptr;
+    if (item->objectName() == name)
+        return item;
+    const auto children = item->childItems();
+    for (QQuickItem* child : children)
+        if (QQuickItem* found = findItem(child, name))
+            return found;
+    return nullptr;
 }
 
 QQuickWindow* AppHarness::sheet(const QString& objectName) const {

@@ -6,6 +6,7 @@
 #include "QuillmereDesktop/Auth/AuthStore.h"
 #include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
+#include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
 #include "QuillmereDesktop/shell/RootController.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
 #include "QuillmereDesktop/terminal/TerminalDrawerController.h"
@@ -38,6 +39,8 @@ public:
     CLIStatusStore& cli() { return *m_cli; }
     RootController& root() { return *m_root; }
     TerminalDrawerController& drawer() { return *m_drawer; }
+    ProviderConfigurationStore& providers() { return *m_providers; }
+    FakeSecretStore& secrets() { return m_secrets; }
 
     // Visible text items whose text is exactly this, anywhere in the window.
     QList<QQuickItem*> visibleTexts(const QString& text) const;
@@ -53,6 +56,12 @@ public:
     // The same for another window (the drawer).
     static QString screenshot(QQuickWindow* window, const QString& name);
 
+    // An item by its object name in the visual tree below `item` (a loaded screen's items
+    // are not the loader's QObject children), or null.
+    static QQuickItem* findItem(QQuickItem* item, const QString& name);
+    static QQuickItem* inSheet(QQuickWindow* sheet, const char* name) {
+        return findItem(sheet->contentItem(), QString::fromLatin1(name));
+    }
     // A sheet (a window of its own) by its object name, or null.
     QQuickWindow* sheet(const QString& objectName) const;
     // The visible texts of any window, top to bottom, and a picture of it.
@@ -68,6 +77,7 @@ private:
     std::unique_ptr<AuthStore> m_auth;
     std::unique_ptr<CLIStatusStore> m_cli;
     std::unique_ptr<RootController> m_root;
+    std::unique_ptr<ProviderConfigurationStore> m_providers;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
     // After the engine: the drawer's window is made by it and must go first.
     std::unique_ptr<TerminalDrawerController> m_drawer;

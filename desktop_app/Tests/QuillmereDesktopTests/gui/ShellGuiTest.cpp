@@ -37,22 +37,8 @@ class ShellGuiTest : public QObject {
         flickable->setProperty("contentY", std::clamp(y, 0.0, std::max(0.0, end)));
     }
 
-    // An item of a sheet by its object name, found in the visual tree (a loaded screen's
-    // items are not the loader's QObject children).
-    static QQuickItem* findItem(QQuickItem* item, const QString& name) {
-        if (!item)
-            return nullptr;
-        if (item->objectName() == name)
-            return item;
-        const auto children = item->childItems();
-        for (QQuickItem* child : children)
-            if (QQuickItem* found = findItem(child, name))
-                return found;
-        return nullptr;
-    }
-
     static QQuickItem* inSheet(QQuickWindow* sheet, const char* name) {
-        return findItem(sheet->contentItem(), QString::fromLatin1(name));
+        return AppHarness::inSheet(sheet, name);
     }
 
 private slots:

@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QMessageAuthenticationCode>
 #include <QRegularExpression>
+#include <QTcpServer>
 #include <QtEndian>
 
 #include <csignal>
@@ -161,4 +162,10 @@ QString totpCode(const QString& base32Secret, qint64 unixSeconds) {
                            (quint32(uchar(mac[offset + 1])) << 16) | (quint32(uchar(mac[offset + 2])) << 8) |
                            quint32(uchar(mac[offset + 3]));
     return QStringLiteral("%1").arg(binary % 1000000, 6, 10, QLatin1Char('0'));
+}
+
+quint16 RelayFixture::freeLoopbackPort() {
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return probe.serverPort();
 }

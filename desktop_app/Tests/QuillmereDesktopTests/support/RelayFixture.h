@@ -49,6 +49,8 @@ public:
 
     static QString serverScript();
     static QString python();
+    // A loopback port that was free a moment ago, for a relay that the app itself starts.
+    static quint16 freeLoopbackPort();
 
 private:
     Options m_options;
