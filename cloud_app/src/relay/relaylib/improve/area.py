@@ -80,6 +80,15 @@ class _Caller:
         self.request_id = request_id
 
 
+class _Memory:
+    """What one user's scans have read (source to size, time, offset, state) and found."""
+
+    def __init__(self):
+        self.known = {}
+        self.clustering = detect.Clustering()
+        self.fresh = True
+
+
 class Improve:
     def __init__(self, app):
         self.app = app
@@ -95,6 +104,9 @@ class Improve:
         self._scan_locks = {}
         self._locks_guard = threading.Lock()
         self._task = None
+        # Each user's sources and clusters, read from the database once and kept in step by the
+        # scans, so that a rescan that finds one new line reads nothing else again.
+        self._memory = {}
 
     @property
     def window_seconds(self):
@@ -152,22 +164,36 @@ class Improve:
         with self._lock_for(user_id):
             return self._scan_locked(user_id, force)
 
+    def _load(self, user_id):
+        memory = _Memory()
+        with self.db.read_as(user_id) as conn:
+            for row in conn.execute("SELECT source, size, mtime, offset, state FROM improve_sources "
+                                    "WHERE user_id = :user_id"):
+                memory.known[row["source"]] = (row["size"], row["mtime"], row["offset"], row["state"])
+            memory.clustering.build([
+                detect.Signal(row["session_key"], row["turn_index"], row["agent"], json.loads(row["kinds"]),
+                              row["excerpt"], json.loads(row["terms"]), row["observed_at"])
+                for row in conn.execute("SELECT * FROM improve_signals WHERE user_id = :user_id ORDER BY id")])
+        return memory
+
     def _scan_locked(self, user_id, force):
         now = clock.now()
         if force:
+            self._memory.pop(user_id, None)
             with self.db.write_as(user_id) as conn:
                 conn.execute("DELETE FROM improve_sources WHERE user_id = :user_id")
                 conn.execute("DELETE FROM improve_signals WHERE user_id = :user_id")
-        with self.db.read_as(user_id) as conn:
-            known = {row["source"]: row for row in conn.execute(
-                "SELECT source, size, mtime, offset, state FROM improve_sources WHERE user_id = :user_id")}
+        memory = self._memory.get(user_id) or self._load(user_id)
+        # Taken out while this scan changes it, so a failed write leaves nothing half-kept.
+        self._memory.pop(user_id, None)
         scanned, turns_seen, new_signals = 0, 0, []
         changes = []
-        for path, agent, size, mtime in logs.find_logs(self.claude_dir, self.codex_dir):
-            row = known.get(path)
-            if row is not None and row["size"] == size and row["mtime"] == mtime:
+        listing = logs.find_logs(self.claude_dir, self.codex_dir)
+        for path, agent, size, mtime in listing:
+            held = memory.known.get(path)
+            if held is not None and held[0] == size and held[1] == mtime:
                 continue
-            offset, state = (row["offset"], json.loads(row["state"])) if row is not None else (0, {})
+            offset, state = (held[2], json.loads(held[3])) if held is not None else (0, {})
             if size < offset:
                 # Rewritten shorter: it is another text now, read it again from its start.
                 offset, state = 0, {}
@@ -185,8 +211,19 @@ class Improve:
         turns_seen += len(terminal_turns)
         for turn in terminal_turns:
             new_signals.extend(detect.signals_of(turn))
+        found = self._store(user_id, now, memory, changes + terminal_changes, new_signals, turns_seen)
+        for path, _, _, size, mtime, offset, state in changes + terminal_changes:
+            memory.known[path] = (size, mtime, offset, json.dumps(state))
+        self._memory[user_id] = memory
+        self.app.hub.publish(user_id)
+        processing = self._processing(user_id, listing, memory.known)
+        return {"sessions_scanned": scanned, "turns_observed": turns_seen, "signals_found": len(new_signals),
+                "suggestions_found": found, "scanned_at": clock.iso(now), "processing": processing}
+
+    def _store(self, user_id, now, memory, changes, new_signals, turns_seen):
+        """Remembers what was read and found, and works out again the suggestions it changed."""
         with self.db.write_as(user_id) as conn:
-            for path, agent, session, size, mtime, offset, state in changes + terminal_changes:
+            for path, agent, session, size, mtime, offset, state in changes:
                 conn.execute(
                     "INSERT INTO improve_sources (user_id, source, agent, session_id, size, mtime, offset, state, "
                     "read_at) VALUES (:user_id, :source, :agent, :session, :size, :mtime, :offset, :state, :now) "
@@ -202,8 +239,18 @@ class Improve:
                   "turn": signal.turn_index, "agent": signal.agent, "kinds": json.dumps(signal.kinds),
                   "excerpt": signal.excerpt, "terms": json.dumps(signal.terms), "observed": signal.observed_at}
                  for signal in new_signals])
-            found = self._rebuild(conn, user_id, now)
-            settings = self._settings_row(conn)
+            clustering = memory.clustering
+            # Freshly loaded, every cluster is worked out once; afterwards only those that grew.
+            changed = set(map(id, clustering.clusters)) if memory.fresh else set()
+            memory.fresh = False
+            for signal in new_signals:
+                kept = detect.Signal(signal.agent + ":" + signal.session_id, signal.turn_index, signal.agent,
+                                     signal.kinds, signal.excerpt, signal.terms, signal.observed_at)
+                changed.add(id(clustering.add(kept)))
+            recurring = detect.recurring(clustering.clusters)
+            for cluster in recurring:
+                if id(cluster) in changed:
+                    self._upsert(conn, detect.word(cluster, user_id), now)
             conn.execute(
                 "INSERT INTO improve_settings (user_id, automatic, cadence_hours, last_run_at, next_run_at, "
                 "turns_observed, signals_found) VALUES (:user_id, 0, :cadence, :now, NULL, :turns, :signals) "
@@ -212,11 +259,7 @@ class Improve:
                 "THEN :now + cadence_hours * :hour ELSE NULL END",
                 {"cadence": DEFAULT_CADENCE_HOURS, "now": now, "turns": turns_seen, "signals": len(new_signals),
                  "hour": self.hour_seconds})
-            del settings
-        self.app.hub.publish(user_id)
-        processing = self._processing(user_id)
-        return {"sessions_scanned": scanned, "turns_observed": turns_seen, "signals_found": len(new_signals),
-                "suggestions_found": found, "scanned_at": clock.iso(now), "processing": processing}
+        return len(recurring)
 
     def _read_terminals(self, user_id):
         """The lines typed into this user's drawer terminals since the last scan."""
@@ -247,39 +290,33 @@ class Improve:
                                 row["last_seq"], {"turns": count, "pending": pending}))
         return changes, turns
 
-    def _rebuild(self, conn, user_id, now):
-        """Works every suggestion out again from all signals; keeps each one's state."""
-        signals = [detect.Signal(row["session_key"], row["turn_index"], row["agent"], json.loads(row["kinds"]),
-                                 row["excerpt"], json.loads(row["terms"]), row["observed_at"])
-                   for row in conn.execute("SELECT * FROM improve_signals WHERE user_id = :user_id "
-                                           "ORDER BY observed_at, id")]
-        found = [detect.word(cluster, user_id) for cluster in detect.recurring(detect.cluster(signals))]
-        for suggestion in found:
-            evidence = [{"session_id": signal.session_id.split(":", 1)[1], "turn_index": signal.turn_index,
-                         "agent": signal.agent, "kinds": signal.kinds, "excerpt": signal.excerpt,
-                         "observed_at": clock.iso(signal.observed_at)} for signal in suggestion["evidence"]]
-            fields = {"id": suggestion["id"], "signature": suggestion["signature"], "kind": suggestion["kind"],
-                      "artifact": suggestion["artifact"], "title": suggestion["title"],
-                      "detail": suggestion["detail"], "body": suggestion["body"], "slug": suggestion["slug"],
-                      "terms": json.dumps(suggestion["terms"]), "patterns": json.dumps(suggestion["patterns"]),
-                      "agents": json.dumps(suggestion["agents"]), "targets": json.dumps(suggestion["targets"]),
-                      "section": suggestion["section"], "evidence": json.dumps(evidence),
-                      "turn_count": suggestion["turn_count"], "session_count": suggestion["session_count"],
-                      "last_seen": suggestion["last_seen"], "now": now}
-            conn.execute(
-                "INSERT INTO improve_suggestions (user_id, id, signature, kind, artifact, title, detail, body, slug, "
-                "terms, patterns, agents, targets, section, evidence, turn_count, session_count, status, "
-                "snoozed_until, reopened_at, created_at, updated_at, last_seen_at) VALUES (:user_id, :id, "
-                ":signature, :kind, :artifact, :title, :detail, :body, :slug, :terms, :patterns, :agents, :targets, "
-                ":section, :evidence, :turn_count, :session_count, 'open', NULL, NULL, :now, :now, :last_seen) "
-                "ON CONFLICT (user_id, id) DO UPDATE SET kind = excluded.kind, title = excluded.title, "
-                "detail = excluded.detail, body = excluded.body, slug = excluded.slug, terms = excluded.terms, "
-                "patterns = excluded.patterns, agents = excluded.agents, targets = excluded.targets, "
-                "section = excluded.section, evidence = excluded.evidence, turn_count = excluded.turn_count, "
-                "session_count = excluded.session_count, last_seen_at = excluded.last_seen_at, "
-                "updated_at = CASE WHEN improve_suggestions.evidence = excluded.evidence "
-                "THEN improve_suggestions.updated_at ELSE excluded.updated_at END", fields)
-        return len(found)
+    @staticmethod
+    def _upsert(conn, suggestion, now):
+        """Stores a suggestion's wording, counts and evidence; its state (status, snooze) stays."""
+        evidence = [{"session_id": signal.session_id.split(":", 1)[1], "turn_index": signal.turn_index,
+                     "agent": signal.agent, "kinds": signal.kinds, "excerpt": signal.excerpt,
+                     "observed_at": clock.iso(signal.observed_at)} for signal in suggestion["evidence"]]
+        fields = {"id": suggestion["id"], "signature": suggestion["signature"], "kind": suggestion["kind"],
+                  "artifact": suggestion["artifact"], "title": suggestion["title"],
+                  "detail": suggestion["detail"], "body": suggestion["body"], "slug": suggestion["slug"],
+                  "terms": json.dumps(suggestion["terms"]), "patterns": json.dumps(suggestion["patterns"]),
+                  "agents": json.dumps(suggestion["agents"]), "targets": json.dumps(suggestion["targets"]),
+                  "section": suggestion["section"], "evidence": json.dumps(evidence),
+                  "turn_count": suggestion["turn_count"], "session_count": suggestion["session_count"],
+                  "last_seen": suggestion["last_seen"], "now": now}
+        conn.execute(
+            "INSERT INTO improve_suggestions (user_id, id, signature, kind, artifact, title, detail, body, slug, "
+            "terms, patterns, agents, targets, section, evidence, turn_count, session_count, status, "
+            "snoozed_until, reopened_at, created_at, updated_at, last_seen_at) VALUES (:user_id, :id, "
+            ":signature, :kind, :artifact, :title, :detail, :body, :slug, :terms, :patterns, :agents, :targets, "
+            ":section, :evidence, :turn_count, :session_count, 'open', NULL, NULL, :now, :now, :last_seen) "
+            "ON CONFLICT (user_id, id) DO UPDATE SET kind = excluded.kind, title = excluded.title, "
+            "detail = excluded.detail, body = excluded.body, slug = excluded.slug, terms = excluded.terms, "
+            "patterns = excluded.patterns, agents = excluded.agents, targets = excluded.targets, "
+            "section = excluded.section, evidence = excluded.evidence, turn_count = excluded.turn_count, "
+            "session_count = excluded.session_count, last_seen_at = excluded.last_seen_at, "
+            "updated_at = CASE WHEN improve_suggestions.evidence = excluded.evidence "
+            "THEN improve_suggestions.updated_at ELSE excluded.updated_at END", fields)
 
     # Records.
 
@@ -509,12 +546,14 @@ class Improve:
                          "next_run_at = :next", {"on": 1 if on else 0, "hours": hours, "next": following})
             return self._settings(conn, now)
 
-    def _processing(self, user_id):
+    def _processing(self, user_id, listing=None, known=None):
         """How far the reading has come: the conversations on disk and in the terminals, and how
-        many of them have something not read yet."""
+        many of them have something not read yet. A scan hands in what it has just listed."""
         with self.db.read_as(user_id) as conn:
-            known = {row["source"]: row for row in conn.execute(
-                "SELECT source, size, mtime FROM improve_sources WHERE user_id = :user_id")}
+            if known is None:
+                memory = self._memory.get(user_id)
+                known = memory.known if memory is not None else {row[0]: tuple(row[1:]) for row in conn.execute(
+                    "SELECT source, size, mtime FROM improve_sources WHERE user_id = :user_id")}
             terminals = conn.execute(
                 "SELECT s.id, MAX(c.seq) AS last_seq, r.offset FROM terminal_sessions s "
                 "JOIN terminal_chunks c ON c.session_id = s.id LEFT JOIN improve_sources r "
@@ -522,10 +561,12 @@ class Improve:
                 "WHERE s.user_id = :user_id AND c.stream = 'input' GROUP BY s.id").fetchall()
             settings = self._settings_row(conn)
         sessions = processed = 0
-        for path, _, size, mtime in logs.find_logs(self.claude_dir, self.codex_dir):
+        if listing is None:
+            listing = logs.find_logs(self.claude_dir, self.codex_dir)
+        for path, _, size, mtime in listing:
             sessions += 1
-            row = known.get(path)
-            if row is not None and row["size"] == size and row["mtime"] == mtime:
+            held = known.get(path)
+            if held is not None and held[0] == size and held[1] == mtime:
                 processed += 1
         for row in terminals:
             sessions += 1

@@ -13,6 +13,7 @@ when it was given in two different conversations.
 """
 
 import hashlib
+import heapq
 import re
 from dataclasses import dataclass, field
 
@@ -71,7 +72,7 @@ class Turn:
     observed_at: float
 
 
-@dataclass
+@dataclass(eq=False)
 class Signal:
     session_id: str
     turn_index: int
@@ -80,16 +81,48 @@ class Signal:
     excerpt: str
     terms: list
     observed_at: float
+    key: frozenset = field(init=False, repr=False)
+
+    def __post_init__(self):
+        self.key = frozenset(self.terms)
 
 
-@dataclass
+@dataclass(eq=False)
 class Cluster:
     terms: frozenset
     signals: list = field(default_factory=list)
+    sessions: set = field(default_factory=set)
 
-    @property
-    def sessions(self):
-        return {signal.session_id for signal in self.signals}
+    def add(self, signals):
+        self.signals.extend(signals)
+        self.sessions.update(signal.session_id for signal in signals)
+
+
+class Clustering:
+    """Clusters kept up to date as signals arrive, so that one new signal costs one lookup rather
+    than a clustering of everything said before. `build` starts over from a list of signals."""
+
+    def __init__(self, threshold=SIMILARITY):
+        self.threshold = threshold
+        self.clusters = []
+        self._by_key = {}
+
+    def build(self, signals):
+        self.clusters = cluster(signals, self.threshold)
+        self._by_key = {signal.key: found for found in self.clusters for signal in found.signals}
+
+    def add(self, signal):
+        """Puts a signal into its cluster (a new one if none is alike); returns the cluster."""
+        found = self._by_key.get(signal.key)
+        if found is None:
+            found = next((existing for existing in self.clusters
+                          if similarity(existing.terms, signal.key) >= self.threshold), None)
+            if found is None:
+                found = Cluster(signal.key)
+                self.clusters.append(found)
+            self._by_key[signal.key] = found
+        found.add([signal])
+        return found
 
 
 def stem(word):
@@ -178,17 +211,19 @@ def cluster(signals, threshold=SIMILARITY):
     ones are compared pairwise, which stays cheap because a person repeats a few instructions."""
     by_terms = {}
     for signal in signals:
-        by_terms.setdefault(frozenset(signal.terms), []).append(signal)
+        by_terms.setdefault(signal.key, []).append(signal)
     # The largest groups first, so a cluster is named after its most frequent form.
     groups = sorted(by_terms.items(), key=lambda item: (-len(item[1]), sorted(item[0])))
     clusters = []
     for terms, members in groups:
         for existing in clusters:
             if similarity(existing.terms, terms) >= threshold:
-                existing.signals.extend(members)
+                existing.add(members)
                 break
         else:
-            clusters.append(Cluster(terms, list(members)))
+            created = Cluster(terms)
+            created.add(members)
+            clusters.append(created)
     return clusters
 
 
@@ -198,18 +233,19 @@ def recurring(clusters, min_sessions=MIN_SESSIONS):
 
 def evidence_of(found, limit=EVIDENCE_LIMIT):
     """The newest signals, one per conversation first: the person's own words."""
-    ordered = sorted(found.signals, key=lambda s: (-s.observed_at, s.session_id, s.turn_index))
-    chosen, seen = [], set()
-    for signal in ordered:
-        if signal.session_id not in seen:
-            chosen.append(signal)
-            seen.add(signal.session_id)
-    for signal in ordered:
-        if len(chosen) >= limit:
-            break
-        if signal not in chosen:
-            chosen.append(signal)
-    return chosen[:limit]
+    def order(signal):
+        return (-signal.observed_at, signal.session_id, signal.turn_index)
+
+    newest = {}
+    for signal in found.signals:
+        held = newest.get(signal.session_id)
+        if held is None or order(signal) < order(held):
+            newest[signal.session_id] = signal
+    chosen = heapq.nsmallest(limit, newest.values(), key=order)
+    if len(chosen) < limit:
+        taken = set(map(id, chosen))
+        chosen += heapq.nsmallest(limit - len(chosen), (s for s in found.signals if id(s) not in taken), key=order)
+    return chosen
 
 
 def _as_rule(sentence):
@@ -245,7 +281,7 @@ def representative(found):
     then the shortest."""
     forms = {}
     for signal in found.signals:
-        forms.setdefault(frozenset(signal.terms), []).append(signal)
+        forms.setdefault(signal.key, []).append(signal)
     best = max(forms.values(), key=len)
     return min(best, key=lambda s: (len(s.excerpt), s.excerpt)).excerpt
 
