@@ -2,12 +2,15 @@
 """Measures the improve scan: a first reading of about 1 GB of conversation logs, and a rescan
 after one log grew by one line.
 
-    python3 cloud_app/scripts/bench_improve.py [--megabytes 1024] [--keep]
+    python3 cloud_app/scripts/bench_improve.py [--megabytes 1024] [--max-repeats 40] [--keep]
 
 The logs are generated from the recorded fixtures' shapes (tests/data/improve): each generated
-conversation is a copy of a recorded one of Claude Code or Codex (three quarters of the bytes
-Claude's, as their logs are the larger), with a session id of its own and the person's messages
-drawn from a pool in which a few corrections recur. They are written to a temporary folder and
+conversation is a recorded one of Claude Code or Codex (three quarters of the bytes Claude's,
+as their logs are the larger) repeated 1 to `--max-repeats` times, as a long conversation goes
+on turn after turn, with a session id of its own and the person's messages drawn from a pool
+in which a few corrections recur. The recorded conversations are short (three turns, about
+150 KB and 50 KB), so `--max-repeats 1` makes many small logs: a rescan then costs mostly the
+look at each log's size and time. They are written to a temporary folder and
 deleted afterwards. A relay of its own (a child process, its database in the same folder) reads
 them through `v1/improve/scan`, timed by the client: the first scan (MB/s over the bytes on
 disk), a second scan of unchanged logs, and a scan after one log grew by one line.
@@ -77,7 +80,7 @@ def templates():
     return found
 
 
-def generate(root, megabytes, seed=7):
+def generate(root, megabytes, max_repeats=1, seed=7):
     rng = random.Random(seed)
     shapes = templates()
     claude = [shape for shape in shapes if shape[0] == "claude"]
@@ -88,9 +91,14 @@ def generate(root, megabytes, seed=7):
         agent, data, count = rng.choice(claude) if rng.random() < 0.75 else rng.choice(codex)
         session = str(uuid.UUID(int=rng.getrandbits(128)))
         data = _UUID.sub(session.encode(), data)
-        for index in range(count):
-            text = json.dumps(rng.choice(MESSAGES), ensure_ascii=False)[1:-1].encode("utf-8")
-            data = data.replace(f"@@M{index}@@".encode(), text)
+        blocks = []
+        for _ in range(rng.randint(1, max_repeats)):
+            block = data
+            for index in range(count):
+                text = json.dumps(rng.choice(MESSAGES), ensure_ascii=False)[1:-1].encode("utf-8")
+                block = block.replace(f"@@M{index}@@".encode(), text)
+            blocks.append(block)
+        data = b"".join(blocks)
         if agent == "claude":
             path = os.path.join(root, "claude", f"-home-user-project-{files % 40}", session + ".jsonl")
         else:
@@ -117,14 +125,17 @@ def timed_scan(relay, token, force=False):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--megabytes", type=int, default=1024)
+    parser.add_argument("--max-repeats", type=int, default=40,
+                        help="each log is a recorded conversation repeated 1 to this many times")
     parser.add_argument("--keep", action="store_true", help="leave the generated folder in place")
     args = parser.parse_args()
     root = tempfile.mkdtemp(prefix="bench-improve-")
     relay = None
     try:
         started = time.perf_counter()
-        size, files, last = generate(root, args.megabytes)
-        print(f"generated {size / 1e6:.0f} MB in {files} logs in {time.perf_counter() - started:.1f} s")
+        size, files, last = generate(root, args.megabytes, args.max_repeats)
+        print(f"generated {size / 1e6:.0f} MB in {files} logs (mean {size / files / 1e6:.2f} MB) "
+              f"in {time.perf_counter() - started:.1f} s")
         os.makedirs(os.path.join(root, "relay", "bin"))
         relay = support.Relay(os.path.join(root, "relay"), {
             "MERE_RELAY_CLAUDE_PROJECTS_DIR": os.path.join(root, "claude"),

@@ -98,6 +98,33 @@ class ReaderTest(unittest.TestCase):
         self.assertEqual([(item.text, item.turn_index) for item in more], [("Stop adding comments.", len(turns) + 1)])
         self.assertEqual(end, os.path.getsize(copy))
 
+    def test_a_read_stops_at_its_limit_on_a_whole_line_and_says_there_is_more(self):
+        path = fixture_logs("codex")[0]
+        size = os.path.getsize(path)
+        turns, offset, state = logs.read_log(path, logs.CODEX, 0, {}, limit=size // 2)
+        self.assertTrue(state["more"])
+        self.assertLess(offset, size // 2 + 1)
+        with open(path, "rb") as handle:
+            self.assertEqual(handle.read()[offset - 1:offset], b"\n")
+        rest, end, state = logs.read_log(path, logs.CODEX, offset, {"turns": state["turns"], "last": state["last"]})
+        self.assertNotIn("more", state)
+        self.assertEqual(end, size)
+        self.assertEqual([item.turn_index for item in turns + rest], [1, 2])
+
+    def test_a_line_longer_than_the_limit_is_stepped_over(self):
+        folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, folder)
+        path = os.path.join(folder, "long.jsonl")
+        line = json.dumps({"type": "user", "message": {"role": "user", "content": "Never skip this one."}},
+                          separators=(",", ":"))
+        with open(path, "w", encoding="utf-8") as handle:
+            handle.write('{"type":"assistant","text":"' + "x" * 5000 + '"}\n' + line + "\n")
+        turns, offset, state = logs.read_log(path, logs.CLAUDE, 0, {}, limit=1000)
+        self.assertEqual((turns, offset, state["more"]), ([], 5031, True))
+        turns, offset, state = logs.read_log(path, logs.CLAUDE, offset, state, limit=1000)
+        self.assertEqual([item.text for item in turns], ["Never skip this one."])
+        self.assertEqual(offset, os.path.getsize(path))
+
     def test_typed_lines_take_back_deleted_characters_and_drop_escape_sequences(self):
         lines, rest = logs.typed_lines("", "ab\x7fc\r\x1b[Ax\x15never do\x1b[200~ that\x1b[201~\rpart")
         self.assertEqual((lines, rest), (["ac", "never do that"], "part"))
@@ -171,6 +198,26 @@ class DetectionTest(unittest.TestCase):
         self.assertEqual(skill["targets"], [{"agent": "claude", "path": f".claude/skills/{slug}/SKILL.md",
                                              "artifact": "skill"}])
         self.assertTrue(skill["body"].startswith(f"---\nname: {slug}\ndescription: "))
+
+    def test_signals_added_one_by_one_join_the_clusters_built_before(self):
+        said = [("Don't use sed, use the edit tool instead.", "a"), ("Always run the tests first.", "a"),
+                ("don't use sed here - use the Edit tool instead!", "b"), ("never use sed, use the edit tool instead", "c"),
+                ("Always run the tests first!", "c")]
+        signals = [signal for text, session in said for signal in detect.signals_of(turn(text, session))]
+        clustering = detect.Clustering()
+        clustering.build(signals[:2])
+        for signal in signals[2:]:
+            clustering.add(signal)
+        built = detect.cluster(signals)
+        self.assertEqual(sorted(sorted(s.excerpt for s in c.signals) for c in clustering.clusters),
+                         sorted(sorted(s.excerpt for s in c.signals) for c in built))
+        self.assertEqual(sorted(len(c.sessions) for c in detect.recurring(clustering.clusters)), [2, 3])
+
+    def test_the_fixed_times_and_limits(self):
+        from relaylib.improve import area
+        self.assertEqual((area.WINDOW_DAYS, area.DAY_SECONDS, area.HOUR_SECONDS, area.DEFAULT_CADENCE_HOURS,
+                          area.AUTOMATIC_CHECK_SECONDS, area.DEFAULT_LIMIT), (30, 86400, 3600, 24, 60, 20))
+        self.assertEqual((detect.SIMILARITY, detect.MIN_SESSIONS, detect.EXCERPT_CHARS), (0.6, 2, 280))
 
     def test_evidence_is_one_per_conversation_first_newest_first(self):
         signals = [detect.Signal("a", index, "claude", ["negation"], f"never x {index}", ["never", "x"], 100 + index)

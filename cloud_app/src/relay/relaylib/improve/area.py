@@ -205,7 +205,10 @@ class Improve:
             turns_seen += len(turns)
             for turn in turns:
                 new_signals.extend(detect.signals_of(turn))
-            changes.append((path, agent, logs.session_of(path, agent), size, mtime, offset, state))
+            # A log read only up to the limit is remembered at the size read, so it still looks
+            # changed to the next scan, which reads on from there.
+            seen = offset if state.pop("more", False) else size
+            changes.append((path, agent, logs.session_of(path, agent), seen, mtime, offset, state))
         terminal_changes, terminal_turns = self._read_terminals(user_id)
         scanned += len(terminal_changes)
         turns_seen += len(terminal_turns)
@@ -248,9 +251,22 @@ class Improve:
                                      signal.kinds, signal.excerpt, signal.terms, signal.observed_at)
                 changed.add(id(clustering.add(kept)))
             recurring = detect.recurring(clustering.clusters)
+            stored = None
             for cluster in recurring:
-                if id(cluster) in changed:
-                    self._upsert(conn, detect.word(cluster, user_id), now)
+                if id(cluster) not in changed:
+                    continue
+                suggestion = detect.word(cluster, user_id)
+                if stored is None:
+                    stored = {row[0]: frozenset(row[1].split()) for row in conn.execute(
+                        "SELECT id, signature FROM improve_suggestions WHERE user_id = :user_id")}
+                if suggestion["id"] not in stored:
+                    # Clustered afresh (a forced scan), an instruction may be named by another of its
+                    # forms: it is still the suggestion the person has already seen and decided on.
+                    alike = [(detect.similarity(terms, cluster.terms), known) for known, terms in stored.items()]
+                    best = max(alike, default=(0.0, None))
+                    if best[0] >= detect.SIMILARITY:
+                        suggestion["id"] = best[1]
+                self._upsert(conn, suggestion, now)
             conn.execute(
                 "INSERT INTO improve_settings (user_id, automatic, cadence_hours, last_run_at, next_run_at, "
                 "turns_observed, signals_found) VALUES (:user_id, 0, :cadence, :now, NULL, :turns, :signals) "

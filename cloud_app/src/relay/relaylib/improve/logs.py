@@ -131,8 +131,12 @@ def read_log(path, agent, offset, state, limit=READ_LIMIT_BYTES):
         handle.seek(offset)
         data = handle.read(limit)
         stat = os.fstat(handle.fileno())
+    stopped_at_limit = len(data) >= limit
     end = data.rfind(b"\n") + 1
     if end == 0:
+        if stopped_at_limit:
+            # One line longer than the limit is no one's message: step over it.
+            return [], _after_next_newline(path, offset + len(data)), dict(state, more=True)
         return [], offset, state
     data = data[:end]
     session = session_of(path, agent)
@@ -157,7 +161,25 @@ def read_log(path, agent, offset, state, limit=READ_LIMIT_BYTES):
         last = text
         turns_so_far += 1
         turns.append(Turn(session, turns_so_far, agent, text, _observed(record.get("timestamp"), stat.st_mtime)))
-    return turns, offset + end, {"turns": turns_so_far, "last": last}
+    state = {"turns": turns_so_far, "last": last}
+    if stopped_at_limit:
+        # Stopped at the limit, not at the end: the caller reads on at its next scan.
+        state["more"] = True
+    return turns, offset + end, state
+
+
+def _after_next_newline(path, offset, step=1024 * 1024):
+    """The offset just past the next newline at or after `offset` (the file's end when none)."""
+    with open(path, "rb") as handle:
+        handle.seek(offset)
+        while True:
+            chunk = handle.read(step)
+            if not chunk:
+                return offset
+            at = chunk.find(b"\n")
+            if at >= 0:
+                return offset + at + 1
+            offset += len(chunk)
 
 
 def find_logs(claude_dir, codex_dir):
