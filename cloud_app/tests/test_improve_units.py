@@ -144,6 +144,11 @@ class DetectionTest(unittest.TestCase):
             "Add a docstring to the parser.": None,
             "What does this function do?": None,
             "Don't!": None,
+            "Never mind, don't worry about it.": None,
+            "Why don't you use the edit tool?": None,
+            "It doesn't work, never did.": None,
+            "I never saw that error before.": None,
+            "I prefer tabs, never spaces.": ["negation", "preference"],
         }
         for text, kinds in cases.items():
             with self.subTest(text=text):

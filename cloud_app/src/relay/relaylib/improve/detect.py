@@ -56,6 +56,14 @@ _FRUSTRATION = re.compile(r"(?:\?!|!!|\bagain\b|\bi told you\b|\bhow many times\
                           r"|\bfor the last time\b|\bstill\b)", re.I)
 _IMPERATIVE = re.compile(r"^(?:please\s+)?(?:use|run|add|keep|write|put|check|call|read|test|commit|format|"
                          r"ask|stop|avoid|prefer|remove|delete|leave|make|do|don'?t|never|always)\b", re.I)
+# Negations that are conversation, not an instruction: "never mind", "don't worry", "it doesn't work".
+_IDIOMS = re.compile(r"\b(?:never ?mind|don'?t worry|no worries|not sure|(?:do|did)(?: not|n'?t) (?:know|understand|"
+                     r"see|think|get)|doesn'?t matter|(?:does|did|is|was)(?: not|n'?t) work(?:ing)?|not working)\b",
+                     re.I)
+# A sentence about the person or the state of things ("I never saw that", "This is never called")
+# rather than to the agent, unless it says what the person wants.
+_NOT_TO_THE_AGENT = re.compile(r"^(?:i|i'm|i've|we|it|it's|this|that|there|he|she|they)\b(?!.*\b(?:prefer|want|"
+                               r"need|expect|like|told you)\b)", re.I)
 _SENTENCES = re.compile(r"(?<=[.!?;])\s+|\n+")
 _WORD = re.compile(r"[a-z0-9][a-z0-9_\-/.+#]*[a-z0-9+#]|[a-z0-9]")
 _STEP = re.compile(r"(?:^|\s)(?:\d+[.)]|first\b|then\b|next\b|finally\b|after that\b)", re.I)
@@ -183,6 +191,9 @@ def signals_of(turn):
     for sentence in _SENTENCES.split(text):
         sentence = sentence.strip(" \t-*>")
         if not sentence or len(sentence) > MAX_SIGNAL_CHARS:
+            continue
+        # A question asks; it does not instruct.
+        if sentence.endswith("?") or _IDIOMS.search(sentence) or _NOT_TO_THE_AGENT.search(sentence):
             continue
         kinds = kinds_of(sentence)
         if not kinds:
