@@ -17,6 +17,16 @@ def fixture_logs(agent):
     return sorted(os.path.join(folder, name) for folder, _, names in os.walk(root) for name in names)
 
 
+def write_log(test, name, lines):
+    """A log of `lines` (objects, written as the CLIs write them) in a folder removed after `test`."""
+    folder = tempfile.mkdtemp()
+    test.addCleanup(shutil.rmtree, folder)
+    path = os.path.join(folder, name)
+    with open(path, "w", encoding="utf-8") as handle:
+        handle.write("".join(json.dumps(line, separators=(",", ":")) + "\n" for line in lines))
+    return path
+
+
 def turn(text, session="s1", index=1, agent="claude", at=1000.0):
     return detect.Turn(session, index, agent, text, at)
 
@@ -59,11 +69,7 @@ class ReaderTest(unittest.TestCase):
             {"type": "assistant", "message": {"role": "assistant", "content": [{"type": "text", "text": "Never."}]}},
             {"type": "user", "message": {"role": "user", "content": [{"type": "text", "text": "Never do that."}]}},
         ]
-        folder = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, folder)
-        path = os.path.join(folder, "abc.jsonl")
-        with open(path, "w", encoding="utf-8") as handle:
-            handle.write("".join(json.dumps(line, separators=(",", ":")) + "\n" for line in lines))
+        path = write_log(self, "abc.jsonl", lines)
         turns, _, _ = logs.read_log(path, logs.CLAUDE, 0, {})
         self.assertEqual([(item.text, item.session_id) for item in turns], [("Never do that.", "abc")])
 
@@ -71,11 +77,7 @@ class ReaderTest(unittest.TestCase):
         lines = [{"type": "response_item", "payload": {"type": "message", "role": "user",
                                                         "content": [{"type": "input_text", "text": "Never guess."}]}},
                  {"type": "event_msg", "payload": {"type": "user_message", "message": "Never guess."}}]
-        folder = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, folder)
-        path = os.path.join(folder, "rollout-2025-01-01T00-00-00-0199a1b2-0000-7000-8000-000000000001.jsonl")
-        with open(path, "w", encoding="utf-8") as handle:
-            handle.write("".join(json.dumps(line, separators=(",", ":")) + "\n" for line in lines))
+        path = write_log(self, "rollout-2025-01-01T00-00-00-0199a1b2-0000-7000-8000-000000000001.jsonl", lines)
         turns, _, _ = logs.read_log(path, logs.CODEX, 0, {})
         self.assertEqual([(item.text, item.session_id) for item in turns],
                          [("Never guess.", "0199a1b2-0000-7000-8000-000000000001")])
