@@ -198,6 +198,23 @@ class ReadingTest(ImproveTestCase):
         self.assertEqual(suggestion["targets"], [{"agent": "codex", "path": "AGENTS.md", "artifact": "rule"}])
         self.assertEqual(self.scan()["sessions_scanned"], 0)
 
+    def test_a_procedure_said_in_two_conversations_is_a_skill_and_is_never_reworded(self):
+        said = "Always release like this: first bump the version, then tag it, then push the tag.\r"
+        for _ in range(2):
+            status, session, _ = self.call("POST", "v1/terminal/sessions", {"source": "desktop"})
+            now = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())
+            self.call("POST", f"v1/terminal/sessions/{session['id']}/events",
+                      {"chunks": [dict(CHUNK, stream="input", data=said, ts=now)]})
+        self.scan()
+        suggestion = self.listed()["suggestions"][0]
+        self.assertEqual((suggestion["artifact"], suggestion["section"]), ("skill", ""))
+        slug = suggestion["slug"]
+        self.assertEqual(suggestion["targets"], [{"agent": "codex", "path": f".agents/skills/{slug}/SKILL.md",
+                                                  "artifact": "skill"}])
+        self.assertIn("first bump the version, then tag it, then push the tag.", suggestion["body"])
+        status, answer, _ = self.call("POST", f"v1/improve/suggestions/{suggestion['id']}/draft")
+        self.assertError(answer, status, 409, message="a skill is written as it stands and is never reworded")
+
 
 class BookkeepingTest(ImproveTestCase):
     def setUp(self):
