@@ -103,7 +103,8 @@ def generate(root, megabytes, max_repeats=1, seed=7):
             path = os.path.join(root, "claude", f"-home-user-project-{files % 40}", session + ".jsonl")
         else:
             day = files % 28 + 1
-            path = os.path.join(root, "codex", "2026", "01", f"{day:02d}", f"rollout-2026-01-{day:02d}T10-00-00-{session}.jsonl")
+            path = os.path.join(root, "codex", "2026", "01", f"{day:02d}",
+                                f"rollout-2026-01-{day:02d}T10-00-00-{session}.jsonl")
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path, "wb") as handle:
             handle.write(data)

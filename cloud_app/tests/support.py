@@ -518,6 +518,6 @@ def route_path(pattern, ids):
     """A pattern with its {id} and {item} filled for the record kind its path names."""
     kind = ("interrupt" if "interrupts" in pattern else "session" if "terminal" in pattern
             else "key" if "api-keys" in pattern else "classifier" if "classifiers" in pattern
-            else "suggestion" if "improve/suggestions" in pattern else "application" if "improve/applications" in pattern
-            else "project")
+            else "suggestion" if "improve/suggestions" in pattern
+            else "application" if "improve/applications" in pattern else "project")
     return pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))

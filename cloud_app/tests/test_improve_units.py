@@ -208,7 +208,8 @@ class DetectionTest(unittest.TestCase):
 
     def test_signals_added_one_by_one_join_the_clusters_built_before(self):
         said = [("Don't use sed, use the edit tool instead.", "a"), ("Always run the tests first.", "a"),
-                ("don't use sed here - use the Edit tool instead!", "b"), ("never use sed, use the edit tool instead", "c"),
+                ("don't use sed here - use the Edit tool instead!", "b"),
+                ("never use sed, use the edit tool instead", "c"),
                 ("Always run the tests first!", "c")]
         signals = [signal for text, session in said for signal in detect.signals_of(turn(text, session))]
         clustering = detect.Clustering()
