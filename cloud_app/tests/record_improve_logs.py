@@ -98,6 +98,8 @@ def record_codex(peers):
 
 def main():
     peers = npm_peers.ensure_installed()
+    # The recorded sessions get new ids: the old files go, or both would be fixtures.
+    shutil.rmtree(OUT, ignore_errors=True)
     record_claude(peers)
     record_codex(peers)
     print("written under", OUT)

@@ -1,9 +1,11 @@
 """Improve: suggestions from the person's own recurring instructions, read from real logs of both
 agent CLIs (recorded with record_improve_logs.py) and from the drawer terminals' typed input."""
 
+import calendar
 import hashlib
 import json
 import os
+import re
 import shutil
 import time
 import unittest
@@ -17,7 +19,7 @@ SED_RULE = "- Don't use sed, use the edit tool instead."
 TESTS_RULE = "- Always run the tests before you commit."
 NO_MODEL = ("No model is available to reword this suggestion: add an API model with its key in the "
             "router's settings, or apply the wording as it is.")
-LIST = "v1/improve/suggestions?include_dismissed=true&limit=20"
+TIMESTAMP_FIELD = re.compile(r'"timestamp":"([^"]+)"')
 
 
 class ImproveTestCase(RelayTestCase):
@@ -47,12 +49,24 @@ class ImproveTestCase(RelayTestCase):
         self.token, _ = self.relay.code_token(f"{self.id().rsplit('.', 1)[-1][:40]}@example.com")
 
     def copy(self, agent, *names):
-        """Copies fixture logs (paths under data/improve/<agent>/) into the relay's folders."""
+        """Copies fixture logs (paths under data/improve/<agent>/) into the relay's folders, moved
+        in time so that their last line is a minute old: recent evidence whenever the test runs."""
         for name in names:
-            source = os.path.join(FIXTURES, agent, name)
+            with open(os.path.join(FIXTURES, agent, name), encoding="utf-8") as handle:
+                text = handle.read()
+            stamps = [calendar.timegm(time.strptime(found[:19], "%Y-%m-%dT%H:%M:%S"))
+                      for found in TIMESTAMP_FIELD.findall(text)]
+            shift = time.time() - 60 - max(stamps)
+
+            def moved(match):
+                seconds = calendar.timegm(time.strptime(match.group(1)[:19], "%Y-%m-%dT%H:%M:%S")) + shift
+                return '"timestamp":"' + time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(seconds)) + \
+                    match.group(1)[19:] + '"'
+
             target = os.path.join(self.claude_dir if agent == "claude" else self.codex_dir, name)
             os.makedirs(os.path.dirname(target), exist_ok=True)
-            shutil.copyfile(source, target)
+            with open(target, "w", encoding="utf-8") as handle:
+                handle.write(TIMESTAMP_FIELD.sub(moved, text))
             yield target
 
     def fixtures(self, agent):
@@ -306,15 +320,18 @@ class AgeingTest(ImproveTestCase):
     # A day of one second: snoozes end and evidence ages within a test.
     extra_env = {"MERE_RELAY_IMPROVE_DAY_SECONDS": "1"}
 
-    def test_a_snooze_expires_and_the_suggestion_is_open_again(self):
-        list(self.copy("claude", *self.fixtures("claude")))
-        # Evidence dated now, so that it is not stale within the 30-second window.
-        for path in (os.path.join(self.claude_dir, name) for name in self.fixtures("claude")):
+    def redate(self, paths, when):
+        """Dates every line of the copied logs at `when` (epoch seconds)."""
+        stamp = time.strftime("%Y-%m-%dT%H:%M:%S.000Z", time.gmtime(when))
+        for path in paths:
             with open(path, encoding="utf-8") as handle:
                 text = handle.read()
-            now = time.strftime("%Y-%m-%dT%H:%M:%S.000Z", time.gmtime())
             with open(path, "w", encoding="utf-8") as handle:
-                handle.write(__import__("re").sub(r'"timestamp":"[^"]+"', f'"timestamp":"{now}"', text))
+                handle.write(re.sub(r'"timestamp":"[^"]+"', f'"timestamp":"{stamp}"', text))
+
+    def test_a_snooze_expires_and_the_suggestion_is_open_again(self):
+        # Evidence dated now, so that it is not stale within the 30-second window.
+        self.redate(self.copy("claude", *self.fixtures("claude")), time.time())
         self.scan()
         suggestion = self.listed()["suggestions"][0]
         status, snoozed, _ = self.call("POST", f"v1/improve/suggestions/{suggestion['id']}/snooze", {"days": 1})
@@ -325,10 +342,10 @@ class AgeingTest(ImproveTestCase):
         self.assertNotIn("snoozed_until", again)
 
     def test_no_evidence_within_the_window_makes_a_suggestion_stale_and_dismissed(self):
-        list(self.copy("claude", *self.fixtures("claude")))
+        # Conversations of a minute ago: older than thirty "days" of a second.
+        self.redate(self.copy("claude", *self.fixtures("claude")), time.time() - 60)
         self.scan()
         listing = self.listed(include_dismissed=False)
-        # The recorded conversations are older than thirty "days" of a second.
         self.assertEqual(listing["suggestions"], [])
         self.assertEqual(listing["counts"], {"open": 0, "snoozed": 0, "dismissed": 1})
         suggestion = self.listed()["suggestions"][0]
