@@ -401,6 +401,13 @@ CLASSIFIER = {"name": "Agent complexity", "model": "", "sampling_rate": 1.0,
                              {"key": "task_family", "label": "Task family",
                               "values": ["coding", "analysis", "planning", "research"]}]}
 
+# What the application tells the relay after it wrote a suggested rule.
+IMPROVE_APPLY = {"agent": "codex", "path": "AGENTS.md", "resolved_path": "/work/quillmere/AGENTS.md",
+                 "inserted_text": "- Never push to main without a review.", "content_sha256": "0" * 64,
+                 "created_file": True}
+# A correction typed into two drawer terminals: enough for one suggestion.
+TYPED_CORRECTION = "never push to main without a review\r"
+
 ROUTES = [
     ("GET", "v1/health", False, None),
     ("POST", "v1/auth/local", False, {}),
@@ -465,6 +472,16 @@ ROUTES = [
     ("GET", "v1/composio/toolkits", True, None),
     ("GET", "v1/composio/connections", True, None),
     ("POST", "v1/composio/connections", True, {"toolkit": "github"}),
+    ("POST", "v1/improve/scan", True, {"force": False}),
+    ("GET", "v1/improve/suggestions", True, None),
+    ("POST", "v1/improve/suggestions/{id}/dismiss", True, None),
+    ("POST", "v1/improve/suggestions/{id}/snooze", True, {"days": 7}),
+    ("POST", "v1/improve/suggestions/{id}/reopen", True, None),
+    ("POST", "v1/improve/suggestions/{id}/draft", True, None),
+    ("POST", "v1/improve/suggestions/{id}/apply", True, IMPROVE_APPLY),
+    ("POST", "v1/improve/applications/{id}/undo", True, None),
+    ("GET", "v1/improve/settings", True, None),
+    ("POST", "v1/improve/settings", True, {"automatic": False, "cadence_hours": 24}),
 ]
 
 
@@ -482,12 +499,25 @@ def make_records(relay, token):
     item = post(f"v1/projects/{project}/context", {"title": "Tests", "content": "Run ctest."})["id"]
     key = post("v1/router/api-keys", GATEWAY_KEY)["id"]
     classifier = post("v1/classifiers", CLASSIFIER)["data"]["id"]
+    for _ in range(2):
+        typed = post("v1/terminal/sessions", {"source": "desktop"})["id"]
+        # Typed now, so the suggestion it makes has recent evidence.
+        now = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())
+        post(f"v1/terminal/sessions/{typed}/events",
+             {"chunks": [dict(CHUNK, stream="input", data=TYPED_CORRECTION, ts=now)]})
+    post("v1/improve/scan", {"force": False})
+    status, listed, _ = relay.request("GET", "v1/improve/suggestions?include_dismissed=true&limit=20", token=token)
+    assert status == 200 and listed["suggestions"], listed
+    suggestion = listed["suggestions"][0]["id"]
+    application = post(f"v1/improve/suggestions/{suggestion}/apply", IMPROVE_APPLY)["id"]
     return {"interrupt": interrupt, "session": session, "project": project, "item": item, "key": key,
-            "classifier": classifier}
+            "classifier": classifier, "suggestion": suggestion, "application": application}
 
 
 def route_path(pattern, ids):
     """A pattern with its {id} and {item} filled for the record kind its path names."""
     kind = ("interrupt" if "interrupts" in pattern else "session" if "terminal" in pattern
-            else "key" if "api-keys" in pattern else "classifier" if "classifiers" in pattern else "project")
+            else "key" if "api-keys" in pattern else "classifier" if "classifiers" in pattern
+            else "suggestion" if "improve/suggestions" in pattern
+            else "application" if "improve/applications" in pattern else "project")
     return pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))

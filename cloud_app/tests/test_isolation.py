@@ -42,12 +42,16 @@ class EveryPathTest(TwoUsersTestCase):
             status, answer, _ = self.as_bob(method, route_path(pattern, ids), body)
             self.assertEqual(status, 404, (method, pattern, answer))
             checked += 1
-        self.assertEqual(checked, 13)
+        self.assertEqual(checked, 19)
         # Nothing of Alice's was decided, written, ended or deleted by those requests.
         self.assertEqual(self.call("GET", f"v1/interrupts/{ids['interrupt']}")[1]["status"], "open")
         transcript = self.call("GET", f"v1/terminal/sessions/{ids['session']}")[1]
         self.assertEqual(len(transcript["chunks"]), 1)
         self.assertNotIn("ended_at", transcript)
+        # Alice's suggestion kept its state and its one application stands.
+        listed = self.call("GET", "v1/improve/suggestions?include_dismissed=true&limit=20")[1]["suggestions"]
+        self.assertEqual([(item["id"], item["status"], item["applied"]) for item in listed],
+                         [(ids["suggestion"], "open", True)])
         self.assertEqual([item["id"] for item in self.call("GET", f"v1/projects/{ids['project']}/context")[1]],
                          [ids["item"]])
         alice_keys = self.call("GET", "v1/router/api-keys", token=self.alice)[1]

@@ -99,7 +99,7 @@ class StreamTest(QueueTestCase):
         try:
             self.assertTrue(stream.headers["Content-Type"].startswith("text/event-stream"))
             first = stream.next_snapshot()
-            self.assertEqual(list(first), ["running", "done", "interrupts"])
+            self.assertEqual(list(first), ["running", "done", "interrupts", "open_suggestions"])
             interrupt_id = self.raise_interrupt(prompt="streamed?")
             second = stream.next_snapshot()
             self.assertEqual(second["interrupts"][-1]["id"], interrupt_id)

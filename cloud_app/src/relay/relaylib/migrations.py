@@ -393,6 +393,85 @@ CREATE TABLE integration_statuses (
 );
 """
 
+IMPROVE = """
+CREATE TABLE improve_sources (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    source TEXT NOT NULL,
+    agent TEXT NOT NULL,
+    session_id TEXT NOT NULL,
+    size INTEGER NOT NULL,
+    mtime REAL NOT NULL,
+    offset INTEGER NOT NULL,
+    state TEXT NOT NULL,
+    read_at REAL NOT NULL,
+    PRIMARY KEY (user_id, source)
+);
+CREATE TABLE improve_signals (
+    id INTEGER PRIMARY KEY,
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    session_key TEXT NOT NULL,
+    session_id TEXT NOT NULL,
+    turn_index INTEGER NOT NULL,
+    agent TEXT NOT NULL,
+    kinds TEXT NOT NULL,
+    excerpt TEXT NOT NULL,
+    terms TEXT NOT NULL,
+    observed_at REAL NOT NULL
+);
+CREATE INDEX improve_signals_by_time ON improve_signals (user_id, observed_at);
+CREATE TABLE improve_suggestions (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    signature TEXT NOT NULL,
+    kind TEXT NOT NULL,
+    artifact TEXT NOT NULL,
+    title TEXT NOT NULL,
+    detail TEXT NOT NULL,
+    body TEXT NOT NULL,
+    slug TEXT NOT NULL,
+    terms TEXT NOT NULL,
+    patterns TEXT NOT NULL,
+    agents TEXT NOT NULL,
+    targets TEXT NOT NULL,
+    section TEXT NOT NULL,
+    evidence TEXT NOT NULL,
+    turn_count INTEGER NOT NULL,
+    session_count INTEGER NOT NULL,
+    status TEXT NOT NULL,
+    snoozed_until REAL,
+    reopened_at REAL,
+    created_at REAL NOT NULL,
+    updated_at REAL NOT NULL,
+    last_seen_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id)
+);
+CREATE TABLE improve_applications (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    suggestion_id TEXT NOT NULL,
+    agent TEXT NOT NULL,
+    artifact TEXT NOT NULL,
+    path TEXT NOT NULL,
+    resolved_path TEXT NOT NULL,
+    inserted_text TEXT NOT NULL,
+    content_sha256 TEXT NOT NULL,
+    created_file INTEGER NOT NULL,
+    applied_at REAL NOT NULL,
+    undone_at REAL,
+    PRIMARY KEY (user_id, id)
+);
+CREATE INDEX improve_applications_by_suggestion ON improve_applications (user_id, suggestion_id);
+CREATE TABLE improve_settings (
+    user_id TEXT PRIMARY KEY REFERENCES users(id) ON DELETE CASCADE,
+    automatic INTEGER NOT NULL,
+    cadence_hours INTEGER NOT NULL,
+    last_run_at REAL,
+    next_run_at REAL,
+    turns_observed INTEGER NOT NULL,
+    signals_found INTEGER NOT NULL
+);
+"""
+
 
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
@@ -403,4 +482,5 @@ MIGRATIONS = [
     (6, "gateway keys and their guardrails", GATEWAY),
     (9, "usage classifiers and their activity", CLASSIFIERS),
     (10, "connected apps: links started and statuses seen", INTEGRATIONS),
+    (11, "improve: sources read, signals, suggestions, applications, settings", IMPROVE),
 ]

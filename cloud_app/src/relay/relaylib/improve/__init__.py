@@ -1,0 +1,1 @@
+"""Improve: the person's recurring instructions, found in their agent conversations."""

@@ -1,0 +1,238 @@
+"""Readers of the agents' conversation logs: the person's own messages, and nothing else.
+
+Claude Code writes one JSON object per line to `~/.claude/projects/<folder>/<session>.jsonl`;
+the person's messages are lines of type "user" whose content is their text (a string, or text
+blocks). Lines of type "user" also carry tool results, meta lines (command caveats) and the
+prompts of sub-agents (`isSidechain`), and the person's text can be a system reminder or the
+output of a local command wrapped in tags: none of those is what the person said.
+
+Codex writes `~/.codex/sessions/YYYY/MM/DD/rollout-<time>-<id>.jsonl`; the person's messages are
+`response_item` messages of role "user" (older versions also repeat each as an `event_msg` of
+type "user_message"). Codex puts its environment and the project's instructions into user
+messages too, each wrapped in a tag or under an "# AGENTS.md instructions" heading.
+
+Reading is by bytes from where the last read stopped. Only whole lines are read (a line still
+being written is left for the next read), and a line is parsed only when a cheap substring
+test says it may hold the person's message: the agent's own lines, which are most of a log,
+are never parsed.
+"""
+
+import json
+import os
+import re
+
+from .. import clock
+from .detect import Turn
+
+CLAUDE = "claude"
+CODEX = "codex"
+TERMINAL = "terminal"
+# How much of a grown log one read takes at most; the rest waits for the next scan.
+READ_LIMIT_BYTES = 256 * 1024 * 1024
+
+_CLAUDE_MARK = b'"type":"user"'
+_CLAUDE_SKIP = (b'"type":"tool_result"', b'"isMeta":true', b'"isSidechain":true', b'"isCompactSummary":true')
+_CODEX_MARKS = (b'"role":"user"', b'"type":"user_message"')
+_UUID_TAIL = re.compile(r"([0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12})$")
+# What an agent puts among the person's messages: tagged context, caveats, reminders.
+_NOT_THE_PERSON = ("<", "# AGENTS.md instructions", "Caveat:", "[Request interrupted")
+
+
+def session_of(path, agent):
+    stem = os.path.basename(path)[:-len(".jsonl")] if path.endswith(".jsonl") else os.path.basename(path)
+    if agent == CODEX:
+        found = _UUID_TAIL.search(stem)
+        return found.group(1) if found else stem[len("rollout-"):] if stem.startswith("rollout-") else stem
+    return stem
+
+
+def _persons_text(text):
+    if not isinstance(text, str):
+        return None
+    stripped = text.strip()
+    if not stripped or stripped.startswith(_NOT_THE_PERSON):
+        return None
+    return stripped
+
+
+def _observed(value, fallback):
+    seconds = clock.parse_iso(value) if isinstance(value, str) else None
+    return float(int(seconds)) if seconds is not None else fallback
+
+
+def _claude_text(record):
+    if record.get("type") != "user" or record.get("isMeta") or record.get("isSidechain"):
+        return None
+    message = record.get("message")
+    if not isinstance(message, dict) or message.get("role") != "user":
+        return None
+    content = message.get("content")
+    if isinstance(content, str):
+        return _persons_text(content)
+    if isinstance(content, list):
+        parts = []
+        for block in content:
+            if not isinstance(block, dict):
+                continue
+            if block.get("type") == "tool_result":
+                return None
+            if block.get("type") == "text":
+                text = _persons_text(block.get("text"))
+                if text:
+                    parts.append(text)
+        return "\n".join(parts) or None
+    return None
+
+
+def _codex_text(record):
+    payload = record.get("payload")
+    if not isinstance(payload, dict):
+        return None
+    if record.get("type") == "response_item" and payload.get("type") == "message" and payload.get("role") == "user":
+        parts = [block.get("text") for block in payload.get("content") or []
+                 if isinstance(block, dict) and block.get("type") in ("input_text", "text")]
+        return _persons_text("\n".join(part for part in parts if isinstance(part, str)))
+    if record.get("type") == "event_msg" and payload.get("type") == "user_message":
+        return _persons_text(payload.get("message"))
+    return None
+
+
+def _candidate_lines(data, marks, skips):
+    """The whole lines of `data` holding one of `marks` and none of `skips`, found by searching
+    the bytes rather than splitting them: most lines never become objects."""
+    found = []
+    for mark in marks:
+        start = 0
+        while True:
+            at = data.find(mark, start)
+            if at < 0:
+                break
+            begin = data.rfind(b"\n", 0, at) + 1
+            end = data.find(b"\n", at)
+            end = len(data) if end < 0 else end
+            found.append((begin, end))
+            start = end + 1
+    if len(marks) > 1:
+        found = sorted(set(found))
+    lines = []
+    for begin, end in found:
+        line = data[begin:end]
+        if not any(skip in line for skip in skips):
+            lines.append(line)
+    return lines
+
+
+def read_log(path, agent, offset, state, limit=READ_LIMIT_BYTES):
+    """The person's messages in `path` after byte `offset`. Returns (turns, new offset, state);
+    `state` carries the turn count and the last message taken, across reads of a growing file."""
+    turns_so_far = int(state.get("turns", 0))
+    last = state.get("last")
+    with open(path, "rb") as handle:
+        handle.seek(offset)
+        data = handle.read(limit)
+        stat = os.fstat(handle.fileno())
+    stopped_at_limit = len(data) >= limit
+    end = data.rfind(b"\n") + 1
+    if end == 0:
+        if stopped_at_limit:
+            # One line longer than the limit is no one's message: step over it.
+            return [], _after_next_newline(path, offset + len(data)), dict(state, more=True)
+        return [], offset, state
+    data = data[:end]
+    session = session_of(path, agent)
+    if agent == CLAUDE:
+        lines, read = _candidate_lines(data, (_CLAUDE_MARK,), _CLAUDE_SKIP), _claude_text
+    else:
+        lines, read = _candidate_lines(data, _CODEX_MARKS, ()), _codex_text
+    turns = []
+    for line in lines:
+        try:
+            record = json.loads(line)
+        except ValueError:
+            continue
+        if not isinstance(record, dict):
+            continue
+        text = read(record)
+        if text is None:
+            continue
+        # Older Codex logs hold each message twice, as an item and as an event, one after the other.
+        if agent == CODEX and text == last:
+            continue
+        last = text
+        turns_so_far += 1
+        turns.append(Turn(session, turns_so_far, agent, text, _observed(record.get("timestamp"), stat.st_mtime)))
+    state = {"turns": turns_so_far, "last": last}
+    if stopped_at_limit:
+        # Stopped at the limit, not at the end: the caller reads on at its next scan.
+        state["more"] = True
+    return turns, offset + end, state
+
+
+def _after_next_newline(path, offset, step=1024 * 1024):
+    """The offset just past the next newline at or after `offset` (the file's end when none)."""
+    with open(path, "rb") as handle:
+        handle.seek(offset)
+        while True:
+            chunk = handle.read(step)
+            if not chunk:
+                return offset
+            at = chunk.find(b"\n")
+            if at >= 0:
+                return offset + at + 1
+            offset += len(chunk)
+
+
+def find_logs(claude_dir, codex_dir):
+    """Every conversation log under the two folders: (path, agent, size, mtime), by path."""
+    found = []
+    for root, agent in ((claude_dir, CLAUDE), (codex_dir, CODEX)):
+        if root and os.path.isdir(root):
+            _walk(root, agent, found)
+    found.sort()
+    return found
+
+
+def _walk(folder, agent, found):
+    # scandir rather than walk and stat: one system call per entry, which a rescan of thousands
+    # of conversations spends most of its time on.
+    try:
+        entries = list(os.scandir(folder))
+    except OSError:
+        return
+    for entry in entries:
+        try:
+            if entry.is_dir(follow_symlinks=False):
+                _walk(entry.path, agent, found)
+                continue
+            name = entry.name
+            if not name.endswith(".jsonl") or (agent == CODEX and not name.startswith("rollout-")):
+                continue
+            stat = entry.stat()
+        except OSError:
+            continue
+        found.append((entry.path, agent, stat.st_size, stat.st_mtime))
+
+
+_ESCAPE = re.compile(r"\x1b(?:\[[0-?]*[ -/]*[@-~]|\][^\x07\x1b]*(?:\x07|\x1b\\)|O.|[@-Z\\-_])")
+
+
+def typed_lines(pending, data):
+    """Lines typed into a terminal: `pending` (the unfinished line so far) and new input `data`.
+    Returns (finished lines, the unfinished rest). Escape sequences (arrows, bracketed paste
+    marks) are dropped, backspace takes a character back, Ctrl-U clears the line."""
+    data = _ESCAPE.sub("", data)
+    lines, current = [], list(pending)
+    for char in data:
+        if char in "\r\n":
+            line = "".join(current).strip()
+            if line:
+                lines.append(line)
+            current = []
+        elif char in "\x7f\b":
+            if current:
+                current.pop()
+        elif char == "\x15":
+            current = []
+        elif char == "\t" or char >= " ":
+            current.append(char)
+    return lines, "".join(current)
