@@ -179,8 +179,7 @@ InputModes TerminalView::inputModes() const {
     modes.mouseMode = m_terminal->mouseMode();
     modes.mouseProtocol = m_terminal->mouseProtocol();
     // Each screen keeps its own keyboard enhancement flags.
-    modes.keyboardEnhancementFlags = m_terminal->isAlternateBufferActive() ? m_terminal->keyboardModeAlt()
-                                                                           : m_terminal->keyboardModeNormal();
+    modes.keyboardEnhancementFlags = m_terminal->keyboardEnhancementFlags();
     return modes;
 }
 
