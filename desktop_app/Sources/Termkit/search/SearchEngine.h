@@ -15,9 +15,12 @@
 
 U_NAMESPACE_BEGIN
 class RegexPattern;
+class RegexMatcher;
 U_NAMESPACE_END
 
 namespace termkit {
+
+class Buffer;
 
 struct SearchOptions {
     bool caseSensitive = false;
@@ -64,11 +67,13 @@ public:
 
 private:
     bool prepare(const std::string& term, const SearchOptions& options);
-    const std::vector<std::pair<int, int>>& matchesIn(SearchLineEntry& entry);
+    const std::vector<std::pair<int, int>>& matchesIn(SearchLineSlot& slot);
     void findInLine(SearchLineEntry& entry);
+    void findPlain(const std::u16string& text, std::vector<std::pair<int, int>>& out) const;
     bool isWholeWord(const std::u16string& text, int begin, int end) const;
     SearchResult resultOf(const SearchLineEntry& entry, LineIndex row, std::pair<int, int> match) const;
     LineIndex logicalLineStart(LineIndex row) const;
+    void findAllFrom(LineIndex from, size_t limit, std::vector<SearchResult>& results);
 
     const Terminal& m_terminal;
     SearchLineCache& m_lineCache;
@@ -79,8 +84,24 @@ private:
     std::u16string m_needle;
     SearchOptions m_options;
     std::unique_ptr<icu::RegexPattern> m_pattern;
+    std::unique_ptr<icu::RegexMatcher> m_matcher;
     bool m_validQuery = false;
     uint64_t m_queryId = 0;
+    // The last `findAll` over the scrollback. Lines there never change in place: they only
+    // leave through the top of a full ring, or all go with a clear, a reset or a resize. So
+    // its matches stay true, shifted by the lines that left, and a repeated `findAll` only
+    // searches the rows that were on the screen or are new.
+    struct ScrollbackMatches {
+        uint64_t queryId = 0;
+        const Buffer* buffer = nullptr;
+        int cols = 0;
+        int rows = 0;
+        int lineCount = 0;
+        long long linesTop = 0;
+        LineIndex stableEnd;
+        std::vector<SearchResult> results;
+    };
+    ScrollbackMatches m_scrollbackMatches;
 };
 
 } // namespace termkit

@@ -162,6 +162,30 @@ TEST(SearchServiceTest, ACacheSurvivesAFullRingScrolling) {
     EXPECT_EQ(s.getSelectedText(), "row 37");
 }
 
+TEST(SearchServiceTest, RepeatedFindAllSeesScrollbackBroughtBackAndChanged) {
+    Discard host;
+    Terminal t(&host, sized(20, 4, 100));
+    for (int i = 0; i < 12; ++i)
+        t.feed("gamma " + std::to_string(i) + "\r\n");
+    SearchService search(t);
+    EXPECT_EQ(search.findAll("gamma").size(), 12u);
+    // Taller: scrollback comes back onto the screen, where a program may overwrite it.
+    t.resize(20, 10);
+    t.feed("\x1b[1;1Hdelta\x1b[K");
+    EXPECT_EQ(search.findAll("gamma").size(), 11u);
+    EXPECT_EQ(search.findAll("delta").size(), 1u);
+    // Clearing the scrollback leaves only what the screen shows: as many as the buffer's
+    // plain text holds.
+    t.feed("\x1b[3J");
+    const std::vector<uint8_t> data = t.getBufferAsData();
+    const std::string text(data.begin(), data.end());
+    size_t inText = 0;
+    for (size_t at = text.find("gamma"); at != std::string::npos; at = text.find("gamma", at + 1))
+        ++inText;
+    EXPECT_LT(inText, 11u);
+    EXPECT_EQ(search.findAll("gamma").size(), inText);
+}
+
 // --- Over recorded sessions ------------------------------------------------------------------
 
 TEST(SearchServiceTest, RegexFindsATermSplitAcrossAWrapInARecordedSession) {
