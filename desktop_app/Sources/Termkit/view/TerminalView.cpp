@@ -32,6 +32,12 @@ TerminalView::TerminalView(QQuickItem* parent)
                                             m_terminalScheduler.get());
     m_terminal->storeForegroundColor(toTerminalColor(m_colors.foreground));
     m_terminal->storeBackgroundColor(toTerminalColor(m_colors.background));
+    m_selection = std::make_unique<SelectionService>(*m_terminal);
+    m_selection->selectionChanged = [this] {
+        emit selectionChanged();
+        polish();
+    };
+    m_search = std::make_unique<SearchService>(*m_terminal);
     setFlag(ItemHasContents, true);
     setFlag(ItemAcceptsInputMethod, true);
     setFlag(ItemIsFocusScope, false);
@@ -120,6 +126,7 @@ void TerminalView::makeCoordinator() {
 
 void TerminalView::feed(std::span<const uint8_t> bytes) {
     m_terminal->feed(bytes);
+    followRingRecycling();
     m_bytesFed += bytes.size();
     queuePendingDisplay();
 }

@@ -53,6 +53,8 @@ public:
             gpuRows = new GpuRowsNode;
             appendChildNode(gpuRows);
         }
+        highlights = new QSGNode;
+        appendChildNode(highlights);
         caret = makeImageNode(window);
         appendChildNode(caret);
         bell = window->createRectangleNode();
@@ -93,6 +95,9 @@ public:
     QSGRectangleNode* background = nullptr;
     GpuRowsNode* gpuRows = nullptr;
     QSGImageNode* image = nullptr;
+    // Selection and search matches: translucent rectangles over the text, made afresh for
+    // each frame (a handful on any screen).
+    QSGNode* highlights = nullptr;
     QSGImageNode* caret = nullptr;
     QSGRectangleNode* bell = nullptr;
     QSGRectangleNode* progress = nullptr;
@@ -139,6 +144,9 @@ void TerminalView::updatePolish() {
     setUsesGpu(!software);
     buildFrame();
     buildCaret();
+    if (m_searchHitsStale)
+        refreshSearchHits();
+    buildHighlightRects();
     // The redraw asked for is built: output that arrives from now on starts a new round.
     m_pacing.displayed();
     update();
@@ -239,6 +247,7 @@ QSGNode* TerminalView::updatePaintNode(QSGNode* oldNode, UpdatePaintNodeData*) {
     root->background->setColor(qcolor(viewBackground(*m_terminal, m_colors)));
     updateRowNodes(*root, w);
     updateCaretNode(*root, w);
+    updateHighlightNodes(*root, w);
     updateOverlayNodes(*root);
     if (token) {
         QMutexLocker guard(&m_tokenLock);
@@ -279,6 +288,19 @@ void TerminalView::updateCaretNode(ViewRootNode& root, QQuickWindow* window) {
         root.caret->setRect(QRectF());
     }
     m_caretDirty = false;
+}
+
+void TerminalView::updateHighlightNodes(ViewRootNode& root, QQuickWindow* window) {
+    while (QSGNode* child = root.highlights->firstChild()) {
+        root.highlights->removeChildNode(child);
+        delete child;
+    }
+    for (const auto& [rect, color] : m_highlightRects) {
+        QSGRectangleNode* node = window->createRectangleNode();
+        node->setRect(rect);
+        node->setColor(color);
+        root.highlights->appendChildNode(node);
+    }
 }
 
 void TerminalView::updateOverlayNodes(ViewRootNode& root) {

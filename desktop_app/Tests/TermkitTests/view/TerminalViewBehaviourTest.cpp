@@ -2,6 +2,7 @@
 // would write them: what keys, the pointer, the wheel and pastes send in each mode, and how
 // bells, progress reports, synchronized output, blinking and scrolling show.
 
+#include <QClipboard>
 #include <QGuiApplication>
 #include <QQuickWindow>
 #include <QSignalSpy>
@@ -98,8 +99,7 @@ private slots:
             return true;
         };
         h.view->setExtensions(extensions);
-        // No program enabled keyboard enhancements (nothing in the engine sets them yet): the
-        // legacy byte, not the extension's.
+        // No program enabled keyboard enhancements: the legacy byte, not the extension's.
         QTest::keyClick(&h.window, Qt::Key_Escape);
         QCOMPARE(h.take(), QByteArray("\x1b"));
         QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(3, 2));
@@ -109,6 +109,107 @@ private slots:
         h.view->feed("\x1b[?1000h"); // now the program takes the pointer
         QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(3, 2));
         QCOMPARE(pointer.size(), 2);
+    }
+
+    void kittyKeysOnceTheProgramAsksForThem() {
+        Harness h;
+        h.view->feed("\x1b[>1u"); // disambiguate
+        QTest::keyClick(&h.window, Qt::Key_Escape);
+        QCOMPARE(h.take(), QByteArray("\x1b[27u"));
+        QTest::keyClick(&h.window, Qt::Key_A, Qt::ControlModifier);
+        QCOMPARE(h.take(), QByteArray("\x1b[97;5u"));
+        QTest::keyClick(&h.window, Qt::Key_A, Qt::NoModifier);
+        QCOMPARE(h.take(), QByteArray("a"));
+        // Report every key with its events: the press and the release of each.
+        h.view->feed("\x1b[=11u");
+        QTest::keyClick(&h.window, Qt::Key_A, Qt::NoModifier);
+        QCOMPARE(h.take(), QByteArray("\x1b[97u\x1b[97;1:3u"));
+        QTest::keyClick(&h.window, Qt::Key_Up, Qt::NoModifier);
+        QCOMPARE(h.take(), QByteArray("\x1b[A\x1b[1;1:3A"));
+        // The program pops its flags: legacy bytes again.
+        h.view->feed("\x1b[<u");
+        QTest::keyClick(&h.window, Qt::Key_Escape);
+        QCOMPARE(h.take(), QByteArray("\x1b"));
+    }
+
+    void aDragSelectsTextAndCtrlShiftCCopiesIt() {
+        Harness h;
+        h.view->feed("hello world\r\nsecond line");
+        QVERIFY(h.presented());
+        const CellMetrics& cell = h.view->cellMetrics();
+        const auto boundary = [&](int col, int row) {
+            return QPoint(static_cast<int>(col * cell.width + 1),
+                          static_cast<int>((row + 0.5) * cell.height));
+        };
+        QTest::mousePress(&h.window, Qt::LeftButton, Qt::NoModifier, boundary(0, 0));
+        QTest::mouseMove(&h.window, boundary(5, 0));
+        QTest::mouseRelease(&h.window, Qt::LeftButton, Qt::NoModifier, boundary(5, 0));
+        QVERIFY(h.view->hasSelection());
+        QCOMPARE(h.view->selectedText(), QString("hello"));
+        QCOMPARE(h.take(), QByteArray()); // nothing went to the program
+        QClipboard* clipboard = QGuiApplication::clipboard();
+        if (clipboard->supportsSelection())
+            QCOMPARE(clipboard->text(QClipboard::Selection), QString("hello"));
+        clipboard->clear();
+        QTest::keyClick(&h.window, Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(clipboard->text(), QString("hello"));
+        // The selection is drawn over the text: one rectangle, five cells wide.
+        QVERIFY(QTest::qWaitFor([&] { return !h.view->highlightRects().empty(); }, 2000));
+        QCOMPARE(h.view->highlightRects().size(), size_t(1));
+        QCOMPARE(qRound(h.view->highlightRects()[0].first.width() * h.view->window()->devicePixelRatio()),
+                 5 * cell.width);
+        // A plain click ends it.
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(8, 1));
+        QVERIFY(!h.view->hasSelection());
+    }
+
+    void doubleAndTripleClicksSelectAWordAndALine() {
+        Harness h;
+        h.view->feed("cat src/foo-bar_baz.txt now");
+        QTest::mouseDClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(12, 0));
+        QCOMPARE(h.view->selectedText(), QString("foo-bar_baz.txt"));
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(12, 0));
+        QCOMPARE(h.view->selectedText(), QString("cat src/foo-bar_baz.txt now"));
+    }
+
+    void theMiddleButtonPastesThePrimarySelection() {
+        Harness h;
+        QClipboard* clipboard = QGuiApplication::clipboard();
+        if (!clipboard->supportsSelection())
+            QSKIP("this platform has no primary selection");
+        clipboard->setText("from elsewhere", QClipboard::Selection);
+        QTest::mouseClick(&h.window, Qt::MiddleButton, Qt::NoModifier, h.cellCentre(1, 1));
+        QCOMPARE(h.take(), QByteArray("from elsewhere"));
+    }
+
+    void findHighlightsEveryMatchAndRevealsTheNextOne() {
+        Harness h;
+        QSignalSpy asked(h.view, &TerminalView::findRequested);
+        QTest::keyClick(&h.window, Qt::Key_F, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(asked.size(), 1);
+        QCOMPARE(h.take(), QByteArray());
+        h.view->feed("the needle is here\r\n");
+        for (int i = 0; i < 200; ++i)
+            h.view->feed("filler line " + std::to_string(i) + "\r\n");
+        h.view->feed("a second needle\r\n");
+        QVERIFY(h.presented());
+        QCOMPARE(h.view->highlightAll("needle", false, false, false), 2);
+        // The first match is in the scrollback: finding it scrolls the view back to it.
+        QVERIFY(h.view->findNext("needle", false, false, false));
+        QVERIFY(h.view->userScrolling());
+        QCOMPARE(h.view->selectedText(), QString("needle"));
+        QVERIFY(QTest::qWaitFor([&] { return !h.view->highlightRects().empty(); }, 2000));
+        // Then the second, on the program's screen; past it, back to the first.
+        QVERIFY(h.view->findNext("needle", false, false, false));
+        QCOMPARE(h.view->selection().start().row, h.view->terminal().buffer().yBase() + h.view->rows() - 2);
+        QVERIFY(!h.view->userScrolling());
+        QVERIFY(h.view->findNext("needle", false, false, false));
+        QCOMPARE(h.view->selection().start().row, LineIndex(0));
+        // Case is ignored unless asked for.
+        QCOMPARE(h.view->highlightAll("NEEDLE", false, false, false), 2);
+        QVERIFY(!h.view->findNext("NEEDLE", true, false, false));
+        h.view->clearSearch();
+        QCOMPARE(h.view->searchMatchCount(), 0);
     }
 
     void composedTextArrivesThroughTheInputMethod() {
