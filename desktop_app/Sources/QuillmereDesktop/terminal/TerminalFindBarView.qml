@@ -25,8 +25,7 @@ Rectangle {
     color: Theme.paper
     border.color: Theme.rule
     border.width: 1
-    implicitHeight: row.implicitHeight + 12
-    implicitWidth: row.implicitWidth + 12
+    implicitHeight: column.implicitHeight + 12
 
     function open() {
         visible = true
@@ -47,66 +46,78 @@ Rectangle {
         }
     }
 
-    RowLayout {
-        id: row
+    // Two rows, so that the bar fits the drawer's width: the term and the moves, then the
+    // options.
+    ColumnLayout {
+        id: column
         anchors.fill: parent
         anchors.margins: 6
         spacing: 6
-        TextField {
-            id: searchField
-            objectName: "searchField"
-            Layout.preferredWidth: 220
-            font.family: Theme.monoFamily
-            font.pixelSize: Theme.bodySize
-            onTextEdited: findBar.searchChanged()
-            Keys.onReturnPressed: (event) => {
-                if (event.modifiers & Qt.ShiftModifier)
-                    findBar.findPrevious()
-                else
-                    findBar.findNext()
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 6
+            TextField {
+                id: searchField
+                objectName: "searchField"
+                Layout.fillWidth: true
+                Layout.minimumWidth: 80
+                font.family: Theme.monoFamily
+                font.pixelSize: Theme.bodySize
+                onTextEdited: findBar.searchChanged()
+                Keys.onReturnPressed: (event) => {
+                    if (event.modifiers & Qt.ShiftModifier)
+                        findBar.findPrevious()
+                    else
+                        findBar.findNext()
+                }
+                Keys.onEnterPressed: findBar.findNext()
+                Keys.onEscapePressed: findBar.close()
             }
-            Keys.onEnterPressed: findBar.findNext()
-            Keys.onEscapePressed: findBar.close()
+            Text {
+                objectName: "matchCount"
+                text: findBar.matchCount
+                font.family: Theme.monoFamily
+                font.pixelSize: Theme.labelSize
+                color: Theme.ink
+            }
+            PlainButton {
+                objectName: "previousButton"
+                text: "Previous"
+                onClicked: findBar.findPrevious()
+            }
+            PlainButton {
+                objectName: "nextButton"
+                text: "Next"
+                onClicked: findBar.findNext()
+            }
+            PlainButton {
+                objectName: "closeButton"
+                text: "Close"
+                onClicked: findBar.close()
+            }
         }
-        Text {
-            objectName: "matchCount"
-            text: findBar.matchCount
-            font.family: Theme.monoFamily
-            font.pixelSize: Theme.labelSize
-            color: Theme.ink
-        }
-        PlainButton {
-            objectName: "previousButton"
-            text: "Previous"
-            onClicked: findBar.findPrevious()
-        }
-        PlainButton {
-            objectName: "nextButton"
-            text: "Next"
-            onClicked: findBar.findNext()
-        }
-        PlainButton {
-            objectName: "caseSensitiveButton"
-            text: "Case Sensitive"
-            selected: findBar.caseSensitive
-            onClicked: { findBar.caseSensitive = !findBar.caseSensitive; findBar.optionsChanged() }
-        }
-        PlainButton {
-            objectName: "regexButton"
-            text: "Regex"
-            selected: findBar.regex
-            onClicked: { findBar.regex = !findBar.regex; findBar.optionsChanged() }
-        }
-        PlainButton {
-            objectName: "wholeWordButton"
-            text: "Whole Word"
-            selected: findBar.wholeWord
-            onClicked: { findBar.wholeWord = !findBar.wholeWord; findBar.optionsChanged() }
-        }
-        PlainButton {
-            objectName: "closeButton"
-            text: "Close"
-            onClicked: findBar.close()
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 6
+            PlainButton {
+                objectName: "caseSensitiveButton"
+                text: "Case Sensitive"
+                selected: findBar.caseSensitive
+                onClicked: { findBar.caseSensitive = !findBar.caseSensitive; findBar.optionsChanged() }
+            }
+            PlainButton {
+                objectName: "regexButton"
+                text: "Regex"
+                selected: findBar.regex
+                onClicked: { findBar.regex = !findBar.regex; findBar.optionsChanged() }
+            }
+            PlainButton {
+                objectName: "wholeWordButton"
+                text: "Whole Word"
+                selected: findBar.wholeWord
+                onClicked: { findBar.wholeWord = !findBar.wholeWord; findBar.optionsChanged() }
+            }
+            Item { Layout.fillWidth: true }
         }
     }
 }

@@ -100,6 +100,7 @@ Rectangle {
                 id: findBar
                 objectName: "findBar"
                 anchors.top: parent.top
+                anchors.left: parent.left
                 anchors.right: parent.right
                 anchors.margins: 4
                 terminal: panelView.panel.selectedTab === "codex" ? codexTerminal : claudeTerminal

@@ -299,7 +299,7 @@ private slots:
                 row = r;
         QVERIFY(row >= 0);
         const int col = static_cast<int>(rows[row].indexOf("link-to-projects"));
-        const CellMetrics& cell = opened->claude->cellMetrics();
+        const termkit::CellMetrics& cell = opened->claude->cellMetrics();
         const qreal ratio = opened->panel->devicePixelRatio();
         const QPointF inView((col + 2.5) * cell.width / ratio, (row + 0.5) * cell.height / ratio);
         const QPoint at = opened->claude->mapToScene(inView).toPoint();
