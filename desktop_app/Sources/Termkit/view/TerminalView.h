@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "Termkit/engine/Terminal.h"
+#include "Termkit/links/TerminalLinks.h"
 #include "Termkit/search/SearchService.h"
 #include "Termkit/selection/SelectionService.h"
 #include "Termkit/view/DisplayPacing.h"
@@ -144,6 +145,13 @@ public:
     Q_INVOKABLE void clearSearch();
     int searchMatchCount() const { return static_cast<int>(m_searchHits.size()); }
     const std::vector<SearchResult>& searchHits() const { return m_searchHits; }
+    /// What a link's text means to open: a URL with a scheme as it is; a path ("~/" expanded,
+    /// else relative to `directory`) as a file URL when the file exists; else nothing.
+    static std::optional<std::string> defaultLinkURL(const std::string& text, const std::string& directory);
+    /// The link under a point of the item, by the `linkReporting` setting.
+    std::optional<LinkMatch> linkAt(QPointF position) const;
+    /// The link the pointer shows (Control held, or always by `linkHighlightMode`).
+    const std::optional<LinkMatch>& hoveredLink() const { return m_hoveredLink; }
     /// The highlight rectangles on display, in item coordinates (tests read them).
     const std::vector<std::pair<QRectF, QColor>>& highlightRects() const { return m_highlightRects; }
 
@@ -307,6 +315,11 @@ private:
     void reveal(LineIndex row);
     void buildHighlightRects();
 
+    // Links (TerminalViewLinks.cpp)
+    bool openLinkAt(QPointF position);
+    void hoverLink(QPointF position, Qt::KeyboardModifiers modifiers);
+    void addLinkUnderline(double cellWidth, double cellHeight, int top);
+
     std::unique_ptr<QtTerminalScheduler> m_terminalScheduler;
     std::unique_ptr<Terminal> m_terminal;
     TerminalViewDelegate* m_delegate = nullptr;
@@ -365,6 +378,7 @@ private:
     std::optional<SearchResult> m_currentHit;
     bool m_searchHitsStale = false;
     std::vector<std::pair<QRectF, QColor>> m_highlightRects;
+    std::optional<LinkMatch> m_hoveredLink;
     bool m_selectingWithPointer = false;
     int m_clickCount = 0;
     QElapsedTimer m_lastClick;

@@ -200,6 +200,7 @@ void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
 }
 
 void TerminalView::hoverMoveEvent(QHoverEvent* event) {
+    hoverLink(event->position(), event->modifiers());
     if (inputModes().mouseMode == MouseMode::anyEvent && !m_pressedButton)
         reportMouse(
             mouseEventAt(MouseAction::motion, MouseButton::none, event->position(), event->modifiers()),

@@ -60,6 +60,9 @@ void TerminalView::selectionPress(QMouseEvent* event) {
     }
     if (event->button() != Qt::LeftButton)
         return;
+    // Control-click opens the link under the pointer instead of selecting.
+    if (event->modifiers().testFlag(Qt::ControlModifier) && openLinkAt(event->position()))
+        return;
     const Position cell = bufferCell(event->position());
     const int interval = QGuiApplication::styleHints()->mouseDoubleClickInterval();
     const bool repeat = m_lastClick.isValid() && m_lastClick.elapsed() <= interval && cell == m_lastClickCell;
@@ -248,6 +251,7 @@ void TerminalView::buildHighlightRects() {
                 withAlpha(current ? kCurrentHitColor : kSearchHitColor,
                           current ? kCurrentHitAlpha : kSearchHitAlpha));
     }
+    addLinkUnderline(cw, ch, top);
     if (hasSelection()) {
         const std::optional<Color>& chosen = m_settings.selectedTextBackgroundColor;
         const QColor selection = chosen ? QColor::fromRgba64(chosen->red, chosen->green, chosen->blue)

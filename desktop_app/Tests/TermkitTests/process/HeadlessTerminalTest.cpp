@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+#include "Termkit/links/TerminalLinks.h"
 #include "Termkit/process/PseudoTerminalHelpers.h"
 #include "Termkit/process/RunLoop.h"
 #include "TermkitTests/process/ProcessTestSupport.h"
@@ -145,6 +150,30 @@ TEST(HeadlessTerminalTest, ChangeScrollbackLimitsTheKeptLines) {
     EXPECT_EQ(lines.size(), 15u);
     EXPECT_TRUE(hasLine(lines, "200"));
     EXPECT_FALSE(hasLine(lines, "1"));
+}
+
+TEST(HeadlessTerminalTest, LsWithHyperlinksGivesExplicitLinksToTheFiles) {
+    Fixture f(sized(80, 10));
+    char folder[] = "/tmp/termkit-links-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string file = std::string(folder) + "/report.txt";
+    FILE* out = fopen(file.c_str(), "w");
+    ASSERT_NE(out, nullptr);
+    fclose(out);
+    f.headless.process().startProcess("/bin/ls", {"--hyperlink=always", folder});
+    ASSERT_TRUE(f.waitForEnd());
+    ASSERT_TRUE(hasLine(f.headless.terminal(), "report.txt"));
+    const auto m =
+        TerminalLinks::link(f.headless.terminal(), LinkLookupLocation::buffer({Col(2), LineIndex(0)}),
+                            LinkLookupMode::explicitOnly);
+    ASSERT_TRUE(m);
+    EXPECT_TRUE(m->isExplicit);
+    // ls names the file with its host: file://HOST/path.
+    EXPECT_EQ(m->text.rfind("file://", 0), 0u);
+    EXPECT_EQ(m->text.substr(m->text.size() - file.size()), file);
+    EXPECT_EQ(m->range, std::pair(0, 10));
+    std::remove(file.c_str());
+    rmdir(folder);
 }
 
 TEST(HeadlessTerminalTest, BitmapsAreKeptForTheHost) {

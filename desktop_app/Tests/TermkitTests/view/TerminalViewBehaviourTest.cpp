@@ -3,10 +3,13 @@
 // bells, progress reports, synchronized output, blinking and scrolling show.
 
 #include <QClipboard>
+#include <QFile>
 #include <QGuiApplication>
 #include <QQuickWindow>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
+#include <QUrl>
 
 #include "Termkit/view/TerminalView.h"
 
@@ -22,6 +25,11 @@ public:
     }
     void bell(TerminalView&) override { ++sounds; }
     void sizeChanged(TerminalView&, int cols, int rows) override { sizes.append({cols, rows}); }
+    void requestOpenLink(TerminalView&, const std::string& link,
+                         const std::map<std::string, std::string>& params) override {
+        links.append({link, params});
+    }
+    QList<QPair<std::string, std::map<std::string, std::string>>> links;
     QByteArray sent;
     int sounds = 0;
     QList<QPair<int, int>> sizes;
@@ -210,6 +218,48 @@ private slots:
         QVERIFY(!h.view->findNext("NEEDLE", true, false, false));
         h.view->clearSearch();
         QCOMPARE(h.view->searchMatchCount(), 0);
+    }
+
+    void controlClickOpensTheLinkUnderThePointer() {
+        Harness h;
+        h.view->feed("open \x1b]8;id=r1:x=2;https://explicit.example/r\x1b\\report\x1b]8;;\x1b\\ or "
+                     "https://implicit.example/p.\r\n");
+        QVERIFY(h.presented());
+        // Without Control a click selects as usual and opens nothing.
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(7, 0));
+        QVERIFY(h.recorder.links.isEmpty());
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::ControlModifier, h.cellCentre(7, 0));
+        QCOMPARE(h.recorder.links.size(), 1);
+        QCOMPARE(h.recorder.links[0].first, std::string("https://explicit.example/r"));
+        QCOMPARE(h.recorder.links[0].second.at("id"), std::string("r1"));
+        QCOMPARE(h.recorder.links[0].second.at("x"), std::string("2"));
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::ControlModifier, h.cellCentre(20, 0));
+        QCOMPARE(h.recorder.links.size(), 2);
+        QCOMPARE(h.recorder.links[1].first, std::string("https://implicit.example/p"));
+        QVERIFY(!h.view->hasSelection());
+        // Hovering with Control underlines the link.
+        QHoverEvent hover(QEvent::HoverMove, h.cellCentre(8, 0), h.cellCentre(8, 0), h.cellCentre(7, 0),
+                          Qt::ControlModifier);
+        QCoreApplication::sendEvent(h.view, &hover);
+        QVERIFY(h.view->hoveredLink());
+        QCOMPARE(h.view->hoveredLink()->range, std::pair(5, 11));
+        QHoverEvent away(QEvent::HoverMove, h.cellCentre(8, 0), h.cellCentre(8, 0), h.cellCentre(8, 0),
+                         Qt::NoModifier);
+        QCoreApplication::sendEvent(h.view, &away);
+        QVERIFY(!h.view->hoveredLink());
+    }
+
+    void aPathLinkOpensOnlyAnExistingFile() {
+        QTemporaryDir dir;
+        QFile file(dir.filePath("notes.md"));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.close();
+        const std::string folder = dir.path().toStdString();
+        QCOMPARE(TerminalView::defaultLinkURL("./notes.md", folder).value_or(""),
+                 QUrl::fromLocalFile(dir.filePath("notes.md")).toString().toStdString());
+        QVERIFY(!TerminalView::defaultLinkURL("./missing.md", folder));
+        QCOMPARE(TerminalView::defaultLinkURL("https://a.example/x", folder).value_or(""),
+                 std::string("https://a.example/x"));
     }
 
     void composedTextArrivesThroughTheInputMethod() {
