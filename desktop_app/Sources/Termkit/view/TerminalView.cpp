@@ -28,8 +28,9 @@ TerminalView::TerminalView(QQuickItem* parent)
     : QQuickItem(parent), m_terminalScheduler(std::make_unique<QtTerminalScheduler>()),
       m_fontFamily(QString::fromLatin1(FontSet::kDefaultFamily)), m_fontSize(FontSet::kDefaultPointSize) {
     m_clock.start();
+    m_semantic = std::make_unique<SemanticPrompts>();
     m_terminal = std::make_unique<Terminal>(static_cast<TerminalDelegate*>(this), TerminalOptions{},
-                                            m_terminalScheduler.get());
+                                            m_terminalScheduler.get(), m_semantic.get());
     m_terminal->storeForegroundColor(toTerminalColor(m_colors.foreground));
     m_terminal->storeBackgroundColor(toTerminalColor(m_colors.background));
     m_selection = std::make_unique<SelectionService>(*m_terminal);
@@ -159,6 +160,7 @@ void TerminalView::sendUserInput(std::span<const uint8_t> data) {
     // Typing brings the view back to the program's screen.
     if (m_userScrolling || linesScrolledBack() != 0)
         scrollTo(0);
+    m_semantic->sendUserInput(data);
     send(data);
 }
 

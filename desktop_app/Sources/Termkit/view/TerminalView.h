@@ -20,6 +20,7 @@
 #include "Termkit/links/TerminalLinks.h"
 #include "Termkit/search/SearchService.h"
 #include "Termkit/selection/SelectionService.h"
+#include "Termkit/semantic/SemanticPrompts.h"
 #include "Termkit/view/DisplayPacing.h"
 #include "Termkit/view/ProgressBarState.h"
 #include "Termkit/view/TerminalCells.h"
@@ -128,6 +129,8 @@ public:
     // Selection and search (TerminalViewSelection.cpp).
     SelectionService& selection() { return *m_selection; }
     SearchService& search() { return *m_search; }
+    /// The shell's prompt marks (OSC 133), which let a click move the cursor in a command line.
+    const SemanticPrompts& semanticPrompts() const { return *m_semantic; }
     bool hasSelection() const { return m_selection->active() && m_selection->hasSelectionRange(); }
     /// The selected text, wrapped rows joined.
     Q_INVOKABLE QString selectedText() const;
@@ -321,6 +324,7 @@ private:
     void addLinkUnderline(double cellWidth, double cellHeight, int top);
 
     std::unique_ptr<QtTerminalScheduler> m_terminalScheduler;
+    std::unique_ptr<SemanticPrompts> m_semantic;
     std::unique_ptr<Terminal> m_terminal;
     TerminalViewDelegate* m_delegate = nullptr;
     Extensions m_extensions;

@@ -105,9 +105,13 @@ void TerminalView::selectionRelease(QMouseEvent* event) {
         return;
     m_selectingWithPointer = false;
     if (!hasSelection()) {
-        // A plain click: nothing selected, and any old selection goes.
-        if (m_clickCount == 1)
+        // A plain click: nothing selected, and any old selection goes. Inside the command
+        // line of a marked prompt it moves the shell's cursor there, by cursor keys.
+        if (m_clickCount == 1) {
             m_selection->selectNone();
+            if (auto keys = m_semantic->handleSemanticPromptClick(*m_terminal, bufferCell(event->position())))
+                send(std::span(reinterpret_cast<const uint8_t*>(keys->data()), keys->size()));
+        }
         return;
     }
     // The Linux convention: what is selected is at once the primary selection.

@@ -249,6 +249,20 @@ private slots:
         QVERIFY(!h.view->hoveredLink());
     }
 
+    void aClickInAMarkedCommandLineMovesTheCursorThere() {
+        Harness h;
+        h.view->feed("\x1b]133;A\x07$ \x1b]133;B\x07"
+                     "echo abcdef");
+        QVERIFY(h.presented());
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(9, 0));
+        QCOMPARE(h.take(), QByteArray("\x1b[D\x1b[D\x1b[D\x1b[D"));
+        // Once the command was sent, clicks are the selection's again.
+        QTest::keyClick(&h.window, Qt::Key_Return);
+        h.take();
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(4, 0));
+        QCOMPARE(h.take(), QByteArray());
+    }
+
     void aPathLinkOpensOnlyAnExistingFile() {
         QTemporaryDir dir;
         QFile file(dir.filePath("notes.md"));
