@@ -74,6 +74,8 @@ public:
     /// At most this many search matches are highlighted: enough for any screen, bounded for a
     /// one-letter term over a long scrollback.
     static constexpr size_t kMaxHighlightedMatches = 10000;
+    /// Highlight rectangles drawn at most (matches on display, the selection's rows, a link).
+    static constexpr size_t kHighlightNodes = 256;
     /// Frame rate of an indeterminate progress bar's animation.
     static constexpr std::chrono::milliseconds kProgressAnimationInterval{33};
     /// Height of the progress bar in logical pixels.
@@ -292,7 +294,7 @@ private:
     void updateRowNodes(ViewRootNode& root, QQuickWindow* window);
     void updateCaretNode(ViewRootNode& root, QQuickWindow* window);
     void updateOverlayNodes(ViewRootNode& root);
-    void updateHighlightNodes(ViewRootNode& root, QQuickWindow* window);
+    void updateHighlightNodes(ViewRootNode& root);
     void readDeviceLimits(QQuickWindow* window);
     void setUsesGpu(bool gpu);
     std::chrono::nanoseconds now() const;
