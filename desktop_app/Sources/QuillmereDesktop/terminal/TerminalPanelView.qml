@@ -88,6 +88,23 @@ Rectangle {
                 opacity: isActive ? 1 : 0
                 enabled: isActive
             }
+            Connections {
+                target: claudeTerminal
+                function onFindRequested() { findBar.open() }
+            }
+            Connections {
+                target: codexTerminal
+                function onFindRequested() { findBar.open() }
+            }
+            TerminalFindBarView {
+                id: findBar
+                objectName: "findBar"
+                anchors.top: parent.top
+                anchors.left: parent.left
+                anchors.right: parent.right
+                anchors.margins: 4
+                terminal: panelView.panel.selectedTab === "codex" ? codexTerminal : claudeTerminal
+            }
         }
     }
 }

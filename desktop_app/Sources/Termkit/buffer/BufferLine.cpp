@@ -141,7 +141,9 @@ void BufferLine::replaceCells(int start, int end, const CharData& fillData) {
 }
 
 int BufferLine::getTrimmedLength() const {
-    for (int i = m_size - 1; i >= 0; --i) {
+    // Cells from m_clean on were never written, so the scan can start below them: a short
+    // line in a wide terminal costs its own length, not the width.
+    for (int i = std::min(m_clean, m_size) - 1; i >= 0; --i) {
         if (m_data[i].code != 0)
             return i + std::max<int>(m_data[i].width, 1);
     }

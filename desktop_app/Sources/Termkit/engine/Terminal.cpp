@@ -127,8 +127,8 @@ void Terminal::setup(bool isReset) {
     m_applicationKeypad = false;
     m_applicationCursor = false;
     m_reverseColors = false;
-    m_keyboardModeNormal = 0;
-    m_keyboardModeAlt = 0;
+    m_keyboardModeNormal.reset();
+    m_keyboardModeAlt.reset();
     m_sendFocus = false;
     m_modes.defaultBidiState = m_options.initialBidiState;
     m_bidiArrowKeySwap = m_options.initialBidiArrowKeySwap;

@@ -19,6 +19,7 @@
 #include "Termkit/buffer/CellTables.h"
 #include "Termkit/engine/CharSets.h"
 #include "Termkit/engine/Color.h"
+#include "Termkit/engine/KittyKeyboard.h"
 #include "Termkit/engine/TerminalDelegate.h"
 #include "Termkit/engine/TerminalExtensions.h"
 #include "Termkit/engine/TerminalOptions.h"
@@ -134,8 +135,14 @@ public:
     bool applicationKeypad() const { return m_applicationKeypad; }
     bool applicationCursor() const { return m_applicationCursor; }
     bool reverseColors() const { return m_reverseColors; }
-    uint8_t keyboardModeNormal() const { return m_keyboardModeNormal; }
-    uint8_t keyboardModeAlt() const { return m_keyboardModeAlt; }
+    /// The kitty keyboard flags and stack of each buffer; programs in the alternate screen
+    /// push their own without disturbing the shell's.
+    const KeyboardModeState& keyboardModeNormal() const { return m_keyboardModeNormal; }
+    const KeyboardModeState& keyboardModeAlt() const { return m_keyboardModeAlt; }
+    /// The active buffer's kitty keyboard flags: what the host encodes keys with.
+    uint8_t keyboardEnhancementFlags() const {
+        return isAlternateBufferActive() ? m_keyboardModeAlt.flags : m_keyboardModeNormal.flags;
+    }
     bool sendFocus() const { return m_sendFocus; }
     const BidiPresentationState& currentBidiState() const { return m_modes.defaultBidiState; }
     bool bidiArrowKeySwap() const { return m_bidiArrowKeySwap; }
@@ -415,6 +422,13 @@ private:
     void logUnknownEsc(std::span<const uint8_t> collect, uint8_t final);
     void logUnknownOsc(int code);
 
+    // Kitty keyboard protocol (TerminalKeyboard.cpp): push, pop, set and query of the active
+    // buffer's flags; says whether the `CSI ... u` was one of them.
+    bool handleKittyKeyboardProtocol(const CsiParameters& pars, std::span<const uint8_t> collect);
+    KeyboardModeState& activeKeyboardMode() {
+        return isAlternateBufferActive() ? m_keyboardModeAlt : m_keyboardModeNormal;
+    }
+
     // Modes (TerminalModes.cpp)
     void cmdSetMode(const CsiParameters& pars, std::span<const uint8_t> collect);
     void cmdResetMode(const CsiParameters& pars, std::span<const uint8_t> collect);
@@ -492,8 +506,8 @@ private:
     bool m_applicationKeypad = false;
     bool m_applicationCursor = false;
     bool m_reverseColors = false;
-    uint8_t m_keyboardModeNormal = 0;
-    uint8_t m_keyboardModeAlt = 0;
+    KeyboardModeState m_keyboardModeNormal;
+    KeyboardModeState m_keyboardModeAlt;
     bool m_sendFocus = false;
     bool m_bidiArrowKeySwap = false;
     std::optional<std::pair<bool, BidiPresentationState>> m_savedBidiPrivateModes;

@@ -163,7 +163,7 @@ void Terminal::dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<c
         csiLowerT(pars, collect);
         break;
     case 'u':
-        if (m_extensions->handleKittyKeyboardProtocol(*this, pars, collect))
+        if (handleKittyKeyboardProtocol(pars, collect))
             break;
         if (collect.empty()) {
             cmdRestoreCursor();

@@ -5,22 +5,18 @@
 #include <span>
 
 #include "Termkit/buffer/BidiPresentationState.h"
-#include "Termkit/parser/CsiParameters.h"
 
 namespace termkit {
 
 class DcsHandler;
 class Terminal;
 
-/// Sequences that belong to protocol extensions (kitty keyboard and graphics, sixel,
+/// Sequences that belong to protocol extensions (kitty graphics, sixel,
 /// semantic prompts, bidi presentation) reach the core's dispatch and are handed here.
 /// The defaults log what they drop; an extension overrides the methods it implements.
 class TerminalExtensions {
 public:
     virtual ~TerminalExtensions() = default;
-    /// `CSI ... u` with a collect of one of `> < = ?`; returns whether it took the sequence.
-    virtual bool handleKittyKeyboardProtocol(Terminal& terminal, const CsiParameters& pars,
-                                             std::span<const uint8_t> collect);
     /// The data of an APC `G` string.
     virtual void handleKittyGraphics(Terminal& terminal, std::span<const uint8_t> data);
     /// A handler for a sixel DCS string, or none.

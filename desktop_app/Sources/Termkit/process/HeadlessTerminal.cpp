@@ -7,8 +7,9 @@
 namespace termkit {
 
 HeadlessTerminal::HeadlessTerminal(SerialExecutor& queue, TerminalOptions options, EndAction onEnd,
-                                   TerminalScheduler* scheduler)
-    : m_onEnd(std::move(onEnd)), m_terminal(this, std::move(options), scheduler), m_process(this, queue) {}
+                                   TerminalScheduler* scheduler, TerminalExtensions* extensions)
+    : m_onEnd(std::move(onEnd)), m_terminal(this, std::move(options), scheduler, extensions),
+      m_process(this, queue) {}
 
 HeadlessTerminal::~HeadlessTerminal() = default;
 

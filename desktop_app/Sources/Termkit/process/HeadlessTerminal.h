@@ -32,7 +32,7 @@ public:
     };
 
     HeadlessTerminal(SerialExecutor& queue, TerminalOptions options = {}, EndAction onEnd = {},
-                     TerminalScheduler* scheduler = nullptr);
+                     TerminalScheduler* scheduler = nullptr, TerminalExtensions* extensions = nullptr);
     ~HeadlessTerminal() override;
     HeadlessTerminal(const HeadlessTerminal&) = delete;
     HeadlessTerminal& operator=(const HeadlessTerminal&) = delete;

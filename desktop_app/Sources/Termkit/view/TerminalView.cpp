@@ -28,10 +28,17 @@ TerminalView::TerminalView(QQuickItem* parent)
     : QQuickItem(parent), m_terminalScheduler(std::make_unique<QtTerminalScheduler>()),
       m_fontFamily(QString::fromLatin1(FontSet::kDefaultFamily)), m_fontSize(FontSet::kDefaultPointSize) {
     m_clock.start();
+    m_semantic = std::make_unique<SemanticPrompts>();
     m_terminal = std::make_unique<Terminal>(static_cast<TerminalDelegate*>(this), TerminalOptions{},
-                                            m_terminalScheduler.get());
+                                            m_terminalScheduler.get(), m_semantic.get());
     m_terminal->storeForegroundColor(toTerminalColor(m_colors.foreground));
     m_terminal->storeBackgroundColor(toTerminalColor(m_colors.background));
+    m_selection = std::make_unique<SelectionService>(*m_terminal);
+    m_selection->selectionChanged = [this] {
+        emit selectionChanged();
+        polish();
+    };
+    m_search = std::make_unique<SearchService>(*m_terminal);
     setFlag(ItemHasContents, true);
     setFlag(ItemAcceptsInputMethod, true);
     setFlag(ItemIsFocusScope, false);
@@ -120,6 +127,7 @@ void TerminalView::makeCoordinator() {
 
 void TerminalView::feed(std::span<const uint8_t> bytes) {
     m_terminal->feed(bytes);
+    followRingRecycling();
     m_bytesFed += bytes.size();
     queuePendingDisplay();
 }
@@ -152,6 +160,7 @@ void TerminalView::sendUserInput(std::span<const uint8_t> data) {
     // Typing brings the view back to the program's screen.
     if (m_userScrolling || linesScrolledBack() != 0)
         scrollTo(0);
+    m_semantic->sendUserInput(data);
     send(data);
 }
 
@@ -179,8 +188,7 @@ InputModes TerminalView::inputModes() const {
     modes.mouseMode = m_terminal->mouseMode();
     modes.mouseProtocol = m_terminal->mouseProtocol();
     // Each screen keeps its own keyboard enhancement flags.
-    modes.keyboardEnhancementFlags = m_terminal->isAlternateBufferActive() ? m_terminal->keyboardModeAlt()
-                                                                           : m_terminal->keyboardModeNormal();
+    modes.keyboardEnhancementFlags = m_terminal->keyboardEnhancementFlags();
     return modes;
 }
 

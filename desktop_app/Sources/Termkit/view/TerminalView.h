@@ -17,6 +17,10 @@
 #include <string_view>
 
 #include "Termkit/engine/Terminal.h"
+#include "Termkit/links/TerminalLinks.h"
+#include "Termkit/search/SearchService.h"
+#include "Termkit/selection/SelectionService.h"
+#include "Termkit/semantic/SemanticPrompts.h"
 #include "Termkit/view/DisplayPacing.h"
 #include "Termkit/view/ProgressBarState.h"
 #include "Termkit/view/TerminalCells.h"
@@ -58,6 +62,8 @@ class TerminalView : public QQuickItem, protected TerminalDelegate {
     Q_PROPERTY(QString rendererStatus READ rendererStatusText NOTIFY rendererStatusChanged)
     Q_PROPERTY(bool usesGpu READ usesGpu NOTIFY rendererStatusChanged)
     Q_PROPERTY(bool userScrolling READ userScrolling NOTIFY scrolledChanged)
+    Q_PROPERTY(int searchMatchCount READ searchMatchCount NOTIFY searchChanged)
+    Q_PROPERTY(bool hasSelection READ hasSelection NOTIFY selectionChanged)
 
 public:
     /// How long the visual bell lights the view, and how strongly.
@@ -65,6 +71,11 @@ public:
     static constexpr float kVisualBellOpacity = 0.18f;
     /// Half a period of the blinking caret.
     static constexpr std::chrono::milliseconds kCaretBlinkInterval{530};
+    /// At most this many search matches are highlighted: enough for any screen, bounded for a
+    /// one-letter term over a long scrollback.
+    static constexpr size_t kMaxHighlightedMatches = 10000;
+    /// Highlight rectangles drawn at most (matches on display, the selection's rows, a link).
+    static constexpr size_t kHighlightNodes = 256;
     /// Frame rate of an indeterminate progress bar's animation.
     static constexpr std::chrono::milliseconds kProgressAnimationInterval{33};
     /// Height of the progress bar in logical pixels.
@@ -116,6 +127,38 @@ public:
 
     /// The text on display, one line per row, trailing blanks trimmed.
     Q_INVOKABLE QString screenText();
+
+    // Selection and search (TerminalViewSelection.cpp).
+    SelectionService& selection() { return *m_selection; }
+    SearchService& search() { return *m_search; }
+    /// The shell's prompt marks (OSC 133), which let a click move the cursor in a command line.
+    const SemanticPrompts& semanticPrompts() const { return *m_semantic; }
+    bool hasSelection() const { return m_selection->active() && m_selection->hasSelectionRange(); }
+    /// The selected text, wrapped rows joined.
+    Q_INVOKABLE QString selectedText() const;
+    /// Puts the selection on the clipboard (Ctrl+Shift+C).
+    Q_INVOKABLE void copySelection();
+    Q_INVOKABLE void selectAll();
+    Q_INVOKABLE void clearSelection();
+    /// Highlights every match and selects and reveals the next (or previous) one; false when
+    /// there is none.
+    Q_INVOKABLE bool findNext(const QString& term, bool caseSensitive, bool regex, bool wholeWord);
+    Q_INVOKABLE bool findPrevious(const QString& term, bool caseSensitive, bool regex, bool wholeWord);
+    /// Highlights every match without moving; returns how many there are.
+    Q_INVOKABLE int highlightAll(const QString& term, bool caseSensitive, bool regex, bool wholeWord);
+    /// Ends a search: no highlights, the last match forgotten.
+    Q_INVOKABLE void clearSearch();
+    int searchMatchCount() const { return static_cast<int>(m_searchHits.size()); }
+    const std::vector<SearchResult>& searchHits() const { return m_searchHits; }
+    /// What a link's text means to open: a URL with a scheme as it is; a path ("~/" expanded,
+    /// else relative to `directory`) as a file URL when the file exists; else nothing.
+    static std::optional<std::string> defaultLinkURL(const std::string& text, const std::string& directory);
+    /// The link under a point of the item, by the `linkReporting` setting.
+    std::optional<LinkMatch> linkAt(QPointF position) const;
+    /// The link the pointer shows (Control held, or always by `linkHighlightMode`).
+    const std::optional<LinkMatch>& hoveredLink() const { return m_hoveredLink; }
+    /// The highlight rectangles on display, in item coordinates (tests read them).
+    const std::vector<std::pair<QRectF, QColor>>& highlightRects() const { return m_highlightRects; }
 
     QString fontFamily() const { return m_fontFamily; }
     void setFontFamily(const QString& family);
@@ -173,6 +216,10 @@ signals:
     void framePresented();
     /// The bell rang (after the style's sound and flash).
     void bellRang();
+    /// The person asked for the find bar (Ctrl+Shift+F).
+    void findRequested();
+    void searchChanged();
+    void selectionChanged();
 
 protected:
     // QQuickItem
@@ -182,6 +229,7 @@ protected:
     void itemChange(ItemChange change, const ItemChangeData& value) override;
     void releaseResources() override;
     void keyPressEvent(QKeyEvent* event) override;
+    void keyReleaseEvent(QKeyEvent* event) override;
     void inputMethodEvent(QInputMethodEvent* event) override;
     QVariant inputMethodQuery(Qt::InputMethodQuery query) const override;
     void mousePressEvent(QMouseEvent* event) override;
@@ -246,6 +294,7 @@ private:
     void updateRowNodes(ViewRootNode& root, QQuickWindow* window);
     void updateCaretNode(ViewRootNode& root, QQuickWindow* window);
     void updateOverlayNodes(ViewRootNode& root);
+    void updateHighlightNodes(ViewRootNode& root);
     void readDeviceLimits(QQuickWindow* window);
     void setUsesGpu(bool gpu);
     std::chrono::nanoseconds now() const;
@@ -255,8 +304,29 @@ private:
                             Qt::KeyboardModifiers modifiers) const;
     bool reportMouse(const MouseEvent& event, Qt::KeyboardModifiers modifiers);
     void sendFocusReport(bool focused);
+    bool sendKittyKey(const QKeyEvent& event);
+    bool handleViewShortcut(QKeyEvent* event);
+
+    // Selection and search (TerminalViewSelection.cpp)
+    Position bufferCell(QPointF position) const;
+    Position bufferBoundary(QPointF position) const;
+    void selectionPress(QMouseEvent* event);
+    void selectionMove(QMouseEvent* event);
+    void selectionRelease(QMouseEvent* event);
+    void pastePrimarySelection();
+    void followRingRecycling();
+    bool find(const QString& term, bool caseSensitive, bool regex, bool wholeWord, bool forward);
+    void refreshSearchHits();
+    void reveal(LineIndex row);
+    void buildHighlightRects();
+
+    // Links (TerminalViewLinks.cpp)
+    bool openLinkAt(QPointF position);
+    void hoverLink(QPointF position, Qt::KeyboardModifiers modifiers);
+    void addLinkUnderline(double cellWidth, double cellHeight, int top);
 
     std::unique_ptr<QtTerminalScheduler> m_terminalScheduler;
+    std::unique_ptr<SemanticPrompts> m_semantic;
     std::unique_ptr<Terminal> m_terminal;
     TerminalViewDelegate* m_delegate = nullptr;
     Extensions m_extensions;
@@ -304,6 +374,23 @@ private:
     QElapsedTimer m_clock;
     ScrollAccumulator m_scrollAccumulator;
     std::optional<MouseButton> m_pressedButton;
+
+    // Selection and search.
+    std::unique_ptr<SelectionService> m_selection;
+    std::unique_ptr<SearchService> m_search;
+    std::string m_searchTerm;
+    SearchOptions m_searchOptions;
+    std::vector<SearchResult> m_searchHits;
+    std::optional<SearchResult> m_currentHit;
+    bool m_searchHitsStale = false;
+    std::vector<std::pair<QRectF, QColor>> m_highlightRects;
+    std::optional<LinkMatch> m_hoveredLink;
+    bool m_selectingWithPointer = false;
+    int m_clickCount = 0;
+    QElapsedTimer m_lastClick;
+    Position m_lastClickCell;
+    // Lines that had left the ring's top when the view last looked: the selection follows.
+    long long m_linesTop = 0;
     bool m_liveResizeThrottle = true;
     QTimer m_resizeTimer;
     bool m_resizePending = false;

@@ -11,6 +11,7 @@
 #include "Termkit/view/input/KeyEncoder.h"
 #include "Termkit/view/input/MouseEncoder.h"
 #include "Termkit/view/qt/QtKeyMapping.h"
+#include "Termkit/view/qt/QtKittyKeyMapping.h"
 
 namespace termkit {
 
@@ -42,31 +43,62 @@ MouseButton buttonOf(Qt::MouseButton button) {
 
 // --- Keys -----------------------------------------------------------------------------------------
 
-void TerminalView::keyPressEvent(QKeyEvent* event) {
+// The view's own chords: copy, paste and find (Ctrl+Shift+C, V, F), and scrolling back
+// (Shift+Page Up and Down). Ctrl+` belongs to the window (the drawer toggle).
+bool TerminalView::handleViewShortcut(QKeyEvent* event) {
+    const Qt::KeyboardModifiers plain = event->modifiers() & ~Qt::KeypadModifier;
     if (QtKeyMapping::isApplicationShortcut(event->key(), event->modifiers())) {
         if (event->key() == Qt::Key_V)
             paste(QGuiApplication::clipboard() ? QGuiApplication::clipboard()->text() : QString());
+        else if (event->key() == Qt::Key_C)
+            copySelection();
         else
-            event->ignore(); // the window's own shortcut (the drawer toggle, copy) takes it
-        return;
+            event->ignore();
+        return true;
+    }
+    if (event->key() == Qt::Key_F && plain == (Qt::ControlModifier | Qt::ShiftModifier)) {
+        emit findRequested();
+        return true;
     }
     if (event->key() == Qt::Key_PageUp && event->modifiers() == Qt::ShiftModifier) {
         pageUp();
-        return;
+        return true;
     }
     if (event->key() == Qt::Key_PageDown && event->modifiers() == Qt::ShiftModifier) {
         pageDown();
-        return;
+        return true;
     }
+    return false;
+}
+
+// While the program has asked for keyboard enhancements, every key goes through the kitty
+// encoder (which also decides what a release or a lone modifier sends).
+bool TerminalView::sendKittyKey(const QKeyEvent& event) {
+    const uint8_t flags = m_terminal->keyboardEnhancementFlags();
+    if (flags == 0)
+        return false;
+    const KittyKeyEvent kitty = QtKittyKeyMapping::toKittyEvent(QtKittyKeyMapping::partsOf(event));
+    if (auto bytes = KittyKeyboardEncoder::encode(kitty, flags, m_terminal->applicationCursor()))
+        sendUserInput(std::span(reinterpret_cast<const uint8_t*>(bytes->data()), bytes->size()));
+    return true;
+}
+
+void TerminalView::keyPressEvent(QKeyEvent* event) {
+    if (handleViewShortcut(event))
+        return;
     const KeyPress press = QtKeyMapping::fromEvent(*event);
-    KeyEncoderOptions options;
-    options.optionAsMetaKey = m_settings.optionAsMetaKey;
-    options.backspaceSendsControlH = m_settings.backspaceSendsControlH;
-    // Keyboard enhancements (the kitty protocol) come first when the program enabled them.
     const InputModes modes = inputModes();
+    // A host's own encoder for enhanced keys wins; else the built-in kitty encoder.
     std::optional<std::string> bytes;
     if (modes.keyboardEnhancementFlags != 0 && m_extensions.encodeEnhancedKey)
         bytes = m_extensions.encodeEnhancedKey(press, modes);
+    else if (sendKittyKey(*event)) {
+        event->accept();
+        return;
+    }
+    KeyEncoderOptions options;
+    options.optionAsMetaKey = m_settings.optionAsMetaKey;
+    options.backspaceSendsControlH = m_settings.backspaceSendsControlH;
     if (!bytes)
         bytes = KeyEncoder::encode(press, modes, options);
     if (!bytes) {
@@ -75,6 +107,15 @@ void TerminalView::keyPressEvent(QKeyEvent* event) {
     }
     sendUserInput(std::span(reinterpret_cast<const uint8_t*>(bytes->data()), bytes->size()));
     event->accept();
+}
+
+void TerminalView::keyReleaseEvent(QKeyEvent* event) {
+    // Releases mean something only to a program that asked for key events.
+    if (!m_extensions.encodeEnhancedKey && sendKittyKey(*event)) {
+        event->accept();
+        return;
+    }
+    QQuickItem::keyReleaseEvent(event);
 }
 
 void TerminalView::inputMethodEvent(QInputMethodEvent* event) {
@@ -132,27 +173,34 @@ void TerminalView::mousePressEvent(QMouseEvent* event) {
     forceActiveFocus(Qt::MouseFocusReason);
     const MouseButton button = buttonOf(event->button());
     m_pressedButton = button;
-    reportMouse(mouseEventAt(MouseAction::press, button, event->position(), event->modifiers()),
-                event->modifiers());
+    if (!reportMouse(mouseEventAt(MouseAction::press, button, event->position(), event->modifiers()),
+                     event->modifiers()) &&
+        !m_extensions.pointer)
+        selectionPress(event);
     event->accept();
 }
 
 void TerminalView::mouseMoveEvent(QMouseEvent* event) {
-    reportMouse(mouseEventAt(MouseAction::motion, m_pressedButton.value_or(MouseButton::none),
-                             event->position(), event->modifiers()),
-                event->modifiers());
+    if (!reportMouse(mouseEventAt(MouseAction::motion, m_pressedButton.value_or(MouseButton::none),
+                                  event->position(), event->modifiers()),
+                     event->modifiers()) &&
+        !m_extensions.pointer)
+        selectionMove(event);
     event->accept();
 }
 
 void TerminalView::mouseReleaseEvent(QMouseEvent* event) {
-    reportMouse(
-        mouseEventAt(MouseAction::release, buttonOf(event->button()), event->position(), event->modifiers()),
-        event->modifiers());
+    if (!reportMouse(mouseEventAt(MouseAction::release, buttonOf(event->button()), event->position(),
+                                  event->modifiers()),
+                     event->modifiers()) &&
+        !m_extensions.pointer)
+        selectionRelease(event);
     m_pressedButton.reset();
     event->accept();
 }
 
 void TerminalView::hoverMoveEvent(QHoverEvent* event) {
+    hoverLink(event->position(), event->modifiers());
     if (inputModes().mouseMode == MouseMode::anyEvent && !m_pressedButton)
         reportMouse(
             mouseEventAt(MouseAction::motion, MouseButton::none, event->position(), event->modifiers()),

@@ -53,6 +53,16 @@ public:
             gpuRows = new GpuRowsNode;
             appendChildNode(gpuRows);
         }
+        // All highlight nodes are made here, with the tree: the software renderer places a
+        // node added later to this subtree without the item's transform.
+        highlights = new QSGNode;
+        appendChildNode(highlights);
+        for (size_t i = 0; i < TerminalView::kHighlightNodes; ++i) {
+            QSGRectangleNode* node = window->createRectangleNode();
+            node->setRect(QRectF());
+            highlights->appendChildNode(node);
+            highlightNodes.push_back(node);
+        }
         caret = makeImageNode(window);
         appendChildNode(caret);
         bell = window->createRectangleNode();
@@ -93,6 +103,10 @@ public:
     QSGRectangleNode* background = nullptr;
     GpuRowsNode* gpuRows = nullptr;
     QSGImageNode* image = nullptr;
+    // Selection and search matches: translucent rectangles over the text, made afresh for
+    // each frame (a handful on any screen).
+    QSGNode* highlights = nullptr;
+    std::vector<QSGRectangleNode*> highlightNodes;
     QSGImageNode* caret = nullptr;
     QSGRectangleNode* bell = nullptr;
     QSGRectangleNode* progress = nullptr;
@@ -139,6 +153,9 @@ void TerminalView::updatePolish() {
     setUsesGpu(!software);
     buildFrame();
     buildCaret();
+    if (m_searchHitsStale)
+        refreshSearchHits();
+    buildHighlightRects();
     // The redraw asked for is built: output that arrives from now on starts a new round.
     m_pacing.displayed();
     update();
@@ -239,6 +256,7 @@ QSGNode* TerminalView::updatePaintNode(QSGNode* oldNode, UpdatePaintNodeData*) {
     root->background->setColor(qcolor(viewBackground(*m_terminal, m_colors)));
     updateRowNodes(*root, w);
     updateCaretNode(*root, w);
+    updateHighlightNodes(*root);
     updateOverlayNodes(*root);
     if (token) {
         QMutexLocker guard(&m_tokenLock);
@@ -279,6 +297,19 @@ void TerminalView::updateCaretNode(ViewRootNode& root, QQuickWindow* window) {
         root.caret->setRect(QRectF());
     }
     m_caretDirty = false;
+}
+
+void TerminalView::updateHighlightNodes(ViewRootNode& root) {
+    // Unused nodes keep an empty rectangle; more rectangles than nodes are not drawn.
+    for (size_t i = 0; i < root.highlightNodes.size(); ++i) {
+        QSGRectangleNode* node = root.highlightNodes[i];
+        if (i < m_highlightRects.size()) {
+            node->setRect(m_highlightRects[i].first);
+            node->setColor(m_highlightRects[i].second);
+        } else if (!node->rect().isEmpty()) {
+            node->setRect(QRectF());
+        }
+    }
 }
 
 void TerminalView::updateOverlayNodes(ViewRootNode& root) {

@@ -8,14 +8,17 @@
 
 #include "QuillmereDesktop/terminal/CapturingTerminalView.h"
 
+#include <QClipboard>
 #include <QDir>
 #include <QFile>
+#include <QGuiApplication>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QQuickWindow>
 #include <QSGRendererInterface>
 #include <QTemporaryDir>
 
+#include <QClipboard>
 #include <QTest>
 #include <memory>
 #include <optional>
@@ -255,6 +258,72 @@ private slots:
         QTest::keyClick(opened->panel, Qt::Key_Return);
         QTRY_VERIFY_WITH_TIMEOUT(opened->codex->screenText().split('\n').contains("codex-side"), 10000);
         QVERIFY(!opened->claude->screenText().contains("codex-side"));
+    }
+
+    void aProgramThatAsksForKittyKeysGetsThem() {
+        auto session = signIn(true);
+        QVERIFY(session);
+        auto& opened = *session;
+        QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("stand-in claude ran"), 10000);
+        type(opened->panel, "python3 " QUILLMERE_TEST_DATA "/kitty_keys.py 20");
+        QTest::keyClick(opened->panel, Qt::Key_Return);
+        QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("kitty flags 11"), 10000);
+        QTest::keyClick(opened->panel, Qt::Key_A, Qt::ControlModifier);
+        QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("\\x1b[97;5u"), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("\\x1b[97;5:3u"), 10000);
+        QTest::keyClick(opened->panel, Qt::Key_Escape);
+        QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("\\x1b[27u"), 10000);
+        QTest::keyClick(opened->panel, Qt::Key_Q);
+        QTRY_VERIFY_WITH_TIMEOUT(opened->claude->terminal().keyboardEnhancementFlags() == 0, 10000);
+    }
+
+    void selectingCopyingAndSearchingInTheDrawer() {
+        auto session = signIn(true);
+        QVERIFY(session);
+        auto& opened = *session;
+        QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("stand-in claude ran"), 10000);
+        const QString suffix =
+            opened->claude->usesGpu() ? QStringLiteral("-gpu") : QStringLiteral("-software");
+        QTemporaryDir listing;
+        fillListingFolder(listing);
+        type(opened->panel, "cd " + listing.path());
+        QTest::keyClick(opened->panel, Qt::Key_Return);
+        type(opened->panel, "clear; ls --color=always -og; ls --color=always -F");
+        QTest::keyClick(opened->panel, Qt::Key_Return);
+        QTRY_VERIFY_WITH_TIMEOUT(opened->claude->screenText().contains("link-to-projects@"), 10000);
+        // A double click on a name in the listing selects it; Ctrl+Shift+C copies it.
+        const QStringList rows = opened->claude->screenText().split('\n');
+        int row = -1;
+        for (int r = 0; r < rows.size() && row < 0; ++r)
+            if (rows[r].contains("link-to-projects@"))
+                row = r;
+        QVERIFY(row >= 0);
+        const int col = static_cast<int>(rows[row].indexOf("link-to-projects"));
+        const termkit::CellMetrics& cell = opened->claude->cellMetrics();
+        const qreal ratio = opened->panel->devicePixelRatio();
+        const QPointF inView((col + 2.5) * cell.width / ratio, (row + 0.5) * cell.height / ratio);
+        const QPoint at = opened->claude->mapToScene(inView).toPoint();
+        QTest::mouseDClick(opened->panel, Qt::LeftButton, Qt::NoModifier, at);
+        QCOMPARE(opened->claude->selectedText(), QString("link-to-projects"));
+        QGuiApplication::clipboard()->clear();
+        QTest::keyClick(opened->panel, Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(QGuiApplication::clipboard()->text(), QString("link-to-projects"));
+        // Ctrl+Shift+F opens the find bar; typing highlights, Enter selects the next match.
+        QTest::keyClick(opened->panel, Qt::Key_F, Qt::ControlModifier | Qt::ShiftModifier);
+        auto* findBar = opened->panel->findChild<QQuickItem*>("findBar");
+        QVERIFY(findBar);
+        QTRY_VERIFY(findBar->isVisible());
+        type(opened->panel, "projects");
+        // As many as the screen shows (the listing was cleared first, scrollback and all).
+        QTRY_VERIFY(opened->claude->searchMatchCount() >= 4);
+        QCOMPARE(opened->claude->searchMatchCount(), opened->claude->screenText().count("projects"));
+        QTest::keyClick(opened->panel, Qt::Key_Return);
+        QTRY_COMPARE(opened->claude->selectedText(), QString("projects"));
+        QTest::qWait(300);
+        QVERIFY(!AppHarness::screenshot(opened->panel, "drawer-find" + suffix).isEmpty());
+        QTest::keyClick(opened->panel, Qt::Key_Escape);
+        QTRY_VERIFY(!findBar->isVisible());
+        QCOMPARE(opened->claude->searchMatchCount(), 0);
     }
 
     void screenshotsOfAColouredListingAndAFullScreenProgram() {

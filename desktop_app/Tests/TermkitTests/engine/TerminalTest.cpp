@@ -272,13 +272,6 @@ public:
     std::vector<std::string> log;
     std::vector<std::string> dcs;
     testing::RecordingDcsHandler sixel{dcs, "sixel"};
-    bool handleKittyKeyboardProtocol(Terminal&, const CsiParameters& pars,
-                                     std::span<const uint8_t> collect) override {
-        if (collect.empty())
-            return false;
-        log.push_back("keyboard " + std::string(collect.begin(), collect.end()) + testing::parsText(pars));
-        return true;
-    }
     void handleKittyGraphics(Terminal&, std::span<const uint8_t> data) override {
         log.push_back("graphics " + std::string(data.begin(), data.end()));
     }
@@ -296,10 +289,8 @@ TEST(TerminalTest, ExtensionPointsReceiveTheirSequences) {
     RecordingTerminalDelegate host;
     RecordingExtensions ext;
     Terminal t(&host, sized(10, 2), nullptr, &ext);
-    t.feed(
-        "\x1b[>1u\x1b[?u\x1b_Ga=T;QUFB\x1b\\\x1bP1q#0!3~\x1b\\\x1b]133;A\x07\x1b[?2500h\x1b[1 k\x1b[?1049h");
-    const std::vector<std::string> expected = {
-        "keyboard >1", "keyboard ?0", "graphics a=T;QUFB", "prompt A", "bidi 8", "bidi 4", "switch"};
+    t.feed("\x1b_Ga=T;QUFB\x1b\\\x1bP1q#0!3~\x1b\\\x1b]133;A\x07\x1b[?2500h\x1b[1 k\x1b[?1049h");
+    const std::vector<std::string> expected = {"graphics a=T;QUFB", "prompt A", "bidi 8", "bidi 4", "switch"};
     EXPECT_EQ(ext.log, expected);
     EXPECT_EQ(ext.dcs, (std::vector<std::string>{"sixel.hook(,1,q)", "sixel.put(#0!3~)", "sixel.unhook"}));
     EXPECT_EQ(t.currentBidiState().fallbackDirection, BidiDirection::leftToRight);
@@ -310,9 +301,10 @@ TEST(TerminalTest, CsiUWithoutCollectRestoresTheCursor) {
     Terminal t(&host, sized(10, 3));
     t.feed("\x1b[2;3H\x1b[s\x1b[H\x1b[u");
     EXPECT_EQ(t.getCursorLocation(), std::pair(Col(2), ScreenRow(1)));
-    // Without a keyboard extension, its queries are dropped rather than taken as restores.
+    // The keyboard protocol's query is answered, never taken as a restore.
     t.feed("\x1b[H\x1b[?u");
     EXPECT_EQ(t.getCursorLocation(), std::pair(Col(0), ScreenRow(0)));
+    EXPECT_EQ(host.replies.back(), "\\e[?0u");
 }
 
 TEST(TerminalTest, RegisteredOscHandlerWinsOverTheBuiltIn) {

@@ -2,8 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+#include "Termkit/links/TerminalLinks.h"
 #include "Termkit/process/PseudoTerminalHelpers.h"
 #include "Termkit/process/RunLoop.h"
+#include "Termkit/semantic/SemanticPrompts.h"
 #include "TermkitTests/process/ProcessTestSupport.h"
 
 namespace termkit {
@@ -145,6 +151,66 @@ TEST(HeadlessTerminalTest, ChangeScrollbackLimitsTheKeptLines) {
     EXPECT_EQ(lines.size(), 15u);
     EXPECT_TRUE(hasLine(lines, "200"));
     EXPECT_FALSE(hasLine(lines, "1"));
+}
+
+TEST(HeadlessTerminalTest, LsWithHyperlinksGivesExplicitLinksToTheFiles) {
+    Fixture f(sized(80, 10));
+    char folder[] = "/tmp/termkit-links-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string file = std::string(folder) + "/report.txt";
+    FILE* out = fopen(file.c_str(), "w");
+    ASSERT_NE(out, nullptr);
+    fclose(out);
+    f.headless.process().startProcess("/bin/ls", {"--hyperlink=always", folder});
+    ASSERT_TRUE(f.waitForEnd());
+    ASSERT_TRUE(hasLine(f.headless.terminal(), "report.txt"));
+    const auto m =
+        TerminalLinks::link(f.headless.terminal(), LinkLookupLocation::buffer({Col(2), LineIndex(0)}),
+                            LinkLookupMode::explicitOnly);
+    ASSERT_TRUE(m);
+    EXPECT_TRUE(m->isExplicit);
+    // ls names the file with its host: file://HOST/path.
+    EXPECT_EQ(m->text.rfind("file://", 0), 0u);
+    EXPECT_EQ(m->text.substr(m->text.size() - file.size()), file);
+    EXPECT_EQ(m->range, std::pair(0, 10));
+    std::remove(file.c_str());
+    rmdir(folder);
+}
+
+TEST(HeadlessTerminalTest, AClickInsideBashsTypedCommandMovesItsCursorThere) {
+    RunLoop loop;
+    SemanticPrompts semantic;
+    bool ended = false;
+    HeadlessTerminal headless(
+        loop, sized(60, 10), [&](std::optional<int32_t>) { ended = true; }, nullptr, &semantic);
+    const auto waitFor = [&](const std::function<bool()>& done) { return loop.runUntil(done, kWait); };
+    std::vector<std::string> env = Terminal::getEnvironmentVariables();
+    // The prompt marks its start and the start of the input; PS0 marks output as the command runs.
+    env.push_back("PS1=\\[\\e]133;A\\a\\]$ \\[\\e]133;B\\a\\]");
+    env.push_back("PS0=\\e]133;C\\a");
+    env.push_back("PROMPT_COMMAND=printf '\\e]133;D\\a'");
+    headless.process().startProcess("/bin/bash", {"--norc", "--noprofile", "-i"}, env);
+    ASSERT_TRUE(waitFor([&] { return semantic.inputState() == SemanticInputState::prompt; }));
+    const auto typed = [&](std::string_view text) {
+        semantic.sendUserInput(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+        headless.send(text);
+    };
+    typed("echo abcdef");
+    ASSERT_TRUE(waitFor([&] { return hasLine(headless.terminal(), "$ echo abcdef"); }));
+    EXPECT_EQ(semantic.inputState(), SemanticInputState::armed);
+    // Click on the "c": the cursor keys go to bash, and what is typed next lands there.
+    const auto [col, row] = headless.terminal().getCursorLocation();
+    const LineIndex line = headless.terminal().buffer().lineIndex(row);
+    const auto keys = semantic.handleSemanticPromptClick(headless.terminal(), {Col(col.value - 4), line});
+    ASSERT_TRUE(keys);
+    EXPECT_EQ(*keys, "\x1b[D\x1b[D\x1b[D\x1b[D");
+    headless.send(*keys);
+    ASSERT_TRUE(waitFor([&] { return headless.terminal().getCursorLocation().first == Col(col.value - 4); }));
+    typed("X\r");
+    EXPECT_EQ(semantic.inputState(), SemanticInputState::submitted);
+    ASSERT_TRUE(waitFor([&] { return hasLine(headless.terminal(), "abXcdef"); }));
+    typed("exit\r");
+    EXPECT_TRUE(waitFor([&] { return ended; }));
 }
 
 TEST(HeadlessTerminalTest, BitmapsAreKeptForTheHost) {

@@ -10,6 +10,7 @@
 
 #include "Termkit/view/qt/QtFrameScheduler.h"
 #include "Termkit/view/qt/QtKeyMapping.h"
+#include "Termkit/view/qt/QtKittyKeyMapping.h"
 #include "Termkit/view/render/CaretPainter.h"
 
 using namespace termkit;
@@ -48,6 +49,60 @@ private slots:
         keypad.applicationKeypad = true;
         QCOMPARE(encoded(Qt::Key_5, Qt::KeypadModifier, "5", keypad), std::string("\x1bOu"));
         QCOMPARE(encoded(Qt::Key_Enter, Qt::KeypadModifier, "\r", keypad), std::string("\x1bOM"));
+    }
+
+    void keyEventsBecomeKittyKeyEvents() {
+        using P = QtKittyKeyMapping::KeyParts;
+        const auto kitty = [](P p) { return QtKittyKeyMapping::toKittyEvent(p); };
+        constexpr quint32 kCodeOfA = 38; // X11 key code of the US "a" key
+        constexpr quint32 kCodeOfOne = 10;
+        KittyKeyEvent e = kitty({Qt::Key_A, Qt::ShiftModifier, "A", false, false, kCodeOfA, 0});
+        QCOMPARE(*e.key.scalar(), U'a');
+        QCOMPARE(e.modifiers, KittyKeyboardModifiers::shift);
+        QCOMPARE(e.shiftedKey.value_or(0), uint32_t('A'));
+        QVERIFY(!e.baseLayoutKey); // the same key on the US layout
+        QCOMPARE(e.text.value_or(""), std::string("A"));
+        // Shift+1 on a US layout types "!": the key is still "1", shifted "!".
+        e = kitty({Qt::Key_Exclam, Qt::ShiftModifier, "!", false, false, kCodeOfOne, 0});
+        QCOMPARE(*e.key.scalar(), U'1');
+        QCOMPARE(e.shiftedKey.value_or(0), uint32_t('!'));
+        // A Cyrillic layout: the key types "с" where the US layout has "c".
+        constexpr quint32 kCodeOfC = 54;
+        e = kitty({0x441, Qt::ControlModifier, QString::fromUtf8("\xd1\x81"), false, false, kCodeOfC, 0});
+        QCOMPARE(*e.key.scalar(), char32_t(0x441));
+        QCOMPARE(e.baseLayoutKey.value_or(0), uint32_t('c'));
+        QCOMPARE(KittyKeyboardEncoder::encode(
+                     e, KittyKeyboardFlags::disambiguate | KittyKeyboardFlags::reportAlternates, false)
+                     .value_or(""),
+                 std::string("\x1b[1089::99;5u"));
+        // Modifiers: Super (Qt's Meta), and the locks from the X11 state.
+        e = kitty({Qt::Key_B, Qt::MetaModifier | Qt::AltModifier, "b", false, false, 0, 0x2 | 0x10});
+        QCOMPARE(e.modifiers, uint8_t(KittyKeyboardModifiers::super | KittyKeyboardModifiers::alt |
+                                      KittyKeyboardModifiers::capsLock | KittyKeyboardModifiers::numLock));
+        // Repeat and release.
+        QCOMPARE(kitty({Qt::Key_X, {}, "x", true, false, 0, 0}).eventType,
+                 KittyKeyboardEventType::repeatPress);
+        e = kitty({Qt::Key_X, {}, "x", false, true, 0, 0});
+        QCOMPARE(e.eventType, KittyKeyboardEventType::release);
+        QVERIFY(!e.text);
+        // Functional and keypad keys, and modifier keys themselves.
+        QCOMPARE(*kitty({Qt::Key_F13, {}, "", false, false, 0, 0}).key.functionalKey(),
+                 KittyFunctionalKey::f13);
+        QCOMPARE(*kitty({Qt::Key_Home, Qt::KeypadModifier, "", false, false, 0, 0}).key.functionalKey(),
+                 KittyFunctionalKey::keypadHome);
+        QCOMPARE(*kitty({Qt::Key_7, Qt::KeypadModifier, "7", false, false, 0, 0}).key.functionalKey(),
+                 KittyFunctionalKey::keypad7);
+        QCOMPARE(*kitty({Qt::Key_Enter, Qt::KeypadModifier, "\r", false, false, 0, 0}).key.functionalKey(),
+                 KittyFunctionalKey::keypadEnter);
+        QCOMPARE(*kitty({Qt::Key_Shift, Qt::ShiftModifier, "", false, false, 0, 0}).key.functionalKey(),
+                 KittyFunctionalKey::leftShift);
+        QCOMPARE(*kitty({Qt::Key_Backtab, Qt::ShiftModifier, "", false, false, 0, 0}).key.functionalKey(),
+                 KittyFunctionalKey::tab);
+        // Text the input method composed, with no key of its own.
+        e = kitty({0, {}, QString::fromUtf8("\xe4\xbd\xa0"), false, false, 0, 0});
+        QVERIFY(e.key.scalar() != nullptr);
+        QCOMPARE(*e.key.scalar(), char32_t(0x4F60));
+        QCOMPARE(e.text.value_or(""), std::string("\xe4\xbd\xa0"));
     }
 
     void theApplicationKeepsItsShortcuts() {

@@ -2,10 +2,14 @@
 // would write them: what keys, the pointer, the wheel and pastes send in each mode, and how
 // bells, progress reports, synchronized output, blinking and scrolling show.
 
+#include <QClipboard>
+#include <QFile>
 #include <QGuiApplication>
 #include <QQuickWindow>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QTest>
+#include <QUrl>
 
 #include "Termkit/view/TerminalView.h"
 
@@ -21,6 +25,11 @@ public:
     }
     void bell(TerminalView&) override { ++sounds; }
     void sizeChanged(TerminalView&, int cols, int rows) override { sizes.append({cols, rows}); }
+    void requestOpenLink(TerminalView&, const std::string& link,
+                         const std::map<std::string, std::string>& params) override {
+        links.append({link, params});
+    }
+    QList<QPair<std::string, std::map<std::string, std::string>>> links;
     QByteArray sent;
     int sounds = 0;
     QList<QPair<int, int>> sizes;
@@ -98,8 +107,7 @@ private slots:
             return true;
         };
         h.view->setExtensions(extensions);
-        // No program enabled keyboard enhancements (nothing in the engine sets them yet): the
-        // legacy byte, not the extension's.
+        // No program enabled keyboard enhancements: the legacy byte, not the extension's.
         QTest::keyClick(&h.window, Qt::Key_Escape);
         QCOMPARE(h.take(), QByteArray("\x1b"));
         QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(3, 2));
@@ -109,6 +117,163 @@ private slots:
         h.view->feed("\x1b[?1000h"); // now the program takes the pointer
         QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(3, 2));
         QCOMPARE(pointer.size(), 2);
+    }
+
+    void kittyKeysOnceTheProgramAsksForThem() {
+        Harness h;
+        h.view->feed("\x1b[>1u"); // disambiguate
+        QTest::keyClick(&h.window, Qt::Key_Escape);
+        QCOMPARE(h.take(), QByteArray("\x1b[27u"));
+        QTest::keyClick(&h.window, Qt::Key_A, Qt::ControlModifier);
+        QCOMPARE(h.take(), QByteArray("\x1b[97;5u"));
+        QTest::keyClick(&h.window, Qt::Key_A, Qt::NoModifier);
+        QCOMPARE(h.take(), QByteArray("a"));
+        // Report every key with its events: the press and the release of each.
+        h.view->feed("\x1b[=11u");
+        QTest::keyClick(&h.window, Qt::Key_A, Qt::NoModifier);
+        QCOMPARE(h.take(), QByteArray("\x1b[97u\x1b[97;1:3u"));
+        QTest::keyClick(&h.window, Qt::Key_Up, Qt::NoModifier);
+        QCOMPARE(h.take(), QByteArray("\x1b[A\x1b[1;1:3A"));
+        // The program pops its flags: legacy bytes again.
+        h.view->feed("\x1b[<u");
+        QTest::keyClick(&h.window, Qt::Key_Escape);
+        QCOMPARE(h.take(), QByteArray("\x1b"));
+    }
+
+    void aDragSelectsTextAndCtrlShiftCCopiesIt() {
+        Harness h;
+        h.view->feed("hello world\r\nsecond line");
+        QVERIFY(h.presented());
+        const CellMetrics& cell = h.view->cellMetrics();
+        const auto boundary = [&](int col, int row) {
+            return QPoint(static_cast<int>(col * cell.width + 1),
+                          static_cast<int>((row + 0.5) * cell.height));
+        };
+        QTest::mousePress(&h.window, Qt::LeftButton, Qt::NoModifier, boundary(0, 0));
+        QTest::mouseMove(&h.window, boundary(5, 0));
+        QTest::mouseRelease(&h.window, Qt::LeftButton, Qt::NoModifier, boundary(5, 0));
+        QVERIFY(h.view->hasSelection());
+        QCOMPARE(h.view->selectedText(), QString("hello"));
+        QCOMPARE(h.take(), QByteArray()); // nothing went to the program
+        QClipboard* clipboard = QGuiApplication::clipboard();
+        if (clipboard->supportsSelection())
+            QCOMPARE(clipboard->text(QClipboard::Selection), QString("hello"));
+        clipboard->clear();
+        QTest::keyClick(&h.window, Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(clipboard->text(), QString("hello"));
+        // The selection is drawn over the text: one rectangle, five cells wide.
+        QVERIFY(QTest::qWaitFor([&] { return !h.view->highlightRects().empty(); }, 2000));
+        QCOMPARE(h.view->highlightRects().size(), size_t(1));
+        QCOMPARE(qRound(h.view->highlightRects()[0].first.width() * h.view->window()->devicePixelRatio()),
+                 5 * cell.width);
+        // A plain click ends it.
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(8, 1));
+        QVERIFY(!h.view->hasSelection());
+    }
+
+    void doubleAndTripleClicksSelectAWordAndALine() {
+        Harness h;
+        h.view->feed("cat src/foo-bar_baz.txt now");
+        QTest::mouseDClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(12, 0));
+        QCOMPARE(h.view->selectedText(), QString("foo-bar_baz.txt"));
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(12, 0));
+        QCOMPARE(h.view->selectedText(), QString("cat src/foo-bar_baz.txt now"));
+    }
+
+    void theMiddleButtonPastesThePrimarySelection() {
+        Harness h;
+        QClipboard* clipboard = QGuiApplication::clipboard();
+        if (!clipboard->supportsSelection())
+            QSKIP("this platform has no primary selection");
+        clipboard->setText("from elsewhere", QClipboard::Selection);
+        QTest::mouseClick(&h.window, Qt::MiddleButton, Qt::NoModifier, h.cellCentre(1, 1));
+        QCOMPARE(h.take(), QByteArray("from elsewhere"));
+    }
+
+    void findHighlightsEveryMatchAndRevealsTheNextOne() {
+        Harness h;
+        QSignalSpy asked(h.view, &TerminalView::findRequested);
+        QTest::keyClick(&h.window, Qt::Key_F, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(asked.size(), 1);
+        QCOMPARE(h.take(), QByteArray());
+        h.view->feed("the needle is here\r\n");
+        for (int i = 0; i < 200; ++i)
+            h.view->feed("filler line " + std::to_string(i) + "\r\n");
+        h.view->feed("a second needle\r\n");
+        QVERIFY(h.presented());
+        QCOMPARE(h.view->highlightAll("needle", false, false, false), 2);
+        // The first match is in the scrollback: finding it scrolls the view back to it.
+        QVERIFY(h.view->findNext("needle", false, false, false));
+        QVERIFY(h.view->userScrolling());
+        QCOMPARE(h.view->selectedText(), QString("needle"));
+        QVERIFY(QTest::qWaitFor([&] { return !h.view->highlightRects().empty(); }, 2000));
+        // Then the second, on the program's screen; past it, back to the first.
+        QVERIFY(h.view->findNext("needle", false, false, false));
+        QCOMPARE(h.view->selection().start().row, h.view->terminal().buffer().yBase() + h.view->rows() - 2);
+        QVERIFY(!h.view->userScrolling());
+        QVERIFY(h.view->findNext("needle", false, false, false));
+        QCOMPARE(h.view->selection().start().row, LineIndex(0));
+        // Case is ignored unless asked for.
+        QCOMPARE(h.view->highlightAll("NEEDLE", false, false, false), 2);
+        QVERIFY(!h.view->findNext("NEEDLE", true, false, false));
+        h.view->clearSearch();
+        QCOMPARE(h.view->searchMatchCount(), 0);
+    }
+
+    void controlClickOpensTheLinkUnderThePointer() {
+        Harness h;
+        h.view->feed("open \x1b]8;id=r1:x=2;https://explicit.example/r\x1b\\report\x1b]8;;\x1b\\ or "
+                     "https://implicit.example/p.\r\n");
+        QVERIFY(h.presented());
+        // Without Control a click selects as usual and opens nothing.
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(7, 0));
+        QVERIFY(h.recorder.links.isEmpty());
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::ControlModifier, h.cellCentre(7, 0));
+        QCOMPARE(h.recorder.links.size(), 1);
+        QCOMPARE(h.recorder.links[0].first, std::string("https://explicit.example/r"));
+        QCOMPARE(h.recorder.links[0].second.at("id"), std::string("r1"));
+        QCOMPARE(h.recorder.links[0].second.at("x"), std::string("2"));
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::ControlModifier, h.cellCentre(20, 0));
+        QCOMPARE(h.recorder.links.size(), 2);
+        QCOMPARE(h.recorder.links[1].first, std::string("https://implicit.example/p"));
+        QVERIFY(!h.view->hasSelection());
+        // Hovering with Control underlines the link.
+        QHoverEvent hover(QEvent::HoverMove, h.cellCentre(8, 0), h.cellCentre(8, 0), h.cellCentre(7, 0),
+                          Qt::ControlModifier);
+        QCoreApplication::sendEvent(h.view, &hover);
+        QVERIFY(h.view->hoveredLink());
+        QCOMPARE(h.view->hoveredLink()->range, std::pair(5, 11));
+        QHoverEvent away(QEvent::HoverMove, h.cellCentre(8, 0), h.cellCentre(8, 0), h.cellCentre(8, 0),
+                         Qt::NoModifier);
+        QCoreApplication::sendEvent(h.view, &away);
+        QVERIFY(!h.view->hoveredLink());
+    }
+
+    void aClickInAMarkedCommandLineMovesTheCursorThere() {
+        Harness h;
+        h.view->feed("\x1b]133;A\x07$ \x1b]133;B\x07"
+                     "echo abcdef");
+        QVERIFY(h.presented());
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(9, 0));
+        QCOMPARE(h.take(), QByteArray("\x1b[D\x1b[D\x1b[D\x1b[D"));
+        // Once the command was sent, clicks are the selection's again.
+        QTest::keyClick(&h.window, Qt::Key_Return);
+        h.take();
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(4, 0));
+        QCOMPARE(h.take(), QByteArray());
+    }
+
+    void aPathLinkOpensOnlyAnExistingFile() {
+        QTemporaryDir dir;
+        QFile file(dir.filePath("notes.md"));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.close();
+        const std::string folder = dir.path().toStdString();
+        QCOMPARE(TerminalView::defaultLinkURL("./notes.md", folder).value_or(""),
+                 QUrl::fromLocalFile(dir.filePath("notes.md")).toString().toStdString());
+        QVERIFY(!TerminalView::defaultLinkURL("./missing.md", folder));
+        QCOMPARE(TerminalView::defaultLinkURL("https://a.example/x", folder).value_or(""),
+                 std::string("https://a.example/x"));
     }
 
     void composedTextArrivesThroughTheInputMethod() {

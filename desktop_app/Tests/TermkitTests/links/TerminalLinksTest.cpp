@@ -1,0 +1,112 @@
+#include "Termkit/links/TerminalLinks.h"
+
+#include <gtest/gtest.h>
+
+#include "Termkit/engine/Terminal.h"
+
+namespace termkit {
+namespace {
+
+class Discard : public TerminalDelegate {
+public:
+    void send(Terminal&, std::span<const uint8_t>) override {}
+};
+
+TerminalOptions sized(int cols, int rows) {
+    TerminalOptions o;
+    o.cols = cols;
+    o.rows = rows;
+    o.scrollback = 100;
+    return o;
+}
+
+std::optional<LinkMatch> at(const Terminal& t, int col, int row,
+                            LinkLookupMode mode = LinkLookupMode::explicitAndImplicit) {
+    return TerminalLinks::link(t, LinkLookupLocation::buffer({Col(col), LineIndex(row)}), mode);
+}
+
+TEST(TerminalLinksTest, AnExplicitLinkCoversItsCellsAndClosesWithASemicolonBody) {
+    Discard host;
+    Terminal t(&host, sized(40, 3));
+    // OSC 8 ;; URI opens with empty parameters; OSC 8 ; ; (a body of one ";") closes.
+    t.feed("go \x1b]8;;http://a.example/x\x1b\\here\x1b]8;;\x1b\\ then");
+    const auto m = at(t, 4, 0, LinkLookupMode::explicitOnly);
+    ASSERT_TRUE(m);
+    EXPECT_TRUE(m->isExplicit);
+    EXPECT_EQ(m->text, "http://a.example/x");
+    EXPECT_EQ(m->params, "");
+    EXPECT_EQ(m->range, std::pair(3, 7));
+    ASSERT_EQ(m->rowRanges.size(), 1u);
+    EXPECT_FALSE(at(t, 8, 0, LinkLookupMode::explicitOnly));
+    EXPECT_FALSE(at(t, 1, 0, LinkLookupMode::explicitOnly));
+    EXPECT_FALSE(t.activeHyperlink());
+}
+
+TEST(TerminalLinksTest, ParametersArePassedOn) {
+    Discard host;
+    Terminal t(&host, sized(40, 3));
+    t.feed("\x1b]8;id=doc7;file:///tmp/notes.txt\x1b\\notes\x1b]8;;\x1b\\");
+    const auto m = at(t, 2, 0);
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->params, "id=doc7");
+    EXPECT_EQ(m->text, "file:///tmp/notes.txt");
+    const auto [params, uri] = TerminalLinks::parseHyperlinkPayload("a=1:b=2;https://x;y");
+    EXPECT_EQ(params, "a=1:b=2");
+    EXPECT_EQ(uri, "https://x;y");
+}
+
+TEST(TerminalLinksTest, LinkTextWrappedAtTheRightEdgeIsOneMatchWithTwoRowRanges) {
+    Discard host;
+    Terminal t(&host, sized(10, 4));
+    t.feed("abcdef\x1b]8;;https://wrap.example\x1b\\0123456789\x1b]8;;\x1b\\ z");
+    for (const auto& [col, row] : {std::pair(7, 0), std::pair(3, 1)}) {
+        const auto m = at(t, col, row);
+        ASSERT_TRUE(m);
+        EXPECT_EQ(m->text, "https://wrap.example");
+        ASSERT_EQ(m->rowRanges.size(), 2u);
+        EXPECT_EQ(m->rowRanges[0].row, LineIndex(0));
+        EXPECT_EQ(m->rowRanges[0].range, std::pair(6, 10));
+        EXPECT_EQ(m->rowRanges[1].row, LineIndex(1));
+        EXPECT_EQ(m->rowRanges[1].range, std::pair(0, 6));
+    }
+}
+
+TEST(TerminalLinksTest, AnImplicitUrlLeavesOutATrailingFullStop) {
+    Discard host;
+    Terminal t(&host, sized(60, 3));
+    t.feed("docs at https://example.org/guide/page. and more");
+    const auto m = at(t, 12, 0);
+    ASSERT_TRUE(m);
+    EXPECT_FALSE(m->isExplicit);
+    EXPECT_EQ(m->text, "https://example.org/guide/page");
+    EXPECT_EQ(m->range, std::pair(8, 38));
+    EXPECT_FALSE(at(t, 12, 0, LinkLookupMode::explicitOnly));
+    EXPECT_FALSE(at(t, 2, 0));
+}
+
+TEST(TerminalLinksTest, AnImplicitUrlAcrossAWrapIsFoundFromEitherRow) {
+    Discard host;
+    Terminal t(&host, sized(20, 4));
+    t.feed("see https://example.org/a/long/path ok");
+    for (const auto& [col, row] : {std::pair(6, 0), std::pair(5, 1)}) {
+        const auto m = at(t, col, row);
+        ASSERT_TRUE(m);
+        EXPECT_EQ(m->text, "https://example.org/a/long/path");
+        EXPECT_EQ(m->rowRanges.size(), 2u);
+    }
+}
+
+TEST(TerminalLinksTest, PathsAreImplicitLinks) {
+    Discard host;
+    Terminal t(&host, sized(60, 3));
+    t.feed("edit ./src/main.cpp then ~/notes/todo.md");
+    auto m = at(t, 8, 0);
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->text, "./src/main.cpp");
+    m = at(t, 30, 0);
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->text, "~/notes/todo.md");
+}
+
+} // namespace
+} // namespace termkit

@@ -1,0 +1,243 @@
+#include "Termkit/search/SearchService.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "Termkit/engine/Terminal.h"
+#include "Termkit/selection/SelectionService.h"
+
+namespace termkit {
+namespace {
+
+class Discard : public TerminalDelegate {
+public:
+    void send(Terminal&, std::span<const uint8_t>) override {}
+};
+
+TerminalOptions sized(int cols, int rows, int scrollback = 1000) {
+    TerminalOptions o;
+    o.cols = cols;
+    o.rows = rows;
+    o.scrollback = scrollback;
+    return o;
+}
+
+std::vector<uint8_t> session(const std::string& name) {
+    std::ifstream in(std::string(TERMKIT_TEST_DATA) + "/sessions/" + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The text a result covers, read back through a selection of its cells.
+std::string textOf(const Terminal& t, const SearchResult& r) {
+    SelectionService s(t);
+    const SearchSelection sel = selectionOf(r, t.cols());
+    s.setSelection(sel.start, sel.end);
+    return s.getSelectedText();
+}
+
+TEST(SearchServiceTest, WholeWordSkipsPartsOfWordsAndAcceptsPunctuation) {
+    Discard host;
+    Terminal t(&host, sized(40, 3));
+    t.feed("concat (cat) cats");
+    SearchService search(t);
+    SearchOptions whole;
+    whole.wholeWord = true;
+    const auto all = search.findAll("cat", whole);
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].col, Col(8));
+    EXPECT_EQ(search.findAll("cat", {}).size(), 3u);
+}
+
+TEST(SearchServiceTest, CaseInsensitiveAcrossAWrapStartsInTheFirstRow) {
+    Discard host;
+    Terminal t(&host, sized(10, 4));
+    t.feed("xxxxxxxHELLO world");
+    SearchService search(t);
+    const auto r = search.findNext("hello");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->row, LineIndex(0));
+    EXPECT_EQ(r->col, Col(7));
+    EXPECT_EQ(r->size, 5);
+    EXPECT_EQ(textOf(t, *r), "HELLO");
+    SearchOptions exact;
+    exact.caseSensitive = true;
+    EXPECT_FALSE(search.findNext("hello", exact));
+}
+
+TEST(SearchServiceTest, AWideCharacterBeforeAMatchKeepsTheColumn) {
+    Discard host;
+    Terminal t(&host, sized(20, 3));
+    t.feed("\xe4\xb8\x96\xe7\x95\x8c needle"); // 世界 needle
+    SearchService search(t);
+    const auto r = search.findNext("needle");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->col, Col(5));
+    EXPECT_EQ(r->size, 6);
+}
+
+TEST(SearchServiceTest, FindNextPastTheLastMatchGoesBackToTheFirst) {
+    Discard host;
+    Terminal t(&host, sized(20, 4));
+    t.feed("one\r\ntwo one\r\nthree");
+    SearchService search(t);
+    auto r = search.findNext("one");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(std::pair(r->row, r->col), std::pair(LineIndex(0), Col(0)));
+    r = search.findNext("one");
+    EXPECT_EQ(std::pair(r->row, r->col), std::pair(LineIndex(1), Col(4)));
+    r = search.findNext("one");
+    EXPECT_EQ(std::pair(r->row, r->col), std::pair(LineIndex(0), Col(0)));
+    // Backward from the first wraps to the last.
+    r = search.findPrevious("one");
+    EXPECT_EQ(std::pair(r->row, r->col), std::pair(LineIndex(1), Col(4)));
+    r = search.findPrevious("one");
+    EXPECT_EQ(std::pair(r->row, r->col), std::pair(LineIndex(0), Col(0)));
+}
+
+TEST(SearchServiceTest, ABadPatternFindsNothingAndAnEmptyTermNothingEither) {
+    Discard host;
+    Terminal t(&host, sized(20, 3));
+    t.feed("a(b");
+    SearchService search(t);
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_FALSE(search.findNext("(", regex));
+    EXPECT_TRUE(search.findNext("\\(", regex));
+    EXPECT_FALSE(search.findNext("", {}));
+}
+
+TEST(SearchServiceTest, RegexHonoursCaseAndWholeWord) {
+    Discard host;
+    Terminal t(&host, sized(40, 3));
+    t.feed("Error: error42 ERROR errors");
+    SearchService search(t);
+    SearchOptions o;
+    o.regex = true;
+    EXPECT_EQ(search.findAll("error\\d*", o).size(), 4u);
+    o.caseSensitive = true;
+    EXPECT_EQ(search.findAll("error\\d*", o).size(), 2u);
+    o.caseSensitive = false;
+    o.wholeWord = true;
+    EXPECT_EQ(search.findAll("error\\d*", o).size(), 3u);
+}
+
+TEST(SearchServiceTest, TheCacheFollowsChangedLinesAndKeepsTheRest) {
+    Discard host;
+    Terminal t(&host, sized(20, 5, 100));
+    for (int i = 0; i < 40; ++i)
+        t.feed("line " + std::to_string(i) + " alpha\r\n");
+    SearchService search(t);
+    EXPECT_EQ(search.findAll("alpha").size(), 40u);
+    const uint64_t cold = search.lineCache().translations();
+    EXPECT_EQ(search.findAll("alpha").size(), 40u);
+    EXPECT_EQ(search.lineCache().translations(), cold);
+    // One line changes: only it (and the new one) are read again.
+    t.feed("beta alpha\r\n");
+    EXPECT_EQ(search.findAll("alpha").size(), 41u);
+    EXPECT_LE(search.lineCache().translations() - cold, 3u);
+    // An erased line is not found any more.
+    t.feed("\x1b[2J");
+    EXPECT_EQ(search.findAll("alpha").size(), 37u); // the four on the screen are gone
+}
+
+TEST(SearchServiceTest, ACacheSurvivesAFullRingScrolling) {
+    Discard host;
+    Terminal t(&host, sized(20, 5, 20));
+    for (int i = 0; i < 60; ++i)
+        t.feed("row " + std::to_string(i) + "\r\n");
+    SearchService search(t);
+    auto all = search.findAll("row");
+    ASSERT_EQ(all.size(), 24u);
+    const uint64_t cold = search.lineCache().translations();
+    t.feed("row 60\r\n");
+    all = search.findAll("row");
+    ASSERT_EQ(all.size(), 24u);
+    EXPECT_EQ(textOf(t, all.back()), "row");
+    EXPECT_LE(search.lineCache().translations() - cold, 3u);
+    // The oldest kept is now row 37; the results follow the ring.
+    SelectionService s(t);
+    s.setSelection({Col(0), all.front().row}, {Col(6), all.front().row});
+    EXPECT_EQ(s.getSelectedText(), "row 37");
+}
+
+TEST(SearchServiceTest, RepeatedFindAllSeesScrollbackBroughtBackAndChanged) {
+    Discard host;
+    Terminal t(&host, sized(20, 4, 100));
+    for (int i = 0; i < 12; ++i)
+        t.feed("gamma " + std::to_string(i) + "\r\n");
+    SearchService search(t);
+    EXPECT_EQ(search.findAll("gamma").size(), 12u);
+    // Taller: scrollback comes back onto the screen, where a program may overwrite it.
+    t.resize(20, 10);
+    t.feed("\x1b[1;1Hdelta\x1b[K");
+    EXPECT_EQ(search.findAll("gamma").size(), 11u);
+    EXPECT_EQ(search.findAll("delta").size(), 1u);
+    // Clearing the scrollback leaves only what the screen shows: as many as the buffer's
+    // plain text holds.
+    t.feed("\x1b[3J");
+    const std::vector<uint8_t> data = t.getBufferAsData();
+    const std::string text(data.begin(), data.end());
+    size_t inText = 0;
+    for (size_t at = text.find("gamma"); at != std::string::npos; at = text.find("gamma", at + 1))
+        ++inText;
+    EXPECT_LT(inText, 11u);
+    EXPECT_EQ(search.findAll("gamma").size(), inText);
+}
+
+// --- Over recorded sessions ------------------------------------------------------------------
+
+TEST(SearchServiceTest, RegexFindsATermSplitAcrossAWrapInARecordedSession) {
+    Discard host;
+    Terminal t(&host, sized(100, 30));
+    t.feed(session("git-log-graph-100x30.bin"));
+    SearchService search(t);
+    SearchOptions regex;
+    regex.regex = true;
+    // git wrote "lazy attrib" at the end of one row and "ute interning" at the start of the next.
+    const auto all = search.findAll("lazy\\s+attrib\\w+\\s+interning", regex);
+    ASSERT_EQ(all.size(), 1u);
+    const SearchResult& r = all[0];
+    const Buffer& b = t.buffer();
+    EXPECT_EQ(b.line(r.row).translateToString(t.tables().characters).substr(0, 9), "* 6a81273");
+    EXPECT_EQ(r.col, Col(89));
+    EXPECT_TRUE(b.line(r.row + 1).isWrapped());
+    EXPECT_EQ(textOf(t, r), "lazy attribute interning");
+    // A plain search for the broken word finds it too.
+    const auto plain = search.findAll("attribute interning");
+    ASSERT_FALSE(plain.empty());
+    EXPECT_EQ(plain[0].col, Col(94));
+    EXPECT_EQ(plain[0].size, 19);
+}
+
+TEST(SearchServiceTest, CjkAndEmojiHitsInARecordedSessionSelectTheRightCells) {
+    Discard host;
+    Terminal t(&host, sized(60, 20));
+    t.feed(session("jq-color-60x20.bin"));
+    SearchService search(t);
+    auto r = search.findNext("\xe7\x95\x8c"); // 界
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->row, LineIndex(5));
+    EXPECT_EQ(r->col, Col(7));
+    EXPECT_EQ(r->size, 2);
+    EXPECT_EQ(textOf(t, *r), "\xe7\x95\x8c");
+    r = search.findNext("\xe2\x9c\x85"); // ✅
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->row, LineIndex(16));
+    EXPECT_EQ(r->col, Col(14));
+    EXPECT_EQ(r->size, 2);
+    EXPECT_EQ(textOf(t, *r), "\xe2\x9c\x85");
+    r = search.findNext("\xf0\x9f\x9a\x80\xe2\x9c\x85\""); // 🚀✅"
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->col, Col(12));
+    EXPECT_EQ(r->size, 5);
+    r = search.findNext("\xc3\x9cN\xc3\x8f"); // ÜNÏ, case-insensitive
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->row, LineIndex(4));
+    EXPECT_EQ(r->col, Col(5));
+    EXPECT_EQ(textOf(t, *r), "\xc3\xbcn\xc3\xaf");
+}
+
+} // namespace
+} // namespace termkit
