@@ -383,6 +383,11 @@ CHUNK = {"seq": 1, "stream": "output", "data": "hello\r\n", "ts": "2026-01-31T09
 SAMPLE_TOOL = {"type": "function", "function": {"name": "project_action", "parameters": {
     "type": "object", "properties": {"action": {"type": "string"}}, "required": ["action"],
     "additionalProperties": False}}}
+# An edit of version 1: another user, who has no such preset, gets a 404 rather than a preset of their own.
+PRESET_CAPTURE = {"model": "fast", "models": ["fast", "slow"], "temperature": 0.2, "provider": {"sort": "price"},
+                  "messages": [{"role": "system", "content": "Review the diff."}], "quillmere_base_version": 1,
+                  "quillmere_clear_fields": ["top_p"]}
+
 ROUTES = [
     ("GET", "v1/health", False, None),
     ("POST", "v1/auth/local", False, {}),
@@ -426,6 +431,11 @@ ROUTES = [
     ("GET", "v1/router/generations", True, None),
     ("POST", "v1/complete", True, {"task": "reason", "input": "Plan the change.", "model": "auto",
                                    "max_output_tokens": 4000}),
+    ("GET", "v1/presets", True, None),
+    ("GET", "v1/presets/{slug}", True, None),
+    ("POST", "v1/presets/{slug}/chat/completions", True, PRESET_CAPTURE),
+    ("POST", "v1/presets/{slug}/versions/{version}/designate", True, {}),
+    ("DELETE", "v1/presets/{slug}", True, None),
 ]
 
 
@@ -441,10 +451,13 @@ def make_records(relay, token):
     post(f"v1/terminal/sessions/{session}/events", {"chunks": [CHUNK]})
     project = post("v1/projects", {"name": "p", "root_path": f"/work/{interrupt}"})["id"]
     item = post(f"v1/projects/{project}/context", {"title": "Tests", "content": "Run ctest."})["id"]
-    return {"interrupt": interrupt, "session": session, "project": project, "item": item}
+    slug = "reviewer-" + interrupt[-8:].lower()
+    post(f"v1/presets/{slug}/chat/completions", {"model": "fast", "messages": [], "quillmere_clear_fields": []})
+    return {"interrupt": interrupt, "session": session, "project": project, "item": item, "slug": slug}
 
 
 def route_path(pattern, ids):
     """A pattern with its {id} and {item} filled for the record kind its path names."""
     kind = ("interrupt" if "interrupts" in pattern else "session" if "terminal" in pattern else "project")
-    return pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))
+    return (pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))
+            .replace("{slug}", ids.get("slug", "none")).replace("{version}", "1"))

@@ -26,6 +26,7 @@ from .hub import Hub
 from .interrupts import Queue
 from .mailer import Mailer
 from .modelrouter import ModelRouter
+from .presets import Presets
 from .projects import Projects
 from .routing import Router
 from .runs import Runs
@@ -37,7 +38,7 @@ from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_s
 
 log = logging.getLogger("relay")
 
-AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter)
+AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, Presets, ModelRouter)
 # How often idle connections are looked for, as a share of the idle time-out.
 IDLE_SWEEPS_PER_TIMEOUT = 4
 # How often committed changes are copied from the write-ahead log into the database.

@@ -355,6 +355,34 @@ END;
 INSERT INTO context_search (context_search) VALUES ('rebuild');
 """
 
+# A preset's versions are never changed once written; the preset points at its designated one.
+PRESETS = """
+CREATE TABLE presets (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    slug TEXT NOT NULL,
+    name TEXT NOT NULL,
+    status TEXT NOT NULL,
+    designated_version_id TEXT NOT NULL,
+    created_at REAL NOT NULL,
+    updated_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id),
+    UNIQUE (user_id, slug)
+);
+CREATE TABLE preset_versions (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    preset_id TEXT NOT NULL,
+    version INTEGER NOT NULL,
+    system_prompt TEXT NOT NULL,
+    config TEXT NOT NULL,
+    created_at REAL NOT NULL,
+    updated_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id),
+    UNIQUE (user_id, preset_id, version)
+);
+"""
+
 
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
@@ -363,4 +391,5 @@ MIGRATIONS = [
     (4, "interrupts withdrawn by their raiser", WITHDRAWALS),
     (5, "model router: policy, budgets, decisions, generations, attempts, reservations", ROUTER),
     (7, "full-text index of context items", CONTEXT_SEARCH),
+    (8, "versioned agent presets", PRESETS),
 ]

@@ -8,13 +8,14 @@ provider reported. So any number of completions at once can never spend past a b
 """
 
 import asyncio
+import dataclasses
 import json
 import math
 import secrets
 import threading
 import time
 
-from .. import clock
+from .. import clock, presets
 from ..cli_status import CliInspector
 from ..config import HEALTH_WINDOW
 from ..errors import ApiError, bad_request, not_found
@@ -22,7 +23,7 @@ from ..jsonio import Body
 from . import ledger, protocols, scoring
 from .calls import attempt
 from .lanes import INVENTORY_VARIABLE, Catalog, adapter_record, model_record
-from .toolcheck import check_answer
+from .toolcheck import check_answer, declared_tools
 
 # Policy limits.
 MAX_FALLBACKS = 10
@@ -31,7 +32,6 @@ MAX_NAME = 200
 # Completion limits.
 MAX_INPUT_CHARACTERS = 4_000_000
 MAX_OUTPUT_TOKENS = 1_000_000
-MAX_TOOLS = 64
 # A token estimate for scoring only: about four bytes of text per token.
 BYTES_PER_TOKEN_ESTIMATE = 4
 NO_LANE_STATUS = 422
@@ -199,14 +199,25 @@ class ModelRouter:
         project_id = body.string("project_id", required=False, non_empty=True, max_length=MAX_NAME)
         model = body.string("model", required=False, non_empty=True, max_length=MAX_NAME) or "auto"
         preset = body.string("preset", required=False, non_empty=True, max_length=MAX_NAME)
-        max_output = body.integer("max_output_tokens", minimum=1, maximum=MAX_OUTPUT_TOKENS)
+        max_output = body.integer("max_output_tokens", required=False, minimum=1, maximum=MAX_OUTPUT_TOKENS)
         tools = _tools(body)
-        if preset is not None:
-            # Presets are kept by an area this relay does not have yet: a named one cannot exist.
-            raise not_found(f"preset {preset} not found")
+        chosen = await request.run(self._preset_of, request.user_id, preset, model)
+        sort_by, tier, parameters = None, None, {}
+        if chosen is not None:
+            # The designated version gives defaults; the request's own fields win, and its
+            # instructions are added after the preset's.
+            if model == "auto" or presets.preset_reference(model) is not None:
+                model = chosen.models or "auto"
+            instructions = presets.joined_instructions(chosen.instructions, instructions)
+            max_output = max_output or chosen.max_output_tokens
+            tools = tools or chosen.tools
+            sort_by, tier, parameters = chosen.provider_sort, chosen.service_tier, chosen.parameters()
+        if max_output is None:
+            raise bad_request("max_output_tokens is required")
         prompt_bytes = len(text.encode("utf-8")) + len((instructions or "").encode("utf-8"))
         route = scoring.RouteRequest(task=task, input_tokens=max(1, prompt_bytes // BYTES_PER_TOKEN_ESTIMATE),
-                                     output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
+                                     output_tokens=max_output, channel="api", tools=tools, project_id=project_id,
+                                     sort_by=sort_by if sort_by in scoring.SORTS else None)
         started = time.monotonic()
         user_id = request.user_id
         generation_id = _new_id("gen_")
@@ -214,7 +225,8 @@ class ModelRouter:
         def worst(lane):
             return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
 
-        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst)
+        decision, record, reservation = await request.run(self._route_completion, user_id, route, model, worst,
+                                                          tier)
         candidates = [decision.primary] + decision.fallbacks
         deadline = started + self.timings.complete_deadline_seconds
         attempts, answer, last_failure, refused_for_budget, written = [], None, None, False, None
@@ -239,7 +251,8 @@ class ModelRouter:
                     refused_for_budget = True
                     attempts.append(_attempt_row(generation_id, seq, lane, project_id, "refused", "budget_exceeded", 0))
                     continue
-                result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining)
+                result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining,
+                                       parameters=parameters)
                 row = _result_row(generation_id, seq, lane, project_id, result, tools)
                 attempts.append(row)
                 final = row["status"] == "succeeded" or result.failure in protocols.NOT_RETRYABLE \
@@ -290,21 +303,48 @@ class ModelRouter:
             "routed_because": decision.routed_because, "request_id": request.request_id})
         return completion
 
-    def _route_completion(self, user_id, route, model, worst):
-        """Decides, stores the decision and reserves the primary lane's worst case, in one write."""
+    def _preset_of(self, user_id, preset, model):
+        """The preset a completion names (by `preset` or as the model "@preset/<slug>"), or None."""
+        named = [slug for slug in (preset, presets.preset_reference(model)) if slug is not None]
+        if not named:
+            return None
+        if len(set(named)) > 1:
+            raise bad_request("preset and model name two different presets")
+        with self.db.read_as(user_id) as conn:
+            return presets.resolve_preset(conn, named[0])
+
+    def _route_completion(self, user_id, route, model, worst, tier=None):
+        """Decides, stores the decision and reserves the primary lane's worst case, in one write.
+
+        `model` is "auto", one model, or a preset's chain of models (a tuple, primary first):
+        then only the chain's lanes qualify and they are tried in the chain's order."""
         readiness = self.catalog.readiness()
         lanes = self.catalog.lanes
-        if model != "auto":
+        chain = model if isinstance(model, tuple) else None
+        if chain is not None:
+            lanes = [lane for lane in lanes if lane.id in chain or lane.routing_model in chain]
+            if not lanes:
+                raise not_found(f"none of the preset's models ({', '.join(chain)}) is in the catalog")
+        elif model != "auto":
             lanes = [lane for lane in lanes if model in (lane.id, lane.routing_model)]
             if not lanes:
                 raise not_found(f"model {model} is not in the catalog")
+        if tier is not None:
+            lanes = [lane for lane in lanes if lane.service_tier == tier]
+            if not lanes:
+                raise ApiError(NO_LANE_STATUS, f"no lane of the chosen models serves the service tier {tier}")
         with self.db.read_as(user_id) as conn:
             if route.project_id is not None:
                 self._check_project(conn, route.project_id)
             policy = ledger.read_policy(conn)
             signals = self._signals(conn, user_id, route.project_id)
+        if chain is not None:
+            # A preset's chain is its fallback order, whatever the account's fallback settings.
+            policy = dict(policy, fallback_enabled=True, max_fallbacks=len(lanes))
         try:
             decision = scoring.decide(lanes, readiness, route, policy, signals)
+            if chain is not None:
+                decision = _in_chain_order(decision, chain)
         except scoring.NoLane as error:
             if error.over_budget:
                 raise ApiError(BUDGET_STATUS, "budget exceeded: " + error.message) from None
@@ -335,6 +375,18 @@ class ModelRouter:
     def _write_generation(self, user_id, generation):
         with self.db.write_as(user_id) as conn:
             ledger.add_generation(conn, generation)
+
+
+def _in_chain_order(decision, chain):
+    """The decision's candidates reordered by the chain (a model's lanes in the decision's own
+    order among themselves)."""
+    def place(candidate):
+        lane = candidate.lane
+        return min(chain.index(name) for name in (lane.id, lane.routing_model) if name in chain)
+
+    ordered = sorted([decision.primary] + decision.fallbacks, key=place)
+    return dataclasses.replace(decision, primary=ordered[0], fallbacks=ordered[1:],
+                               routed_because="Preset model chain, tried in its order. " + decision.routed_because)
 
 
 def _observed(conn):
@@ -369,19 +421,7 @@ def worst_case_input(lane, text, instructions, max_output, tools):
 
 
 def _tools(body):
-    """The tools a request declares, each checked for the shape routing and validation need."""
-    tools = body.array("tools", required=False)
-    if tools is None:
-        return None
-    if len(tools) > MAX_TOOLS:
-        raise bad_request(f"tools must hold at most {MAX_TOOLS} tools")
-    for index, tool in enumerate(tools):
-        item = Body(tool, f"tools[{index}].")
-        item.one_of("type", ("function",))
-        function = Body(tool.get("function"), f"tools[{index}].function.")
-        function.string("name", non_empty=True, max_length=MAX_NAME)
-        Body(tool["function"].get("parameters"), f"tools[{index}].function.parameters.")
-    return tools or None
+    return declared_tools(body)
 
 
 def _attempt_row(generation_id, seq, lane, project_id, status, error_code, latency_ms):

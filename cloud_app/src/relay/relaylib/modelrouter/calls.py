@@ -27,11 +27,12 @@ class AttemptResult:
 
 
 async def attempt(upstream, lane, key, text, instructions, max_output_tokens, tools, total_seconds,
-                  clock=time.monotonic):
+                  clock=time.monotonic, parameters=None):
     """Calls `lane` once and reads its answer; never raises for the provider's failures (only for
-    the caller's cancellation)."""
+    the caller's cancellation). `parameters`: sampling and format settings (a preset's)."""
     stream = lane.streams
-    headers, body = protocols.build_request(lane, key, text, instructions, max_output_tokens, tools, stream)
+    headers, body = protocols.build_request(lane, key, text, instructions, max_output_tokens, tools, stream,
+                                            parameters)
     started = clock()
 
     def result(outcome, failure, message, first=None):

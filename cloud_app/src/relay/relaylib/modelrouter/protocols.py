@@ -84,8 +84,10 @@ def _take_usage(outcome, usage, input_key="input_tokens", output_key="output_tok
 
 # Requests.
 
-def build_request(lane, key, text, instructions, max_output_tokens, tools, stream):
-    """(headers, body) of one request to `lane` in its protocol."""
+def build_request(lane, key, text, instructions, max_output_tokens, tools, stream, parameters=None):
+    """(headers, body) of one request to `lane` in its protocol. `parameters` may hold
+    `temperature`, `top_p` and `response_format` ({"type": ...}), each sent in the protocol's
+    own spelling; Anthropic Messages has no response format, so none is sent there."""
     protocol = lane.protocol_name
     if protocol == ANTHROPIC_MESSAGES:
         headers = {"x-api-key": key, "anthropic-version": ANTHROPIC_VERSION}
@@ -112,9 +114,26 @@ def build_request(lane, key, text, instructions, max_output_tokens, tools, strea
             body["instructions"] = instructions
         if tools:
             body["tools"] = [dict(tool["function"], type="function") for tool in tools]
+    _add_parameters(protocol, body, parameters or {})
     if stream:
         body["stream"] = True
     return headers, body
+
+
+def _add_parameters(protocol, body, parameters):
+    for name in ("temperature", "top_p"):
+        if name in parameters:
+            body[name] = parameters[name]
+    response_format = parameters.get("response_format")
+    if response_format is None or protocol == ANTHROPIC_MESSAGES:
+        return
+    if protocol == OPENAI_CHAT:
+        body["response_format"] = response_format
+    else:
+        shape = {"type": response_format["type"]}
+        if "json_schema" in response_format:
+            shape.update(response_format["json_schema"])
+        body["text"] = {"format": shape}
 
 
 # Whole answers.

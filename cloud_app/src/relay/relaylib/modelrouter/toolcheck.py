@@ -7,6 +7,12 @@ values of the declared simple types. The first problem found is the call's error
 
 import json
 
+from ..errors import bad_request
+from ..jsonio import Body
+
+MAX_TOOLS = 64
+MAX_TOOL_NAME = 200
+
 VALID = None
 NO_TOOL_CALL = "no_tool_call"
 UNKNOWN_TOOL = "unknown_tool"
@@ -66,3 +72,20 @@ def check_answer(tool_calls, tools):
         if problem is not None:
             return False, problem
     return True, None
+
+
+def declared_tools(body):
+    """The function tools a request body declares, each checked for the shape routing and
+    validation need; None when it declares none."""
+    tools = body.array("tools", required=False)
+    if tools is None:
+        return None
+    if len(tools) > MAX_TOOLS:
+        raise bad_request(f"tools must hold at most {MAX_TOOLS} tools")
+    for index, tool in enumerate(tools):
+        item = Body(tool, f"tools[{index}].")
+        item.one_of("type", ("function",))
+        function = Body(tool.get("function"), f"tools[{index}].function.")
+        function.string("name", non_empty=True, max_length=MAX_TOOL_NAME)
+        Body(tool["function"].get("parameters"), f"tools[{index}].function.parameters.")
+    return tools or None
