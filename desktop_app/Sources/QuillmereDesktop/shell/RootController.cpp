@@ -17,6 +17,20 @@ void RootController::setShowRouting(bool show) {
     emit sheetsChanged();
 }
 
+void RootController::setShowPresets(bool show) {
+    if (m_showPresets == show)
+        return;
+    m_showPresets = show;
+    emit sheetsChanged();
+}
+
+void RootController::setShowContext(bool show) {
+    if (m_showContext == show)
+        return;
+    m_showContext = show;
+    emit sheetsChanged();
+}
+
 void RootController::onAuthStateChanged() {
     const bool isSignedIn = signedIn();
     if (isSignedIn != m_wasSignedIn) {

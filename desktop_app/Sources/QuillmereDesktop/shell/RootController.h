@@ -24,6 +24,8 @@ class RootController : public QObject {
     Q_PROPERTY(QString wordmark READ wordmark CONSTANT)
     // The sheets: each is a window of its own, open while its flag is set.
     Q_PROPERTY(bool showRouting READ showRouting WRITE setShowRouting NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showContext READ showContext WRITE setShowContext NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showPresets READ showPresets WRITE setShowPresets NOTIFY sheetsChanged)
 
 public:
     // After the first sign-in, how long to wait before the second status check.
@@ -44,6 +46,10 @@ public:
 
     bool showRouting() const { return m_showRouting; }
     void setShowRouting(bool show);
+    bool showContext() const { return m_showContext; }
+    void setShowContext(bool show);
+    bool showPresets() const { return m_showPresets; }
+    void setShowPresets(bool show);
 
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
@@ -87,4 +93,6 @@ private:
     bool m_wasSignedIn = false;
     // Sign-out leaves a sheet's flag as it was.
     bool m_showRouting = false;
+    bool m_showContext = false;
+    bool m_showPresets = false;
 };

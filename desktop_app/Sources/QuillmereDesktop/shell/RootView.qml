@@ -44,12 +44,32 @@ Rectangle {
             }
             Item { Layout.fillWidth: true }
             PanelButton {
+                objectName: "contextButton"
+                text: "❖"
+                help: "Project context"
+                shortcut: "Ctrl+Shift+P"
+                onClicked: RootController.showContext = true
+            }
+            PanelButton {
+                objectName: "presetsButton"
+                text: "◇"
+                help: "Agent presets"
+                shortcut: "Ctrl+Shift+A"
+                onClicked: RootController.showPresets = true
+            }
+            PanelButton {
                 objectName: "routingButton"
                 text: "⌁"
                 help: "Model router"
                 shortcut: "Ctrl+Shift+R"
                 onClicked: RootController.showRouting = true
             }
+        }
+        // The working folder of terminals, runs and context, under the bar: it needs the width.
+        ProjectPicker {
+            objectName: "projectPicker"
+            Layout.fillWidth: true
+            onRestartTerminals: RootController.restartTerminals()
         }
         RuleView { Layout.fillWidth: true }
 
@@ -74,6 +94,24 @@ Rectangle {
         open: RootController.showRouting
         onCloseRequested: RootController.showRouting = false
         content: Component { RoutingView {} }
+    }
+
+    SheetWindow {
+        objectName: "contextSheet"
+        title: "project context"
+        transientParent: root.Window.window
+        open: RootController.showContext
+        onCloseRequested: RootController.showContext = false
+        content: Component { ProjectContextView {} }
+    }
+
+    SheetWindow {
+        objectName: "presetsSheet"
+        title: "agent presets"
+        transientParent: root.Window.window
+        open: RootController.showPresets
+        onCloseRequested: RootController.showPresets = false
+        content: Component { PresetManagementView {} }
     }
 
     // The drawer's shortcut works from either window.

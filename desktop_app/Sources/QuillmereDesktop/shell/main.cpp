@@ -4,6 +4,7 @@
 #include "QuillmereDesktop/agents/AgentRunStore.h"
 #include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/common/SettingsPreferencesStore.h"
+#include "QuillmereDesktop/context/ProjectStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/shell/QuitOnSignal.h"
 #include "QuillmereDesktop/shell/QuitSequence.h"
@@ -53,12 +54,14 @@ int main(int argc, char* argv[]) {
     AuthStore auth(preferences, secrets, &relay);
     CLIStatusStore cli;
     AgentRunStore agentRuns;
+    ProjectStore projects(nullptr);
     RootController root(app, auth, cli);
 
     QmlSingleton<AppState>::set(&app);
     QmlSingleton<AuthStore>::set(&auth);
     QmlSingleton<CLIStatusStore>::set(&cli);
     QmlSingleton<AgentRunStore>::set(&agentRuns);
+    QmlSingleton<ProjectStore>::set(&projects);
     QmlSingleton<RootController>::set(&root);
 
     // At quit the agents are asked to stop first; then a relay this process started ends

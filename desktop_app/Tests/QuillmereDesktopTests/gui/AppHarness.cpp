@@ -31,6 +31,8 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     QmlSingleton<AuthStore>::set(m_auth.get());
     QmlSingleton<CLIStatusStore>::set(m_cli.get());
     QmlSingleton<RootController>::set(m_root.get());
+    m_projects = std::make_unique<ProjectStore>(nullptr);
+    QmlSingleton<ProjectStore>::set(m_projects.get());
 }
 
 AppHarness::~AppHarness() {

@@ -5,6 +5,7 @@
 
 #include "QuillmereDesktop/Auth/AuthStore.h"
 #include "QuillmereDesktop/common/MemoryPreferencesStore.h"
+#include "QuillmereDesktop/context/ProjectStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/shell/RootController.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
@@ -38,6 +39,7 @@ public:
     CLIStatusStore& cli() { return *m_cli; }
     RootController& root() { return *m_root; }
     TerminalDrawerController& drawer() { return *m_drawer; }
+    ProjectStore& projects() { return *m_projects; }
 
     // Visible text items whose text is exactly this, anywhere in the window.
     QList<QQuickItem*> visibleTexts(const QString& text) const;
@@ -68,6 +70,7 @@ private:
     std::unique_ptr<AuthStore> m_auth;
     std::unique_ptr<CLIStatusStore> m_cli;
     std::unique_ptr<RootController> m_root;
+    std::unique_ptr<ProjectStore> m_projects;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
     // After the engine: the drawer's window is made by it and must go first.
     std::unique_ptr<TerminalDrawerController> m_drawer;
