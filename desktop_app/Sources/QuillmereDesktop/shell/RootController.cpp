@@ -17,6 +17,13 @@ void RootController::setShowRouting(bool show) {
     emit sheetsChanged();
 }
 
+void RootController::setShowOrchestrator(bool show) {
+    if (m_showOrchestrator == show)
+        return;
+    m_showOrchestrator = show;
+    emit sheetsChanged();
+}
+
 void RootController::setShowPresets(bool show) {
     if (m_showPresets == show)
         return;

@@ -26,6 +26,7 @@ class RootController : public QObject {
     Q_PROPERTY(bool showRouting READ showRouting WRITE setShowRouting NOTIFY sheetsChanged)
     Q_PROPERTY(bool showContext READ showContext WRITE setShowContext NOTIFY sheetsChanged)
     Q_PROPERTY(bool showPresets READ showPresets WRITE setShowPresets NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showOrchestrator READ showOrchestrator WRITE setShowOrchestrator NOTIFY sheetsChanged)
 
 public:
     // After the first sign-in, how long to wait before the second status check.
@@ -50,6 +51,8 @@ public:
     void setShowContext(bool show);
     bool showPresets() const { return m_showPresets; }
     void setShowPresets(bool show);
+    bool showOrchestrator() const { return m_showOrchestrator; }
+    void setShowOrchestrator(bool show);
 
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
@@ -95,4 +98,5 @@ private:
     bool m_showRouting = false;
     bool m_showContext = false;
     bool m_showPresets = false;
+    bool m_showOrchestrator = false;
 };

@@ -44,6 +44,13 @@ Rectangle {
             }
             Item { Layout.fillWidth: true }
             PanelButton {
+                objectName: "orchestratorButton"
+                text: "▷"
+                help: "Agent orchestrator"
+                shortcut: "Ctrl+Shift+O"
+                onClicked: RootController.showOrchestrator = true
+            }
+            PanelButton {
                 objectName: "contextButton"
                 text: "❖"
                 help: "Project context"
@@ -103,6 +110,19 @@ Rectangle {
         open: RootController.showContext
         onCloseRequested: RootController.showContext = false
         content: Component { ProjectContextView {} }
+    }
+
+    SheetWindow {
+        objectName: "orchestratorSheet"
+        title: "agent orchestrator"
+        transientParent: root.Window.window
+        width: 900
+        height: 680
+        minimumWidth: 820
+        minimumHeight: 620
+        open: RootController.showOrchestrator
+        onCloseRequested: RootController.showOrchestrator = false
+        content: Component { AgentOrchestratorView {} }
     }
 
     SheetWindow {

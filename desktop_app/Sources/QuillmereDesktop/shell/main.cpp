@@ -53,7 +53,7 @@ int main(int argc, char* argv[]) {
     AppState app(preferences);
     AuthStore auth(preferences, secrets, &relay);
     CLIStatusStore cli;
-    AgentRunStore agentRuns;
+    AgentRunStore agentRuns{AgentRunStoreConfig{}};
     ProjectStore projects(nullptr);
     RootController root(app, auth, cli);
 

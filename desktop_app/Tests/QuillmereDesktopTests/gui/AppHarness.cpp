@@ -33,6 +33,8 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     QmlSingleton<RootController>::set(m_root.get());
     m_projects = std::make_unique<ProjectStore>(nullptr);
     QmlSingleton<ProjectStore>::set(m_projects.get());
+    m_runs = std::make_unique<AgentRunStore>(AgentRunStoreConfig{});
+    QmlSingleton<AgentRunStore>::set(m_runs.get());
 }
 
 AppHarness::~AppHarness() {

@@ -4,6 +4,7 @@
 // in-memory preferences, an in-memory secret store, and a relay of the test's choosing.
 
 #include "QuillmereDesktop/Auth/AuthStore.h"
+#include "QuillmereDesktop/agents/AgentRunStore.h"
 #include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "QuillmereDesktop/context/ProjectStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
@@ -71,6 +72,7 @@ private:
     std::unique_ptr<CLIStatusStore> m_cli;
     std::unique_ptr<RootController> m_root;
     std::unique_ptr<ProjectStore> m_projects;
+    std::unique_ptr<AgentRunStore> m_runs;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
     // After the engine: the drawer's window is made by it and must go first.
     std::unique_ptr<TerminalDrawerController> m_drawer;

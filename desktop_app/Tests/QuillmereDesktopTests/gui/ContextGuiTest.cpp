@@ -1,3 +1,4 @@
+#include "QuillmereDesktop/agents/AgentOrchestratorViewModel.h"
 #include "QuillmereDesktop/context/ProjectContextViewModel.h"
 #include "QuillmereDesktop/routing/PresetManagementViewModel.h"
 #include "gui/AppHarness.h"
@@ -121,6 +122,31 @@ private slots:
         QVERIFY(std::any_of(shown.begin(), shown.end(),
                             [](const QString& text) { return text.startsWith("@PRESET/CODE-REVIEWER"); }));
         AppHarness::screenshotOf(presets, "preset-list");
+        QMetaObject::invokeMethod(inWindow(presets, "sheetClose"), "clicked");
+        QTRY_VERIFY(!presets->isVisible());
+
+        // The orchestrator, from the root view: an API run with the new preset.
+        QVERIFY(harness.click("▷"));
+        QQuickWindow* orchestrator = harness.sheet("orchestratorSheet");
+        QVERIFY(orchestrator);
+        QTRY_VERIFY(orchestrator->isVisible());
+        QVERIFY(orchestrator->width() >= 820 && orchestrator->height() >= 620);
+        auto* runs = viewModelIn<AgentOrchestratorViewModel>(orchestrator, "agentOrchestratorView");
+        QVERIFY(runs);
+        QTRY_VERIFY_WITH_TIMEOUT(runs->presetOptions().size() == 2, 10000);
+        runs->setSelectedLane("api");
+        runs->setSelectedPreset("code-reviewer");
+        runs->setPrompt("Review the importer's error handling.");
+        runs->launch();
+        QTRY_VERIFY_WITH_TIMEOUT(AppHarness::textsIn(orchestrator).contains("completed"), 15000);
+        shown = AppHarness::textsIn(orchestrator);
+        QVERIFY(shown.contains("runs 1"));
+        QVERIFY(shown.contains("api router · plan only · @PRESET/CODE-REVIEWER"));
+        QVERIFY(std::any_of(shown.begin(), shown.end(),
+                            [](const QString& text) { return text.startsWith("OUTPUT"); }));
+        QVERIFY(shown.contains("Answer."));
+        AppHarness::screenshotOf(orchestrator, "orchestrator");
+        harness.screenshot("main-window");
     }
 };
 
