@@ -407,6 +407,10 @@ IMPROVE_APPLY = {"agent": "codex", "path": "AGENTS.md", "resolved_path": "/work/
                  "created_file": True}
 # A correction typed into two drawer terminals: enough for one suggestion.
 TYPED_CORRECTION = "never push to main without a review\r"
+# An edit of version 1: another user, who has no such preset, gets a 404 rather than a preset of their own.
+PRESET_CAPTURE = {"model": "fast", "models": ["fast", "slow"], "temperature": 0.2, "provider": {"sort": "price"},
+                  "messages": [{"role": "system", "content": "Review the diff."}], "quillmere_base_version": 1,
+                  "quillmere_clear_fields": ["top_p"]}
 
 ROUTES = [
     ("GET", "v1/health", False, None),
@@ -482,6 +486,11 @@ ROUTES = [
     ("POST", "v1/improve/applications/{id}/undo", True, None),
     ("GET", "v1/improve/settings", True, None),
     ("POST", "v1/improve/settings", True, {"automatic": False, "cadence_hours": 24}),
+    ("GET", "v1/presets", True, None),
+    ("GET", "v1/presets/{slug}", True, None),
+    ("POST", "v1/presets/{slug}/chat/completions", True, PRESET_CAPTURE),
+    ("POST", "v1/presets/{slug}/versions/{version}/designate", True, {}),
+    ("DELETE", "v1/presets/{slug}", True, None),
 ]
 
 
@@ -510,8 +519,10 @@ def make_records(relay, token):
     assert status == 200 and listed["suggestions"], listed
     suggestion = listed["suggestions"][0]["id"]
     application = post(f"v1/improve/suggestions/{suggestion}/apply", IMPROVE_APPLY)["id"]
+    slug = "reviewer-" + interrupt[-8:].lower()
+    post(f"v1/presets/{slug}/chat/completions", {"model": "fast", "messages": [], "quillmere_clear_fields": []})
     return {"interrupt": interrupt, "session": session, "project": project, "item": item, "key": key,
-            "classifier": classifier, "suggestion": suggestion, "application": application}
+            "classifier": classifier, "suggestion": suggestion, "application": application, "slug": slug}
 
 
 def route_path(pattern, ids):
@@ -520,4 +531,5 @@ def route_path(pattern, ids):
             else "key" if "api-keys" in pattern else "classifier" if "classifiers" in pattern
             else "suggestion" if "improve/suggestions" in pattern
             else "application" if "improve/applications" in pattern else "project")
-    return pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))
+    return (pattern.replace("{id}", ids.get(kind, "none")).replace("{item}", ids.get("item", "none"))
+            .replace("{slug}", ids.get("slug", "none")).replace("{version}", "1"))

@@ -42,7 +42,7 @@ class EveryPathTest(TwoUsersTestCase):
             status, answer, _ = self.as_bob(method, route_path(pattern, ids), body)
             self.assertEqual(status, 404, (method, pattern, answer))
             checked += 1
-        self.assertEqual(checked, 19)
+        self.assertEqual(checked, 23)
         # Nothing of Alice's was decided, written, ended or deleted by those requests.
         self.assertEqual(self.call("GET", f"v1/interrupts/{ids['interrupt']}")[1]["status"], "open")
         transcript = self.call("GET", f"v1/terminal/sessions/{ids['session']}")[1]
@@ -60,6 +60,8 @@ class EveryPathTest(TwoUsersTestCase):
         [classifier] = self.call("GET", "v1/classifiers", token=self.alice)[1]["data"]
         self.assertEqual((classifier["id"], classifier["name"]), (ids["classifier"], "Agent complexity"))
         self.assertEqual(self.call("GET", "v1/classifiers", token=self.bob)[1], {"data": []})
+        preset = self.call("GET", f"v1/presets/{ids['slug']}")[1]["data"]
+        self.assertEqual([version["version"] for version in preset["versions"]], [1])
         self.assertRelayIntact()
 
     def test_the_path_list_names_every_route_of_the_relay(self):
@@ -189,6 +191,31 @@ class ProjectIsolationTest(TwoUsersTestCase):
 
 
 class SessionIsolationTest(TwoUsersTestCase):
+    def test_presets_belong_to_their_owner(self):
+        capture = {"model": "fast", "messages": [{"role": "system", "content": "Alice's rules"}],
+                   "quillmere_clear_fields": []}
+        alices = self.call("POST", "v1/presets/shared-role/chat/completions", capture)[1]["data"]
+        self.call("POST", "v1/presets/shared-role/chat/completions", capture)
+        self.assertEqual(self.as_bob("GET", "v1/presets")[1], {"data": []})
+        for method, path, body in [("GET", "v1/presets/shared-role", None),
+                                   ("POST", "v1/presets/shared-role/versions/1/designate", {}),
+                                   ("DELETE", "v1/presets/shared-role", None),
+                                   ("POST", "v1/presets/shared-role/chat/completions",
+                                    dict(capture, quillmere_base_version=2)),
+                                   ("POST", "v1/complete", {"task": "reason", "input": "x", "preset": "shared-role",
+                                                            "max_output_tokens": 5}),
+                                   ("POST", "v1/complete", {"task": "reason", "input": "x",
+                                                            "model": "@preset/shared-role", "max_output_tokens": 5})]:
+            status, answer, _ = self.as_bob(method, path, body)
+            self.assertError(answer, status, 404, "preset shared-role not found")
+        bobs = self.as_bob("POST", "v1/presets/shared-role/chat/completions",
+                           dict(capture, messages=[]))[1]["data"]
+        self.assertNotEqual(bobs["id"], alices["id"])
+        self.assertEqual(bobs["designated_version"]["version"], 1)
+        mine = self.call("GET", "v1/presets/shared-role")[1]["data"]
+        self.assertEqual((mine["id"], mine["designated_version"]["version"]), (alices["id"], 2))
+        self.assertEqual(mine["designated_version"]["system_prompt"], "Alice's rules")
+
     def test_each_token_names_its_own_user_and_signing_out_ends_only_that_session(self):
         self.assertEqual(self.call("GET", "v1/me")[1]["email"], "local@localhost")
         self.assertEqual(self.as_bob("GET", "v1/me")[1], self.bob_user)

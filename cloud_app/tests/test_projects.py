@@ -4,6 +4,7 @@ import re
 import unittest
 
 import support  # noqa: F401
+from relaylib import contextpack
 from support import RelayTestCase
 
 ISO_SECONDS = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
@@ -76,9 +77,17 @@ class ContextTest(RelayTestCase):
         status, answer, _ = self.call("POST", f"v1/projects/{self.project}/context/pack",
                                       {"query": query, "character_budget": budget})
         self.assertEqual(status, 200, answer)
-        self.assertEqual(set(answer), {"items", "content", "character_count"})
+        self.assertLessEqual({"items", "content", "character_count", "matched_count", "left_out_count",
+                              "left_out"}, set(answer))
+        self.assertLessEqual(set(answer), {"items", "content", "character_count", "matched_count",
+                                           "left_out_count", "left_out", "cut"})
         self.assertEqual(answer["character_count"], len(answer["content"]))
+        self.assertLessEqual(answer["character_count"], budget)
+        self.assertEqual(answer["matched_count"], len(answer["items"]) + answer["left_out_count"])
         return answer
+
+    def titles(self, answer):
+        return [item["title"] for item in answer["items"]]
 
     def test_note_has_an_empty_source(self):
         item = self.save("Testing convention", "Tests live beside the code.")
@@ -123,7 +132,81 @@ class ContextTest(RelayTestCase):
     def test_nothing_matches_gives_empty_content(self):
         self.save("Style", "Four spaces.")
         answer = self.pack("kubernetes deployment")
-        self.assertEqual(answer, {"items": [], "content": "", "character_count": 0})
+        self.assertEqual(answer, {"items": [], "content": "", "character_count": 0, "matched_count": 0,
+                                  "left_out_count": 0, "left_out": []})
+
+    def test_the_index_follows_saves_replacements_and_deletes(self):
+        guide = self.save("AGENTS.md", "Deployment goes through the staging cluster.", "file:AGENTS.md")
+        self.assertEqual(self.titles(self.pack("staging")), ["AGENTS.md"])
+        self.save("AGENTS.md", "Releases are tagged by the maintainer.", "file:AGENTS.md")
+        self.assertEqual(self.pack("staging")["items"], [])
+        self.assertEqual(self.titles(self.pack("maintainer")), ["AGENTS.md"])
+        self.call("DELETE", f"v1/projects/{self.project}/context/{guide['id']}")
+        self.assertEqual(self.pack("maintainer")["items"], [])
+        self.assertEqual(self.pack("releases tagged")["matched_count"], 0)
+
+    def test_words_are_stemmed_and_titles_weigh_more(self):
+        self.save("Deploying", "Notes about shipping.")
+        self.save("Shipping", "We deploy on Fridays and never on holidays.")
+        self.save("Unrelated", "Nothing here.")
+        self.assertEqual(self.titles(self.pack("deployment deploys")), ["Deploying", "Shipping"])
+
+    def test_another_projects_items_never_enter_the_pack(self):
+        other = self.call("POST", "v1/projects", {"name": "other", "root_path": f"/work/{self.id()}-other"})[1]
+        self.call("POST", f"v1/projects/{other['id']}/context", {"title": "Secret plan", "content": "zeppelin"})
+        self.save("Mine", "A zeppelin is mentioned here too.")
+        answer = self.pack("zeppelin plan")
+        self.assertEqual(self.titles(answer), ["Mine"])
+        self.assertNotIn("Secret", answer["content"])
+
+    def test_best_first_then_the_next_is_cut_at_a_word_with_a_mark(self):
+        self.save("Parser guide", "parser " * 10 + "tokens and grammar.")
+        long_text = " ".join(f"filler{n}" for n in range(400))
+        self.save("Long notes", "Some words about the parser: " + long_text)
+        for n in range(3):
+            self.save(f"Minor {n}", f"Mentions the parser once among many other words number {n}. " * 20)
+        first = "## Parser guide\n\n" + ("parser " * 10 + "tokens and grammar.").strip()
+        budget = len(first) + 2 + 400
+        answer = self.pack("parser", budget)
+        self.assertEqual(answer["items"][0]["title"], "Parser guide")
+        self.assertTrue(answer["content"].startswith(first + "\n\n## "))
+        self.assertTrue(answer["content"].endswith(contextpack.CUT_MARK))
+        kept = answer["content"][len(first) + 2:-len(contextpack.CUT_MARK)]
+        cut = answer["cut"]
+        self.assertEqual(cut["id"], answer["items"][1]["id"])
+        full = answer["items"][1]["content"]
+        body = kept.split("\n\n", 1)[1]
+        self.assertEqual(cut["kept_characters"], len(body))
+        self.assertEqual(cut["characters"], len(full))
+        # The cut falls between two words: the kept text ends a word and the text goes on after a space.
+        self.assertTrue(full.startswith(body))
+        self.assertTrue(full[len(body)].isspace())
+        self.assertEqual(answer["matched_count"], 5)
+        self.assertEqual(answer["left_out_count"], 3)
+        every = {"Parser guide", "Long notes", "Minor 0", "Minor 1", "Minor 2"}
+        self.assertEqual({item["title"] for item in answer["left_out"]}, every - set(self.titles(answer)))
+        self.assertTrue(all(item["characters"] > 0 for item in answer["left_out"]))
+
+    def test_in_a_large_project_a_word_in_most_items_is_left_out_unless_nothing_else_is_asked(self):
+        for n in range(contextpack.COMMON_MIN_ITEMS):
+            self.save(f"Item {n}", "common words everywhere" + (" rare zebra" if n == 7 else ""))
+        answer = self.pack("common zebra")
+        self.assertEqual((self.titles(answer), answer["matched_count"]), (["Item 7"], 1))
+        self.assertEqual(self.pack("common everywhere", 100)["matched_count"], contextpack.COMMON_MIN_ITEMS)
+
+    def test_a_budget_too_small_for_anything_leaves_every_match_out(self):
+        self.save("Parser guide", "parser " * 50)
+        answer = self.pack("parser", 20)
+        self.assertEqual((answer["content"], answer["items"], answer["left_out_count"]), ("", [], 1))
+        self.assertEqual(answer["left_out"][0]["title"], "Parser guide")
+
+    def test_query_syntax_of_the_index_is_taken_as_plain_words(self):
+        self.save("Near and far", "The column title: NEAR the end, with an asterisk*.")
+        for query in ['NEAR(a b)', 'title: near', '"unbalanced', 'a* OR -b AND (c', '^title', '{title}: x']:
+            status, answer, _ = self.call("POST", f"v1/projects/{self.project}/context/pack",
+                                          {"query": query, "character_budget": 1000})
+            self.assertEqual(status, 200, (query, answer))
+        self.assertEqual(self.titles(self.pack("title: near")), ["Near and far"])
 
     def test_unknown_project_is_404(self):
         for method, path, body in [("GET", "v1/projects/prj_none/context", None),

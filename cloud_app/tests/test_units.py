@@ -330,35 +330,74 @@ class ProjectPathTest(unittest.TestCase):
 
 
 class ContextPackTest(unittest.TestCase):
-    def item(self, title, content, updated_at=0):
-        return {"id": title, "title": title, "content": content, "source": "", "updated_at": updated_at}
+    def item(self, seq, title, content):
+        return {"seq": seq, "id": f"ctx_{seq}", "title": title, "content": content}
 
-    def test_ranking_prefers_title_and_rare_words(self):
-        items = [self.item("Deploy notes", "We deploy with a script."),
-                 self.item("Testing convention", "Run the tests with ctest. Testing is done in CI."),
-                 self.item("Style", "Tests are named after the unit.")]
-        ranked = contextpack.rank(items, "how do we test?")
-        self.assertEqual([item["title"] for item in ranked], ["Testing convention", "Style"])
+    def assemble(self, items, budget):
+        return contextpack.assemble(iter(items), budget)
 
-    def test_stop_words_alone_match_nothing(self):
-        self.assertEqual(contextpack.rank([self.item("The", "the and of")], "the and of"), [])
-        self.assertEqual(contextpack.rank([self.item("A", "b")], ""), [])
+    def test_query_terms_drop_stop_words_and_repeats_and_stop_at_the_cap(self):
+        self.assertEqual(contextpack.query_terms("How do WE test the tests, test?"), ["do", "test", "tests"])
+        self.assertEqual(contextpack.query_terms("the and of a"), [])
+        many = " ".join(f"w{n}" for n in range(400))
+        self.assertEqual(contextpack.query_terms(many), [f"w{n}" for n in range(contextpack.MAX_QUERY_TERMS)])
+        self.assertEqual(contextpack.match_expression(["a1", "b"]), '"a1" OR "b"')
+
+    def test_cut_at_word(self):
+        self.assertEqual(contextpack.cut_at_word("alpha beta gamma", 100), "alpha beta gamma")
+        self.assertEqual(contextpack.cut_at_word("alpha beta gamma", 12), "alpha beta")
+        self.assertEqual(contextpack.cut_at_word("alpha beta gamma", 10), "alpha beta")
+        self.assertEqual(contextpack.cut_at_word("alpha beta  gamma", 11), "alpha beta")
+        self.assertEqual(contextpack.cut_at_word("x" * 50, 10), "x" * 10)
 
     def test_budget_is_never_exceeded(self):
-        items = [self.item("alpha", "x" * 50), self.item("alpha two", "alpha " * 30), self.item("alpha 3", "y")]
-        ranked = contextpack.rank(items, "alpha")
-        for budget in range(0, 400, 7):
-            chosen, content = contextpack.assemble(ranked, budget)
+        items = [self.item(1, "alpha", "x" * 50), self.item(2, "alpha two", "alpha " * 300),
+                 self.item(3, "alpha 3", "y")]
+        for budget in range(0, 2000, 7):
+            chosen, content, cut, first_left = self.assemble(items, budget)
             self.assertLessEqual(len(content), budget)
             if not chosen:
                 self.assertEqual(content, "")
+            if cut is not None:
+                self.assertTrue(content.endswith(contextpack.CUT_MARK))
+                self.assertIs(cut[0], chosen[-1])
+                self.assertIsNone(first_left)
+            elif len(chosen) < len(items):
+                self.assertIs(first_left, items[len(chosen)])
 
-    def test_a_best_match_larger_than_the_budget_is_cut(self):
-        chosen, content = contextpack.assemble([self.item("big", "word " * 1000)], 100)
-        self.assertEqual(len(content), 100)
-        self.assertTrue(content.startswith("## big\n\nword"))
-        self.assertTrue(content.endswith(contextpack.ELLIPSIS))
-        self.assertEqual(len(chosen), 1)
+    def test_reads_only_what_goes_in(self):
+        items = [self.item(n, f"t{n}", "word " * 100) for n in range(50)]
+        ranked = iter(items)
+        chosen, _, cut, _ = contextpack.assemble(ranked, 1200)
+        self.assertEqual(len(chosen), 3)
+        self.assertIsNotNone(cut)
+        self.assertIs(next(ranked), items[3])
+
+    def test_items_saved_before_the_index_existed_are_indexed_by_the_migration(self):
+        from relaylib.migrations import MIGRATIONS
+        folder = tempfile.mkdtemp(prefix="relay-fts-")
+        path = os.path.join(folder, "relay.db")
+        before = [entry for entry in MIGRATIONS if entry[0] < 7]
+        old = Database(path, migrations=before)
+        with old.write() as conn:
+            conn.execute("INSERT INTO users VALUES ('usr_00aa', 'a@example.com', '2026', NULL, NULL)")
+            conn.execute("INSERT INTO projects (id, user_id, name, root_path, created_at, updated_at) "
+                         "VALUES ('prj_11bb', 'usr_00aa', 'p', '/p', 0, 0)")
+            conn.execute("INSERT INTO context_items (id, user_id, project_id, title, content, source, created_at, "
+                         "updated_at) VALUES ('c1', 'usr_00aa', 'prj_11bb', 'Old note', 'Written before the index.', '', 0, 0)")
+        old.close()
+        new = Database(path)
+        try:
+            with new.read_as("usr_00aa") as conn:
+                answer = contextpack.build(conn, "prj_11bb", "index", 1000)
+            self.assertEqual([item["id"] for item in answer["items"]], ["c1"])
+            with new.write_as("usr_00aa") as conn:
+                conn.execute("DELETE FROM projects WHERE id = 'prj_11bb' AND user_id = :user_id")
+            with new.read() as conn:
+                self.assertEqual(conn.execute("SELECT count(*) FROM context_search WHERE context_search "
+                                              "MATCH 'index'").fetchone()[0], 0)
+        finally:
+            new.close()
 
 
 class HubTest(unittest.TestCase):

@@ -31,6 +31,7 @@ from .modelrouter import ModelRouter
 from .modelrouter.classifiers import Classifiers
 from .modelrouter.gateway import Gateway
 from .modelrouter.gatewaykeys import GatewayKeys
+from .presets import Presets
 from .projects import Projects
 from .routing import Router
 from .runs import Runs
@@ -42,8 +43,8 @@ from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_s
 
 log = logging.getLogger("relay")
 
-AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, ModelRouter, GatewayKeys, Gateway, Classifiers,
-         Integrations, Improve)
+AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, Presets, ModelRouter, GatewayKeys, Gateway,
+         Classifiers, Integrations, Improve)
 # How often idle connections are looked for, as a share of the idle time-out.
 IDLE_SWEEPS_PER_TIMEOUT = 4
 # How often committed changes are copied from the write-ahead log into the database.

@@ -1,12 +1,24 @@
-"""Context packs: the items of a project that match a query, as one text within a budget.
+"""Context packs: the items of a project that match a query, best first, as one text within a budget.
 
-Ranking is plain term matching. A query word matches a word of an item that begins
-with it ("test" matches "testing"); words rare among the project's items weigh
-more, a match in the title weighs more than one in the text. Items that match no
-query word are left out, so a query that matches nothing gives an empty pack.
+Items are ranked by BM25 over the full-text index `context_search` (kept in step with the
+items by triggers), a match in the title weighing more than one in the text. Words are
+stemmed, so "test" finds "testing". Every search names the project and its owner in its
+match, so only that project's items are ever scored or returned.
+
+What a query costs is bounded: only its first `MAX_QUERY_TERMS` distinct words that are not
+stop words are looked up, and in a project of at least `COMMON_MIN_ITEMS` items a word found
+in more than `COMMON_FRACTION` of them is left out as a stop word would be (it says little
+about relevance and would have nearly every item scored), unless the query has no other word.
+
+The pack takes whole items in rank order while they fit. The first item that does not fit
+is cut at a word boundary to the room that is left, with `CUT_MARK` at the cut, and the pack
+ends there. The answer counts the matching items it left out, names the first of them, and
+says which item it cut.
+
+BM25's statistics (item count, average length, how many items hold a word) are those of the
+whole index. They only order a project's own matches; no other project's text reaches a pack.
 """
 
-import math
 import re
 
 WORD = re.compile(r"[^\W_]+")
@@ -15,9 +27,36 @@ STOP_WORDS = frozenset("""
 a an and are as at be by for from how i in is it its of on or our so that the this to
 we what when where which who why will with you your
 """.split())
+MAX_QUERY_TERMS = 16
+COMMON_FRACTION = 0.5
+COMMON_MIN_ITEMS = 200
 SEPARATOR = "\n\n"
-ELLIPSIS = "…"
+CUT_MARK = "\n[… cut here to fit the context budget]"
+# A cut item keeps at least this many characters of its text, or it is left out instead.
+MIN_CUT_TEXT = 80
+# How many of the left-out items the answer names; `left_out_count` counts them all.
+LEFT_OUT_LISTED = 20
+# Ranked items are read this many at a time, so a pack reads only the rows it uses.
+PAGE = 48
 TITLE_WEIGHT = 2.0
+TEXT_WEIGHT = 1.0
+
+# The match of a search: the words, within one project of one owner. Ids are a prefix, "_" and
+# hex digits; the index splits them at the "_", and the hex part alone is one token, a far
+# cheaper match than the phrase of both. The owner is bound here rather than in Python so that
+# every statement names `:user_id`, as the database layer asks.
+OWNER_TOKEN = "substr(:user_id, instr(:user_id, '_') + 1)"
+SCOPED_MATCH = f"""printf('(%s) AND project_id : "%s" AND user_id : "%s"', :words, :project, {OWNER_TOKEN})"""
+PROJECT_MATCH = f"""printf('project_id : "%s" AND user_id : "%s"', :project, {OWNER_TOKEN})"""
+RANKED = f"""
+SELECT rowid AS seq FROM context_search WHERE context_search MATCH {SCOPED_MATCH}
+ORDER BY bm25(context_search, {TITLE_WEIGHT}, {TEXT_WEIGHT}, 0.0, 0.0), rowid DESC LIMIT :limit OFFSET :offset
+"""
+COUNT = f"SELECT count(*) AS n FROM context_search WHERE context_search MATCH {SCOPED_MATCH}"
+PROJECT_COUNT = f"SELECT count(*) AS n FROM context_search WHERE context_search MATCH {PROJECT_MATCH}"
+ITEM = "SELECT seq, id, title, content, source, updated_at FROM context_items WHERE seq = :seq AND user_id = :user_id"
+ITEM_HEAD = ("SELECT seq, id, title, length(content) AS characters FROM context_items "
+             "WHERE seq = :seq AND user_id = :user_id")
 
 
 def query_terms(query):
@@ -25,59 +64,114 @@ def query_terms(query):
     for word in WORD.findall(query.lower()):
         if len(word) >= 2 and word not in STOP_WORDS and word not in terms:
             terms.append(word)
+            if len(terms) == MAX_QUERY_TERMS:
+                break
     return terms
 
 
-def _words(text):
-    return WORD.findall(text.lower())
+def match_expression(terms):
+    """An FTS5 query matching any of the terms. Terms are runs of letters and digits, so quoting
+    each one is enough to keep FTS5's own syntax (AND, NEAR, column filters) out of a query."""
+    return " OR ".join(f'"{term}"' for term in terms)
 
 
-def _count(words, term):
-    return sum(1 for word in words if word.startswith(term))
+def block(title, content):
+    return f"## {title}\n\n{content.strip()}"
 
 
-def rank(items, query):
-    """The items that match the query, best first; each item is a dict with title, content, updated_at."""
-    terms = query_terms(query)
-    if not terms or not items:
-        return []
-    indexed = [(item, _words(item["title"]), _words(item["content"])) for item in items]
-    weights = {}
-    for term in terms:
-        frequency = sum(1 for _, title, content in indexed if _count(title, term) or _count(content, term))
-        weights[term] = math.log((len(items) + 1) / (frequency + 0.5))
-    scored = []
-    for item, title, content in indexed:
-        score = 0.0
-        for term in terms:
-            in_title, in_content = _count(title, term), _count(content, term)
-            if in_title or in_content:
-                score += weights[term] * (1 + math.log1p(in_content) + TITLE_WEIGHT * bool(in_title))
-        if score > 0:
-            scored.append((score, item))
-    scored.sort(key=lambda pair: (-pair[0], -pair[1]["updated_at"], pair[1]["title"]))
-    return [item for _, item in scored]
-
-
-def block(item):
-    return f"## {item['title']}\n\n{item['content'].strip()}"
+def cut_at_word(text, room):
+    """The longest start of `text` of at most `room` characters that ends at a word boundary,
+    without trailing white space; a text with no boundary in reach is cut where the room ends."""
+    if len(text) <= room:
+        return text
+    head = text[:room]
+    if not text[room].isspace():
+        boundary = max(head.rfind(" "), head.rfind("\n"), head.rfind("\t"))
+        if boundary > 0:
+            head = head[:boundary]
+    return head.rstrip()
 
 
 def assemble(ranked, budget):
-    """Whole items in rank order while they fit; a best match larger than the budget is cut to fit.
+    """Whole items in rank order while they fit, then the next one cut to the room left.
 
-    Returns the chosen items and the text, whose length never exceeds `budget`.
+    `ranked` is an iterator of dicts with `title` and `content`, consumed only as far as the
+    pack goes. Returns (chosen items, the text, the cut: None or (item, kept characters of its
+    stripped text), the first item left out or None). The text never exceeds `budget`.
     """
     chosen, parts, used = [], [], 0
     for item in ranked:
-        text = block(item)
-        needed = len(text) + (len(SEPARATOR) if parts else 0)
-        if used + needed <= budget:
+        text = block(item["title"], item["content"])
+        gap = len(SEPARATOR) if parts else 0
+        if used + gap + len(text) <= budget:
             chosen.append(item)
             parts.append(text)
-            used += needed
-        elif not parts and budget > len(ELLIPSIS):
-            chosen.append(item)
-            parts.append(text[:budget - len(ELLIPSIS)] + ELLIPSIS)
-            used = budget
-    return chosen, SEPARATOR.join(parts)
+            used += gap + len(text)
+            continue
+        head = block(item["title"], "")
+        room = budget - used - gap - len(head) - len(CUT_MARK)
+        kept = cut_at_word(item["content"].strip(), room) if room >= MIN_CUT_TEXT else ""
+        if not kept:
+            return chosen, SEPARATOR.join(parts), None, item
+        chosen.append(item)
+        parts.append(head + kept + CUT_MARK)
+        return chosen, SEPARATOR.join(parts), (item, len(kept)), None
+    return chosen, SEPARATOR.join(parts), None, None
+
+
+def _scope(project_id):
+    """The token of a project id, or an id of no project's form, which then matches nothing."""
+    token = project_id.partition("_")[2]
+    return token if re.fullmatch(r"[0-9a-f]+", token) else "0"
+
+
+def useful_terms(conn, project_id, terms):
+    """The terms without those found in more than `COMMON_FRACTION` of a large project's items;
+    all of them if every one is that common."""
+    project = _scope(project_id)
+    items = conn.execute(PROJECT_COUNT, {"project": project}).fetchone()["n"]
+    if items < COMMON_MIN_ITEMS:
+        return terms
+    kept = [term for term in terms
+            if conn.execute(COUNT, {"words": match_expression([term]), "project": project}).fetchone()["n"]
+            <= items * COMMON_FRACTION]
+    return kept or terms
+
+
+def build(conn, project_id, query, budget):
+    """The pack's answer for a project, on a connection scoped to the project's owner."""
+    terms = query_terms(query)
+    if terms:
+        terms = useful_terms(conn, project_id, terms)
+    keys = {"words": match_expression(terms), "project": _scope(project_id)}
+    matched = conn.execute(COUNT, keys).fetchone()["n"] if terms else 0
+
+    def seqs():
+        offset = 0
+        while offset < matched:
+            page = conn.execute(RANKED, dict(keys, limit=PAGE, offset=offset)).fetchall()
+            if not page:
+                return
+            for row in page:
+                yield row["seq"]
+            offset += len(page)
+
+    order = seqs()
+    items = (dict(conn.execute(ITEM, {"seq": seq}).fetchone()) for seq in order)
+    chosen, content, cut, first_left = assemble(items, budget)
+    listed = []
+    if first_left is not None:
+        listed.append({"id": first_left["id"], "title": first_left["title"],
+                       "characters": len(first_left["content"])})
+    for seq in order:
+        if len(listed) == LEFT_OUT_LISTED:
+            break
+        row = conn.execute(ITEM_HEAD, {"seq": seq}).fetchone()
+        listed.append({"id": row["id"], "title": row["title"], "characters": row["characters"]})
+    answer = {"items": chosen, "content": content, "character_count": len(content), "matched_count": matched,
+              "left_out_count": matched - len(chosen), "left_out": listed}
+    if cut is not None:
+        item, kept = cut
+        answer["cut"] = {"id": item["id"], "title": item["title"], "kept_characters": kept,
+                         "characters": len(item["content"])}
+    return answer

@@ -212,6 +212,19 @@ class Body:
             raise self._wrong(name, "an array", value)
         return value
 
+    def child(self, name, required=True):
+        """A nested object as a Body whose errors name it as `name.field`."""
+        value = self._take(name, required)
+        if value is None:
+            return None
+        if not isinstance(value, dict):
+            raise self._wrong(name, "an object", value)
+        return Body(value, f"{self._prefix}{name}.")
+
+    def raw(self):
+        """The object itself, for values kept as they were given (a JSON schema)."""
+        return self._value
+
     def one_of(self, name, choices, required=True):
         value = self.string(name, required)
         if value is None:

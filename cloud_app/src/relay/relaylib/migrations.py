@@ -472,6 +472,79 @@ CREATE TABLE improve_settings (
 );
 """
 
+# Context items get a stable integer key (a rowid alias, which VACUUM keeps) so that a full-text
+# index can point at them without storing the text twice. Triggers keep the index in step with
+# every insert, update and delete, including the deletes of a project's cascade. Words are
+# folded to their stems, so "tests" finds "testing". The owner and the project are indexed too,
+# so that a search names them in its match and scores only that project's items.
+CONTEXT_SEARCH = """
+CREATE TABLE context_items_keyed (
+    seq INTEGER PRIMARY KEY,
+    id TEXT NOT NULL UNIQUE,
+    user_id TEXT REFERENCES users(id) ON DELETE CASCADE,
+    project_id TEXT NOT NULL REFERENCES projects(id) ON DELETE CASCADE,
+    title TEXT NOT NULL,
+    content TEXT NOT NULL,
+    source TEXT NOT NULL,
+    created_at REAL NOT NULL,
+    updated_at REAL NOT NULL
+);
+INSERT INTO context_items_keyed (id, user_id, project_id, title, content, source, created_at, updated_at)
+    SELECT id, user_id, project_id, title, content, source, created_at, updated_at FROM context_items
+    ORDER BY rowid;
+DROP TABLE context_items;
+ALTER TABLE context_items_keyed RENAME TO context_items;
+CREATE INDEX context_items_by_project ON context_items (user_id, project_id, updated_at);
+CREATE INDEX context_items_by_source ON context_items (user_id, project_id, source);
+
+CREATE VIRTUAL TABLE context_search USING fts5(
+    title, content, project_id, user_id, content='context_items', content_rowid='seq',
+    tokenize='porter unicode61 remove_diacritics 2');
+CREATE TRIGGER context_search_insert AFTER INSERT ON context_items BEGIN
+    INSERT INTO context_search (rowid, title, content, project_id, user_id)
+        VALUES (new.seq, new.title, new.content, new.project_id, new.user_id);
+END;
+CREATE TRIGGER context_search_delete AFTER DELETE ON context_items BEGIN
+    INSERT INTO context_search (context_search, rowid, title, content, project_id, user_id)
+        VALUES ('delete', old.seq, old.title, old.content, old.project_id, old.user_id);
+END;
+CREATE TRIGGER context_search_update AFTER UPDATE OF title, content, project_id, user_id ON context_items BEGIN
+    INSERT INTO context_search (context_search, rowid, title, content, project_id, user_id)
+        VALUES ('delete', old.seq, old.title, old.content, old.project_id, old.user_id);
+    INSERT INTO context_search (rowid, title, content, project_id, user_id)
+        VALUES (new.seq, new.title, new.content, new.project_id, new.user_id);
+END;
+INSERT INTO context_search (context_search) VALUES ('rebuild');
+"""
+
+# A preset's versions are never changed once written; the preset points at its designated one.
+PRESETS = """
+CREATE TABLE presets (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    slug TEXT NOT NULL,
+    name TEXT NOT NULL,
+    status TEXT NOT NULL,
+    designated_version_id TEXT NOT NULL,
+    created_at REAL NOT NULL,
+    updated_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id),
+    UNIQUE (user_id, slug)
+);
+CREATE TABLE preset_versions (
+    user_id TEXT NOT NULL REFERENCES users(id) ON DELETE CASCADE,
+    id TEXT NOT NULL,
+    preset_id TEXT NOT NULL,
+    version INTEGER NOT NULL,
+    system_prompt TEXT NOT NULL,
+    config TEXT NOT NULL,
+    created_at REAL NOT NULL,
+    updated_at REAL NOT NULL,
+    PRIMARY KEY (user_id, id),
+    UNIQUE (user_id, preset_id, version)
+);
+"""
+
 
 MIGRATIONS = [
     (1, "initial schema", INITIAL),
@@ -480,6 +553,8 @@ MIGRATIONS = [
     (4, "interrupts withdrawn by their raiser", WITHDRAWALS),
     (5, "model router: policy, budgets, decisions, generations, attempts, reservations", ROUTER),
     (6, "gateway keys and their guardrails", GATEWAY),
+    (7, "full-text index of context items", CONTEXT_SEARCH),
+    (8, "versioned agent presets", PRESETS),
     (9, "usage classifiers and their activity", CLASSIFIERS),
     (10, "connected apps: links started and statuses seen", INTEGRATIONS),
     (11, "improve: sources read, signals, suggestions, applications, settings", IMPROVE),

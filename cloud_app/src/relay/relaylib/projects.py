@@ -93,7 +93,7 @@ class Projects:
     @staticmethod
     def _items(conn, project_id):
         return conn.execute("SELECT * FROM context_items WHERE project_id = :project AND user_id = :user_id "
-                            "ORDER BY updated_at DESC, rowid DESC", {"project": project_id}).fetchall()
+                            "ORDER BY updated_at DESC, seq DESC", {"project": project_id}).fetchall()
 
     def list_items(self, request):
         with self.db.read_as(request.user_id) as conn:
@@ -146,7 +146,6 @@ class Projects:
         budget = body.integer("character_budget", minimum=0, maximum=MAX_BUDGET)
         with self.db.read_as(request.user_id) as conn:
             self._project(conn, request.params["id"])
-            rows = self._items(conn, request.params["id"])
-        items = [dict(row) for row in rows]
-        chosen, content = contextpack.assemble(contextpack.rank(items, query), budget)
-        return {"items": [item_json(item) for item in chosen], "content": content, "character_count": len(content)}
+            answer = contextpack.build(conn, request.params["id"], query, budget)
+        answer["items"] = [item_json(item) for item in answer["items"]]
+        return answer

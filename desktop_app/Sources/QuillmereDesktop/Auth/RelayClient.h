@@ -3,6 +3,7 @@
 #include "QuillmereDesktop/common/Http.h"
 #include "QuillmereDesktop/common/Result.h"
 #include "QuillmereDesktop/common/WireCodec.h"
+#include "QuillmereDesktop/context/ProjectRecords.h"
 #include "QuillmereDesktop/routing/RouterRecords.h"
 
 #include <QJsonObject>
@@ -74,6 +75,17 @@ public:
     QCoro::Task<Result<GatewayCompletion>> complete(GatewayCompletionInput input) const {
         return post<GatewayCompletion>(QStringLiteral("v1/complete"), std::move(input));
     }
+
+    // Projects and their context (defined in context/ProjectCalls.cpp). The relay finds a
+    // project by its folder or makes it, so registering before each use is safe.
+    QCoro::Task<Result<MereProject>> upsertProject(QString name, QString rootPath) const;
+    QCoro::Task<Result<QList<MereProject>>> projects() const;
+    QCoro::Task<Result<QList<ProjectContextItem>>> contextItems(QString projectId) const;
+    QCoro::Task<Result<ProjectContextItem>> saveContext(QString projectId, QString title, QString content,
+                                                        QString source) const;
+    QCoro::Task<Result<ContextPack>> contextPack(QString projectId, QString query,
+                                                 qint64 characterBudget) const;
+    QCoro::Task<Result<void>> deleteContext(QString projectId, QString itemId) const;
 
     // The URL of a relative path, resolved against the base as a browser would.
     std::optional<QUrl> resolve(const QString& path) const;

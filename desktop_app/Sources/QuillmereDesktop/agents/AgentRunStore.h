@@ -54,7 +54,9 @@ public:
 
     using Config = AgentRunStoreConfig;
 
-    explicit AgentRunStore(Config config = {}, QObject* parent = nullptr);
+    // No default constructor on purpose: QML would make a store of its own with it, instead
+    // of asking `create` for the application's one.
+    explicit AgentRunStore(Config config, QObject* parent = nullptr);
     ~AgentRunStore() override;
 
     const QList<AgentRun>& runs() const { return m_runs; }

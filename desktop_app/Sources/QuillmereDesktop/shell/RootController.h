@@ -28,6 +28,9 @@ class RootController : public QObject {
     // Opened from the settings sheet.
     Q_PROPERTY(bool showProviderSetup READ showProviderSetup WRITE setShowProviderSetup NOTIFY sheetsChanged)
     Q_PROPERTY(bool showGatewayAccess READ showGatewayAccess WRITE setShowGatewayAccess NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showContext READ showContext WRITE setShowContext NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showPresets READ showPresets WRITE setShowPresets NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showOrchestrator READ showOrchestrator WRITE setShowOrchestrator NOTIFY sheetsChanged)
 
 public:
     // After the first sign-in, how long to wait before the second status check.
@@ -54,6 +57,12 @@ public:
     void setShowProviderSetup(bool show) { setSheet(m_showProviderSetup, show); }
     bool showGatewayAccess() const { return m_showGatewayAccess; }
     void setShowGatewayAccess(bool show) { setSheet(m_showGatewayAccess, show); }
+    bool showContext() const { return m_showContext; }
+    void setShowContext(bool show) { setSheet(m_showContext, show); }
+    bool showPresets() const { return m_showPresets; }
+    void setShowPresets(bool show) { setSheet(m_showPresets, show); }
+    bool showOrchestrator() const { return m_showOrchestrator; }
+    void setShowOrchestrator(bool show) { setSheet(m_showOrchestrator, show); }
 
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
@@ -101,4 +110,7 @@ private:
     bool m_showSettings = false;
     bool m_showProviderSetup = false;
     bool m_showGatewayAccess = false;
+    bool m_showContext = false;
+    bool m_showPresets = false;
+    bool m_showOrchestrator = false;
 };

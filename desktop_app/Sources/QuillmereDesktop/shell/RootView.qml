@@ -44,6 +44,27 @@ Rectangle {
             }
             Item { Layout.fillWidth: true }
             PanelButton {
+                objectName: "orchestratorButton"
+                text: "▷"
+                help: "Agent orchestrator"
+                shortcut: "Ctrl+Shift+O"
+                onClicked: RootController.showOrchestrator = true
+            }
+            PanelButton {
+                objectName: "contextButton"
+                text: "❖"
+                help: "Project context"
+                shortcut: "Ctrl+Shift+P"
+                onClicked: RootController.showContext = true
+            }
+            PanelButton {
+                objectName: "presetsButton"
+                text: "◇"
+                help: "Agent presets"
+                shortcut: "Ctrl+Shift+A"
+                onClicked: RootController.showPresets = true
+            }
+            PanelButton {
                 objectName: "routingButton"
                 text: "⌁"
                 help: "Model router"
@@ -55,6 +76,12 @@ Rectangle {
                 text: "⚙"
                 onClicked: RootController.showSettings = true
             }
+        }
+        // The working folder of terminals, runs and context, under the bar: it needs the width.
+        ProjectPicker {
+            objectName: "projectPicker"
+            Layout.fillWidth: true
+            onRestartTerminals: RootController.restartTerminals()
         }
         RuleView { Layout.fillWidth: true }
 
@@ -104,6 +131,37 @@ Rectangle {
         open: RootController.showGatewayAccess
         onCloseRequested: RootController.showGatewayAccess = false
         content: Component { GatewayAccessView {} }
+    }
+
+    SheetWindow {
+        objectName: "contextSheet"
+        title: "project context"
+        transientParent: root.Window.window
+        open: RootController.showContext
+        onCloseRequested: RootController.showContext = false
+        content: Component { ProjectContextView {} }
+    }
+
+    SheetWindow {
+        objectName: "orchestratorSheet"
+        title: "agent orchestrator"
+        transientParent: root.Window.window
+        width: 900
+        height: 680
+        minimumWidth: 820
+        minimumHeight: 620
+        open: RootController.showOrchestrator
+        onCloseRequested: RootController.showOrchestrator = false
+        content: Component { AgentOrchestratorView {} }
+    }
+
+    SheetWindow {
+        objectName: "presetsSheet"
+        title: "agent presets"
+        transientParent: root.Window.window
+        open: RootController.showPresets
+        onCloseRequested: RootController.showPresets = false
+        content: Component { PresetManagementView {} }
     }
 
     // The drawer's shortcut works from either window.

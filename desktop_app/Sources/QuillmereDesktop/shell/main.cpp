@@ -4,6 +4,7 @@
 #include "QuillmereDesktop/agents/AgentRunStore.h"
 #include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/common/SettingsPreferencesStore.h"
+#include "QuillmereDesktop/context/ProjectStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
 #include "QuillmereDesktop/shell/QuitOnSignal.h"
@@ -57,7 +58,8 @@ int main(int argc, char* argv[]) {
     AppState app(preferences);
     AuthStore auth(preferences, secrets, &relay);
     CLIStatusStore cli;
-    AgentRunStore agentRuns;
+    AgentRunStore agentRuns{AgentRunStoreConfig{}};
+    ProjectStore projects(nullptr);
     RootController root(app, auth, cli);
 
     QmlSingleton<AppState>::set(&app);
@@ -65,6 +67,7 @@ int main(int argc, char* argv[]) {
     QmlSingleton<ProviderConfigurationStore>::set(&providers);
     QmlSingleton<CLIStatusStore>::set(&cli);
     QmlSingleton<AgentRunStore>::set(&agentRuns);
+    QmlSingleton<ProjectStore>::set(&projects);
     QmlSingleton<RootController>::set(&root);
 
     // At quit the agents are asked to stop first; then a relay this process started ends

@@ -74,6 +74,7 @@ void TerminalDrawerController::discardSessions() {
         m_panel.release()->deleteLater();
     }
     m_sessionDirectory.reset();
+    emit sessionDirectoryChanged();
     setOpen(false);
 }
 
@@ -102,4 +103,11 @@ void TerminalDrawerController::setOpen(bool open) {
         return;
     m_isOpen = open;
     emit isOpenChanged();
+}
+
+void TerminalDrawerController::setSessionDirectory(std::optional<QString> directory) {
+    if (m_sessionDirectory == directory)
+        return;
+    m_sessionDirectory = std::move(directory);
+    emit sessionDirectoryChanged();
 }

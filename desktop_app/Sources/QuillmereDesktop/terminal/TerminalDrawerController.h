@@ -41,7 +41,7 @@ public:
     QWindow* mainWindow() const { return m_mainWindow; }
     QWindow* panel() const { return m_panel.get(); }
     const std::optional<QString>& sessionDirectory() const { return m_sessionDirectory; }
-    void setSessionDirectory(std::optional<QString> directory) { m_sessionDirectory = std::move(directory); }
+    void setSessionDirectory(std::optional<QString> directory);
     // How many times content was built, for tests of the drawer's one-time construction.
     int contentBuilds() const { return m_contentBuilds; }
 
@@ -67,6 +67,8 @@ public slots:
 
 signals:
     void isOpenChanged();
+    // The shells now run in another folder, or no longer run.
+    void sessionDirectoryChanged();
     // The panel is about to be released, with its terminals (their sessions end).
     void panelDiscarding(QWindow* panel);
 

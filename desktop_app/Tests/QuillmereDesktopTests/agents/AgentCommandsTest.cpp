@@ -70,7 +70,7 @@ TEST(AgentCommands, ProvidersAndSources) {
 TEST(AgentRunStoreLimits, Defaults) {
     EXPECT_EQ(AgentRunStore::maxConcurrentRuns, 4);
     EXPECT_EQ(AgentRunStoreConfig::defaultMaxCapturedCharacters, 2'000'000);
-    EXPECT_EQ(AgentRunStore().maxCapturedCharacters(), 2'000'000);
+    EXPECT_EQ(AgentRunStore(AgentRunStoreConfig{}).maxCapturedCharacters(), 2'000'000);
     EXPECT_EQ(AgentRunStore::truncationMark, "\n[OUTPUT TRUNCATED]");
 }
 

@@ -193,7 +193,7 @@ private slots:
     void init() {
         m_proxy = std::make_unique<RelayProxy>(m_relay.url());
         m_client = std::make_unique<RelayClient>(m_proxy->url(), m_token);
-        m_store = std::make_unique<AgentRunStore>();
+        m_store = std::make_unique<AgentRunStore>(AgentRunStoreConfig{});
         m_recorded.clear();
         connect(m_store.get(), &AgentRunStore::runRecorded, this,
                 [this](const QUuid& id) { m_recorded << id; });

@@ -35,6 +35,10 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     m_providers = std::make_unique<ProviderConfigurationStore>(
         QDir(m_home.path()).filePath(QStringLiteral("data/Quillmere")), m_secrets);
     QmlSingleton<ProviderConfigurationStore>::set(m_providers.get());
+    m_projects = std::make_unique<ProjectStore>(nullptr);
+    QmlSingleton<ProjectStore>::set(m_projects.get());
+    m_runs = std::make_unique<AgentRunStore>(AgentRunStoreConfig{});
+    QmlSingleton<AgentRunStore>::set(m_runs.get());
 }
 
 AppHarness::~AppHarness() {

@@ -4,7 +4,9 @@
 // in-memory preferences, an in-memory secret store, and a relay of the test's choosing.
 
 #include "QuillmereDesktop/Auth/AuthStore.h"
+#include "QuillmereDesktop/agents/AgentRunStore.h"
 #include "QuillmereDesktop/common/MemoryPreferencesStore.h"
+#include "QuillmereDesktop/context/ProjectStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
 #include "QuillmereDesktop/shell/RootController.h"
@@ -41,6 +43,7 @@ public:
     TerminalDrawerController& drawer() { return *m_drawer; }
     ProviderConfigurationStore& providers() { return *m_providers; }
     FakeSecretStore& secrets() { return m_secrets; }
+    ProjectStore& projects() { return *m_projects; }
 
     // Visible text items whose text is exactly this, anywhere in the window.
     QList<QQuickItem*> visibleTexts(const QString& text) const;
@@ -78,6 +81,8 @@ private:
     std::unique_ptr<CLIStatusStore> m_cli;
     std::unique_ptr<RootController> m_root;
     std::unique_ptr<ProviderConfigurationStore> m_providers;
+    std::unique_ptr<ProjectStore> m_projects;
+    std::unique_ptr<AgentRunStore> m_runs;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
     // After the engine: the drawer's window is made by it and must go first.
     std::unique_ptr<TerminalDrawerController> m_drawer;

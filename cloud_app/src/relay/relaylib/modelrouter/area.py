@@ -9,13 +9,14 @@ provider reported. So any number of completions at once can never spend past a b
 
 import asyncio
 import functools
+import dataclasses
 import json
 import math
 import secrets
 import threading
 import time
 
-from .. import clock
+from .. import clock, presets
 from ..cli_status import CliInspector
 from ..config import HEALTH_WINDOW
 from ..errors import ApiError, bad_request, not_found
@@ -39,6 +40,15 @@ PROBE_TASK = "chat"
 NO_LANE_STATUS = 422
 BUDGET_STATUS = 402
 ALL_FAILED_STATUS = 502
+
+
+@dataclasses.dataclass(frozen=True)
+class AppliedRoute:
+    """What a preset sets beside the model: the provider sort, the service tier, and the
+    sampling and format parameters sent to the provider."""
+    sort_by: str | None = None
+    tier: str | None = None
+    parameters: dict = dataclasses.field(default_factory=dict)
 
 
 def _new_id(prefix):
@@ -210,34 +220,49 @@ class ModelRouter:
         project_id = body.string("project_id", required=False, non_empty=True, max_length=MAX_NAME)
         model = body.string("model", required=False, non_empty=True, max_length=MAX_NAME) or "auto"
         preset = body.string("preset", required=False, non_empty=True, max_length=MAX_NAME)
-        max_output = body.integer("max_output_tokens", minimum=1, maximum=MAX_OUTPUT_TOKENS)
+        max_output = body.integer("max_output_tokens", required=False, minimum=1, maximum=MAX_OUTPUT_TOKENS)
         tools = chat_tools(body)
-        if preset is not None:
-            # Presets are kept by an area this relay does not have yet: a named one cannot exist.
-            raise not_found(f"preset {preset} not found")
         if request.gateway_key is not None and project_id is not None:
             # A key reaches no project data, not even to charge a project's budget.
             raise not_found("project not found")
+        chosen = await request.run(self.preset_of, request.user_id, preset, model)
+        applied = AppliedRoute()
+        if chosen is not None:
+            # The designated version gives defaults; the request's own fields win, and its
+            # instructions are added after the preset's.
+            if model == "auto" or presets.preset_reference(model) is not None:
+                model = chosen.models or "auto"
+            instructions = presets.joined_instructions(chosen.instructions, instructions)
+            max_output = max_output or chosen.max_output_tokens
+            tools = tools or chosen.tools
+            applied = AppliedRoute(chosen.provider_sort, chosen.service_tier, chosen.parameters())
+        if max_output is None:
+            raise bad_request("max_output_tokens is required")
         key, instructions, turns = await self.app.gateway.guard(request, instructions, protocols.turns_of(text))
         prompt = text if key is None else turns
         completion, _ = await self.run_completion(request, task, prompt, instructions, project_id, model, max_output,
-                                                  tools, gateway_key=key)
+                                                  tools, gateway_key=key, applied=applied)
         self.app.gateway.used(key, completion)
         return completion
 
     async def run_completion(self, request, task, text, instructions, project_id, model, max_output, tools,
-                             gateway_key=None, on_delta=None, generation_id=None, classify=True):
+                             gateway_key=None, on_delta=None, generation_id=None, classify=True,
+                             applied=None):
         """Routes one completion and tries its lanes in turn; returns (the `GatewayCompletion`
-        record, the served attempt's outcome). `text` is a prompt or a conversation; `gateway_key` is a
-        gateway key's rules, which narrow the lanes and are recorded with the generation. `on_delta`
-        is awaited with (the lane, deltas) as a streamed answer comes (see calls.attempt); once it
-        has received part of one, no other lane is tried. `generation_id` names the generation when
+        record, the served attempt's outcome). `text` is a prompt or a conversation; `model` is
+        "auto", a model, or a preset's chain of models (a tuple, primary first); `gateway_key` is
+        a gateway key's rules, which narrow the lanes and are recorded with the generation;
+        `applied` is what a preset sets beside the model (`AppliedRoute`). `on_delta` is awaited
+        with (the lane, deltas) as a streamed answer comes (see calls.attempt); once it has
+        received part of one, no other lane is tried. `generation_id` names the generation when
         the caller needs its id before the answer (a stream's first event carries it). A completed
         generation is offered to `generation_listeners` (usage classifiers) unless `classify` is
         false (a classifier's own call)."""
+        applied = applied or AppliedRoute()
         size = prompt_bytes(text) + len((instructions or "").encode("utf-8"))
         route = scoring.RouteRequest(task=task, input_tokens=max(1, size // BYTES_PER_TOKEN_ESTIMATE),
-                                     output_tokens=max_output, channel="api", tools=tools, project_id=project_id)
+                                     output_tokens=max_output, channel="api", tools=tools, project_id=project_id,
+                                     sort_by=applied.sort_by if applied.sort_by in scoring.SORTS else None)
         started = time.monotonic()
         user_id = request.user_id
         on_ledger = self.app.ledger_workers.run
@@ -246,7 +271,8 @@ class ModelRouter:
         def worst(lane):
             return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
 
-        decision, record, reservation = await on_ledger(self._route_completion, user_id, route, model, worst, gateway_key)
+        decision, record, reservation = await on_ledger(self._route_completion, user_id, route, model, worst, gateway_key,
+                                                        applied.tier)
         candidates = [decision.primary] + decision.fallbacks
         # Kept for the gateway's content-free metadata of the route.
         request.route_candidates = [candidate.lane.id for candidate in candidates]
@@ -277,7 +303,7 @@ class ModelRouter:
                     continue
                 forward = None if on_delta is None else functools.partial(on_delta, lane)
                 result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining,
-                                       on_delta=forward)
+                                       on_delta=forward, parameters=applied.parameters)
                 row = _result_row(generation_id, seq, lane, project_id, result, tools)
                 attempts.append(row)
                 final = row["status"] == "succeeded" or result.failure in protocols.NOT_RETRYABLE \
@@ -377,24 +403,51 @@ class ModelRouter:
             ledger.add_attempt(conn, row)
             ledger.add_generation(conn, generation)
 
-    def _route_completion(self, user_id, route, model, worst, key=None):
-        """Decides, stores the decision and reserves the primary lane's worst case, in one write."""
+    def preset_of(self, user_id, preset, model):
+        """The preset a completion names (by `preset` or as the model "@preset/<slug>"), or None."""
+        named = [slug for slug in (preset, presets.preset_reference(model)) if slug is not None]
+        if not named:
+            return None
+        if len(set(named)) > 1:
+            raise bad_request("preset and model name two different presets")
+        with self.db.read_as(user_id) as conn:
+            return presets.resolve_preset(conn, named[0])
+
+    def _route_completion(self, user_id, route, model, worst, key=None, tier=None):
+        """Decides, stores the decision and reserves the primary lane's worst case, in one write.
+
+        `model` is "auto", one model, or a preset's chain of models (a tuple, primary first):
+        then only the chain's lanes qualify and they are tried in the chain's order."""
         readiness = self.catalog.readiness()
         lanes = self.catalog.lanes
         if key is not None:
             # A key's allowlists intersect the request's own choice of model.
             lanes = [lane for lane in lanes if lane.channel != "api" or key_allows(key, lane)]
-        if model != "auto":
+        chain = model if isinstance(model, tuple) else None
+        if chain is not None:
+            lanes = [lane for lane in lanes if lane.id in chain or lane.routing_model in chain]
+            if not lanes:
+                raise not_found(f"none of the preset's models ({', '.join(chain)}) is in the catalog")
+        elif model != "auto":
             lanes = [lane for lane in lanes if model in (lane.id, lane.routing_model)]
             if not lanes:
                 raise not_found(f"model {model} is not in the catalog")
+        if tier is not None:
+            lanes = [lane for lane in lanes if lane.service_tier == tier]
+            if not lanes:
+                raise ApiError(NO_LANE_STATUS, f"no lane of the chosen models serves the service tier {tier}")
         with self.db.read_as(user_id) as conn:
             if route.project_id is not None:
                 self._check_project(conn, route.project_id)
             policy = ledger.read_policy(conn)
             signals = self._signals(conn, user_id, route.project_id)
+        if chain is not None:
+            # A preset's chain is its fallback order, whatever the account's fallback settings.
+            policy = dict(policy, fallback_enabled=True, max_fallbacks=len(lanes))
         try:
             decision = scoring.decide(lanes, readiness, route, policy, signals)
+            if chain is not None:
+                decision = _in_chain_order(decision, chain)
         except scoring.NoLane as error:
             if error.over_budget:
                 raise ApiError(BUDGET_STATUS, "budget exceeded: " + error.message) from None
@@ -425,6 +478,18 @@ class ModelRouter:
     def _write_generation(self, user_id, generation):
         with self.db.write_as(user_id) as conn:
             ledger.add_generation(conn, generation)
+
+
+def _in_chain_order(decision, chain):
+    """The decision's candidates reordered by the chain (a model's lanes in the decision's own
+    order among themselves)."""
+    def place(candidate):
+        lane = candidate.lane
+        return min(chain.index(name) for name in (lane.id, lane.routing_model) if name in chain)
+
+    ordered = sorted([decision.primary] + decision.fallbacks, key=place)
+    return dataclasses.replace(decision, primary=ordered[0], fallbacks=ordered[1:],
+                               routed_because="Preset model chain, tried in its order. " + decision.routed_because)
 
 
 def _observed(conn):

@@ -29,12 +29,14 @@ class AttemptResult:
 
 
 async def attempt(upstream, lane, key, text, instructions, max_output_tokens, tools, total_seconds,
-                  clock=time.monotonic, on_delta=None):
+                  clock=time.monotonic, on_delta=None, parameters=None):
     """Calls `lane` once and reads its answer; never raises for the provider's failures (only for
     the caller's cancellation, or `on_delta`'s own errors). `on_delta`, when given, is awaited with
-    each stretch of a streamed answer's deltas (see protocols.StreamReader) as it arrives."""
+    each stretch of a streamed answer's deltas (see protocols.StreamReader) as it arrives.
+    `parameters`: sampling and format settings (a preset's)."""
     stream = lane.streams
-    headers, body = protocols.build_request(lane, key, text, instructions, max_output_tokens, tools, stream)
+    headers, body = protocols.build_request(lane, key, text, instructions, max_output_tokens, tools, stream,
+                                            parameters)
     started = clock()
 
     def result(outcome, failure, message, first=None):

@@ -7,11 +7,12 @@ application's own session may call them too (then no key's limits or guardrails 
 
 import functools
 
-from .. import clock
+from .. import clock, presets
 from ..errors import ApiError, bad_request
 from ..web import EventStream
 from . import caller_answers, caller_requests, conversation
-from .area import BYTES_PER_TOKEN_ESTIMATE, ModelRouter, key_allows, new_generation_id, prompt_bytes
+from .area import (BYTES_PER_TOKEN_ESTIMATE, AppliedRoute, ModelRouter, key_allows, new_generation_id,
+                   prompt_bytes)
 from .gatewaykeys import count_guardrail_events
 from .guardrails import apply_filters
 from .ratelimit import KeyRateLimiter
@@ -120,7 +121,8 @@ class Gateway:
     async def _serve(self, request, asked, whole, writer, error_shape):
         """Guards, routes and answers one caller's request: `whole(completion, outcome)` is the
         answer in the caller's protocol; `writer(answer id, model)` makes its stream writer."""
-        key, instructions, turns = await self.guard(request, asked.instructions, asked.turns)
+        model, instructions, tools, applied = await self._preset_applied(request, asked)
+        key, instructions, turns = await self.guard(request, instructions, asked.turns)
         cached = self.cache.options(request, key)
         hit = None
         if cached is not None:
@@ -133,9 +135,9 @@ class Gateway:
             generation_id = new_generation_id()
             try:
                 completion, outcome = await self.router.run_completion(
-                    request, GATEWAY_TASK, turns, instructions, None, asked.model, asked.max_output, asked.tools,
+                    request, GATEWAY_TASK, turns, instructions, None, model, asked.max_output, tools,
                     gateway_key=key, on_delta=live and functools.partial(live.deltas, generation_id),
-                    generation_id=generation_id)
+                    generation_id=generation_id, applied=applied)
             except ApiError as error:
                 if live is None or not live.opened:
                     raise
@@ -153,6 +155,17 @@ class Gateway:
             return answer
         await live.finish(completion, outcome)
         return live.response
+
+    async def _preset_applied(self, request, asked):
+        """(model, instructions, tools, AppliedRoute) for a caller that names "@preset/<slug>" as
+        its model: the designated version's models, instructions before the caller's own, tools
+        when the caller declares none, and what it sets beside the model. Otherwise the request's."""
+        if presets.preset_reference(asked.model) is None:
+            return asked.model, asked.instructions, asked.tools, None
+        chosen = await request.run(self.router.preset_of, request.user_id, None, asked.model)
+        return (chosen.models or "auto", presets.joined_instructions(chosen.instructions, asked.instructions),
+                asked.tools or chosen.tools,
+                AppliedRoute(chosen.provider_sort, chosen.service_tier, chosen.parameters()))
 
     def _filter(self, user_id, key, instructions, turns):
         filtered = apply_filters(key["content_filters"], instructions, turns)

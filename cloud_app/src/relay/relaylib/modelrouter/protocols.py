@@ -109,9 +109,11 @@ def turns_of(text):
     return [{"role": "user", "content": text}] if isinstance(text, str) else list(text)
 
 
-def build_request(lane, key, text, instructions, max_output_tokens, tools, stream):
+def build_request(lane, key, text, instructions, max_output_tokens, tools, stream, parameters=None):
     """(headers, body) of one request to `lane` in its protocol; `text` is a prompt or a
-    conversation (see `turns_of` and conversation.py)."""
+    conversation (see `turns_of` and conversation.py). `parameters` may hold `temperature`,
+    `top_p` and `response_format` ({"type": ...}), each sent in the protocol's own spelling;
+    Anthropic Messages has no response format, so none is sent there."""
     protocol = lane.protocol_name
     turns = turns_of(text)
     if protocol == ANTHROPIC_MESSAGES:
@@ -139,9 +141,26 @@ def build_request(lane, key, text, instructions, max_output_tokens, tools, strea
             body["instructions"] = instructions
         if tools:
             body["tools"] = conversation.responses_tools(tools)
+    _add_parameters(protocol, body, parameters or {})
     if stream:
         body["stream"] = True
     return headers, body
+
+
+def _add_parameters(protocol, body, parameters):
+    for name in ("temperature", "top_p"):
+        if name in parameters:
+            body[name] = parameters[name]
+    response_format = parameters.get("response_format")
+    if response_format is None or protocol == ANTHROPIC_MESSAGES:
+        return
+    if protocol == OPENAI_CHAT:
+        body["response_format"] = response_format
+    else:
+        shape = {"type": response_format["type"]}
+        if "json_schema" in response_format:
+            shape.update(response_format["json_schema"])
+        body["text"] = {"format": shape}
 
 
 # Whole answers.

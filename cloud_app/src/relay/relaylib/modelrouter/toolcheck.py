@@ -66,3 +66,4 @@ def check_answer(tool_calls, tools):
         if problem is not None:
             return False, problem
     return True, None
+
