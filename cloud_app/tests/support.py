@@ -465,6 +465,7 @@ ROUTES = [
     ("GET", "v1/composio/toolkits", True, None),
     ("GET", "v1/composio/connections", True, None),
     ("POST", "v1/composio/connections", True, {"toolkit": "github"}),
+    ("GET", "v1/insights", True, None),
 ]
 
 
