@@ -491,6 +491,7 @@ ROUTES = [
     ("POST", "v1/presets/{slug}/chat/completions", True, PRESET_CAPTURE),
     ("POST", "v1/presets/{slug}/versions/{version}/designate", True, {}),
     ("DELETE", "v1/presets/{slug}", True, None),
+    ("GET", "v1/insights", True, None),
 ]
 
 

@@ -24,6 +24,7 @@ from .config import LISTEN_BACKLOG, MAX_HEADER_BYTES, MAX_HEADER_COUNT, MAX_REQU
 from .db import Database
 from .hub import Hub
 from .improve.area import Improve
+from .insights import Insights
 from .integrations import Integrations
 from .interrupts import Queue
 from .mailer import Mailer
@@ -44,7 +45,7 @@ from .web import ConnectionGuard, Dispatcher, Listener, RelayServer, listening_s
 log = logging.getLogger("relay")
 
 AREAS = (Auth, Queue, Runs, Terminal, CliInspector, Projects, Presets, ModelRouter, GatewayKeys, Gateway,
-         Classifiers, Integrations, Improve)
+         Classifiers, Integrations, Improve, Insights)
 # How often idle connections are looked for, as a share of the idle time-out.
 IDLE_SWEEPS_PER_TIMEOUT = 4
 # How often committed changes are copied from the write-ahead log into the database.
