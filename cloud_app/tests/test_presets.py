@@ -66,6 +66,36 @@ class CaptureTest(PresetTestCase):
             "response_format": {"type": "json_object"}})
         self.assertEqual(self.presets(), [preset])
 
+    def test_an_anthropic_or_responses_body_is_captured_like_a_chat_completion(self):
+        schema = {"type": "object", "properties": {"path": {"type": "string"}}}
+        bodies = {
+            "messages": {"model": "fast", "max_tokens": 700, "temperature": 0.2, "system": [
+                {"type": "text", "text": "You review code."}],
+                "tools": [{"name": "read_file", "description": "Reads a file.", "input_schema": schema}],
+                "messages": [{"role": "user", "content": "ignored"}]},
+            "responses": {"model": "fast", "max_output_tokens": 700, "temperature": 0.2,
+                          "instructions": "You review code.",
+                          "tools": [{"type": "function", "name": "read_file", "description": "Reads a file.",
+                                     "parameters": schema}],
+                          "text": {"format": {"type": "json_object"}}, "input": "ignored"}}
+        for path, body in bodies.items():
+            with self.subTest(path=path):
+                status, answer, _ = self.call("POST", f"v1/presets/from-{path}/{path}", body)
+                self.assertEqual(status, 200, answer)
+                version = answer["data"]["designated_version"]
+                self.assertEqual(version["system_prompt"], "You review code.")
+                config = version["config"]
+                self.assertEqual((config["model"], config["max_output_tokens"], config["temperature"]),
+                                 ("fast", 700, 0.2))
+                self.assertEqual(config["tools"], [{"type": "function", "function": {
+                    "name": "read_file", "parameters": schema, "description": "Reads a file."}}])
+        self.assertEqual(self.call("GET", "v1/presets/from-responses")[1]["data"]["designated_version"]["config"]
+                         ["response_format"], {"type": "json_object"})
+        status, answer, _ = self.call("POST", "v1/presets/bad/messages",
+                                      {"model": "fast", "tools": [{"type": "bash_20250124", "name": "bash"}]})
+        self.assertError(answer, status, 400,
+                         message="tools[0].type bash_20250124 is not supported by this relay yet; declare custom tools")
+
     def test_every_save_is_a_new_version_and_an_edit_inherits_what_it_does_not_clear(self):
         self.capture("planner", FULL)
         edit = {"model": "slow", "messages": [], "quillmere_base_version": 1,

@@ -24,7 +24,8 @@ import uuid
 from . import clock
 from .errors import bad_request, not_found
 from .jsonio import Body
-from .modelrouter.caller_requests import chat_tools
+from .modelrouter.caller_requests import (anthropic_request_tools, chat_tools, responses_request_tools,
+                                          text_of)
 
 SLUG = re.compile(r"^[a-z0-9][a-z0-9_-]{0,63}$")
 REFERENCE_PREFIX = "@preset/"
@@ -212,6 +213,45 @@ def parse_capture(body):
     return config, system_prompt, base, clear
 
 
+# What a capture takes from any protocol's body as it stands; the rest is translated.
+_CAPTURED_AS_IS = ("model", "models", "provider", "plugins", "service_tier", "temperature", "top_p",
+                   "quillmere_base_version", "quillmere_clear_fields")
+
+
+def chat_shape_of_messages(raw):
+    """An Anthropic Messages request body as the chat-completions body a capture reads: its
+    `system` as a system message, `max_tokens`, and its custom tools."""
+    body = {name: raw[name] for name in _CAPTURED_AS_IS + ("max_tokens",) if isinstance(raw, dict) and name in raw}
+    if isinstance(raw, dict) and raw.get("system") is not None:
+        body["messages"] = [{"role": "system", "content": text_of(raw["system"], "system")}]
+    tools = anthropic_request_tools((raw.get("tools") if isinstance(raw, dict) else None) or [])
+    if tools:
+        body["tools"] = tools
+    return body
+
+
+def chat_shape_of_responses(raw):
+    """An OpenAI Responses request body as the chat-completions body a capture reads: its
+    `instructions`, `max_output_tokens`, function tools and `text.format`."""
+    body = {name: raw[name] for name in _CAPTURED_AS_IS if isinstance(raw, dict) and name in raw}
+    if not isinstance(raw, dict):
+        return body
+    if raw.get("max_output_tokens") is not None:
+        body["max_tokens"] = raw["max_output_tokens"]
+    if raw.get("instructions") is not None:
+        body["messages"] = [{"role": "system", "content": text_of(raw["instructions"], "instructions")}]
+    tools = responses_request_tools(raw.get("tools") or [])
+    if tools:
+        body["tools"] = tools
+    shape = (raw.get("text") or {}).get("format") if isinstance(raw.get("text"), dict) else None
+    if isinstance(shape, dict) and shape.get("type"):
+        response_format = {"type": shape["type"]}
+        if shape["type"] == "json_schema":
+            response_format["json_schema"] = {key: value for key, value in shape.items() if key != "type"}
+        body["response_format"] = response_format
+    return body
+
+
 def _read(config, name):
     if name == "provider.sort":
         return config.get("provider", {}).get("sort")
@@ -282,6 +322,9 @@ class Presets:
         router.add("GET", "v1/presets", self.list_presets)
         router.add("GET", "v1/presets/{slug}", self.read_preset)
         router.add("POST", "v1/presets/{slug}/chat/completions", self.capture)
+        # The same capture from the other protocols' request bodies.
+        router.add("POST", "v1/presets/{slug}/messages", self.capture_messages)
+        router.add("POST", "v1/presets/{slug}/responses", self.capture_responses)
         router.add("POST", "v1/presets/{slug}/versions/{version}/designate", self.designate, quick=True)
         router.add("DELETE", "v1/presets/{slug}", self.delete, quick=True)
 
@@ -294,9 +337,23 @@ class Presets:
         with self.db.read_as(request.user_id) as conn:
             return {"data": _one(conn, slug)}
 
+    def capture_messages(self, request):
+        # The conversation itself is not part of a preset, but it must still be one.
+        request.body().array("messages", required=False)
+        return self._capture(request, Body(chat_shape_of_messages(request.json())))
+
+    def capture_responses(self, request):
+        given = request.body()
+        if given.has("input") and not isinstance(request.json()["input"], (str, list)):
+            raise bad_request("input must be a string or an array of input items")
+        return self._capture(request, Body(chat_shape_of_responses(request.json())))
+
     def capture(self, request):
+        return self._capture(request, request.body())
+
+    def _capture(self, request, body):
         slug = check_slug(request.params["slug"])
-        config, system_prompt, base, clear = parse_capture(request.body())
+        config, system_prompt, base, clear = parse_capture(body)
         now = clock.now()
         with self.db.write_as(request.user_id) as conn:
             preset = conn.execute("SELECT * FROM presets WHERE user_id = :user_id AND slug = :slug",

@@ -246,6 +246,10 @@ QCoro::Task<> AgentOrchestratorViewModel::loadNow() {
     emit presetsChanged();
 }
 
+qint64 AgentOrchestratorViewModel::previewInputTokens(const QString& task) {
+    return std::max<qint64>(1, task.size() / charactersPerToken);
+}
+
 QCoro::Task<Result<LocalAgent>> AgentOrchestratorViewModel::resolveAgent(QString task) {
     const QString lane = m_selectedLane;
     if (lane == QStringLiteral("claude") || lane == QStringLiteral("codex")) {
@@ -272,7 +276,7 @@ QCoro::Task<Result<LocalAgent>> AgentOrchestratorViewModel::resolveAgent(QString
     }
     RoutePreviewInput input;
     input.task = QStringLiteral("code");
-    input.input_tokens = std::max<qint64>(1, task.size() / charactersPerToken);
+    input.input_tokens = previewInputTokens(task);
     input.estimated_output_tokens = estimatedOutputTokens;
     input.channel = QStringLiteral("cli");
     const Result<RouteDecision> decision =

@@ -59,6 +59,8 @@ public:
     static QString presetLabel(const InferencePreset& preset);
     // A prompt with the pack before it; the task alone when the pack is empty.
     static QString withContext(const QString& task, const QString& packContent);
+    // The input size the lane "auto" asks the router about: a token per four characters, at least one.
+    static qint64 previewInputTokens(const QString& task);
 
     explicit AgentOrchestratorViewModel(QObject* parent = nullptr);
 

@@ -216,6 +216,75 @@ private slots:
         QVERIFY(!view->isPreparing());
     }
 
+    void aPromptOfWhiteSpaceOnlyCannotBeLaunched() {
+        auto view = orchestrator();
+        view->setSelectedLane("claude");
+        view->setPrompt(" \n\t ");
+        QVERIFY(!view->canLaunch());
+        const qsizetype before = m_runs->runs().size();
+        await(view->launchNow());
+        QCOMPARE(m_runs->runs().size(), before);
+    }
+
+    void theAutoLaneAsksTheRouterAboutAQuarterTokenPerCharacter() {
+        QCOMPARE(AgentOrchestratorViewModel::previewInputTokens(QStringLiteral("abc")), 1);
+        QCOMPARE(AgentOrchestratorViewModel::previewInputTokens(QString(4000, QLatin1Char('x'))), 1000);
+    }
+
+    void leavingTheApiLaneKeepsPlanOnly() {
+        auto view = orchestrator();
+        view->setSafetyText("WORKSPACE EDITS");
+        QCOMPARE(view->safety(), AgentSafety::workspace);
+        view->setSelectedLane("api");
+        QCOMPARE(view->safety(), AgentSafety::plan);
+        view->setSelectedLane("claude");
+        QCOMPARE(view->safety(), AgentSafety::plan);
+    }
+
+    void aPresetLeftBehindByALocalLaneIsNotSentAndStaysSelected() {
+        auto view = orchestrator();
+        await(view->loadNow());
+        view->setSelectedLane("api");
+        view->setSelectedPreset("billing-reviewer");
+        view->setSelectedLane("claude");
+        view->setIncludeContext(false);
+        view->setPrompt("Local task.");
+        const qsizetype requestsBefore = m_fake->requests().size();
+        await(view->launchNow());
+        const AgentRun run = finished();
+        QCOMPARE(run.agent, LocalAgent::claude);
+        QCOMPARE(run.preset, std::optional<QString>());
+        QCOMPARE(run.output, QStringLiteral("Local task."));
+        QCOMPARE(view->selectedPreset(), QStringLiteral("billing-reviewer"));
+        QCOMPARE(m_fake->requests().size(), requestsBefore);
+    }
+
+    void withoutAnyCliStatusTheLocalLanesFailAtOnceAndAutoAsksTheRelay() {
+        CLIStatusStore unknown;
+        auto view = orchestrator();
+        view->setCli(&unknown);
+        QVERIFY(!unknown.status());
+        const qsizetype before = m_runs->runs().size();
+        const std::pair<const char*, const char*> local[] = {{"claude", "Claude is not connected."},
+                                                             {"codex", "Codex is not connected."}};
+        for (const auto& [lane, message] : local) {
+            view->setSelectedLane(QString::fromUtf8(lane));
+            view->setPrompt("Do it.");
+            await(view->launchNow());
+            QCOMPARE(view->errorText(), QString::fromUtf8(message));
+        }
+        QCOMPARE(m_runs->runs().size(), before);
+        // "auto" does not need the CLIs' status: the relay's router picks the lane (the
+        // signed-in Claude Code here), and the run starts.
+        view->setSelectedLane("auto");
+        view->setIncludeContext(false);
+        view->setPrompt("Routed task.");
+        await(view->launchNow());
+        QCOMPARE(view->errorText(), QString());
+        QCOMPARE(m_runs->runs().size(), before + 1);
+        QCOMPARE(finished().output, QStringLiteral("Routed task."));
+    }
+
     void texts() {
         auto view = orchestrator();
         QCOMPARE(view->activeLine(), QStringLiteral("0 ACTIVE · 4 MAX"));

@@ -192,7 +192,7 @@ def anthropic_messages(raw):
     max_output = body.integer("max_tokens", minimum=1, maximum=MAX_OUTPUT_TOKENS)
     messages = body.array("messages")
     stream = bool(body.boolean("stream", required=False))
-    tools = _anthropic_tools(body.array("tools", required=False) or [])
+    tools = anthropic_request_tools(body.array("tools", required=False) or [])
     _only_automatic_tool_choice(raw, ({"type": "auto"},))
     system = raw.get("system")
     instructions = [] if system is None else [text_of(system, "system")]
@@ -212,7 +212,7 @@ def anthropic_messages(raw):
                          stream)
 
 
-def _anthropic_tools(tools):
+def anthropic_request_tools(tools):
     return _typed_tools(tools, (None, "custom"), "input_schema", "custom")
 
 
@@ -276,7 +276,7 @@ def openai_responses(raw):
     body = Body(raw)
     model = body.string("model", non_empty=True, max_length=MAX_NAME)
     stream = bool(body.boolean("stream", required=False))
-    tools = _responses_tools(body.array("tools", required=False) or [])
+    tools = responses_request_tools(body.array("tools", required=False) or [])
     _only_automatic_tool_choice(raw, ("auto",))
     instructions = body.string("instructions", required=False, max_length=MAX_INPUT_CHARACTERS)
     given = raw.get("input")
@@ -290,7 +290,7 @@ def openai_responses(raw):
     return CallerRequest(model, instructions, turns, tools, _max_output(body, "max_output_tokens"), stream)
 
 
-def _responses_tools(tools):
+def responses_request_tools(tools):
     return _typed_tools(tools, ("function",), "parameters", "function")
 
 
