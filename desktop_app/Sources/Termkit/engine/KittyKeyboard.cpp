@@ -1,5 +1,7 @@
 #include "Termkit/engine/KittyKeyboard.h"
 
+#include "Termkit/buffer/Utf8.h"
+
 #include <algorithm>
 #include <array>
 
@@ -38,24 +40,6 @@ bool isEnterTabBackspace(Key key) {
 
 bool isKeypadKey(Key key) {
     return isBetween(key, Key::keypad0, Key::keypadBegin);
-}
-
-void appendUtf8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
 }
 
 // The scalars of UTF-8 text; a malformed byte stands for itself, which is all a report needs.
@@ -126,8 +110,8 @@ std::optional<std::string> legacyTextKeySequence(const KittyKeyEvent& event) {
     if (event.text && !event.text->empty() && !KittyKeyboardEncoder::containsControlScalars(*event.text))
         text = *event.text;
     else if (scalar != nullptr)
-        appendUtf8(text,
-                   (event.modifiers & Mods::shift) != 0 && event.shiftedKey ? *event.shiftedKey : *scalar);
+        appendUtf8((event.modifiers & Mods::shift) != 0 && event.shiftedKey ? *event.shiftedKey : *scalar,
+                   text);
     if (text.empty())
         return std::nullopt;
     return prefix + text;

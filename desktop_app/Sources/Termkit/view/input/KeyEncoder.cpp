@@ -1,5 +1,6 @@
 #include "Termkit/view/input/KeyEncoder.h"
 
+#include "Termkit/buffer/Utf8.h"
 #include "Termkit/view/input/EscapeSequences.h"
 
 namespace termkit::KeyEncoder {
@@ -8,23 +9,9 @@ namespace es = EscapeSequences;
 
 namespace {
 
-std::string utf8(char32_t c) {
+std::string utf8Of(char32_t scalar) {
     std::string out;
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
+    appendUtf8(scalar, out);
     return out;
 }
 
@@ -127,7 +114,7 @@ std::optional<std::string> textKey(const KeyPress& press, const InputModes& mode
         if (!press.text.empty() && static_cast<unsigned char>(press.text[0]) >= 0x20)
             return prefix + press.text;
         if (press.baseCharacter != 0)
-            return prefix + utf8(press.baseCharacter);
+            return prefix + utf8Of(press.baseCharacter);
     }
     if (press.text.empty())
         return std::nullopt;
