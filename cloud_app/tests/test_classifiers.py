@@ -16,12 +16,14 @@ TAGS = {"difficulty_tier": "expert", "task_family": "coding"}
 # How long a test waits for tagging that runs in the background.
 TAGGING_WAIT_SECONDS = 20
 POLL_SECONDS = 0.05
-TAGGER_DELAY_SECONDS = 0.3
+QUIET_SECONDS = 1.0
+# Long beside the few milliseconds the pending row takes to appear after the caller's answer.
+TAGGER_DELAY_SECONDS = 2.0
 
 
 class ClassifierTestCase(RouterTestCase):
-    # A repeatable sample.
-    extra_env = {"MERE_RELAY_CLASSIFIER_SEED": "7"}
+    # A repeatable sample; a provider may be silent long enough for a slow tagging lane.
+    extra_env = {"MERE_RELAY_CLASSIFIER_SEED": "7", "MERE_RELAY_UPSTREAM_READ_SECONDS": "10"}
 
     @classmethod
     def make_lanes(cls, fake):
@@ -58,6 +60,30 @@ class ClassifierTestCase(RouterTestCase):
     def activity(self):
         status, rows, _ = self.call("GET", "v1/classifiers/activity")
         self.assertEqual(status, 200, rows)
+        return rows
+
+    def rows(self, count):
+        """The activity once it holds `count` rows, whatever their status."""
+        deadline = time.monotonic() + TAGGING_WAIT_SECONDS
+        while len(rows := self.activity()) < count:
+            if time.monotonic() > deadline:
+                self.fail(f"no {count} activity rows: {rows}")
+            time.sleep(POLL_SECONDS)
+        return rows
+
+    def quiet(self):
+        """The activity once sampling and tagging are over: nothing pending, and no new row for
+        QUIET_SECONDS (samples are recorded just after their answers, off the callers' path)."""
+        deadline = time.monotonic() + TAGGING_WAIT_SECONDS
+        rows, stable_since = self.activity(), time.monotonic()
+        while time.monotonic() - stable_since < QUIET_SECONDS or any(row["status"] == "pending" for row in rows):
+            if time.monotonic() > deadline:
+                self.fail(f"tagging did not settle: {rows}")
+            time.sleep(POLL_SECONDS)
+            now = self.activity()
+            if len(now) != len(rows) or any(row["status"] == "pending" for row in now):
+                stable_since = time.monotonic()
+            rows = now
         return rows
 
     def settled(self, count):
@@ -123,11 +149,13 @@ class ClassifierRecordsTest(ClassifierTestCase):
 class TaggingTest(ClassifierTestCase):
     def test_a_sampled_generation_is_tagged_after_the_caller_has_its_answer(self):
         classifier = self.classifier()
-        # The tagging lane is slow (within the silence the relay allows a provider here): the
-        # caller's answer must not wait for it.
+        # The tagging lane is slow: the caller's answer must not wait for it, so the sample is
+        # still pending once it shows (it is recorded just after the answer, off its path).
         self.tagger_reply = lambda: Reply(text=json.dumps(TAGS), first_byte_delay=TAGGER_DELAY_SECONDS)
+        started = time.monotonic()
         answer = self.complete("Refactor the parser. SECRET-PROMPT-WORDS")
-        [pending] = self.activity()
+        self.assertLess(time.monotonic() - started, TAGGER_DELAY_SECONDS)
+        [pending] = self.rows(1)
         self.assertEqual((pending["status"], pending["generation_id"], pending["classifier_id"]),
                          ("pending", answer["id"], classifier["id"]))
         [row] = self.settled(1)
@@ -137,7 +165,8 @@ class TaggingTest(ClassifierTestCase):
         [listed] = self.call("GET", "v1/classifiers")[1]["data"]
         self.assertEqual(listed["coverage"], {"pending": 0, "succeeded": 1, "failed": 0})
         # The tagging call saw the conversation with its taxonomy, and was itself not tagged.
-        [tagging] = [request for request in self.fake.model_requests() if request.body["model"] == "tagger-model"]
+        [tagging] = [request for request in self.fake.model_requests() if request.body["model"] == "tagger-model"
+                     and "SECRET-PROMPT-WORDS" in json.dumps(request.body)]
         system = tagging.body["messages"][0]["content"]
         self.assertIn("difficulty_tier (Difficulty): trivial | standard | expert", system)
         self.assertIn("SECRET-PROMPT-WORDS", tagging.body["messages"][1]["content"])
@@ -180,16 +209,13 @@ class TaggingTest(ClassifierTestCase):
         self.classifier(sampling_rate=0.0)
         for _ in range(5):
             self.complete()
-        self.assertEqual(self.activity(), [])
+        self.assertEqual(self.quiet(), [])
 
     def test_a_quarter_of_a_hundred_generations_is_tagged_within_the_stated_bound(self):
         classifier = self.classifier(sampling_rate=0.25)
         for _ in range(100):
             self.complete()
-        deadline = time.monotonic() + TAGGING_WAIT_SECONDS
-        while any(row["status"] == "pending" for row in self.activity()) and time.monotonic() < deadline:
-            time.sleep(POLL_SECONDS)
-        rows = self.activity()
+        rows = self.quiet()
         # The sampled count is Binomial(100, 0.25): mean 25, standard deviation 4.3. Within
         # 12 of the mean is nearly three deviations: a sampler that is off shows, chance does not.
         self.assertLessEqual(abs(len(rows) - 25), 12, len(rows))

@@ -30,8 +30,9 @@ class RouterTestCase(RelayTestCase):
     @classmethod
     def setUpClass(cls):
         cls.fake = FakeProvider(expected_key=FAKE_KEY).start()
-        cls.relay_env = dict(inventory_env(cls.make_lanes(cls.fake)), **cls.extra_env,
+        cls.relay_env = dict(inventory_env(cls.make_lanes(cls.fake)),
                              MERE_RELAY_UPSTREAM_READ_SECONDS=SILENCE_SECONDS, MERE_RELAY_ROUTER_SIGNALS_SECONDS="0")
+        cls.relay_env.update(cls.extra_env)
         super().setUpClass()
 
     @classmethod
