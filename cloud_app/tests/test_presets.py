@@ -7,7 +7,7 @@ import threading
 import unittest
 
 import support  # noqa: F401
-from fake_provider import FakeProvider, Reply, failure
+from fake_provider import FakeProvider, failure
 from router_support import FAKE_KEY, inventory_env, lane
 from support import GATEWAY_KEY, RelayTestCase
 

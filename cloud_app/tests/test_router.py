@@ -6,7 +6,6 @@ import json
 import os
 import socket
 import sqlite3
-import time
 import unittest
 
 import support

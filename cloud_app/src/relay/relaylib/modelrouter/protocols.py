@@ -11,7 +11,7 @@ import itertools
 import json
 
 from . import conversation
-from .lanes import ANTHROPIC_MESSAGES, OPENAI_CHAT, OPENAI_RESPONSES
+from .lanes import ANTHROPIC_MESSAGES, OPENAI_CHAT
 
 ANTHROPIC_VERSION = "2023-06-01"
 
