@@ -108,6 +108,7 @@ def insert(conn, rng, words, weights, characters, source=""):
                  "updated_at) VALUES (:id, :user_id, :project, :title, :content, :source, :now, :now)",
                  {"id": item_id, "project": PROJECT, "title": text_of(rng, words, weights, 30),
                   "content": text_of(rng, words, weights, characters), "source": source, "now": time.time()})
+    contextpack.record_length(conn, item_id)
     return item_id
 
 
@@ -168,6 +169,7 @@ def main():
                 conn.execute("UPDATE context_items SET content = :content, updated_at = :now "
                              "WHERE id = :id AND user_id = :user_id", {"id": guide, "content": content,
                                                                       "now": time.time()})
+                contextpack.record_length(conn, guide)
             replaces.append((time.perf_counter() - began) * 1000)
             began = time.perf_counter()
             with db.write_as(USER) as conn:

@@ -165,6 +165,28 @@ class TerminalIsolationTest(TwoUsersTestCase):
         self.assertNotIn("ended_at", transcript)
 
 
+class ContextRankingIsolationTest(TwoUsersTestCase):
+    def test_another_users_items_never_change_the_order_of_a_pack(self):
+        # Two items that tie within Alice's project: the newer comes first. Were the ranking's
+        # statistics the whole relay's, Bob's many items holding "beta" would make it the
+        # commoner word and put "Alpha" first, telling Alice something of Bob's notes.
+        project = self.call("POST", "v1/projects", {"name": "ranked", "root_path": "/srv/ranked"})[1]
+        for title, content in [("Alpha", "alpha alpha alpha"), ("Beta", "beta beta beta"), ("Other", "gamma")]:
+            self.call("POST", f"v1/projects/{project['id']}/context", {"title": title, "content": content})
+
+        def order():
+            status, answer, _ = self.call("POST", f"v1/projects/{project['id']}/context/pack",
+                                          {"query": "alpha beta", "character_budget": 1000})
+            self.assertEqual(status, 200, answer)
+            return [item["title"] for item in answer["items"]]
+
+        self.assertEqual(order(), ["Beta", "Alpha"])
+        bobs = self.as_bob("POST", "v1/projects", {"name": "bob's", "root_path": "/srv/bobs"})[1]
+        for n in range(40):
+            self.as_bob("POST", f"v1/projects/{bobs['id']}/context", {"title": f"B{n}", "content": "beta notes"})
+        self.assertEqual(order(), ["Beta", "Alpha"])
+
+
 class ProjectIsolationTest(TwoUsersTestCase):
     def test_projects_and_context_belong_to_their_owner(self):
         project = self.call("POST", "v1/projects", {"name": "shared", "root_path": "/srv/shared"})[1]

@@ -2,13 +2,16 @@
 against a fake provider on loopback."""
 
 import concurrent.futures
+import json
 import sqlite3
 import threading
 import unittest
+import urllib.request
 
 import support  # noqa: F401
-from fake_provider import FakeProvider, failure
+from fake_provider import FakeProvider, Reply, failure
 from router_support import FAKE_KEY, inventory_env, lane
+from relaylib.modelrouter import middle_out
 from support import GATEWAY_KEY, RelayTestCase
 
 PRESET_KEYS = ["id", "name", "slug", "status", "designated_version_id", "created_at", "updated_at",
@@ -192,7 +195,11 @@ class PresetCompletionTest(PresetTestCase):
                  lane("slow", cls.fake.openai_base_url, quality=60, upstream_model="slow-upstream"),
                  lane("best", cls.fake.openai_base_url, quality=99, upstream_model="best-upstream"),
                  lane("flexible", cls.fake.openai_base_url, quality=50, upstream_model="flex-upstream",
-                      service_tier="flex")]
+                      service_tier="flex"),
+                 lane("narrow", cls.fake.openai_base_url, quality=40, upstream_model="narrow-upstream",
+                      context_window=400),
+                 lane("wide", cls.fake.openai_base_url, quality=30, upstream_model="wide-upstream",
+                      context_window=1000)]
         cls.relay_env = dict(inventory_env(lanes), MERE_RELAY_UPSTREAM_READ_SECONDS="2",
                              MERE_RELAY_ROUTER_SIGNALS_SECONDS="0")
         super().setUpClass()
@@ -293,6 +300,73 @@ class PresetCompletionTest(PresetTestCase):
         self.assertError(answer, status, 400, "preset and model name two different presets")
         status, answer, _ = self.complete(model="auto")
         self.assertError(answer, status, 400, "max_output_tokens is required")
+
+    def test_context_compression_keeps_the_start_and_the_end_sized_for_each_lane(self):
+        prompt = "START of the task. " + "middle filler words " * 400 + "the END of the task."
+        plain = dict(FULL, model="narrow", models=["narrow", "wide"], plugins=[], response_format=None,
+                     quillmere_clear_fields=["plugins", "response_format"])
+        self.capture("uncut", plain)
+        status, answer, _ = self.complete(preset="uncut", input=prompt, max_output_tokens=100)
+        self.assertError(answer, status, 422)
+        self.assertEqual(self.fake.model_requests(), [])
+
+        self.capture("squeezed", dict(plain, plugins=[{"id": "context-compression"}]))
+        self.fake.script(failure(500))
+        status, answer, _ = self.complete(preset="squeezed", input=prompt, max_output_tokens=100)
+        self.assertEqual(status, 200, answer)
+        self.assertEqual([attempt["model_id"] for attempt in answer["attempts"]], ["narrow", "wide"])
+        sent = [request.body["messages"][-1]["content"] for request in self.fake.model_requests()]
+        for text, window in zip(sent, (400, 1000)):
+            self.assertTrue(text.startswith("START of the task."), text[:40])
+            self.assertTrue(text.endswith("the END of the task."), text[-40:])
+            self.assertIn("characters left out here to fit the model's context window", text)
+            instructions = len("You review code.".encode("utf-8"))
+            room = (window - 100 - -(-instructions // middle_out.BYTES_PER_TOKEN)) * middle_out.BYTES_PER_TOKEN
+            self.assertLessEqual(len(text.encode("utf-8")), room)
+        # The wider lane got more of the prompt than the narrow one.
+        self.assertGreater(len(sent[1]), len(sent[0]))
+        # A prompt that fits goes as it is.
+        self.fake.reset()
+        status, answer, _ = self.complete(preset="squeezed", input="A short task.", max_output_tokens=100)
+        self.assertEqual(status, 200, answer)
+        self.assertEqual(self.sent()["messages"][-1]["content"], "A short task.")
+
+    def test_response_healing_repairs_a_whole_json_answer_only(self):
+        broken = "Here you go:\n```json\n{'verdict': 'approve', \"notes\": [\"ok\",],}\n```"
+        self.capture("healer", dict(FULL, plugins=[{"id": "response-healing"}]))
+        self.fake.script(Reply(text=broken))
+        status, answer, _ = self.complete(preset="healer")
+        self.assertEqual(status, 200, answer)
+        self.assertEqual(answer["output"], '{"verdict": "approve", "notes": ["ok"]}')
+        # Without the plugin, or with a plain text format, the answer is left as it came.
+        self.capture("plain-json", dict(FULL, plugins=[]))
+        self.capture("plain-text", dict(FULL, response_format=None, quillmere_clear_fields=["response_format"],
+                                        plugins=[{"id": "response-healing"}]))
+        for slug in ("plain-json", "plain-text"):
+            self.fake.script(Reply(text=broken))
+            status, answer, _ = self.complete(preset=slug)
+            self.assertEqual((status, answer["output"]), (200, broken), slug)
+        # A streamed answer has reached the caller piece by piece already: never rewritten.
+        status, created, _ = self.call("POST", "v1/router/api-keys", GATEWAY_KEY)
+        self.assertEqual(status, 200, created)
+        self.fake.script(Reply(text=broken))
+        request = urllib.request.Request(
+            f"http://127.0.0.1:{self.relay.port}/v1/chat/completions", method="POST",
+            data=json.dumps({"model": "@preset/healer", "stream": True,
+                             "messages": [{"role": "user", "content": "Review."}]}).encode(),
+            headers={"Authorization": f"Bearer {created['key']}", "Content-Type": "application/json"})
+        with urllib.request.urlopen(request, timeout=30) as streamed:
+            events = [json.loads(line[6:]) for line in streamed
+                      if line.startswith(b"data: ") and line.strip() != b"data: [DONE]"]
+        text = "".join(event["choices"][0]["delta"].get("content") or "" for event in events if event.get("choices"))
+        self.assertEqual(text, broken)
+        # Not streamed, the gateway's answer is healed too.
+        self.fake.script(Reply(text=broken))
+        status, answer, _ = self.call("POST", "v1/chat/completions",
+                                      {"model": "@preset/healer", "messages": [{"role": "user", "content": "Review."}]},
+                                      token=None, headers={"Authorization": f"Bearer {created['key']}"})
+        self.assertEqual(status, 200, answer)
+        self.assertEqual(answer["choices"][0]["message"]["content"], '{"verdict": "approve", "notes": ["ok"]}')
 
     def test_a_request_during_designations_sees_one_whole_version(self):
         old = dict(FULL, model="fast", models=None, messages=[{"role": "system", "content": "OLD rules"}],

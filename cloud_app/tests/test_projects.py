@@ -159,6 +159,25 @@ class ContextTest(RelayTestCase):
         self.assertEqual(self.titles(answer), ["Mine"])
         self.assertNotIn("Secret", answer["content"])
 
+    def test_ranking_counts_only_this_projects_items(self):
+        self.save("Alpha", "alpha alpha alpha")
+        self.save("Beta", "beta beta beta")
+        self.assertEqual(self.titles(self.pack("alpha beta")), ["Beta", "Alpha"])
+        other = self.call("POST", "v1/projects", {"name": "other", "root_path": f"/work/{self.id()}-other"})[1]
+        for n in range(30):
+            self.call("POST", f"v1/projects/{other['id']}/context", {"title": f"O{n}", "content": "beta"})
+        self.assertEqual(self.titles(self.pack("alpha beta")), ["Beta", "Alpha"])
+        # Within the project, a rarer word weighs more: now "beta" is the common one.
+        for n in range(3):
+            self.save(f"Also beta {n}", "beta and other words")
+        self.assertEqual(self.titles(self.pack("alpha beta"))[0], "Alpha")
+
+    def test_a_shorter_item_with_the_same_hits_ranks_first(self):
+        self.save("Short", "The parser reads tokens.")
+        # Longer than a one-byte size record, and newer, which would win a tie.
+        self.save("Long", "The parser " + " ".join(f"word{n}" for n in range(300)))
+        self.assertEqual(self.titles(self.pack("parser")), ["Short", "Long"])
+
     def test_best_first_then_the_next_is_cut_at_a_word_with_a_mark(self):
         self.save("Parser guide", "parser " * 10 + "tokens and grammar.")
         long_text = " ".join(f"filler{n}" for n in range(400))

@@ -9,7 +9,7 @@ import types
 import unittest
 
 import support  # noqa: F401  (puts the relay on the import path)
-from relaylib import clock, config, contextpack, hub, jsonio, routing, totp, trust
+from relaylib import clock, config, contextpack, hub, jsonio, migrations, routing, totp, trust
 from relaylib.auth import Auth, is_loopback, RateLimiter
 from relaylib.db import Database
 from relaylib.errors import ApiError
@@ -336,6 +336,15 @@ class ContextPackTest(unittest.TestCase):
     def assemble(self, items, budget):
         return contextpack.assemble(iter(items), budget)
 
+    def test_query_words_are_looked_up_in_the_index_s_own_form(self):
+        self.assertEqual(contextpack.index_terms(["Deploying", "deploys", "Café"]), ["deploi", "cafe"])
+        self.assertEqual(contextpack.index_terms([]), [])
+        self.assertIn(f"tokenize='{contextpack.TOKENIZER}'", migrations.CONTEXT_SEARCH)
+
+    def test_size_records_are_sqlite_varints(self):
+        self.assertEqual(migrations.sqlite_varints(bytes([5, 0x81, 0x2C, 0]), 3), [5, 172, 0])
+        self.assertEqual(migrations.sqlite_varints(bytes([0xFF] * 8 + [0x01]), 1), [(1 << 64) - 255])
+
     def test_query_terms_drop_stop_words_and_repeats_and_stop_at_the_cap(self):
         self.assertEqual(contextpack.query_terms("How do WE test the tests, test?"), ["do", "test", "tests"])
         self.assertEqual(contextpack.query_terms("the and of a"), [])
@@ -396,6 +405,32 @@ class ContextPackTest(unittest.TestCase):
             with new.read() as conn:
                 self.assertEqual(conn.execute("SELECT count(*) FROM context_search WHERE context_search "
                                               "MATCH 'index'").fetchone()[0], 0)
+        finally:
+            new.close()
+
+    def test_items_saved_before_lengths_were_kept_get_them_from_the_index(self):
+        from relaylib.migrations import MIGRATIONS
+        folder = tempfile.mkdtemp(prefix="relay-tokens-")
+        path = os.path.join(folder, "relay.db")
+        old = Database(path, migrations=[entry for entry in MIGRATIONS if entry[0] < 12])
+        long_text = " ".join(f"word{n}" for n in range(200)) + " parser"
+        with old.write() as conn:
+            conn.execute("INSERT INTO users VALUES ('usr_00aa', 'a@example.com', '2026', NULL, NULL)")
+            conn.execute("INSERT INTO projects (id, user_id, name, root_path, created_at, updated_at) "
+                         "VALUES ('prj_11bb', 'usr_00aa', 'p', '/p', 0, 0)")
+            for id_, title, content in [("c1", "Short", "The parser."), ("c2", "Long", long_text)]:
+                conn.execute("INSERT INTO context_items (id, user_id, project_id, title, content, source, "
+                             "created_at, updated_at) VALUES (?, 'usr_00aa', 'prj_11bb', ?, ?, '', 0, 0)",
+                             (id_, title, content))
+        old.close()
+        new = Database(path)
+        try:
+            with new.read() as conn:
+                tokens = dict(conn.execute("SELECT id, tokens FROM context_items").fetchall())
+            self.assertEqual(tokens, {"c1": 1 + 2, "c2": 1 + 201})
+            with new.read_as("usr_00aa") as conn:
+                answer = contextpack.build(conn, "prj_11bb", "parser", 5000)
+            self.assertEqual([item["id"] for item in answer["items"]], ["c1", "c2"])
         finally:
             new.close()
 

@@ -122,6 +122,7 @@ class Projects:
                 conn.execute("INSERT INTO context_items (id, user_id, project_id, title, content, source, "
                              "created_at, updated_at) VALUES (:id, :user_id, :project, :title, :content, :source, "
                              ":now, :now)", item)
+            contextpack.record_length(conn, item["id"])
             conn.execute("UPDATE projects SET updated_at = :now WHERE id = :project AND user_id = :user_id", item)
             row = conn.execute("SELECT * FROM context_items WHERE id = :id AND user_id = :user_id", item).fetchone()
         return item_json(row)

@@ -21,7 +21,7 @@ from ..cli_status import CliInspector
 from ..config import HEALTH_WINDOW
 from ..errors import ApiError, bad_request, not_found
 from ..jsonio import Body
-from . import conversation, ledger, protocols, scoring
+from . import conversation, json_healing, ledger, middle_out, protocols, scoring
 from .calls import attempt
 from .caller_requests import MAX_INPUT_CHARACTERS, MAX_NAME, MAX_OUTPUT_TOKENS, chat_tools
 from .guardrails import zdr_group
@@ -44,11 +44,17 @@ ALL_FAILED_STATUS = 502
 
 @dataclasses.dataclass(frozen=True)
 class AppliedRoute:
-    """What a preset sets beside the model: the provider sort, the service tier, and the
-    sampling and format parameters sent to the provider."""
+    """What a preset sets beside the model: the provider sort, the service tier, the sampling
+    and format parameters sent to the provider, and the plugins that transform the prompt or the
+    answer (`middle_out`, `json_healing`)."""
     sort_by: str | None = None
     tier: str | None = None
     parameters: dict = dataclasses.field(default_factory=dict)
+    plugins: tuple = ()
+
+    @classmethod
+    def of(cls, preset):
+        return cls(preset.provider_sort, preset.service_tier, preset.parameters(), preset.plugins)
 
 
 def _new_id(prefix):
@@ -235,7 +241,7 @@ class ModelRouter:
             instructions = presets.joined_instructions(chosen.instructions, instructions)
             max_output = max_output or chosen.max_output_tokens
             tools = tools or chosen.tools
-            applied = AppliedRoute(chosen.provider_sort, chosen.service_tier, chosen.parameters())
+            applied = AppliedRoute.of(chosen)
         if max_output is None:
             raise bad_request("max_output_tokens is required")
         key, instructions, turns = await self.app.gateway.guard(request, instructions, protocols.turns_of(text))
@@ -260,16 +266,24 @@ class ModelRouter:
         false (a classifier's own call)."""
         applied = applied or AppliedRoute()
         size = prompt_bytes(text) + len((instructions or "").encode("utf-8"))
+        compress = middle_out.PLUGIN in applied.plugins
         route = scoring.RouteRequest(task=task, input_tokens=max(1, size // BYTES_PER_TOKEN_ESTIMATE),
                                      output_tokens=max_output, channel="api", tools=tools, project_id=project_id,
-                                     sort_by=applied.sort_by if applied.sort_by in scoring.SORTS else None)
+                                     sort_by=applied.sort_by if applied.sort_by in scoring.SORTS else None,
+                                     compressible=compress)
         started = time.monotonic()
         user_id = request.user_id
         on_ledger = self.app.ledger_workers.run
         generation_id = generation_id or new_generation_id()
 
+        def prompt_for(lane):
+            """The prompt as this lane gets it: compressed to its window when the preset asks."""
+            if not compress:
+                return text
+            return middle_out.fit(text, middle_out.room(lane, instructions, max_output, tools))
+
         def worst(lane):
-            return lane.cost(worst_case_input(lane, text, instructions, max_output, tools), max_output)
+            return lane.cost(worst_case_input(lane, prompt_for(lane), instructions, max_output, tools), max_output)
 
         decision, record, reservation = await on_ledger(self._route_completion, user_id, route, model, worst, gateway_key,
                                                         applied.tier)
@@ -302,8 +316,12 @@ class ModelRouter:
                     attempts.append(_attempt_row(generation_id, seq, lane, project_id, "refused", "budget_exceeded", 0))
                     continue
                 forward = None if on_delta is None else functools.partial(on_delta, lane)
-                result = await attempt(self.app.upstream, lane, key, text, instructions, max_output, tools, remaining,
-                                       on_delta=forward, parameters=applied.parameters)
+                result = await attempt(self.app.upstream, lane, key, prompt_for(lane), instructions, max_output, tools,
+                                       remaining, on_delta=forward, parameters=applied.parameters)
+                if result.outcome is not None and json_healing.applies(applied.plugins, applied.parameters,
+                                                                       streamed=on_delta is not None):
+                    healed = json_healing.heal(result.outcome.text)
+                    result = dataclasses.replace(result, outcome=dataclasses.replace(result.outcome, text=healed))
                 row = _result_row(generation_id, seq, lane, project_id, result, tools)
                 attempts.append(row)
                 final = row["status"] == "succeeded" or result.failure in protocols.NOT_RETRYABLE \

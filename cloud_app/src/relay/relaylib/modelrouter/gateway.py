@@ -165,7 +165,7 @@ class Gateway:
         chosen = await request.run(self.router.preset_of, request.user_id, None, asked.model)
         return (chosen.models or "auto", presets.joined_instructions(chosen.instructions, asked.instructions),
                 asked.tools or chosen.tools,
-                AppliedRoute(chosen.provider_sort, chosen.service_tier, chosen.parameters()))
+                AppliedRoute.of(chosen))
 
     def _filter(self, user_id, key, instructions, turns):
         filtered = apply_filters(key["content_filters"], instructions, turns)

@@ -67,6 +67,8 @@ class RouteRequest:
     preferred_min_throughput: float | None = None
     tools: list | None = None
     project_id: str | None = None
+    # The prompt is cut to each lane's window (context compression): only the answer must fit.
+    compressible: bool = False
 
 
 @dataclasses.dataclass
@@ -124,7 +126,11 @@ def _rejection(lane, request, policy, signals, readiness, needed, cost_cap):
     missing = [name for name in needed if name not in lane.capabilities]
     if missing:
         return "lacks " + ", ".join(missing)
-    if request.input_tokens + request.output_tokens > lane.context_window:
+    if request.compressible:
+        too_small = request.output_tokens >= lane.context_window
+    else:
+        too_small = request.input_tokens + request.output_tokens > lane.context_window
+    if too_small:
         return f"context window of {lane.context_window} tokens is too small"
     if readiness.get(lane.id):
         return "not ready: " + readiness[lane.id]
