@@ -5,7 +5,7 @@ import json
 import unittest
 
 import support  # noqa: F401  (puts the relay on the path)
-from relaylib.modelrouter import json_healing, middle_out
+from relaylib.modelrouter import conversation, json_healing, middle_out
 
 
 def turn(role, content, **fields):
@@ -36,7 +36,7 @@ class MiddleOutTest(unittest.TestCase):
         turns = [turn("user", "the original task")] + [turn("user" if n % 2 else "assistant", f"step {n} " * 20)
                                                         for n in range(1, 20)] + [turn("user", "the latest ask")]
         fitted = middle_out.fit(turns, 600)
-        self.assertLessEqual(middle_out.size(fitted), 600)
+        self.assertLessEqual(conversation.prompt_bytes(fitted), 600)
         self.assertEqual(fitted[0], turns[0])
         self.assertEqual(fitted[-1], turns[-1])
         self.assertEqual(fitted[1:], turns[len(turns) - len(fitted) + 1:])
@@ -48,8 +48,8 @@ class MiddleOutTest(unittest.TestCase):
         turns = [turn("user", "task"), turn("user", "old " * 100), call,
                  turn("tool", "result one " * 10, tool_call_id="c1"), turn("tool", "result two " * 10, tool_call_id="c2"),
                  turn("user", "go on")]
-        whole = middle_out.size(turns[2:])
-        for limit in range(middle_out.size([turns[0], turns[-1]]) + 1, whole + 10, 7):
+        whole = conversation.prompt_bytes(turns[2:])
+        for limit in range(conversation.prompt_bytes([turns[0], turns[-1]]) + 1, whole + 10, 7):
             fitted = middle_out.fit(turns, limit)
             tool_ids = [t["tool_call_id"] for t in fitted if t["role"] == "tool"]
             calls = [c["id"] for t in fitted for c in t.get("tool_calls", [])]
@@ -58,7 +58,7 @@ class MiddleOutTest(unittest.TestCase):
     def test_first_and_last_turns_too_large_are_cut_in_their_middles(self):
         turns = [turn("user", "S" * 2000), turn("assistant", "x"), turn("user", "E" * 2000)]
         fitted = middle_out.fit(turns, 1000)
-        self.assertLessEqual(middle_out.size(fitted), 1000)
+        self.assertLessEqual(conversation.prompt_bytes(fitted), 1000)
         self.assertEqual([t["role"] for t in fitted], ["user", "user"])
         self.assertTrue(fitted[0]["content"].startswith("S") and fitted[1]["content"].endswith("E"))
         self.assertEqual(turns[0]["content"], "S" * 2000)  # the caller's conversation is not changed

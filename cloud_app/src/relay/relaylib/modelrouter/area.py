@@ -265,7 +265,7 @@ class ModelRouter:
         generation is offered to `generation_listeners` (usage classifiers) unless `classify` is
         false (a classifier's own call)."""
         applied = applied or AppliedRoute()
-        size = prompt_bytes(text) + len((instructions or "").encode("utf-8"))
+        size = conversation.prompt_bytes(text) + len((instructions or "").encode("utf-8"))
         compress = middle_out.PLUGIN in applied.plugins
         route = scoring.RouteRequest(task=task, input_tokens=max(1, size // BYTES_PER_TOKEN_ESTIMATE),
                                      output_tokens=max_output, channel="api", tools=tools, project_id=project_id,
@@ -532,13 +532,6 @@ def _generation_row(generation_id, record, route, answer, attempts, started, req
             "zero_completion_insured": int(any(row["insured"] for row in attempts)),
             "error_code": None if answer else (last["error_code"] if last else "no_lane_tried"),
             "request_id": request_id, "tools_declared": int(bool(route.tools)), "created_at": clock.now()}
-
-
-def prompt_bytes(text):
-    """The size of a prompt or a conversation's texts (tool calls' arguments included)."""
-    if isinstance(text, str):
-        return len(text.encode("utf-8"))
-    return sum(len(piece.encode("utf-8")) for piece in conversation.texts_of(text))
 
 
 def key_allows(key, lane):

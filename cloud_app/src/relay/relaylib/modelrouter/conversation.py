@@ -46,6 +46,14 @@ def texts_of(turns):
             yield call["arguments"]
 
 
+def prompt_bytes(text):
+    """The size in bytes of a prompt, or of a conversation's texts (tool calls' arguments
+    included)."""
+    if isinstance(text, str):
+        return len(text.encode("utf-8"))
+    return sum(len(piece.encode("utf-8")) for piece in texts_of(text))
+
+
 # To providers.
 
 def anthropic_messages(turns):

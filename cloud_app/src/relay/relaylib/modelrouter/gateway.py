@@ -11,8 +11,8 @@ from .. import clock, presets
 from ..errors import ApiError, bad_request
 from ..web import EventStream
 from . import caller_answers, caller_requests, conversation
-from .area import (BYTES_PER_TOKEN_ESTIMATE, AppliedRoute, ModelRouter, key_allows, new_generation_id,
-                   prompt_bytes)
+from .area import BYTES_PER_TOKEN_ESTIMATE, AppliedRoute, ModelRouter, key_allows, new_generation_id
+from .conversation import prompt_bytes
 from .gatewaykeys import count_guardrail_events
 from .guardrails import apply_filters
 from .ratelimit import KeyRateLimiter

@@ -26,17 +26,10 @@ def room(lane, instructions, max_output_tokens, tools):
     return max(0, tokens * BYTES_PER_TOKEN)
 
 
-def size(text):
-    """A prompt's or a conversation's bytes, as `room` counts them."""
-    if isinstance(text, str):
-        return len(text.encode("utf-8"))
-    return sum(len(piece.encode("utf-8")) for piece in conversation.texts_of(text))
-
-
 def fit(text, limit):
     """`text` (a prompt or a conversation) itself when it fits in `limit` bytes, else its
     middle-out compression."""
-    if size(text) <= limit:
+    if conversation.prompt_bytes(text) <= limit:
         return text
     if isinstance(text, str):
         return cut_middle(text, limit)
@@ -76,13 +69,13 @@ def _units(turns):
 def _fit_turns(turns, limit):
     units = _units(turns)
     first, rest = units[0], units[1:]
-    used = size(first)
+    used = conversation.prompt_bytes(first)
     kept = []
     for unit in reversed(rest):
-        if used + size(unit) > limit:
+        if used + conversation.prompt_bytes(unit) > limit:
             break
         kept.insert(0, unit)
-        used += size(unit)
+        used += conversation.prompt_bytes(unit)
     if not kept and rest:
         kept = [rest[-1]]
     chosen = [turn for unit in [first] + kept for turn in unit]
@@ -94,7 +87,7 @@ def _cut_turns(turns, limit):
     the conversation fit), so a long first turn and a long last turn both keep their ends."""
     turns = [dict(turn) for turn in turns]
     sizes = [len(turn["content"].encode("utf-8")) for turn in turns]
-    budget = limit - (size(turns) - sum(sizes))  # tool call arguments are never cut
+    budget = limit - (conversation.prompt_bytes(turns) - sum(sizes))  # tool call arguments are never cut
     if sum(sizes) <= budget:
         return turns
     cap, remaining, left = 0, max(0, budget), len(sizes)
