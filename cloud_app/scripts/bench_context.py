@@ -33,7 +33,7 @@ import uuid
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.normpath(os.path.join(HERE, "..", "src", "relay")))
 
-from relaylib import contextpack  # noqa: E402
+from relaylib import contextindex, contextpack  # noqa: E402
 from relaylib.db import Database  # noqa: E402
 
 BUDGET = 24000
@@ -108,7 +108,7 @@ def insert(conn, rng, words, weights, characters, source=""):
                  "updated_at) VALUES (:id, :user_id, :project, :title, :content, :source, :now, :now)",
                  {"id": item_id, "project": PROJECT, "title": text_of(rng, words, weights, 30),
                   "content": text_of(rng, words, weights, characters), "source": source, "now": time.time()})
-    contextpack.record_length(conn, item_id)
+    contextindex.add(conn, item_id)
     return item_id
 
 
@@ -129,6 +129,7 @@ def main():
             conn.execute("INSERT INTO users VALUES (?, 'bench@example.com', '2026', NULL, NULL)", (USER,))
             conn.execute("INSERT INTO projects (id, user_id, name, root_path, created_at, updated_at) "
                          "VALUES (?, ?, 'bench', '/bench', 0, 0)", (PROJECT, USER))
+            contextindex.build_all(conn)
         started = time.perf_counter()
         for first in range(0, options.items, 500):
             with db.write_as(USER) as conn:
@@ -166,13 +167,15 @@ def main():
             content = text_of(rng, words, weights, options.item_chars)
             began = time.perf_counter()
             with db.write_as(USER) as conn:
+                contextindex.remove(conn, guide)
                 conn.execute("UPDATE context_items SET content = :content, updated_at = :now "
                              "WHERE id = :id AND user_id = :user_id", {"id": guide, "content": content,
                                                                       "now": time.time()})
-                contextpack.record_length(conn, guide)
+                contextindex.add(conn, guide)
             replaces.append((time.perf_counter() - began) * 1000)
             began = time.perf_counter()
             with db.write_as(USER) as conn:
+                contextindex.remove(conn, added)
                 conn.execute("DELETE FROM context_items WHERE id = :id AND user_id = :user_id", {"id": added})
             deletes.append((time.perf_counter() - began) * 1000)
         for name, times in (("insert", inserts), ("replace", replaces), ("delete", deletes)):

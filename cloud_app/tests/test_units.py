@@ -9,7 +9,7 @@ import types
 import unittest
 
 import support  # noqa: F401  (puts the relay on the import path)
-from relaylib import clock, config, contextpack, hub, jsonio, migrations, routing, totp, trust
+from relaylib import clock, config, contextindex, contextpack, hub, jsonio, routing, totp, trust
 from relaylib.auth import Auth, is_loopback, RateLimiter
 from relaylib.db import Database
 from relaylib.errors import ApiError
@@ -336,15 +336,6 @@ class ContextPackTest(unittest.TestCase):
     def assemble(self, items, budget):
         return contextpack.assemble(iter(items), budget)
 
-    def test_query_words_are_looked_up_in_the_index_s_own_form(self):
-        self.assertEqual(contextpack.index_terms(["Deploying", "deploys", "Café"]), ["deploi", "cafe"])
-        self.assertEqual(contextpack.index_terms([]), [])
-        self.assertIn(f"tokenize='{contextpack.TOKENIZER}'", migrations.CONTEXT_SEARCH)
-
-    def test_size_records_are_sqlite_varints(self):
-        self.assertEqual(migrations.sqlite_varints(bytes([5, 0x81, 0x2C, 0]), 3), [5, 172, 0])
-        self.assertEqual(migrations.sqlite_varints(bytes([0xFF] * 8 + [0x01]), 1), [(1 << 64) - 255])
-
     def test_query_terms_drop_stop_words_and_repeats_and_stop_at_the_cap(self):
         self.assertEqual(contextpack.query_terms("How do WE test the tests, test?"), ["do", "test", "tests"])
         self.assertEqual(contextpack.query_terms("the and of a"), [])
@@ -391,48 +382,64 @@ class ContextPackTest(unittest.TestCase):
         with old.write() as conn:
             conn.execute("INSERT INTO users VALUES ('usr_00aa', 'a@example.com', '2026', NULL, NULL)")
             conn.execute("INSERT INTO projects (id, user_id, name, root_path, created_at, updated_at) "
-                         "VALUES ('prj_11bb', 'usr_00aa', 'p', '/p', 0, 0)")
+                         "VALUES ('prj_11bb11bb11bb11bb11bb11bb11bb11bb', 'usr_00aa', 'p', '/p', 0, 0)")
             conn.execute("INSERT INTO context_items (id, user_id, project_id, title, content, source, created_at, "
-                         "updated_at) VALUES ('c1', 'usr_00aa', 'prj_11bb', 'Old note', 'Written before the index.', '', 0, 0)")
+                         "updated_at) VALUES ('c1', 'usr_00aa', 'prj_11bb11bb11bb11bb11bb11bb11bb11bb', 'Old note', 'Written before the index.', '', 0, 0)")
         old.close()
         new = Database(path)
         try:
             with new.read_as("usr_00aa") as conn:
-                answer = contextpack.build(conn, "prj_11bb", "index", 1000)
+                answer = contextpack.build(conn, "prj_11bb11bb11bb11bb11bb11bb11bb11bb", "index", 1000)
             self.assertEqual([item["id"] for item in answer["items"]], ["c1"])
             with new.write_as("usr_00aa") as conn:
-                conn.execute("DELETE FROM projects WHERE id = 'prj_11bb' AND user_id = :user_id")
-            with new.read() as conn:
-                self.assertEqual(conn.execute("SELECT count(*) FROM context_search WHERE context_search "
-                                              "MATCH 'index'").fetchone()[0], 0)
+                conn.execute("DELETE FROM projects WHERE id = 'prj_11bb11bb11bb11bb11bb11bb11bb11bb' AND user_id = :user_id")
+            with new.write() as conn:
+                self.assertEqual(contextindex.drop_orphaned(conn), 1)
         finally:
             new.close()
 
-    def test_items_saved_before_lengths_were_kept_get_them_from_the_index(self):
+    def test_each_project_gets_its_own_index_from_the_one_before(self):
         from relaylib.migrations import MIGRATIONS
-        folder = tempfile.mkdtemp(prefix="relay-tokens-")
+        folder = tempfile.mkdtemp(prefix="relay-split-")
         path = os.path.join(folder, "relay.db")
         old = Database(path, migrations=[entry for entry in MIGRATIONS if entry[0] < 12])
-        long_text = " ".join(f"word{n}" for n in range(200)) + " parser"
+        first, second = "prj_" + "1" * 32, "prj_" + "2" * 32
         with old.write() as conn:
             conn.execute("INSERT INTO users VALUES ('usr_00aa', 'a@example.com', '2026', NULL, NULL)")
-            conn.execute("INSERT INTO projects (id, user_id, name, root_path, created_at, updated_at) "
-                         "VALUES ('prj_11bb', 'usr_00aa', 'p', '/p', 0, 0)")
-            for id_, title, content in [("c1", "Short", "The parser."), ("c2", "Long", long_text)]:
+            for project in (first, second):
+                conn.execute("INSERT INTO projects (id, user_id, name, root_path, created_at, updated_at) "
+                             "VALUES (?, 'usr_00aa', 'p', ?, 0, 0)", (project, "/" + project))
+            for item, project, title in [("c1", first, "Parser notes"), ("c2", second, "Parser too")]:
                 conn.execute("INSERT INTO context_items (id, user_id, project_id, title, content, source, "
-                             "created_at, updated_at) VALUES (?, 'usr_00aa', 'prj_11bb', ?, ?, '', 0, 0)",
-                             (id_, title, content))
+                             "created_at, updated_at) VALUES (?, 'usr_00aa', ?, ?, 'About the parser.', '', 0, 0)",
+                             (item, project, title))
         old.close()
         new = Database(path)
         try:
-            with new.read() as conn:
-                tokens = dict(conn.execute("SELECT id, tokens FROM context_items").fetchall())
-            self.assertEqual(tokens, {"c1": 1 + 2, "c2": 1 + 201})
             with new.read_as("usr_00aa") as conn:
-                answer = contextpack.build(conn, "prj_11bb", "parser", 5000)
-            self.assertEqual([item["id"] for item in answer["items"]], ["c1", "c2"])
+                for project, item in ((first, "c1"), (second, "c2")):
+                    answer = contextpack.build(conn, project, "parser", 1000)
+                    self.assertEqual([found["id"] for found in answer["items"]], [item])
+            with new.read() as conn:
+                tables = {row[0] for row in conn.execute("SELECT name FROM sqlite_master WHERE type = 'table'")}
+            self.assertNotIn("context_search", tables)
+            self.assertLessEqual({contextindex.table(first), contextindex.table(second)}, tables)
+            # A project removed by hand loses its index at the next start.
+            with new.write() as conn:
+                conn.execute("DELETE FROM projects WHERE id = ?", (second,))
+                self.assertEqual(contextindex.drop_orphaned(conn), 1)
+                self.assertEqual(contextindex.drop_orphaned(conn), 0)
+                names = {row[0] for row in conn.execute("SELECT name FROM sqlite_master WHERE type = 'table'")}
+            self.assertNotIn(contextindex.table(second), names)
+            self.assertIn(contextindex.table(first), names)
         finally:
             new.close()
+
+    def test_index_names_come_only_from_the_relays_own_project_ids(self):
+        self.assertEqual(contextindex.table("prj_" + "ab" * 16), "context_search_" + "ab" * 16)
+        for hostile in ["prj_x; DROP TABLE users", "prj_" + "A" * 32, "prj_" + "a" * 31, "ctx_" + "a" * 32, ""]:
+            with self.assertRaises(ValueError):
+                contextindex.table(hostile)
 
 
 class HubTest(unittest.TestCase):

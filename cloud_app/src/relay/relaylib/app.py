@@ -16,7 +16,7 @@ import signal
 import sys
 import traceback
 
-from . import VERSION
+from . import VERSION, contextindex
 from .auth import Auth
 from .cli_status import CliInspector
 from .config import LISTEN_BACKLOG, MAX_HEADER_BYTES, MAX_HEADER_COUNT, MAX_REQUEST_LINE_BYTES, RESERVED_FILES, \
@@ -58,6 +58,8 @@ class App:
     def __init__(self, settings):
         self.settings = settings
         self.db = Database(settings.db_path, background_checkpoints=True)
+        with self.db.write() as conn:
+            contextindex.drop_orphaned(conn)
         self.mailer = Mailer(settings)
         self.router = Router()
         self.workers = WorkerPool(WORKER_THREADS)

@@ -93,6 +93,13 @@ class Scoped:
     def executemany(self, sql, rows):
         return self._conn.executemany(sql, [self._bound(sql, row) for row in rows])
 
+    def define(self, sql):
+        """A schema statement that a user's records need (such as a project's own index): it
+        reads and writes no records and takes no parameters, so it names no owner."""
+        if not sql.lstrip().upper().startswith("CREATE "):
+            raise ValueError("only CREATE statements define a schema: " + sql[:80])
+        return self._conn.execute(sql)
+
     @property
     def total_changes(self):
         return self._conn.total_changes

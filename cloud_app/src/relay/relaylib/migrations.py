@@ -10,6 +10,8 @@ a `user_id` column that names its owner.
 import json
 import re
 
+from . import contextindex
+
 INITIAL = """
 CREATE TABLE users (
     id TEXT PRIMARY KEY,
@@ -546,41 +548,13 @@ CREATE TABLE preset_versions (
 """
 
 
-# Every hit of a term, by item and column, and each item's length in tokens: what ranking
-# within one project counts.
-CONTEXT_TERMS = (
-    "CREATE VIRTUAL TABLE context_search_terms USING fts5vocab(context_search, instance)",
-    "ALTER TABLE context_items ADD COLUMN tokens INTEGER NOT NULL DEFAULT 0",
-    "CREATE INDEX context_items_tokens ON context_items (user_id, project_id, tokens)",
-)
-
-
-def count_context_tokens(conn):
-    """Adds the tokens column and fills it from the index's size records of the items saved
-    before it existed."""
-    for statement in CONTEXT_TERMS:
-        conn.execute(statement)
-    for seq, sizes in conn.execute("SELECT id, sz FROM context_search_docsize").fetchall():
-        conn.execute("UPDATE context_items SET tokens = ? WHERE seq = ?", (sum(sqlite_varints(sizes, 2)), seq))
-
-
-def sqlite_varints(blob, count):
-    """The first `count` of SQLite's variable-length integers in `blob` (the full-text index's
-    size record holds one per column: that column's tokens)."""
-    values, at = [], 0
-    for _ in range(count):
-        value = 0
-        for n in range(9):
-            byte = blob[at]
-            at += 1
-            if n == 8:
-                value = (value << 8) | byte
-                break
-            value = (value << 7) | (byte & 0x7F)
-            if byte < 0x80:
-                break
-        values.append(value)
-    return values
+def context_index_per_project(conn):
+    """Moves context items from the one index of every project into each project's own, so
+    that a project's ranking counts its own items only."""
+    contextindex.build_all(conn)
+    for trigger in ("context_search_insert", "context_search_delete", "context_search_update"):
+        conn.execute(f"DROP TRIGGER IF EXISTS {trigger}")
+    conn.execute("DROP TABLE IF EXISTS context_search")
 
 
 MIGRATIONS = [
@@ -595,5 +569,5 @@ MIGRATIONS = [
     (9, "usage classifiers and their activity", CLASSIFIERS),
     (10, "connected apps: links started and statuses seen", INTEGRATIONS),
     (11, "improve: sources read, signals, suggestions, applications, settings", IMPROVE),
-    (12, "hits of the context index's terms, for ranking within a project", count_context_tokens),
+    (12, "each project's own full-text index of its context items", context_index_per_project),
 ]

@@ -10,7 +10,7 @@ Context items are explicit: a note, or a copy of a guide file whose source is
 import posixpath
 import uuid
 
-from . import clock, contextpack
+from . import clock, contextindex, contextpack
 from .errors import bad_request, not_found
 
 MAX_BUDGET = 10_000_000
@@ -79,6 +79,7 @@ class Projects:
                 conn.execute("INSERT INTO projects (id, user_id, name, root_path, created_at, updated_at) "
                              "VALUES (:id, :user_id, :name, :root, :now, :now)",
                              {"id": project_id, "name": name, "root": root, "now": now})
+                contextindex.create(conn, project_id)
                 row = self._project(conn, project_id)
         return project_json(row)
 
@@ -115,6 +116,7 @@ class Projects:
                                      "AND user_id = :user_id AND source = :source", item).fetchone()
             if older is not None:
                 item["id"] = older["id"]
+                contextindex.remove(conn, item["id"])
                 conn.execute("UPDATE context_items SET title = :title, content = :content, updated_at = :now "
                              "WHERE id = :id AND user_id = :user_id", item)
             else:
@@ -122,7 +124,7 @@ class Projects:
                 conn.execute("INSERT INTO context_items (id, user_id, project_id, title, content, source, "
                              "created_at, updated_at) VALUES (:id, :user_id, :project, :title, :content, :source, "
                              ":now, :now)", item)
-            contextpack.record_length(conn, item["id"])
+            contextindex.add(conn, item["id"])
             conn.execute("UPDATE projects SET updated_at = :now WHERE id = :project AND user_id = :user_id", item)
             row = conn.execute("SELECT * FROM context_items WHERE id = :id AND user_id = :user_id", item).fetchone()
         return item_json(row)
@@ -132,6 +134,10 @@ class Projects:
         keys = {"id": item_id, "project": project_id, "now": clock.now()}
         with self.db.write_as(request.user_id) as conn:
             self._project(conn, project_id)
+            held = conn.execute("SELECT id FROM context_items WHERE id = :id AND project_id = :project "
+                                "AND user_id = :user_id", keys).fetchone()
+            if held is not None:
+                contextindex.remove(conn, item_id)
             deleted = conn.execute("DELETE FROM context_items WHERE id = :id AND project_id = :project "
                                    "AND user_id = :user_id", keys).rowcount
             if deleted:
