@@ -8,6 +8,11 @@ RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& c
                                std::chrono::milliseconds firstRunCheckDelay, QObject* parent)
     : QObject(parent), m_app(&app), m_auth(&auth), m_cli(&cli), m_firstRunCheckDelay(firstRunCheckDelay) {
     connect(m_auth, &AuthStore::stateChanged, this, &RootController::onAuthStateChanged);
+    // Polls go on with whichever client the person's session now lives in.
+    connect(m_auth, &AuthStore::clientChanged, this, [this] {
+        if (m_cli->isPolling())
+            m_cli->startPolling(m_auth->client());
+    });
 }
 
 void RootController::setSheet(bool& flag, bool show) {

@@ -23,11 +23,13 @@ QCoro::Task<> CLIStatusStore::refresh(RelayClient* client) {
 }
 
 void CLIStatusStore::startPolling(RelayClient* client) {
+    // The newest client always takes over: the one of an earlier sign-in may be gone since
+    // (the relay's address changed, or the managed relay was restarted), and polling with
+    // none would read "not connected" for ever.
+    m_pollClient = client;
     if (m_pollStarted)
         return;
     m_pollStarted = true;
-    // The client given here stays in use: once it is gone or signed out, polls fail.
-    m_pollClient = client;
     poll();
     m_pollTimer.start();
 }

@@ -6,6 +6,7 @@
 #include <QTest>
 
 #include <chrono>
+#include <memory>
 
 using namespace std::chrono_literals;
 
@@ -70,6 +71,21 @@ private slots:
         const qsizetype polls = server.requests().size();
         QVERIFY2(polls >= 3 && polls <= 5, qPrintable(QString::number(polls)));
         QVERIFY(store.status());
+    }
+
+    void aNewClientTakesOverFromOneThatIsGone() {
+        ScriptedHttpServer server;
+        server.replyAlways(200, statusJson);
+        CLIStatusStore store(40ms);
+        auto first = std::make_unique<RelayClient>(server.url(), QString("first"));
+        store.startPolling(first.get());
+        QTRY_VERIFY(store.status());
+        first.reset();
+        QTRY_VERIFY(!store.status()); // polling with no client reads nothing
+        RelayClient second(server.url(), QString("second"));
+        store.startPolling(&second);
+        QTRY_VERIFY(store.status());
+        QCOMPARE(server.requests().last().header("authorization"), "Bearer second");
     }
 
     void aFailedPollClearsTheStatusUntilTheNextGoodOne() {
