@@ -57,7 +57,7 @@ int main(int argc, char* argv[]) {
     relay.setInventoryEnvironment([&providers] { return providers.managedInventoryEnvironment(); });
     AppState app(preferences);
     AuthStore auth(preferences, secrets, &relay);
-    CLIStatusStore cli;
+    CLIStatusStore cli(CLIStatusStore::defaultPollInterval);
     AgentRunStore agentRuns{AgentRunStoreConfig{}};
     ProjectStore projects(nullptr);
     RootController root(app, auth, cli);

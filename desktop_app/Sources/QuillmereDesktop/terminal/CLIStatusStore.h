@@ -28,8 +28,8 @@ public:
     static constexpr std::chrono::milliseconds defaultPollInterval{20000};
     static constexpr std::chrono::milliseconds defaultUsageProbeInterval{300000};
 
-    explicit CLIStatusStore(std::chrono::milliseconds pollInterval = defaultPollInterval,
-                            QObject* parent = nullptr);
+    // No default interval: a default-constructible store would let QML build its own.
+    explicit CLIStatusStore(std::chrono::milliseconds pollInterval, QObject* parent = nullptr);
 
     const std::optional<CLIStatusResponse>& status() const { return m_status; }
     const std::optional<ClaudeUsage>& claudeUsage() const { return m_claudeUsage; }

@@ -103,7 +103,7 @@ private slots:
         m_auth = std::make_unique<AuthStore>(m_prefs, m_secrets, nullptr, authConfig);
         await(m_auth->bootstrap());
         QCOMPARE(m_auth->state(), AuthStore::State::signedIn);
-        m_cli = std::make_unique<CLIStatusStore>();
+        m_cli = std::make_unique<CLIStatusStore>(CLIStatusStore::defaultPollInterval);
         await(m_cli->refresh(m_auth->client()));
         QVERIFY(m_cli->status() && m_cli->status()->claude.isConnected());
         m_runs = std::make_unique<AgentRunStore>(AgentRunStoreConfig{});
@@ -260,7 +260,7 @@ private slots:
     }
 
     void withoutAnyCliStatusTheLocalLanesFailAtOnceAndAutoAsksTheRelay() {
-        CLIStatusStore unknown;
+        CLIStatusStore unknown(CLIStatusStore::defaultPollInterval);
         auto view = orchestrator();
         view->setCli(&unknown);
         QVERIFY(!unknown.status());

@@ -79,7 +79,7 @@ private slots:
         m_prefs.setString("relayURL", relay.url().toString());
         AuthStore auth(m_prefs, m_secrets, nullptr, authConfig());
         AppState app(m_prefs, appConfig());
-        CLIStatusStore cli;
+        CLIStatusStore cli(CLIStatusStore::defaultPollInterval);
         RootController root(app, auth, cli, 10ms);
 
         // Bootstrap signs in locally, and the root connects the queue.
@@ -131,7 +131,7 @@ private slots:
         m_prefs.setString("relayURL", relay.url().toString());
         AuthStore auth(m_prefs, m_secrets, nullptr, authConfig());
         AppState app(m_prefs, appConfig(300ms));
-        CLIStatusStore cli;
+        CLIStatusStore cli(CLIStatusStore::defaultPollInterval);
         RootController root(app, auth, cli, 10ms);
         await(auth.start());
         QTRY_VERIFY(app.online());

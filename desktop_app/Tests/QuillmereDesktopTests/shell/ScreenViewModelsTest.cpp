@@ -245,7 +245,7 @@ private slots:
 
     void homeCountersAlertAndSuggestions() {
         HomeViewModel home;
-        CLIStatusStore cli;
+        CLIStatusStore cli(CLIStatusStore::defaultPollInterval);
         home.setApp(m_app.get());
         home.setCli(&cli);
         QVERIFY(!home.hasInterrupts());

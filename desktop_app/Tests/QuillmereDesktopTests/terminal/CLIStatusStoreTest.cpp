@@ -2,13 +2,20 @@
 #include "support/Await.h"
 #include "support/ScriptedHttpServer.h"
 
+#include "QuillmereDesktop/common/QmlSingleton.h"
+
+#include <QQmlComponent>
+#include <QQmlEngine>
 #include <QSignalSpy>
 #include <QTest>
+#include <QtQml/qqmlextensionplugin.h>
 
 #include <chrono>
 #include <memory>
 
 using namespace std::chrono_literals;
+
+Q_IMPORT_QML_PLUGIN(QuillmerePlugin)
 
 namespace {
 const QByteArray statusJson =
@@ -25,11 +32,24 @@ private slots:
         QCOMPARE(CLIStatusStore::defaultUsageProbeInterval, 300000ms);
     }
 
+    void qmlSeesTheApplicationsOwnStore() {
+        // QML that built a store of its own would show a status no one ever polls.
+        CLIStatusStore store(CLIStatusStore::defaultPollInterval);
+        QmlSingleton<CLIStatusStore>::set(&store);
+        QQmlEngine engine;
+        QQmlComponent component(&engine);
+        component.setData("import QtQml\nimport Quillmere\nQtObject { property QtObject cli: CLIStatusStore }",
+                          QUrl());
+        std::unique_ptr<QObject> object(component.create());
+        QVERIFY2(object, qPrintable(component.errorString()));
+        QCOMPARE(object->property("cli").value<QObject*>(), &store);
+    }
+
     void refreshReadsTheStatusAndAFailureClearsIt() {
         ScriptedHttpServer server;
         server.replyAlways(200, statusJson);
         RelayClient client(server.url(), QString("tok"));
-        CLIStatusStore store;
+        CLIStatusStore store(CLIStatusStore::defaultPollInterval);
         await(store.refresh(&client));
         QVERIFY(store.status());
         QCOMPARE(store.status()->claude, (CLIInfo{true, true, 10, 2}));
@@ -52,7 +72,7 @@ private slots:
         ScriptedHttpServer server;
         server.replyAlways(200, statusJson);
         RelayClient client(server.url(), std::nullopt);
-        CLIStatusStore store;
+        CLIStatusStore store(CLIStatusStore::defaultPollInterval);
         await(store.refresh(&client));
         QVERIFY(!store.status());
         QVERIFY(server.requests().isEmpty());
@@ -102,7 +122,7 @@ private slots:
     }
 
     void aProbeFailureNeverErasesTheLastFigures() {
-        CLIStatusStore store;
+        CLIStatusStore store(CLIStatusStore::defaultPollInterval);
         QSignalSpy spy(&store, &CLIStatusStore::claudeUsageChanged);
         store.setClaudeUsage(ClaudeUsage{"1.2M", "3"});
         store.setClaudeUsage(std::nullopt);
