@@ -38,8 +38,8 @@ private slots:
         QmlSingleton<CLIStatusStore>::set(&store);
         QQmlEngine engine;
         QQmlComponent component(&engine);
-        component.setData("import QtQml\nimport Quillmere\nQtObject { property QtObject cli: CLIStatusStore }",
-                          QUrl());
+        component.setData(
+            "import QtQml\nimport Quillmere\nQtObject { property QtObject cli: CLIStatusStore }", QUrl());
         std::unique_ptr<QObject> object(component.create());
         QVERIFY2(object, qPrintable(component.errorString()));
         QCOMPARE(object->property("cli").value<QObject*>(), &store);
