@@ -27,58 +27,64 @@ ScrollView {
         Layout.fillWidth: true
     }
 
-    ColumnLayout {
+    // One child, so that the view scrolls the list or the editor, whichever is shown: a
+    // scroll view sizes its content from a single child only.
+    Column {
         width: view.availableWidth
-        spacing: 6
-        visible: vm.editor === null
 
-        LabelText { text: labels.subtitle }
-        Body { text: labels.intro }
-        ErrorLine { objectName: "presetError"; text: vm.errorMessage }
-        PlainButton { objectName: "createPreset"; text: labels.create; onClicked: vm.openEditor("") }
-        Body { visible: !vm.hasPresets && !vm.working; text: labels.empty; font.bold: true }
-        Repeater {
-            model: vm.cards
-            delegate: OutlinedBox {
-                id: card
-                required property var modelData
-                Layout.fillWidth: true
-                ColumnLayout {
-                    width: parent.width
-                    RowLayout {
-                        Layout.fillWidth: true
-                        Body { text: modelData.reference + "  " + modelData.version; font.bold: true }
-                    }
-                    Body { text: modelData.summary }
-                    RowLayout {
-                        PlainButton { text: labels.edit; enabled: !vm.working; onClicked: vm.openEditor(modelData.slug) }
-                        PlainButton { text: labels.delete; enabled: !vm.working; onClicked: vm.remove(modelData.slug) }
-                    }
-                    LabelText { text: labels.history }
-                    Repeater {
-                        model: modelData.history
-                        delegate: RowLayout {
-                            required property var modelData
-                            Body { text: modelData.label; Layout.fillWidth: false }
-                            PlainButton {
-                                visible: !modelData.active
-                                enabled: !vm.working
-                                text: modelData.action
-                                onClicked: vm.designate(card.modelData.slug, modelData.version)
+        ColumnLayout {
+            width: view.availableWidth
+            spacing: 6
+            visible: vm.editor === null
+
+            LabelText { text: labels.subtitle }
+            Body { text: labels.intro }
+            ErrorLine { objectName: "presetError"; text: vm.errorMessage }
+            PlainButton { objectName: "createPreset"; text: labels.create; onClicked: vm.openEditor("") }
+            Body { visible: !vm.hasPresets && !vm.working; text: labels.empty; font.bold: true }
+            Repeater {
+                model: vm.cards
+                delegate: OutlinedBox {
+                    id: card
+                    required property var modelData
+                    Layout.fillWidth: true
+                    ColumnLayout {
+                        width: parent.width
+                        RowLayout {
+                            Layout.fillWidth: true
+                            Body { text: modelData.reference + "  " + modelData.version; font.bold: true }
+                        }
+                        Body { text: modelData.summary }
+                        RowLayout {
+                            PlainButton { text: labels.edit; enabled: !vm.working; onClicked: vm.openEditor(modelData.slug) }
+                            PlainButton { text: labels.delete; enabled: !vm.working; onClicked: vm.remove(modelData.slug) }
+                        }
+                        LabelText { text: labels.history }
+                        Repeater {
+                            model: modelData.history
+                            delegate: RowLayout {
+                                required property var modelData
+                                Body { text: modelData.label; Layout.fillWidth: false }
+                                PlainButton {
+                                    visible: !modelData.active
+                                    enabled: !vm.working
+                                    text: modelData.action
+                                    onClicked: vm.designate(card.modelData.slug, modelData.version)
+                                }
                             }
                         }
                     }
                 }
             }
         }
-    }
 
-    Loader {
-        width: view.availableWidth
-        active: vm.editor !== null
-        sourceComponent: PresetEditorView {
-            editor: vm.editor
-            onCancelled: vm.closeEditor()
+        Loader {
+            width: view.availableWidth
+            active: vm.editor !== null
+            sourceComponent: PresetEditorView {
+                editor: vm.editor
+                onCancelled: vm.closeEditor()
+            }
         }
     }
 }

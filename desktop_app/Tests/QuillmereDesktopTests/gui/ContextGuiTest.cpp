@@ -108,6 +108,16 @@ private slots:
         QTRY_VERIFY(!list->modelIDs().isEmpty());
         list->openEditor("");
         QTRY_VERIFY(AppHarness::textsIn(presets).contains("create agent preset"));
+        // The form is taller than the sheet: all of it, the save button at its end included,
+        // can be scrolled to.
+        QQuickItem* scroller = AppHarness::inSheet(presets, "presetManagementView");
+        QQuickItem* form = AppHarness::inSheet(presets, "presetEditorView");
+        QVERIFY(scroller && form);
+        QTRY_VERIFY(form->height() > 0);
+        QTRY_VERIFY2(
+            scroller->property("contentHeight").toReal() >= form->height(),
+            qPrintable(
+                QString("%1 < %2").arg(scroller->property("contentHeight").toReal()).arg(form->height())));
         PresetEditorViewModel* editor = list->editor();
         editor->setSlug("Code-Reviewer");
         editor->setSystemPrompt("Review the diff for correctness first, style last.");
