@@ -6,6 +6,7 @@
 #include "support/FakeComposioProcess.h"
 #include "support/RelayFixture.h"
 #include "support/RelayProxy.h"
+#include "support/SignedInAuth.h"
 
 #include <QDesktopServices>
 #include <QTest>
@@ -13,16 +14,6 @@
 using namespace std::chrono_literals;
 
 namespace {
-
-std::unique_ptr<AuthStore> signedIn(MemoryPreferencesStore& prefs, FakeSecretStore& secrets,
-                                    const QUrl& relay) {
-    prefs.setString(AuthStore::relayURLKey, relay.toString());
-    AuthStoreConfig config;
-    config.bootstrapOnStart = false;
-    auto auth = std::make_unique<AuthStore>(prefs, secrets, nullptr, config);
-    await(auth->bootstrap());
-    return auth;
-}
 
 QVariantMap rowOf(const IntegrationsViewModel& view, const QString& slug) {
     for (const QVariant& row : view.toolkitRows())
@@ -63,8 +54,8 @@ private slots:
         QVERIFY(m_relay.start());
         m_plainProxy = std::make_unique<RelayProxy>(m_plainRelay.url());
         m_proxy = std::make_unique<RelayProxy>(m_relay.url());
-        m_plainAuth = signedIn(m_plainPrefs, m_plainSecrets, m_plainProxy->url());
-        m_auth = signedIn(m_prefs, m_secrets, m_proxy->url());
+        m_plainAuth = signedInAuth(m_plainPrefs, m_plainSecrets, m_plainProxy->url());
+        m_auth = signedInAuth(m_prefs, m_secrets, m_proxy->url());
         QCOMPARE(m_plainAuth->state(), AuthStore::State::signedIn);
         QCOMPARE(m_auth->state(), AuthStore::State::signedIn);
         QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "openInBrowser");

@@ -2,10 +2,12 @@
 #include "ImproveApply/GuideWriter.h"
 #include "QuillmereDesktop/Auth/AuthStore.h"
 #include "QuillmereDesktop/common/MemoryPreferencesStore.h"
+#include "QuillmereDesktop/improve/ImproveCalls.h"
 #include "fakes/FakeSecretStore.h"
 #include "support/Await.h"
 #include "support/FakeProviderProcess.h"
 #include "support/RelayFixture.h"
+#include "support/SignedInAuth.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -64,16 +66,6 @@ QProcessEnvironment logFolders(const QTemporaryDir& logs, QProcessEnvironment ba
     base.insert(QStringLiteral("MERE_RELAY_CODEX_SESSIONS_DIR"), logs.filePath(QStringLiteral("codex")));
     base.insert(QStringLiteral("MERE_RELAY_IMPROVE_DAY_SECONDS"), kLongDaySeconds);
     return base;
-}
-
-std::unique_ptr<AuthStore> signedIn(MemoryPreferencesStore& prefs, FakeSecretStore& secrets,
-                                    const QUrl& relay) {
-    prefs.setString(AuthStore::relayURLKey, relay.toString());
-    AuthStoreConfig config;
-    config.bootstrapOnStart = false;
-    auto auth = std::make_unique<AuthStore>(prefs, secrets, nullptr, config);
-    await(auth->bootstrap());
-    return auth;
 }
 
 ImproveSuggestion ruleFor(QList<ImproveTarget> targets, QString artifact = QStringLiteral("rule")) {
@@ -144,8 +136,8 @@ private slots:
         QDir().mkpath(m_logs.filePath("codex"));
         QVERIFY(m_relay.start());
         QVERIFY(m_modelRelay.start());
-        m_auth = signedIn(m_prefs, m_secrets, m_relay.url());
-        m_modelAuth = signedIn(m_modelPrefs, m_modelSecrets, m_modelRelay.url());
+        m_auth = signedInAuth(m_prefs, m_secrets, m_relay.url());
+        m_modelAuth = signedInAuth(m_modelPrefs, m_modelSecrets, m_modelRelay.url());
         QCOMPARE(m_auth->state(), AuthStore::State::signedIn);
         QCOMPARE(m_modelAuth->state(), AuthStore::State::signedIn);
     }
@@ -153,6 +145,11 @@ private slots:
     void cleanupTestCase() {
         m_auth.reset();
         m_modelAuth.reset();
+    }
+
+    void fixedNumbers() {
+        QCOMPARE(improvecalls::kListLimit, 20);
+        QCOMPARE(improvecalls::kSnoozeDays, 7);
     }
 
     void shortDates() {

@@ -6,24 +6,11 @@
 #include "support/FakeProviderProcess.h"
 #include "support/RelayFixture.h"
 #include "support/RelayProxy.h"
+#include "support/SignedInAuth.h"
 
 #include <QJsonArray>
 #include <QSignalSpy>
 #include <QTest>
-
-namespace {
-
-std::unique_ptr<AuthStore> signedIn(MemoryPreferencesStore& prefs, FakeSecretStore& secrets,
-                                    const QUrl& relay) {
-    prefs.setString(AuthStore::relayURLKey, relay.toString());
-    AuthStoreConfig config;
-    config.bootstrapOnStart = false;
-    auto auth = std::make_unique<AuthStore>(prefs, secrets, nullptr, config);
-    await(auth->bootstrap());
-    return auth;
-}
-
-} // namespace
 
 // The classifier console against the real relay: the editor's rules, create with POST and
 // edit with PUT through a recording proxy, coverage and activity from real taggings.
@@ -64,8 +51,8 @@ private slots:
         QVERIFY(m_relay.start());
         QVERIFY(m_plainRelay.start());
         m_proxy = std::make_unique<RelayProxy>(m_relay.url());
-        m_auth = signedIn(m_prefs, m_secrets, m_proxy->url());
-        m_plainAuth = signedIn(m_plainPrefs, m_plainSecrets, m_plainRelay.url());
+        m_auth = signedInAuth(m_prefs, m_secrets, m_proxy->url());
+        m_plainAuth = signedInAuth(m_plainPrefs, m_plainSecrets, m_plainRelay.url());
         QCOMPARE(m_auth->state(), AuthStore::State::signedIn);
         QCOMPARE(m_plainAuth->state(), AuthStore::State::signedIn);
     }
