@@ -87,10 +87,11 @@ class ImproveViewModelTest : public QObject {
     Q_OBJECT
 
     QTemporaryDir m_logs;
+    QTemporaryDir m_modelLogs;
     FakeProviderProcess m_fake{QStringLiteral("Never reach for sed; use the edit tool.")};
     // One relay with no model at all, one with a lane that can reword.
     RelayFixture m_relay{RelayFixture::Options{true, logFolders(m_logs), {}}};
-    RelayFixture m_modelRelay{RelayFixture::Options{true, logFolders(m_logs, m_fake.inventory()), {}}};
+    RelayFixture m_modelRelay{RelayFixture::Options{true, logFolders(m_modelLogs, m_fake.inventory()), {}}};
     MemoryPreferencesStore m_prefs;
     MemoryPreferencesStore m_modelPrefs;
     FakeSecretStore m_secrets;
@@ -134,6 +135,8 @@ private slots:
         QVERIFY(!m_fake.url().isEmpty());
         QDir().mkpath(m_logs.filePath("claude"));
         QDir().mkpath(m_logs.filePath("codex"));
+        QDir().mkpath(m_modelLogs.filePath("claude"));
+        QDir().mkpath(m_modelLogs.filePath("codex"));
         QVERIFY(m_relay.start());
         QVERIFY(m_modelRelay.start());
         m_auth = signedInAuth(m_prefs, m_secrets, m_relay.url());
@@ -401,11 +404,46 @@ private slots:
         QVERIFY(!view->pending().at(id).draft);
     }
 
+    // Logs of both agents where only the instruction to Codex recurs (the Claude correction
+    // is in one conversation): exactly one suggestion, for Codex's guide, written and undone.
+    void bothAgentsLogsGiveOnlyTheRecurringInstruction() {
+        QTemporaryDir project;
+        copyLogs("claude", m_modelLogs.filePath("claude"), {logNames("claude").first()});
+        copyLogs("codex", m_modelLogs.filePath("codex"), logNames("codex"));
+        auto view = screen(project.path(), m_modelAuth.get());
+        await(view->processNow());
+        QCOMPARE(view->errorText(), QString());
+        QCOMPARE(view->readState(), QStringLiteral("All 3 conversations read."));
+        const QString id = onlyId(*view);
+        QVERIFY(!id.isEmpty());
+        const ImproveSuggestion suggestion = view->suggestions()->suggestions.first();
+        QCOMPARE(suggestion.body, QStringLiteral("- Always run the tests before you commit."));
+        QCOMPARE(suggestion.agents, QStringList{"codex"});
+        QCOMPARE(suggestion.session_count, 2);
+        QCOMPARE(suggestion.targets.first().path, QStringLiteral("AGENTS.md"));
+        QSet<QString> sessions;
+        for (const ImproveEvidence& evidence : suggestion.evidence) {
+            QCOMPARE(evidence.agent, QStringLiteral("codex"));
+            sessions.insert(evidence.session_id);
+        }
+        QCOMPARE(sessions.size(), 2);
+
+        view->togglePreview(id);
+        const QString contents = view->pending().at(id).plan.contents;
+        QVERIFY(view->pending().at(id).plan.diff.contains(QStringLiteral("+++ b/AGENTS.md")));
+        await(view->applyNow(id));
+        QCOMPARE(view->errorText(), QString());
+        QCOMPARE(bytesOf(project.filePath("AGENTS.md")), contents.toUtf8());
+        await(view->undoNow(id, standing(*view).id));
+        QCOMPARE(view->errorText(), QString());
+        QVERIFY(!QFile::exists(project.filePath("AGENTS.md")));
+    }
+
     // With a model behind the router a rewording is shown beside the new diff, which is what
     // apply would write; an "already there" plan becomes applicable again that way.
     void rewordingMakesAnAlreadyPresentRuleApplicable() {
         QTemporaryDir project;
-        copyLogs("codex", m_logs.filePath("codex"), logNames("codex"));
+        copyLogs("claude", m_modelLogs.filePath("claude"), {logNames("claude").last()});
         auto view = screen(project.path(), m_modelAuth.get());
         await(view->processNow());
         QCOMPARE(view->errorText(), QString());
