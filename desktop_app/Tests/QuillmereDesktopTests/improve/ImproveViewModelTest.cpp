@@ -522,6 +522,36 @@ private slots:
         QVERIFY(!view->showsDismissedToggle());
     }
 
+    // While a reading runs the button says so and cannot be pressed again; a status change
+    // holds every card's buttons until it is done.
+    void busyStates() {
+        QTemporaryDir project;
+        auto view = screen(project.path());
+        view->process();
+        QVERIFY(view->isProcessing());
+        QCOMPARE(view->processLabel(), QStringLiteral("READING…"));
+        QVERIFY(waitUntil([&] { return !view->isProcessing(); }));
+        QCOMPARE(view->processLabel(), QStringLiteral("PROCESS NOW"));
+        const QString id = onlyId(*view);
+        view->snooze(id);
+        QVERIFY(view->busy());
+        QCOMPARE(view->busySuggestion(), std::optional<QString>(id));
+        QVERIFY(waitUntil([&] { return !view->busy(); }));
+        await(view->reopenNow(id));
+        QVERIFY(view->cards().first().toMap().value("isOpen").toBool());
+    }
+
+    void longExcerptsAreClipped() {
+        ImproveSuggestion suggestion = ruleFor({});
+        suggestion.evidence.append(
+            {"s", 1, "claude", {}, QString(1000, QLatin1Char('x')), "2026-03-09T14:05:33Z"});
+        ImproveViewModel view;
+        const QVariantMap evidence = view.card(suggestion).value("evidence").toList().first().toMap();
+        QCOMPARE(evidence.value("excerpt").toString().size(), ImproveViewModel::kEvidenceClip);
+        QVERIFY(evidence.value("excerpt").toString().endsWith(QStringLiteral("…")));
+        QCOMPARE(evidence.value("date").toString(), QStringLiteral("03-09 14:05"));
+    }
+
     void aFailedLoadKeepsTheList() {
         QTemporaryDir project;
         auto view = screen(project.path());
