@@ -2,8 +2,11 @@
 auth configs, connected accounts and their links. It keeps its accounts in memory and
 records every request (without the key)."""
 
+import argparse
 import json
 import secrets
+import signal
+import sys
 import threading
 import urllib.parse
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
@@ -59,6 +62,10 @@ class FakeComposio:
         query = urllib.parse.parse_qs(parsed.query)
         length = int(handler.headers.get("Content-Length") or 0)
         body = json.loads(handler.rfile.read(length)) if length else None
+        if (method, parsed.path) == ("POST", "/_fake/activate"):
+            # A person finishing the flow in the browser, for tests that run this fake as a program.
+            self.activate(body["id"])
+            return self._answer(handler, 200, {})
         with self.lock:
             self.requests.append((method, parsed.path, query, body))
             if handler.headers.get("x-api-key") != self.key:
@@ -106,3 +113,25 @@ class FakeComposio:
         handler.send_header("Content-Length", str(len(data)))
         handler.end_headers()
         handler.wfile.write(data)
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description="Serve a fake Composio API on 127.0.0.1.")
+    parser.add_argument("--key", help="API key the relay must send (default: a random one)")
+    args = parser.parse_args(argv)
+    fake = FakeComposio()
+    if args.key:
+        fake.key = args.key
+    fake.start()
+    stopped = threading.Event()
+    # Handlers first: whoever reads the address may stop the fake the moment it has read it.
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda *_: stopped.set())
+    print(fake.url, flush=True)
+    stopped.wait()
+    fake.stop()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

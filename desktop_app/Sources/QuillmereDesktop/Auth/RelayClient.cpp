@@ -90,6 +90,16 @@ QCoro::Task<Result<QByteArray>> RelayClient::postRawData(QString path, QJsonObje
     co_return co_await send(std::move(prepared).value());
 }
 
+QCoro::Task<Result<void>> RelayClient::sendWithoutAnswer(QString path, QByteArray method) const {
+    Result<http::Request> prepared = request(path, method);
+    if (!prepared)
+        co_return prepared.error();
+    const Result<QByteArray> answer = co_await send(std::move(prepared).value());
+    if (!answer)
+        co_return answer.error();
+    co_return Result<void>{};
+}
+
 QString RelayClient::errorMessage(int status, const QByteArray& body) {
     if (const auto envelope = wire::decodeJson<APIErrorEnvelope>(body)) {
         QString message = envelope->error.message;

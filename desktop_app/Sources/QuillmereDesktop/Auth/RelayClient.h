@@ -50,6 +50,13 @@ public:
         return sendAndDecode<T>(withBody(request(path, "POST", auth), wire::encodeJson(body)));
     }
 
+    template <class T, class Body> QCoro::Task<Result<T>> put(QString path, Body body) const {
+        return sendAndDecode<T>(withBody(request(path, "PUT"), wire::encodeJson(body)));
+    }
+
+    // A call whose answer's body says nothing the caller needs, such as a DELETE.
+    QCoro::Task<Result<void>> sendWithoutAnswer(QString path, QByteArray method) const;
+
     // For small one-off bodies that have no record type of their own.
     template <class T>
     QCoro::Task<Result<T>> postRaw(QString path, QJsonObject body, bool auth = true) const {

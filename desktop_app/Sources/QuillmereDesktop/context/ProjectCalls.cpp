@@ -38,14 +38,8 @@ QCoro::Task<Result<ContextPack>> RelayClient::contextPack(QString projectId, QSt
 }
 
 QCoro::Task<Result<void>> RelayClient::deleteContext(QString projectId, QString itemId) const {
-    Result<http::Request> ready = request(projectPath(projectId) + QStringLiteral("/context/") +
-                                              QString::fromLatin1(QUrl::toPercentEncoding(itemId)),
-                                          "DELETE");
-    if (!ready)
-        co_return ready.error();
     // The answer's body says nothing the screen needs.
-    const Result<QByteArray> answer = co_await send(std::move(ready).value());
-    if (!answer)
-        co_return answer.error();
-    co_return Result<void>{};
+    return sendWithoutAnswer(projectPath(projectId) + QStringLiteral("/context/") +
+                                 QString::fromLatin1(QUrl::toPercentEncoding(itemId)),
+                             "DELETE");
 }

@@ -54,12 +54,12 @@ ColumnLayout {
         }
     }
 
-    Text {
+    // Open suggestions lead to the improve sheet.
+    PlainButton {
+        objectName: "suggestionsButton"
         visible: vm.showsSuggestions
         text: vm.suggestionText
-        font.family: Theme.monoFamily
-        font.pixelSize: Theme.bodySize
-        color: Theme.ink
+        onClicked: RootController.showImprove = true
     }
     Text {
         visible: vm.showsConnectPrompt

@@ -31,6 +31,10 @@ class RootController : public QObject {
     Q_PROPERTY(bool showContext READ showContext WRITE setShowContext NOTIFY sheetsChanged)
     Q_PROPERTY(bool showPresets READ showPresets WRITE setShowPresets NOTIFY sheetsChanged)
     Q_PROPERTY(bool showOrchestrator READ showOrchestrator WRITE setShowOrchestrator NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showImprove READ showImprove WRITE setShowImprove NOTIFY sheetsChanged)
+    Q_PROPERTY(bool showIntegrations READ showIntegrations WRITE setShowIntegrations NOTIFY sheetsChanged)
+    // Opened from the settings sheet.
+    Q_PROPERTY(bool showClassifiers READ showClassifiers WRITE setShowClassifiers NOTIFY sheetsChanged)
 
 public:
     // After the first sign-in, how long to wait before the second status check.
@@ -63,6 +67,12 @@ public:
     void setShowPresets(bool show) { setSheet(m_showPresets, show); }
     bool showOrchestrator() const { return m_showOrchestrator; }
     void setShowOrchestrator(bool show) { setSheet(m_showOrchestrator, show); }
+    bool showImprove() const { return m_showImprove; }
+    void setShowImprove(bool show) { setSheet(m_showImprove, show); }
+    bool showIntegrations() const { return m_showIntegrations; }
+    void setShowIntegrations(bool show) { setSheet(m_showIntegrations, show); }
+    bool showClassifiers() const { return m_showClassifiers; }
+    void setShowClassifiers(bool show) { setSheet(m_showClassifiers, show); }
 
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
@@ -113,4 +123,7 @@ private:
     bool m_showContext = false;
     bool m_showPresets = false;
     bool m_showOrchestrator = false;
+    bool m_showImprove = false;
+    bool m_showIntegrations = false;
+    bool m_showClassifiers = false;
 };

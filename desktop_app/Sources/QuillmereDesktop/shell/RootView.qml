@@ -42,7 +42,17 @@ Rectangle {
                 ToolTip.delay: 500
                 onClicked: RootController.toggleTerminal()
             }
+        }
+        // The panel buttons have a row of their own: the narrow window cannot hold them beside the wordmark.
+        RowLayout {
+            Layout.fillWidth: true
             Item { Layout.fillWidth: true }
+            PanelButton {
+                objectName: "integrationsButton"
+                text: "⇄"
+                help: "Integrations"
+                onClicked: RootController.showIntegrations = true
+            }
             PanelButton {
                 objectName: "orchestratorButton"
                 text: "▷"
@@ -70,6 +80,13 @@ Rectangle {
                 help: "Model router"
                 shortcut: "Ctrl+Shift+R"
                 onClicked: RootController.showRouting = true
+            }
+            PanelButton {
+                objectName: "improveButton"
+                text: "◔"
+                help: "Improve — corrections, steering, frustration"
+                shortcut: "Ctrl+Shift+I"
+                onClicked: RootController.showImprove = true
             }
             PanelButton {
                 objectName: "settingsButton"
@@ -162,6 +179,34 @@ Rectangle {
         open: RootController.showPresets
         onCloseRequested: RootController.showPresets = false
         content: Component { PresetManagementView {} }
+    }
+
+    SheetWindow {
+        objectName: "improveSheet"
+        title: "improve"
+        transientParent: root.Window.window
+        open: RootController.showImprove
+        onCloseRequested: RootController.showImprove = false
+        content: Component { ImproveView {} }
+    }
+
+    SheetWindow {
+        objectName: "integrationsSheet"
+        title: "integrations"
+        transientParent: root.Window.window
+        open: RootController.showIntegrations
+        onCloseRequested: RootController.showIntegrations = false
+        content: Component { IntegrationsView {} }
+    }
+
+    // Opened from the settings sheet.
+    SheetWindow {
+        objectName: "classifiersSheet"
+        title: "usage classifiers"
+        transientParent: root.Window.window
+        open: RootController.showClassifiers
+        onCloseRequested: RootController.showClassifiers = false
+        content: Component { ClassifierManagementView {} }
     }
 
     // The drawer's shortcut works from either window.

@@ -38,5 +38,10 @@ ScrollView {
             text: "Manage Gateway API Keys…"
             onClicked: RootController.showGatewayAccess = true
         }
+        PlainButton {
+            objectName: "manageClassifiers"
+            text: "Manage Usage Classifiers…"
+            onClicked: RootController.showClassifiers = true
+        }
     }
 }

@@ -89,12 +89,12 @@ QJsonArray FakeProviderProcess::requests() const {
     return model;
 }
 
-QProcessEnvironment FakeProviderProcess::inventory() const {
+QProcessEnvironment FakeProviderProcess::inventory(const QStringList& capabilities) const {
     const QJsonObject lane{
         {"id", "fake-lane"},
         {"provider", "fake"},
         {"display_name", "Fake Lane"},
-        {"capabilities", QJsonArray{"reasoning", "long_context"}},
+        {"capabilities", QJsonArray::fromStringList(capabilities)},
         {"context_window", 128000},
         {"latency_ms", 500},
         {"input_cost_per_million", 1.0},

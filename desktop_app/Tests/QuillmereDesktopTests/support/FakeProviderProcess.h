@@ -8,6 +8,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QStringList>
 #include <QUrl>
 
 #include <memory>
@@ -28,7 +29,11 @@ public:
     QJsonArray requests() const;
 
     // The relay's launch variables for one lane ("fake-lane", OpenAI chat) on this provider.
-    QProcessEnvironment inventory() const;
+    QProcessEnvironment inventory() const {
+        return inventory({QStringLiteral("reasoning"), QStringLiteral("long_context")});
+    }
+    // The same lane with the given capabilities.
+    QProcessEnvironment inventory(const QStringList& capabilities) const;
 
 private:
     std::unique_ptr<QProcess> m_process;
