@@ -8,6 +8,11 @@ RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& c
                                std::chrono::milliseconds firstRunCheckDelay, QObject* parent)
     : QObject(parent), m_app(&app), m_auth(&auth), m_cli(&cli), m_firstRunCheckDelay(firstRunCheckDelay) {
     connect(m_auth, &AuthStore::stateChanged, this, &RootController::onAuthStateChanged);
+    // The last step of the first sign-in: a person without both CLIs is shown the way to them.
+    connect(this, &RootController::firstRunChecked, this, [this] {
+        if (!m_cli->bothConnected())
+            setShowOnboarding(true);
+    });
 }
 
 void RootController::setSheet(bool& flag, bool show) {

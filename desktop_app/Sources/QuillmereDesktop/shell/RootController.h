@@ -31,6 +31,8 @@ class RootController : public QObject {
     Q_PROPERTY(bool showContext READ showContext WRITE setShowContext NOTIFY sheetsChanged)
     Q_PROPERTY(bool showPresets READ showPresets WRITE setShowPresets NOTIFY sheetsChanged)
     Q_PROPERTY(bool showOrchestrator READ showOrchestrator WRITE setShowOrchestrator NOTIFY sheetsChanged)
+    // The first-run sheet, shown after the first sign-in when a CLI is missing, and from settings.
+    Q_PROPERTY(bool showOnboarding READ showOnboarding WRITE setShowOnboarding NOTIFY sheetsChanged)
 
 public:
     // After the first sign-in, how long to wait before the second status check.
@@ -63,6 +65,8 @@ public:
     void setShowPresets(bool show) { setSheet(m_showPresets, show); }
     bool showOrchestrator() const { return m_showOrchestrator; }
     void setShowOrchestrator(bool show) { setSheet(m_showOrchestrator, show); }
+    bool showOnboarding() const { return m_showOnboarding; }
+    void setShowOnboarding(bool show) { setSheet(m_showOnboarding, show); }
 
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
@@ -113,4 +117,5 @@ private:
     bool m_showContext = false;
     bool m_showPresets = false;
     bool m_showOrchestrator = false;
+    bool m_showOnboarding = false;
 };

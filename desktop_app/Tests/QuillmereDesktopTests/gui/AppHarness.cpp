@@ -39,6 +39,10 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     QmlSingleton<ProjectStore>::set(m_projects.get());
     m_runs = std::make_unique<AgentRunStore>(AgentRunStoreConfig{});
     QmlSingleton<AgentRunStore>::set(m_runs.get());
+    // The window counts as looked at: the notifications have their own test, on a bus of its own.
+    m_notifier = std::make_unique<DesktopNotifier>(
+        *m_app, m_prefs, DesktopNotifier::Config{[] { return true; }, {}, std::nullopt});
+    QmlSingleton<DesktopNotifier>::set(m_notifier.get());
 }
 
 AppHarness::~AppHarness() {
