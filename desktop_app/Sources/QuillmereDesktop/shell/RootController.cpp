@@ -10,7 +10,7 @@ RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& c
     connect(m_auth, &AuthStore::stateChanged, this, &RootController::onAuthStateChanged);
     // The last step of the first sign-in: a person without both CLIs is shown the way to them.
     connect(this, &RootController::firstRunChecked, this, [this] {
-        if (!m_cli->bothConnected())
+        if (m_firstRunOnboarding && !m_cli->bothConnected())
             setShowOnboarding(true);
     });
 }

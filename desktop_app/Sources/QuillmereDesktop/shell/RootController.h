@@ -74,6 +74,9 @@ public:
     // The drawer and the engine its window is made with; set by the entry once both exist.
     void setDrawer(TerminalDrawerController* drawer) { m_drawer = drawer; }
     void setQmlEngine(QQmlEngine* engine) { m_engine = engine; }
+    // Whether the first sign-in ends by showing onboarding when a CLI is missing (on by
+    // default; off for tests of other screens, which the sheet would take the focus from).
+    void setFirstRunOnboarding(bool enabled) { m_firstRunOnboarding = enabled; }
     // The drawer's panel settings, replaceable in tests (shorter delays).
     void setPanelConfig(TerminalPanelViewModel::Config config) { m_panelConfig = std::move(config); }
 
@@ -118,4 +121,5 @@ private:
     bool m_showPresets = false;
     bool m_showOrchestrator = false;
     bool m_showOnboarding = false;
+    bool m_firstRunOnboarding = true;
 };

@@ -28,6 +28,8 @@ public:
     struct Options {
         QUrl relayURL;
         bool demoMode = false;
+        // The onboarding sheet after the first sign-in; off unless a test is about it.
+        bool onboarding = false;
     };
 
     explicit AppHarness(Options options);

@@ -53,7 +53,7 @@ private slots:
         QVERIFY(machine.install(QStringLiteral("codex")));
         RelayFixture relay(machine.relayOptions());
         QVERIFY(relay.start());
-        AppHarness harness({relay.url(), false});
+        AppHarness harness({relay.url(), false, true});
         QVERIFY(harness.load());
         QTRY_VERIFY_WITH_TIMEOUT(harness.showsText("ONLINE"), 10000);
 
