@@ -52,7 +52,6 @@ int main(int argc, char* argv[]) {
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Quillmere"));
     // The launcher entry's name, which Wayland compositors match the window to.
     QGuiApplication::setDesktopFileName(QStringLiteral("quillmere"));
-    QGuiApplication::setWindowIcon(TrayIcon::icon());
 
     // The long-lived objects, made once and kept for the life of the process.
     SettingsPreferencesStore preferences;
@@ -114,8 +113,18 @@ int main(int argc, char* argv[]) {
         return 1;
     mainWindow = qobject_cast<QQuickWindow*>(engine.rootObjects().first());
     TrayIcon tray(app, [&mainWindow]() -> QWindow* { return mainWindow; });
-    // Without a tray on this desktop the window stays the only way in.
-    tray.show();
+    // The icons wait for the first frame: finding the icon theme and asking the desktop for
+    // its tray cost start-up time the window should not wait for.
+    if (mainWindow) {
+        QObject::connect(
+            mainWindow, &QQuickWindow::frameSwapped, &tray,
+            [&tray, &mainWindow] {
+                mainWindow->setIcon(TrayIcon::icon());
+                // Without a tray on this desktop the window stays the only way in.
+                tray.show();
+            },
+            Qt::SingleShotConnection);
+    }
     if (qEnvironmentVariableIsSet("QUILLMERE_STARTUP_PROBE"))
         reportFirstHomeFrame(qobject_cast<QQuickWindow*>(engine.rootObjects().first()), root, app);
     return QApplication::exec();
