@@ -85,10 +85,29 @@ void AppState::connect() {
 MereClient* AppState::makeClient() {
     if (m_useMock)
         return new MockClient(m_config.mockTiming, std::nullopt, this);
+    RelayClient* relay = queueRelayClient();
+    if (!relay)
+        return nullptr;
+    return m_config.makeRelayClient(*relay, this);
+}
+
+RelayClient* AppState::queueRelayClient() {
+    if (m_hostedClient)
+        m_hostedClient->deleteLater();
     // Without a signed-in relay client there is no relay to queue from.
     if (!m_relayClient)
         return nullptr;
-    return m_config.makeRelayClient(*m_relayClient, this);
+    const QUrl url(m_baseURLString, QUrl::StrictMode);
+    const bool usable = url.isValid() && !url.host().isEmpty() &&
+                        (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"));
+    if (!usable)
+        return nullptr;
+    const QString signedInToken = m_relayClient->token().value_or(QString());
+    if (url == m_relayClient->baseURL() && m_token == signedInToken)
+        return m_relayClient;
+    // Another relay: the signed-in client keeps its own address and token for sign-in.
+    m_hostedClient = new RelayClient(url, m_token.isEmpty() ? std::nullopt : std::optional(m_token), this);
+    return m_hostedClient;
 }
 
 void AppState::replaceClient(MereClient* client) {
@@ -105,6 +124,8 @@ void AppState::connectToRelay(RelayClient* client) {
     m_relayClient = client;
     if (!client)
         return;
+    setBaseURLString(client->baseURL().toString());
+    setToken(client->token().value_or(QString()));
     // In demo mode the running demo client stays; the relay is remembered for later.
     if (!m_useMock)
         connect();
@@ -224,4 +245,18 @@ void AppState::setTerminalWorkingDirectory(const QString& path) {
         emit terminalWorkingDirectoryChanged();
     }
     createWorkingDirectory();
+}
+
+void AppState::setBaseURLString(const QString& url) {
+    if (m_baseURLString == url)
+        return;
+    m_baseURLString = url;
+    emit baseURLStringChanged();
+}
+
+void AppState::setToken(const QString& token) {
+    if (m_token == token)
+        return;
+    m_token = token;
+    emit tokenChanged();
 }

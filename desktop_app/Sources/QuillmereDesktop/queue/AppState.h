@@ -53,6 +53,9 @@ class AppState : public QObject {
     Q_PROPERTY(bool alwaysOnTop READ alwaysOnTop WRITE setAlwaysOnTop NOTIFY alwaysOnTopChanged)
     Q_PROPERTY(QString terminalWorkingDirectory READ terminalWorkingDirectory WRITE
                    setTerminalWorkingDirectory NOTIFY terminalWorkingDirectoryChanged)
+    // The queue's relay: the signed-in one by default, or a compatible hosted one.
+    Q_PROPERTY(QString baseURLString READ baseURLString WRITE setBaseURLString NOTIFY baseURLStringChanged)
+    Q_PROPERTY(QString token READ token WRITE setToken NOTIFY tokenChanged)
 
 public:
     // QML sees the one instance the application made.
@@ -74,6 +77,8 @@ public:
     static inline const QString tokenKey = QStringLiteral("token");
     static inline const QString alwaysOnTopKey = QStringLiteral("alwaysOnTop");
     static inline const QString workingDirectoryKey = QStringLiteral("terminalWorkingDirectory");
+    // The queue's relay before anyone has signed in or typed another.
+    static inline const QString defaultBaseURLString = QStringLiteral("http://127.0.0.1:8787/");
 
     using Config = AppStateConfig;
 
@@ -92,6 +97,8 @@ public:
     bool useMock() const { return m_useMock; }
     bool alwaysOnTop() const { return m_alwaysOnTop; }
     const QString& terminalWorkingDirectory() const { return m_terminalWorkingDirectory; }
+    const QString& baseURLString() const { return m_baseURLString; }
+    const QString& token() const { return m_token; }
     MereClient* client() const { return m_client; }
     RelayClient* relayClient() const { return m_relayClient; }
 
@@ -103,6 +110,12 @@ public:
     void setUseMock(bool useMock);
     void setAlwaysOnTop(bool alwaysOnTop);
     void setTerminalWorkingDirectory(const QString& path);
+    // Kept in memory only, like the token: each sign-in sets both to the signed-in relay's,
+    // and the defaults' old "baseURL" key is read as the sign-in relay's address by the
+    // sign-in store. Takes effect at the next connect.
+    void setBaseURLString(const QString& url);
+    // Kept in memory only; takes effect at the next connect.
+    void setToken(const QString& token);
 
     // Builds the queue client for the present settings, replacing the one before.
     Q_INVOKABLE void connect();
@@ -125,11 +138,16 @@ signals:
     void useMockChanged();
     void alwaysOnTopChanged();
     void terminalWorkingDirectoryChanged();
+    void baseURLStringChanged();
+    void tokenChanged();
 
 private:
     void readPreferences();
     void createWorkingDirectory() const;
     MereClient* makeClient();
+    // The relay client the queue uses: the signed-in one when the address and token are
+    // its own, else one of this object's for the hosted relay; none for a bad address.
+    RelayClient* queueRelayClient();
     void replaceClient(MereClient* client);
     void setSnapshot(const Snapshot& snapshot);
     void setOnline(bool online);
@@ -152,6 +170,10 @@ private:
     // Owned by the sign-in store; only remembered here. The queue client asks it for the
     // relay's address and the token at the moment of each request.
     QPointer<RelayClient> m_relayClient;
+    QString m_baseURLString = defaultBaseURLString;
+    QString m_token;
+    // The client for a hosted relay typed in the settings; replaced at each connect.
+    QPointer<RelayClient> m_hostedClient;
     // Bumped at every client change, so that a callback queued by an old client is dropped.
     quint64 m_clientGeneration = 0;
 };

@@ -13,6 +13,11 @@ RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& c
         if (m_cli->isPolling())
             m_cli->startPolling(m_auth->client());
     });
+    // The last step of the first sign-in: a person without both CLIs is shown the way to them.
+    connect(this, &RootController::firstRunChecked, this, [this] {
+        if (m_firstRunOnboarding && !m_cli->bothConnected())
+            setShowOnboarding(true);
+    });
 }
 
 void RootController::setSheet(bool& flag, bool show) {

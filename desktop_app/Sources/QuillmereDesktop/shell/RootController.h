@@ -35,6 +35,8 @@ class RootController : public QObject {
     Q_PROPERTY(bool showIntegrations READ showIntegrations WRITE setShowIntegrations NOTIFY sheetsChanged)
     // Opened from the settings sheet.
     Q_PROPERTY(bool showClassifiers READ showClassifiers WRITE setShowClassifiers NOTIFY sheetsChanged)
+    // The first-run sheet, shown after the first sign-in when a CLI is missing, and from settings.
+    Q_PROPERTY(bool showOnboarding READ showOnboarding WRITE setShowOnboarding NOTIFY sheetsChanged)
 
 public:
     // After the first sign-in, how long to wait before the second status check.
@@ -73,6 +75,8 @@ public:
     void setShowIntegrations(bool show) { setSheet(m_showIntegrations, show); }
     bool showClassifiers() const { return m_showClassifiers; }
     void setShowClassifiers(bool show) { setSheet(m_showClassifiers, show); }
+    bool showOnboarding() const { return m_showOnboarding; }
+    void setShowOnboarding(bool show) { setSheet(m_showOnboarding, show); }
 
     // Connects or drops the queue for a new sign-in state.
     void onAuthStateChanged();
@@ -80,6 +84,9 @@ public:
     // The drawer and the engine its window is made with; set by the entry once both exist.
     void setDrawer(TerminalDrawerController* drawer) { m_drawer = drawer; }
     void setQmlEngine(QQmlEngine* engine) { m_engine = engine; }
+    // Whether the first sign-in ends by showing onboarding when a CLI is missing (on by
+    // default; off for tests of other screens, which the sheet would take the focus from).
+    void setFirstRunOnboarding(bool enabled) { m_firstRunOnboarding = enabled; }
     // The drawer's panel settings, replaceable in tests (shorter delays).
     void setPanelConfig(TerminalPanelViewModel::Config config) { m_panelConfig = std::move(config); }
 
@@ -126,4 +133,6 @@ private:
     bool m_showImprove = false;
     bool m_showIntegrations = false;
     bool m_showClassifiers = false;
+    bool m_showOnboarding = false;
+    bool m_firstRunOnboarding = true;
 };

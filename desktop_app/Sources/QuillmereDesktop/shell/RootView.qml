@@ -209,6 +209,25 @@ Rectangle {
         content: Component { ClassifierManagementView {} }
     }
 
+    SheetWindow {
+        objectName: "onboardingSheet"
+        title: "connect your clis"
+        showsHeader: false
+        transientParent: root.Window.window
+        width: 460
+        height: 420
+        minimumWidth: 380
+        minimumHeight: 360
+        open: RootController.showOnboarding
+        onCloseRequested: RootController.showOnboarding = false
+        content: Component {
+            OnboardingView {
+                onCloseRequested: RootController.showOnboarding = false
+                onOpenTerminalRequested: RootController.openTerminal()
+            }
+        }
+    }
+
     // The drawer's shortcut works from either window.
     Shortcut {
         sequence: TerminalDrawerController.toggleShortcut

@@ -7,13 +7,15 @@
 #include "QuillmereDesktop/context/ProjectStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
+#include "QuillmereDesktop/shell/DesktopNotifier.h"
 #include "QuillmereDesktop/shell/QuitOnSignal.h"
 #include "QuillmereDesktop/shell/QuitSequence.h"
 #include "QuillmereDesktop/shell/RootController.h"
+#include "QuillmereDesktop/shell/TrayIcon.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
 #include "QuillmereDesktop/terminal/TerminalDrawerController.h"
 
-#include <QGuiApplication>
+#include <QApplication>
 #include <QQmlApplicationEngine>
 #include <QQuickWindow>
 #include <QtQml/qqmlextensionplugin.h>
@@ -42,10 +44,14 @@ void reportFirstHomeFrame(QQuickWindow* window, RootController& root, AppState& 
 } // namespace
 
 int main(int argc, char* argv[]) {
-    QGuiApplication application(argc, argv);
+    // Widgets only for the tray icon's menu; every screen is Qt Quick.
+    QApplication application(argc, argv);
     QGuiApplication::setOrganizationName(QStringLiteral("Quillmere"));
+    // Also the window's class on X11, which the launcher entry's StartupWMClass names.
     QGuiApplication::setApplicationName(QStringLiteral("Quillmere"));
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Quillmere"));
+    // The launcher entry's name, which Wayland compositors match the window to.
+    QGuiApplication::setDesktopFileName(QStringLiteral("quillmere"));
 
     // The long-lived objects, made once and kept for the life of the process.
     SettingsPreferencesStore preferences;
@@ -61,6 +67,9 @@ int main(int argc, char* argv[]) {
     AgentRunStore agentRuns{AgentRunStoreConfig{}};
     ProjectStore projects(nullptr);
     RootController root(app, auth, cli);
+    // The sign-in sequence asks for Claude's usage figures once it has a working folder.
+    QObject::connect(&root, &RootController::claudeUsageProbingRequested, &cli,
+                     &CLIStatusStore::startClaudeUsageProbing);
 
     QmlSingleton<AppState>::set(&app);
     QmlSingleton<AuthStore>::set(&auth);
@@ -69,6 +78,17 @@ int main(int argc, char* argv[]) {
     QmlSingleton<AgentRunStore>::set(&agentRuns);
     QmlSingleton<ProjectStore>::set(&projects);
     QmlSingleton<RootController>::set(&root);
+    // The window, once QML has made it.
+    QPointer<QQuickWindow> mainWindow;
+    auto raiseWindow = [&mainWindow] {
+        if (!mainWindow)
+            return;
+        mainWindow->showNormal();
+        mainWindow->raise();
+        mainWindow->requestActivate();
+    };
+    DesktopNotifier notifier(app, preferences, DesktopNotifier::Config{{}, raiseWindow, std::nullopt});
+    QmlSingleton<DesktopNotifier>::set(&notifier);
 
     // At quit the agents are asked to stop first; then a relay this process started ends
     // with it, while one that was already running stays. The quit waits for the relay with
@@ -91,7 +111,21 @@ int main(int argc, char* argv[]) {
     engine.load(QUrl(QStringLiteral("qrc:/qt/qml/Quillmere/Main.qml")));
     if (engine.rootObjects().isEmpty())
         return 1;
+    mainWindow = qobject_cast<QQuickWindow*>(engine.rootObjects().first());
+    TrayIcon tray(app, [&mainWindow]() -> QWindow* { return mainWindow; });
+    // The icons wait for the first frame: finding the icon theme and asking the desktop for
+    // its tray cost start-up time the window should not wait for.
+    if (mainWindow) {
+        QObject::connect(
+            mainWindow, &QQuickWindow::frameSwapped, &tray,
+            [&tray, &mainWindow] {
+                mainWindow->setIcon(TrayIcon::icon());
+                // Without a tray on this desktop the window stays the only way in.
+                tray.show();
+            },
+            Qt::SingleShotConnection);
+    }
     if (qEnvironmentVariableIsSet("QUILLMERE_STARTUP_PROBE"))
         reportFirstHomeFrame(qobject_cast<QQuickWindow*>(engine.rootObjects().first()), root, app);
-    return QGuiApplication::exec();
+    return QApplication::exec();
 }

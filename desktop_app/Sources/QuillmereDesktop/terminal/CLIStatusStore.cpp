@@ -1,5 +1,7 @@
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
 
+#include <qcoro/qcorotimer.h>
+
 CLIStatusStore::CLIStatusStore(std::chrono::milliseconds pollInterval, QObject* parent) : QObject(parent) {
     m_pollTimer.setInterval(pollInterval);
     connect(&m_pollTimer, &QTimer::timeout, this, [this] { poll(); });
@@ -51,4 +53,27 @@ void CLIStatusStore::setClaudeUsage(std::optional<ClaudeUsage> usage) {
         return;
     m_claudeUsage = std::move(usage);
     emit claudeUsageChanged();
+}
+
+void CLIStatusStore::startClaudeUsageProbing(const QString& workingDirectory) {
+    if (m_usageProbeStarted)
+        return;
+    m_usageProbeStarted = true;
+    probeClaudeUsage(workingDirectory);
+}
+
+QCoro::Task<> CLIStatusStore::probeClaudeUsage(QString workingDirectory) {
+    QPointer<CLIStatusStore> self(this);
+    const std::chrono::milliseconds interval = m_usageProbeInterval;
+    const UsageProbe::Timeline timeline = m_usageProbeTimeline;
+    while (self) {
+        const std::optional<QString> text = co_await UsageProbe::captureUsageTab(workingDirectory, timeline);
+        if (!self)
+            co_return;
+        const std::optional<ClaudeUsage> usage = text ? UsageProbe::parse(*text) : std::nullopt;
+        // A probe without figures leaves the last good ones in place.
+        setClaudeUsage(usage);
+        emit claudeUsageProbed(usage.has_value());
+        co_await QCoro::sleepFor(interval);
+    }
 }

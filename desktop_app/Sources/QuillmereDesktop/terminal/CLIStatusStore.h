@@ -3,6 +3,7 @@
 #include "QuillmereDesktop/Auth/RelayClient.h"
 #include "QuillmereDesktop/common/QmlSingleton.h"
 #include "QuillmereDesktop/terminal/CLIStatus.h"
+#include "QuillmereDesktop/terminal/UsageProbe.h"
 
 #include <QObject>
 #include <QPointer>
@@ -45,17 +46,34 @@ public:
 
     void setClaudeUsage(std::optional<ClaudeUsage> usage);
 
+    // Keeps Claude's figures current: a probe at once and then one every interval, in the
+    // folder given at the first call (a later change of folder does not reach it). A second
+    // call does nothing; the probing lasts as long as the store.
+    void startClaudeUsageProbing(const QString& workingDirectory);
+    bool isProbingClaudeUsage() const { return m_usageProbeStarted; }
+    // The probe's rhythm and timeline, replaceable in tests before the probing starts.
+    void setUsageProbing(std::chrono::milliseconds interval, UsageProbe::Timeline timeline) {
+        m_usageProbeInterval = interval;
+        m_usageProbeTimeline = timeline;
+    }
+
 signals:
     void statusChanged();
     void claudeUsageChanged();
+    // A probe ended, with or without figures.
+    void claudeUsageProbed(bool gotFigures);
 
 private:
     void setStatus(std::optional<CLIStatusResponse> status);
     QCoro::Task<> poll();
+    QCoro::Task<> probeClaudeUsage(QString workingDirectory);
 
     std::optional<CLIStatusResponse> m_status;
     std::optional<ClaudeUsage> m_claudeUsage;
     QPointer<RelayClient> m_pollClient;
     QTimer m_pollTimer;
     bool m_pollStarted = false;
+    bool m_usageProbeStarted = false;
+    std::chrono::milliseconds m_usageProbeInterval = defaultUsageProbeInterval;
+    UsageProbe::Timeline m_usageProbeTimeline;
 };

@@ -27,6 +27,7 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     m_auth = std::make_unique<AuthStore>(m_prefs, m_secrets, nullptr, authConfig);
     m_cli = std::make_unique<CLIStatusStore>(CLIStatusStore::defaultPollInterval);
     m_root = std::make_unique<RootController>(*m_app, *m_auth, *m_cli, std::chrono::milliseconds(10));
+    m_root->setFirstRunOnboarding(m_options.onboarding);
     QmlSingleton<AppState>::set(m_app.get());
     QmlSingleton<AuthStore>::set(m_auth.get());
     QmlSingleton<CLIStatusStore>::set(m_cli.get());
@@ -39,6 +40,10 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     QmlSingleton<ProjectStore>::set(m_projects.get());
     m_runs = std::make_unique<AgentRunStore>(AgentRunStoreConfig{});
     QmlSingleton<AgentRunStore>::set(m_runs.get());
+    // The window counts as looked at: the notifications have their own test, on a bus of its own.
+    m_notifier = std::make_unique<DesktopNotifier>(
+        *m_app, m_prefs, DesktopNotifier::Config{[] { return true; }, {}, std::nullopt});
+    QmlSingleton<DesktopNotifier>::set(m_notifier.get());
 }
 
 AppHarness::~AppHarness() {

@@ -9,6 +9,7 @@
 #include "QuillmereDesktop/context/ProjectStore.h"
 #include "QuillmereDesktop/queue/AppState.h"
 #include "QuillmereDesktop/routing/ProviderConfigurationStore.h"
+#include "QuillmereDesktop/shell/DesktopNotifier.h"
 #include "QuillmereDesktop/shell/RootController.h"
 #include "QuillmereDesktop/terminal/CLIStatusStore.h"
 #include "QuillmereDesktop/terminal/TerminalDrawerController.h"
@@ -27,6 +28,8 @@ public:
     struct Options {
         QUrl relayURL;
         bool demoMode = false;
+        // The onboarding sheet after the first sign-in; off unless a test is about it.
+        bool onboarding = false;
     };
 
     explicit AppHarness(Options options);
@@ -44,6 +47,7 @@ public:
     ProviderConfigurationStore& providers() { return *m_providers; }
     FakeSecretStore& secrets() { return m_secrets; }
     ProjectStore& projects() { return *m_projects; }
+    DesktopNotifier& notifier() { return *m_notifier; }
 
     // Visible text items whose text is exactly this, anywhere in the window.
     QList<QQuickItem*> visibleTexts(const QString& text) const;
@@ -83,6 +87,7 @@ private:
     std::unique_ptr<ProviderConfigurationStore> m_providers;
     std::unique_ptr<ProjectStore> m_projects;
     std::unique_ptr<AgentRunStore> m_runs;
+    std::unique_ptr<DesktopNotifier> m_notifier;
     std::unique_ptr<QQmlApplicationEngine> m_engine;
     // After the engine: the drawer's window is made by it and must go first.
     std::unique_ptr<TerminalDrawerController> m_drawer;

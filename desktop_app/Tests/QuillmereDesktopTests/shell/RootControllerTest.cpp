@@ -2,8 +2,10 @@
 #include "QuillmereDesktop/common/MemoryPreferencesStore.h"
 #include "fakes/FakeSecretStore.h"
 #include "support/Await.h"
+#include "support/FakeMachine.h"
 #include "support/RelayFixture.h"
 
+#include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -75,6 +77,44 @@ private slots:
         QTRY_VERIFY(app.online());
         QTest::qWait(150);
         QCOMPARE(firstRun.count(), 1);
+    }
+
+    // The first sign-in shows onboarding after its second status check unless both CLIs
+    // are installed and signed in.
+    void firstSignInShowsOnboardingOnlyWhenACLIIsMissing() {
+        for (const bool bothReady : {false, true}) {
+            FakeMachine machine;
+            if (bothReady) {
+                QVERIFY(machine.install(QStringLiteral("claude")) && machine.signInClaude());
+                QVERIFY(machine.install(QStringLiteral("codex")) && machine.signInCodex());
+            } else {
+                QVERIFY(machine.install(QStringLiteral("codex")) && machine.signInCodex());
+            }
+            RelayFixture relay(machine.relayOptions());
+            QVERIFY(relay.start());
+            QTemporaryDir home;
+            MemoryPreferencesStore prefs;
+            FakeSecretStore secrets;
+            prefs.setString(AuthStore::relayURLKey, relay.url().toString());
+            AuthStoreConfig authConfig;
+            authConfig.bootstrapOnStart = false;
+            AuthStore auth(prefs, secrets, nullptr, authConfig);
+            AppStateConfig appConfig;
+            appConfig.homeDirectory = home.path();
+            AppState app(prefs, appConfig);
+            CLIStatusStore cli(60000ms);
+            RootController root(app, auth, cli, 300ms);
+            QSignalSpy firstRun(&root, &RootController::firstRunChecked);
+            QElapsedTimer clock;
+            clock.start();
+            await(auth.start());
+            QTRY_VERIFY(cli.status().has_value());
+            // Not before the delay: the person gets a moment with the drawer first.
+            QVERIFY(!root.showOnboarding());
+            QTRY_COMPARE(firstRun.count(), 1);
+            QVERIFY(clock.elapsed() >= 300);
+            QCOMPARE(root.showOnboarding(), !bothReady);
+        }
     }
 };
 

@@ -13,6 +13,8 @@ Window {
     property string title: ""
     // The screen, loaded only while the sheet is open, so it reads its data afresh each time.
     property Component content
+    // A screen with a heading and close control of its own hides the sheet's.
+    property bool showsHeader: true
     signal closeRequested()
 
     width: 560
@@ -30,6 +32,7 @@ Window {
         spacing: 6
         RowLayout {
             Layout.fillWidth: true
+            visible: sheet.showsHeader
             Text {
                 text: sheet.title
                 font.family: Theme.monoFamily
@@ -44,7 +47,7 @@ Window {
                 onClicked: sheet.closeRequested()
             }
         }
-        RuleView { Layout.fillWidth: true }
+        RuleView { Layout.fillWidth: true; visible: sheet.showsHeader }
         Loader {
             objectName: "sheetContent"
             Layout.fillWidth: true
