@@ -172,6 +172,15 @@ void Buffer::scrollWithMargins(bool isWrapped) {
 }
 
 void Buffer::scroll(bool isWrapped) {
+    const bool partialRegion = m_scrollTop != ScreenRow(0) || m_scrollBottom != lastRow();
+    if (partialRegion) [[unlikely]]
+        hardenBidiScrollBoundaries();
+    scrollLines(isWrapped);
+    if (partialRegion) [[unlikely]]
+        hardenBidiScrollBoundaries();
+}
+
+void Buffer::scrollLines(bool isWrapped) {
     if (m_modes->marginMode && (m_marginLeft != Col(0) || m_marginRight != lastCol())) {
         scrollWithMargins(isWrapped);
         return;
