@@ -224,7 +224,6 @@ public:
 
 private:
     void setupLinesCallbacks();
-    void scrollLines(bool isWrapped);
     void scrollWithMargins(bool isWrapped);
     void clearWrapAt(ScreenRow row);
     void reflow(int newCols, int newRows);

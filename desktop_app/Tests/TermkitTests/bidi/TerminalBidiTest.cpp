@@ -292,6 +292,27 @@ TEST(TerminalBidiTest, ScrollRegionCuttingAParagraphSeparatesIt) {
     EXPECT_EQ(s.layout(3).baseDirection, BidiDirection::rightToLeft);
 }
 
+TEST(TerminalBidiTest, LineFeedsScrollingARegionCutTheParagraphAcrossItsEdges) {
+    // A region from the top (its lines go into the history) and one below the top, each
+    // scrolled by line feeds at its bottom while a paragraph runs over its lower edge.
+    for (const char* region : {"\x1b[1;5r", "\x1b[2;5r"}) {
+        SCOPED_TRACE(region);
+        Screen s(5, 8, 0);
+        s.terminal.feed("\x1b[4Habcdefghijklmnopqrst");
+        ASSERT_TRUE(s.bufferLine(5).isWrapped());
+        s.terminal.feed(region);
+        s.terminal.feed("\x1b[5H\n");
+        EXPECT_FALSE(s.bufferLine(5).isWrapped());
+        EXPECT_TRUE(s.bufferLine(6).isWrapped());
+        EXPECT_EQ(TerminalBidi::paragraphBounds(s.line(5), s.terminal.buffer()).first, s.line(5));
+    }
+    // The same with a full history ring, where the line leaving the top is recycled.
+    Screen full(5, 8, 2);
+    full.terminal.feed(
+        "\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\x1b[4Habcdefghijklmnopqrst\x1b[1;5r\x1b[5H\n");
+    EXPECT_FALSE(full.bufferLine(5).isWrapped());
+}
+
 TEST(TerminalBidiTest, InsertingAndDeletingLinesCutsParagraphsAtTheEdges) {
     Screen s(5, 8);
     // A paragraph over rows 3 to 6, and a region over rows 0 to 5 that cuts it.
