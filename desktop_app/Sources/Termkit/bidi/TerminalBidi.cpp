@@ -229,6 +229,32 @@ std::string TerminalBidi::visualText(const BidiRowLayout& layout, const BufferLi
     return out;
 }
 
+std::vector<std::pair<int, int>> TerminalBidi::visualRanges(const BidiRowLayout& layout, int from, int to) {
+    std::vector<std::pair<int, int>> ranges;
+    const int cols = static_cast<int>(layout.visualToLogicalCol.size());
+    for (int v = 0; v < cols; ++v) {
+        const int logical = layout.visualToLogicalCol[static_cast<size_t>(v)];
+        if (logical < from || logical >= to)
+            continue;
+        if (!ranges.empty() && ranges.back().second == v)
+            ranges.back().second = v + 1;
+        else
+            ranges.emplace_back(v, v + 1);
+    }
+    return ranges;
+}
+
+bool TerminalBidi::isRightToLeftAt(const BidiRowLayout& layout, int logicalCol) {
+    const auto& map = layout.logicalToVisualCol;
+    const int cols = static_cast<int>(map.size());
+    if (logicalCol < 0 || logicalCol >= cols)
+        return false;
+    const auto at = static_cast<size_t>(logicalCol);
+    if (logicalCol + 1 < cols && map[at + 1] < map[at])
+        return true;
+    return logicalCol > 0 && map[at - 1] > map[at];
+}
+
 bool TerminalBidi::mayNeedBidi(const BufferLine& line, const CharacterTable& characters) {
     const CharData* cells = line.cells();
     const int end = std::min(line.cleanFrom(), line.count());

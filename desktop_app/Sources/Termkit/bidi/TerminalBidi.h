@@ -72,6 +72,13 @@ public:
     static std::string visualText(const BidiRowLayout& layout, const BufferLine& line,
                                   const CharacterTable& characters, bool trimRight = true);
 
+    /// The visual column ranges [start, end) that the logical columns [from, to) of a row
+    /// occupy, left to right: a span of mixed text can fall into several pieces.
+    static std::vector<std::pair<int, int>> visualRanges(const BidiRowLayout& layout, int from, int to);
+    /// Whether the cell at a logical column sits in a right-to-left run (its logical
+    /// successor is on its left, or its predecessor on its right).
+    static bool isRightToLeftAt(const BidiRowLayout& layout, int logicalCol);
+
     /// The revision the last paragraph result was given; grows with every new result.
     uint64_t paragraphRevision() const { return m_paragraphRevision; }
     /// The revision of the result a row's layout comes from; it changes when the row's
