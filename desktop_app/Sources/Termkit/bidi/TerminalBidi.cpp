@@ -357,7 +357,7 @@ TerminalBidi::ParagraphContentKey TerminalBidi::contentKey(ParagraphBounds bound
     key.cols = buffer.cols();
     for (LineIndex row = bounds.first; row <= bounds.last; ++row) {
         const BufferLine& line = buffer.line(row);
-        key.lines.push_back(LineKey{&line, line.recycleGeneration(), line.generation()});
+        key.lines.push_back(LineKey{&line, line.identity(), line.recycleGeneration(), line.generation()});
     }
     return key;
 }

@@ -93,6 +93,7 @@ private:
     // What a paragraph's result depends on: each line's identity and content revision.
     struct LineKey {
         const BufferLine* line = nullptr;
+        uint64_t identity = 0;
         uint64_t recycleGeneration = 0;
         uint64_t generation = 0;
         bool operator==(const LineKey&) const = default;
