@@ -462,6 +462,16 @@ TEST(TerminalBidiTest, ScrolledParagraphsAreFoundAgain) {
     EXPECT_EQ(s.bidi.builds(), builds);
 }
 
+TEST(TerminalBidiTest, EveryLineHasAnIdentityOfItsOwn) {
+    // The cache tells a line apart from one made later at the same address by this.
+    const BufferLine a(4, CharData::Null);
+    const BufferLine b(4, CharData::Null);
+    const BufferLine copy(a);
+    EXPECT_NE(a.identity(), b.identity());
+    EXPECT_NE(copy.identity(), a.identity());
+    EXPECT_NE(a.identity(), 0U);
+}
+
 TEST(TerminalBidiTest, RenderingDependencyRangeWidensToParagraphs) {
     Screen s(5, 8);
     s.terminal.feed("\x1b[2Habcdefghijkl\r\n\r\nxy");
