@@ -171,9 +171,14 @@ void Buffer::scrollWithMargins(bool isWrapped) {
     markRows(m_scrollTop, m_scrollBottom);
 }
 
+// A region that does not span the screen cuts paragraphs at its edges (before and after its
+// lines move). Only the branches for such regions do it, so that the full-screen scroll, a
+// hot path, pays nothing for it.
 void Buffer::scroll(bool isWrapped) {
     if (m_modes->marginMode && (m_marginLeft != Col(0) || m_marginRight != lastCol())) {
+        hardenBidiScrollBoundaries();
         scrollWithMargins(isWrapped);
+        hardenBidiScrollBoundaries();
         return;
     }
     const LineIndex top = lineIndex(m_scrollTop);
@@ -195,8 +200,10 @@ void Buffer::scroll(bool isWrapped) {
             BufferLine& fresh = m_lines.recycle(erase);
             fresh.setWrapped(isWrapped);
             fresh.setBidiState(bidi);
-            if (bottom.value != m_lines.count() - 1)
+            if (bottom.value != m_lines.count() - 1) {
                 m_lines.rotate(m_lines.count() - 1, bottom.value);
+                clearWrapAt(m_scrollBottom + 1);
+            }
             ++m_linesTop;
             if (userHolds)
                 m_yDisp = std::max(m_yDisp - 1, LineIndex(0));
@@ -214,6 +221,7 @@ void Buffer::scroll(bool isWrapped) {
                 std::vector<CircularBufferLineList::LinePtr> items;
                 items.push_back(std::move(fresh));
                 m_lines.splice(bottom.value + 1, 0, std::move(items));
+                clearWrapAt(m_scrollBottom + 1);
             }
             ++m_yBase;
             if (!userHolds)
@@ -222,12 +230,14 @@ void Buffer::scroll(bool isWrapped) {
     } else {
         // A region below the top: the row leaving it is not history, so its line object is
         // reused as the region's new bottom row.
+        hardenBidiScrollBoundaries();
         rotateLines(top, bottom);
         BufferLine& fresh = line(bottom);
         fresh.clear(erase);
         fresh.destroySemanticState();
         fresh.setWrapped(isWrapped);
         fresh.setBidiState(bidi);
+        hardenBidiScrollBoundaries();
     }
     markRows(m_scrollTop, m_scrollBottom);
     if (m_yDisp != oldYDisp && m_observer)

@@ -203,6 +203,11 @@ public:
     /// Moves the scroll region up by one line, taking a new blank line at its bottom. Lines
     /// leaving a region that starts at the top go into the scrollback.
     void scroll(bool isWrapped);
+    /// Ends paragraphs at the scroll region's edges (clearing `isWrapped` there), so that a
+    /// paragraph cut by the region is not joined again with lines that move past it.
+    void hardenBidiScrollBoundaries();
+    /// The same for lines inserted or deleted from `row` down to the region's bottom.
+    void hardenBidiLineShiftBoundaries(ScreenRow row);
     /// Writes one character of the given width at the cursor, wrapping or dropping as the
     /// modes say, and advances the cursor.
     void insertCharacter(int32_t code, int width, uint16_t payload);
@@ -220,6 +225,7 @@ public:
 private:
     void setupLinesCallbacks();
     void scrollWithMargins(bool isWrapped);
+    void clearWrapAt(ScreenRow row);
     void reflow(int newCols, int newRows);
     // Puts the rewrapped lines back and moves cursor, display and saved cursor with them.
     void placeAfterReflow(std::vector<CircularBufferLineList::LinePtr>& out,

@@ -1,6 +1,7 @@
 #include "Termkit/buffer/BufferLine.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "Termkit/buffer/CellFill.h"
@@ -17,10 +18,19 @@ void moveCells(CharData* dst, const CharData* src, int n) {
         std::memmove(static_cast<void*>(dst), src, static_cast<size_t>(n) * sizeof(CharData));
 }
 
+// Hands out line identities; lines are made rarely (the ring recycles them), so one shared
+// counter costs nothing that matters, and it is atomic because terminals may live on
+// different threads.
+uint64_t nextLineIdentity() {
+    static std::atomic<uint64_t> counter{0};
+    return counter.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
 } // namespace
 
 BufferLine::BufferLine(int cols, CharData fill, bool wrapped, BidiPresentationState bidi)
-    : m_isWrapped(wrapped), m_bidiState(bidi), m_fillCharacter(fill), m_size(std::max(cols, 0)) {
+    : m_isWrapped(wrapped), m_bidiState(bidi), m_identity(nextLineIdentity()), m_fillCharacter(fill),
+      m_size(std::max(cols, 0)) {
     m_data.reset(new CharData[static_cast<size_t>(m_size)]);
     fillCells(m_data.get(), m_size, fill);
     m_clean = fill == CharData::Null ? 0 : m_size;
@@ -28,8 +38,8 @@ BufferLine::BufferLine(int cols, CharData fill, bool wrapped, BidiPresentationSt
 
 BufferLine::BufferLine(const BufferLine& other)
     : m_isWrapped(other.m_isWrapped), m_bidiState(other.m_bidiState), m_renderMode(other.m_renderMode),
-      m_owningBuffer(nullptr), m_recycleGeneration(0), m_fillCharacter(other.m_fillCharacter),
-      m_generation(0), m_size(other.m_size), m_clean(other.m_clean) {
+      m_owningBuffer(nullptr), m_recycleGeneration(0), m_identity(nextLineIdentity()),
+      m_fillCharacter(other.m_fillCharacter), m_generation(0), m_size(other.m_size), m_clean(other.m_clean) {
     m_data.reset(new CharData[static_cast<size_t>(m_size)]);
     moveCells(m_data.get(), other.m_data.get(), m_size);
     if (other.m_annotations)

@@ -38,6 +38,9 @@ public:
     /// The buffer whose ring holds the line; set when the line enters it.
     const Buffer* owningBuffer() const { return m_owningBuffer; }
     void setOwningBuffer(const Buffer* buffer) { m_owningBuffer = buffer; }
+    /// Unique among the lines made in this process: a cache keyed by a line's address tells
+    /// by it a new line that was given the address of a freed one.
+    uint64_t identity() const { return m_identity; }
     /// Grows each time the ring reuses this line object for a new line.
     uint64_t recycleGeneration() const { return m_recycleGeneration; }
     void markRecycled() { ++m_recycleGeneration; }
@@ -145,6 +148,7 @@ private:
     RenderLineMode m_renderMode = RenderLineMode::single;
     const Buffer* m_owningBuffer = nullptr;
     uint64_t m_recycleGeneration = 0;
+    uint64_t m_identity = 0;
     CharData m_fillCharacter;
     uint64_t m_generation = 0;
     std::unique_ptr<CharData[]> m_data;

@@ -454,6 +454,7 @@ private:
     void setMarginMode(bool on);
     void setSendFocus(bool on);
     void changeBidiState(const std::function<void(BidiPresentationState&)>& change, unsigned properties);
+    void applyCurrentBidiStateAtParagraphStart(unsigned properties);
     void cmdSelectCharacterPath(const CsiParameters& pars);
     void cmdSelectPresentationDirection(const CsiParameters& pars);
 

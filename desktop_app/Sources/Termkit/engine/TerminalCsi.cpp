@@ -342,7 +342,8 @@ void Terminal::cmdSetCursorStyle(const CsiParameters& pars) {
 
 void Terminal::cmdSoftReset() {
     m_modes.defaultBidiState = m_options.initialBidiState;
-    m_extensions->applyCurrentBidiStateAtParagraphStart(*this, 0xF);
+    applyCurrentBidiStateAtParagraphStart(kBidiAllProperties);
+    m_extensions->applyCurrentBidiStateAtParagraphStart(*this, kBidiAllProperties);
     m_savedBidiPrivateModes.reset();
     m_cursorHidden = false;
     m_originMode = false;

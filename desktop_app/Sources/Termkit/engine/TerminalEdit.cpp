@@ -166,6 +166,7 @@ void Terminal::cmdInsertLines(const CsiParameters& pars) {
         return;
     const int n = std::min(pars.atLeast1(0), b.scrollBottom() - b.y() + 1);
     const bool columns = marginsNarrowed();
+    b.hardenBidiLineShiftBoundaries(b.y());
     for (int k = 0; k < n; ++k) {
         if (columns) {
             // Only the cells between the margins move.
@@ -177,6 +178,7 @@ void Terminal::cmdInsertLines(const CsiParameters& pars) {
             resetBufferLine(b.y());
         }
     }
+    b.hardenBidiLineShiftBoundaries(b.y());
     b.markRows(b.y(), b.scrollBottom());
     b.setX(leftLimit());
 }
@@ -190,6 +192,7 @@ void Terminal::cmdDeleteLines(const CsiParameters& pars) {
         return;
     const int n = std::min(pars.atLeast1(0), b.scrollBottom() - b.y() + 1);
     const bool columns = marginsNarrowed();
+    b.hardenBidiLineShiftBoundaries(b.y());
     for (int k = 0; k < n; ++k) {
         if (columns) {
             for (ScreenRow row = b.y(); row < b.scrollBottom(); ++row)
@@ -200,12 +203,14 @@ void Terminal::cmdDeleteLines(const CsiParameters& pars) {
             resetBufferLine(b.scrollBottom());
         }
     }
+    b.hardenBidiLineShiftBoundaries(b.y());
     b.markRows(b.y(), b.scrollBottom());
     b.setX(leftLimit());
 }
 
 void Terminal::scrollDownOne() {
     Buffer& b = *m_buffer;
+    b.hardenBidiScrollBoundaries();
     if (marginsNarrowed()) {
         for (ScreenRow row = b.scrollBottom(); row > b.scrollTop(); --row)
             copyBetweenMargins(row - 1, row);
@@ -214,6 +219,7 @@ void Terminal::scrollDownOne() {
         b.rotateLines(b.lineIndex(b.scrollBottom()), b.lineIndex(b.scrollTop()));
         resetBufferLine(b.scrollTop());
     }
+    b.hardenBidiScrollBoundaries();
     b.markRows(b.scrollTop(), b.scrollBottom());
 }
 
@@ -221,6 +227,7 @@ void Terminal::cmdScrollUp(const CsiParameters& pars) {
     Buffer& b = *m_buffer;
     const int n = std::min(pars.atLeast1(0), b.scrollBottom() - b.scrollTop() + 1);
     const bool columns = marginsNarrowed();
+    b.hardenBidiScrollBoundaries();
     for (int k = 0; k < n; ++k) {
         if (columns) {
             for (ScreenRow row = b.scrollTop(); row < b.scrollBottom(); ++row)
@@ -231,6 +238,7 @@ void Terminal::cmdScrollUp(const CsiParameters& pars) {
             resetBufferLine(b.scrollBottom());
         }
     }
+    b.hardenBidiScrollBoundaries();
     b.markRows(b.scrollTop(), b.scrollBottom());
 }
 

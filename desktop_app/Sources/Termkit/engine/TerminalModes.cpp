@@ -27,12 +27,6 @@ bool is(std::span<const uint8_t> collect, std::string_view expected) {
     return collect.size() == expected.size() && std::equal(collect.begin(), collect.end(), expected.begin());
 }
 
-// Bits naming the bidi properties a change touches.
-constexpr unsigned kBidiSupportMode = 1;
-constexpr unsigned kBidiAutodetect = 2;
-constexpr unsigned kBidiFallback = 4;
-constexpr unsigned kBidiMirroring = 8;
-
 /// The DEC private modes this terminal knows, by their numbers.
 enum class DecPrivateMode : int {
     applicationCursorKeys = 1, // DECCKM
@@ -513,6 +507,7 @@ void Terminal::changeBidiState(const std::function<void(BidiPresentationState&)>
                                unsigned properties) {
     // The terminal's state and what both buffers give new lines are one value.
     change(m_modes.defaultBidiState);
+    applyCurrentBidiStateAtParagraphStart(properties);
     m_extensions->applyCurrentBidiStateAtParagraphStart(*this, properties);
     updateFullScreen();
 }

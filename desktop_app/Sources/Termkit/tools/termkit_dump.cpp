@@ -1,8 +1,10 @@
-// termkit-dump --cols C --rows R [--scrollback N] [--attrs] FILE
+// termkit-dump --cols C --rows R [--scrollback N] [--attrs | --visual] FILE
 //
 // Feeds FILE's bytes into a headless terminal of that size and prints the active screen:
 // exactly R lines with trailing spaces trimmed, then "cursor ROW COL" (0-based). Replies
-// to queries in the stream are not sent anywhere.
+// to queries in the stream are not sent anywhere. With --visual each row is printed in
+// visual order, shaped and mirrored as the view shows it, and COL is the cursor's visual
+// column.
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "Termkit/bidi/VisualScreen.h"
 #include "Termkit/engine/ScreenText.h"
 #include "Termkit/engine/Terminal.h"
 
@@ -23,7 +26,8 @@ public:
 };
 
 int usage() {
-    std::fprintf(stderr, "usage: termkit-dump --cols C --rows R [--scrollback N] [--attrs] FILE\n");
+    std::fprintf(stderr,
+                 "usage: termkit-dump --cols C --rows R [--scrollback N] [--attrs | --visual] FILE\n");
     return 2;
 }
 
@@ -34,6 +38,7 @@ int main(int argc, char** argv) {
     int rows = 0;
     int scrollback = 500;
     bool attrs = false;
+    bool visual = false;
     const char* path = nullptr;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--cols") && i + 1 < argc) {
@@ -44,13 +49,15 @@ int main(int argc, char** argv) {
             scrollback = std::atoi(argv[++i]);
         } else if (!std::strcmp(argv[i], "--attrs")) {
             attrs = true;
+        } else if (!std::strcmp(argv[i], "--visual")) {
+            visual = true;
         } else if (argv[i][0] != '-' && path == nullptr) {
             path = argv[i];
         } else {
             return usage();
         }
     }
-    if (cols <= 0 || rows <= 0 || path == nullptr)
+    if (cols <= 0 || rows <= 0 || path == nullptr || (attrs && visual))
         return usage();
     std::ifstream in(path, std::ios::binary);
     if (!in) {
@@ -67,7 +74,8 @@ int main(int argc, char** argv) {
     termkit::Terminal terminal(&host, options);
     terminal.setSilentLog(true);
     terminal.feed(data);
-    const std::string out = termkit::dumpScreen(terminal, attrs);
+    const std::string out =
+        visual ? termkit::dumpVisualScreen(terminal) : termkit::dumpScreen(terminal, attrs);
     std::fwrite(out.data(), 1, out.size(), stdout);
     return 0;
 }

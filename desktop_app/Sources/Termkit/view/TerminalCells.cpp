@@ -120,11 +120,42 @@ int TerminalRowSource::rowCount() const {
     return m_terminal.rows();
 }
 
+void reorderForDisplay(RowSnapshot& row, const BidiRowLayout& layout) {
+    const std::vector<RenderCell> logical = row.cells;
+    const int count = static_cast<int>(logical.size());
+    int visualCol = 0;
+    for (const BidiCell& unit : layout.visualCells) {
+        for (int k = 0; k < unit.width; ++k) {
+            if (visualCol + k < count && unit.logicalCol + k < count)
+                row.cells[static_cast<size_t>(visualCol + k)] =
+                    logical[static_cast<size_t>(unit.logicalCol + k)];
+        }
+        if (unit.display && visualCol < count) {
+            RenderCell& shown = row.cells[static_cast<size_t>(visualCol)];
+            const QString text = QString::fromStdString(*unit.display);
+            const QList<uint> scalars = text.toUcs4();
+            if (scalars.isEmpty()) {
+                shown.code = 0;
+            } else if (scalars.size() == 1) {
+                shown.code = scalars.front();
+            } else {
+                row.clusters.push_back(text);
+                shown.code = RenderCell::kClusterFlag | static_cast<uint32_t>(row.clusters.size() - 1);
+            }
+        }
+        visualCol += unit.width;
+    }
+}
+
 RowKey TerminalRowSource::rowKey(int row) const {
     const BufferLine* line = m_terminal.getLine(ScreenRow(row));
     if (line == nullptr)
         return {};
-    return {line, line->generation(), 0};
+    // A row in visual order depends on its whole paragraph: the paragraph's revision makes
+    // a change to another of its rows rebuild this one too. Plain rows stay at 0.
+    const LineIndex index = m_terminal.buffer().yDisp() + row;
+    const bool reordered = m_bidi != nullptr && m_bidi->rowNeedsLayout(index, m_terminal.buffer());
+    return {line, line->generation(), reordered ? m_bidi->layoutRevision(index, m_terminal.buffer()) : 0};
 }
 
 void TerminalRowSource::copyRow(int row, RowSnapshot& out) const {
@@ -141,6 +172,9 @@ void TerminalRowSource::copyRow(int row, RowSnapshot& out) const {
         out.cells.push_back(render(m_terminal, cells[col], m_colors, out.clusters, nullptr));
         out.hasBlink = out.hasBlink || out.cells.back().has(RenderCell::blink);
     }
+    const LineIndex index = m_terminal.buffer().yDisp() + row;
+    if (m_bidi != nullptr && m_bidi->rowNeedsLayout(index, m_terminal.buffer()))
+        reorderForDisplay(out, m_bidi->layout(index, m_terminal.buffer()));
 }
 
 } // namespace termkit

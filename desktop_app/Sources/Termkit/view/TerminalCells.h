@@ -6,6 +6,7 @@
 
 #include <QString>
 
+#include "Termkit/bidi/TerminalBidi.h"
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/view/render/FrameBuilder.h"
 
@@ -30,10 +31,16 @@ uint32_t viewBackground(const Terminal& terminal, const ViewColors& colors);
 /// where the caret covering it starts.
 RenderCell cellAt(const Terminal& terminal, int& col, int row, const ViewColors& colors, QString& cluster);
 
-/// The rows of a terminal's display for the frame builder.
+/// Puts a row's cells, copied in logical order, into the visual order of its bidi layout,
+/// with the shaped and mirrored forms the layout gives in place of the characters.
+void reorderForDisplay(RowSnapshot& row, const BidiRowLayout& layout);
+
+/// The rows of a terminal's display for the frame builder, in visual order when `bidi` is
+/// given (none: logical order, as a host that turned bidi off wants).
 class TerminalRowSource : public RowSource {
 public:
-    TerminalRowSource(const Terminal& terminal, ViewColors colors) : m_terminal(terminal), m_colors(colors) {}
+    TerminalRowSource(const Terminal& terminal, ViewColors colors, TerminalBidi* bidi = nullptr)
+        : m_terminal(terminal), m_colors(colors), m_bidi(bidi) {}
     int rowCount() const override;
     RowKey rowKey(int row) const override;
     void copyRow(int row, RowSnapshot& out) const override;
@@ -41,6 +48,7 @@ public:
 private:
     const Terminal& m_terminal;
     ViewColors m_colors;
+    TerminalBidi* m_bidi;
 };
 
 } // namespace termkit

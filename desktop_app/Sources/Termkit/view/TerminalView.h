@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "Termkit/bidi/TerminalBidi.h"
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/links/TerminalLinks.h"
 #include "Termkit/search/SearchService.h"
@@ -157,6 +158,8 @@ public:
     std::optional<LinkMatch> linkAt(QPointF position) const;
     /// The link the pointer shows (Control held, or always by `linkHighlightMode`).
     const std::optional<LinkMatch>& hoveredLink() const { return m_hoveredLink; }
+    /// Where the caret is drawn, in item coordinates (tests read it).
+    QRectF caretRect() const { return m_caretRect; }
     /// The highlight rectangles on display, in item coordinates (tests read them).
     const std::vector<std::pair<QRectF, QColor>>& highlightRects() const { return m_highlightRects; }
 
@@ -310,6 +313,17 @@ private:
     // Selection and search (TerminalViewSelection.cpp)
     Position bufferCell(QPointF position) const;
     Position bufferBoundary(QPointF position) const;
+
+    // Right-to-left text (TerminalViewBidi.cpp): rows are drawn in visual order, so the
+    // caret, highlights and the pointer go through the layout of their row.
+    TerminalBidi* bidiForDisplay() const;
+    /// The layout of a line, or none for a line shown in logical order.
+    std::optional<BidiRowLayout> displayLayout(LineIndex line) const;
+    int visualColumn(LineIndex line, int logicalCol) const;
+    int logicalColumn(LineIndex line, int visualCol) const;
+    /// The logical boundary between cells nearest to a visual position given in columns.
+    int logicalBoundary(LineIndex line, double visualPosition) const;
+    BidiDirection cursorParagraphDirection() const;
     void selectionPress(QMouseEvent* event);
     void selectionMove(QMouseEvent* event);
     void selectionRelease(QMouseEvent* event);
@@ -332,6 +346,8 @@ private:
     Extensions m_extensions;
     TerminalViewSettings m_settings;
     ViewColors m_colors;
+    // Layouts are cached per paragraph; reading them from const members fills the cache.
+    mutable TerminalBidi m_bidi;
     QString m_fontFamily;
     qreal m_fontSize;
     QString m_title;

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "Termkit/view/TerminalView.h"
+#include "Termkit/view/input/BidiArrowKeys.h"
 #include "Termkit/view/input/KeyEncoder.h"
 #include "Termkit/view/input/MouseEncoder.h"
 #include "Termkit/view/qt/QtKeyMapping.h"
@@ -86,7 +87,9 @@ bool TerminalView::sendKittyKey(const QKeyEvent& event) {
 void TerminalView::keyPressEvent(QKeyEvent* event) {
     if (handleViewShortcut(event))
         return;
-    const KeyPress press = QtKeyMapping::fromEvent(*event);
+    const KeyPress press = withBidiArrowKeySwap(
+        QtKeyMapping::fromEvent(*event), m_terminal->bidiArrowKeySwap(),
+        m_terminal->bidiArrowKeySwap() ? cursorParagraphDirection() : BidiDirection::leftToRight);
     const InputModes modes = inputModes();
     // A host's own encoder for enhanced keys wins; else the built-in kitty encoder.
     std::optional<std::string> bytes;

@@ -169,7 +169,7 @@ void TerminalView::setUsesGpu(bool gpu) {
 }
 
 void TerminalView::buildFrame() {
-    TerminalRowSource source(*m_terminal, m_colors);
+    TerminalRowSource source(*m_terminal, m_colors, bidiForDisplay());
     const RowBuildContext context{m_fonts->metrics(), viewBackground(*m_terminal, m_colors),
                                   m_textBlink.shown()};
     FrameBuilder::Result result = m_frames->build(source, signature(), context);
@@ -218,6 +218,8 @@ void TerminalView::buildCaret() {
     look.caretColor = m_settings.caretColor ? argb(*m_settings.caretColor) : m_colors.foreground;
     look.caretTextColor = m_settings.caretTextColor ? argb(*m_settings.caretTextColor) : m_colors.background;
     look.cells = under.width == 2 ? 2 : 1;
+    // The cell under the caret is drawn where the row's layout put it.
+    col = visualColumn(buffer.yDisp() + caretRow, col);
     const QRectF rect(col * cell.width / m_devicePixelRatio, caretRow * cell.height / m_devicePixelRatio,
                       look.cells * cell.width / m_devicePixelRatio, cell.height / m_devicePixelRatio);
     if (visible != m_caretVisible || rect != m_caretRect)

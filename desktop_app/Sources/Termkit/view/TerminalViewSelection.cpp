@@ -37,7 +37,8 @@ const QColor kCurrentHitColor(0xFF, 0x80, 0x00);
 
 Position TerminalView::bufferCell(QPointF position) const {
     const MouseEvent e = mouseEventAt(MouseAction::press, MouseButton::none, position, Qt::NoModifier);
-    return {Col(e.col), m_terminal->buffer().yDisp() + e.row};
+    const LineIndex line = m_terminal->buffer().yDisp() + e.row;
+    return {Col(logicalColumn(line, e.col)), line};
 }
 
 // The boundary between cells nearest to the pointer: a drag that ends in the left half of a
@@ -45,9 +46,8 @@ Position TerminalView::bufferCell(QPointF position) const {
 Position TerminalView::bufferBoundary(QPointF position) const {
     const CellMetrics& cell = m_fonts->metrics();
     const double px = std::max(0.0, position.x() * m_devicePixelRatio);
-    const int col = std::clamp(static_cast<int>(px / cell.width + 0.5), 0, m_cols);
     Position p = bufferCell(position);
-    p.col = Col(col);
+    p.col = Col(std::clamp(logicalBoundary(p.row, px / cell.width), 0, m_cols));
     return p;
 }
 
@@ -242,8 +242,16 @@ void TerminalView::buildHighlightRects() {
         for (int r = std::max(start.row.value, top); r <= std::min(end.row.value, top + rows - 1); ++r) {
             const int from = r == start.row.value ? start.col.value : 0;
             const int to = r == end.row.value ? end.col.value : cols;
-            if (to > from)
-                m_highlightRects.emplace_back(QRectF(from * cw, (r - top) * ch, (to - from) * cw, ch), color);
+            if (to <= from)
+                continue;
+            // In a row shown in visual order a logical span may fall into several pieces.
+            if (const std::optional<BidiRowLayout> layout = displayLayout(LineIndex(r))) {
+                for (const auto& [left, right] : TerminalBidi::visualRanges(*layout, from, to))
+                    m_highlightRects.emplace_back(QRectF(left * cw, (r - top) * ch, (right - left) * cw, ch),
+                                                  color);
+                continue;
+            }
+            m_highlightRects.emplace_back(QRectF(from * cw, (r - top) * ch, (to - from) * cw, ch), color);
         }
     };
     for (const SearchResult& hit : m_searchHits) {

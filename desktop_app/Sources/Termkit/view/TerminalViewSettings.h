@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "Termkit/bidi/BidiTypes.h"
 #include "Termkit/engine/Color.h"
 
 namespace termkit {
@@ -23,9 +24,6 @@ enum class LinkReporting : uint8_t { none, explicitOnly, explicitAndImplicit };
 /// into one.
 enum class BufferingMode : uint8_t { perRowPersistent, perFrameAggregated };
 
-/// Who decides the direction of right-to-left text.
-enum class BidiHostPolicy : uint8_t { terminalControlled, alwaysImplicit, disabled };
-
 /// The settings of a `TerminalView`, with their defaults.
 struct TerminalViewSettings {
     /// How long a single click waits for a second one before it counts as single.
@@ -39,7 +37,7 @@ struct TerminalViewSettings {
     BellStyle bellStyle = BellStyle::visual;
     /// Bold text in one of the eight basic colours is shown in its bright variant.
     bool useBrightColors = true;
-    BidiHostPolicy bidiHostPolicy = BidiHostPolicy::terminalControlled;
+    BidiHostPolicy bidiHostPolicy = BidiHostPolicy::respectTerminal;
     /// Box drawing, block elements and powerline glyphs drawn by geometry, not the font.
     bool customBlockGlyphs = true;
     bool antiAliasCustomBlockGlyphs = true;
