@@ -12,6 +12,7 @@ namespace {
 
 constexpr uint8_t kBase64Invalid = 0xFF;
 constexpr uint8_t kBase64Skip = 0xFE;
+constexpr uint8_t kBase64Padding = 0xFD;
 
 constexpr std::array<uint8_t, 256> makeBase64Table() {
     std::array<uint8_t, 256> table{};
@@ -22,6 +23,7 @@ constexpr std::array<uint8_t, 256> makeBase64Table() {
         table[static_cast<uint8_t>(alphabet[i])] = static_cast<uint8_t>(i);
     for (char c : {' ', '\t', '\r', '\n'})
         table[static_cast<uint8_t>(c)] = kBase64Skip;
+    table[static_cast<uint8_t>('=')] = kBase64Padding;
     return table;
 }
 
@@ -32,21 +34,23 @@ constexpr size_t kInflateChunk = 64 * 1024;
 } // namespace
 
 std::optional<std::vector<uint8_t>> decodeBase64(std::string_view text, size_t limit) {
-    // Padding ends the data: anything but padding or whitespace after it is malformed.
-    size_t end = text.size();
-    while (end > 0 &&
-           (text[end - 1] == '=' || kBase64Table[static_cast<uint8_t>(text[end - 1])] == kBase64Skip))
-        --end;
-    if (end / 4 * 3 > limit + 3)
+    if (text.size() / 4 * 3 > limit + 3)
         return std::nullopt;
     std::vector<uint8_t> out;
-    out.reserve(end / 4 * 3 + 3);
+    out.reserve(text.size() / 4 * 3 + 3);
     uint32_t accumulator = 0;
     int bits = 0;
-    for (size_t i = 0; i < end; ++i) {
-        const uint8_t v = kBase64Table[static_cast<uint8_t>(text[i])];
+    for (const char ch : text) {
+        const uint8_t v = kBase64Table[static_cast<uint8_t>(ch)];
         if (v == kBase64Skip)
             continue;
+        if (v == kBase64Padding) {
+            // Padding ends a group. Programs that send in chunks pad each chunk, so the
+            // concatenated text may carry padding in the middle: the next group starts afresh.
+            bits = 0;
+            accumulator = 0;
+            continue;
+        }
         if (v == kBase64Invalid)
             return std::nullopt;
         accumulator = (accumulator << 6) | v;

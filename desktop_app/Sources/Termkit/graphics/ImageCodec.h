@@ -21,8 +21,8 @@ struct RgbaImage {
     size_t byteSize() const { return rgba.size(); }
 };
 
-/// Standard base64 (padding optional, whitespace skipped); nothing for any other byte or a
-/// result over `limit` bytes.
+/// Standard base64 (padding optional and allowed between groups, whitespace skipped);
+/// nothing for any other byte or a result over `limit` bytes.
 std::optional<std::vector<uint8_t>> decodeBase64(std::string_view text, size_t limit);
 
 /// Inflates a zlib stream; nothing when it is broken, truncated or inflates past `limit`.

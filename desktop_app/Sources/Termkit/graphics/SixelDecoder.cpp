@@ -34,9 +34,11 @@ int percentTo255(int p) {
     return (std::clamp(p, 0, 100) * 255 + 50) / 100;
 }
 
-// Reads up to `kMaxParameters` decimal parameters separated by `;` from `at`.
+// Reads up to `kMaxParameters` decimal parameters separated by `;` from `at`; returns how
+// many there were (0 when none).
 int readParameters(const uint8_t*& at, const uint8_t* end, std::array<int, kMaxParameters>& out) {
-    int count = 0;
+    int index = 0;
+    bool any = false;
     out.fill(0);
     while (at < end) {
         if (*at >= '0' && *at <= '9') {
@@ -45,19 +47,18 @@ int readParameters(const uint8_t*& at, const uint8_t* end, std::array<int, kMaxP
                 v = std::min(v * 10 + (*at - '0'), 1 << 20);
                 ++at;
             }
-            if (count < kMaxParameters)
-                out[count] = v;
-            count = std::max(count, 1);
+            if (index < kMaxParameters)
+                out[size_t(index)] = v;
+            any = true;
         } else if (*at == ';') {
-            ++count;
+            ++index;
+            any = true;
             ++at;
-            if (count >= kMaxParameters)
-                count = kMaxParameters - 1;
         } else {
             break;
         }
     }
-    return count;
+    return any ? std::min(index + 1, kMaxParameters) : 0;
 }
 
 // What the first pass learns: the picture's size.

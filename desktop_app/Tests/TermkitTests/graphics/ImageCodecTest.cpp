@@ -17,6 +17,7 @@ TEST(ImageCodecTest, Base64) {
     EXPECT_EQ(decodeBase64("aGVsbG8=", 100), bytes("hello"));
     EXPECT_EQ(decodeBase64("aGVs\nbG8", 100), bytes("hello"));
     EXPECT_EQ(decodeBase64("", 100), bytes(""));
+    EXPECT_EQ(decodeBase64("aGVsbA==bw==", 100), bytes("hello")); // padded chunks, joined
     EXPECT_FALSE(decodeBase64("aGV*bG8=", 100));
     EXPECT_FALSE(decodeBase64("aGVsbG8=", 4));
     EXPECT_EQ(decodeBase64(testing::base64(std::string_view("\x00\xff\x10", 3)), 3),
