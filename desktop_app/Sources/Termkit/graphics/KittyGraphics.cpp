@@ -126,6 +126,8 @@ void KittyGraphicsState::reply(Terminal& terminal, const KittyGraphicsControl& c
 
 std::string KittyGraphicsState::loadAndDecode(const KittyGraphicsControl& control, std::string_view base64,
                                               RgbaImage& out, bool& wasPng) {
+    if (control.transmission != 'd' && !m_localTransmissionAllowed)
+        return "ENOTSUP: unsupported transmission";
     std::vector<uint8_t> bytes;
     if (std::string error = loadKittyPayload(control, base64, bytes); !error.empty())
         return error;

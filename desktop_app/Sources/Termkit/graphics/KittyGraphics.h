@@ -84,6 +84,10 @@ public:
     uint32_t placeForeignImage(Terminal& terminal, std::shared_ptr<const RgbaImage> pixels,
                                ImageSource source, double widthInCells, double heightInCells);
 
+    /// Whether programs may send pictures by file, temporary file or shared memory; a host
+    /// turns it off for programs it does not trust with the local file system.
+    void setLocalTransmissionAllowed(bool allowed) { m_localTransmissionAllowed = allowed; }
+
     // Reading, for hosts and tests.
     const std::unordered_map<uint32_t, KittyGraphicsImage>& imagesById() const { return m_imagesById; }
     const std::unordered_map<uint32_t, uint32_t>& imageNumbers() const { return m_imageNumbers; }
@@ -126,6 +130,7 @@ private:
     uint32_t m_nextPlacementId = 1;
     std::optional<KittyGraphicsPending> m_pending;
     bool m_pendingOverflow = false;
+    bool m_localTransmissionAllowed = true;
     // Virtual placements have no lines to keep their token alive; the store keeps it.
     std::map<KittyPlacementKey, std::shared_ptr<PlacementToken>> m_virtualTokens;
     std::map<KittyPlacementKey, KittyPlacementRecord> m_placementsByKey;

@@ -324,6 +324,21 @@ TEST(KittyGraphicsTest, SharedMemoryIsReadAndUnlinked) {
     EXPECT_EQ(t.host.replies.back(), kittyReply("i=3", "ENOTSUP: unsupported transmission"));
 }
 
+TEST(KittyGraphicsTest, HostMayRefuseLocalMedia) {
+    GraphicsTerminal t;
+    const std::string path = "/tmp/" + uniqueName("tty-graphics-protocol-refused");
+    ScratchFile file(path, encodePng(gradient(3, 3)));
+    t.kitty().setLocalTransmissionAllowed(false);
+    t.feed(apc("a=t,t=t,f=100,i=1", base64(path)));
+    t.feed(apc("a=t,t=s,f=100,i=2", base64("/some-object")));
+    t.feed(apc("a=t,f=100,i=3", base64(encodePng(gradient(3, 3)))));
+    EXPECT_EQ(t.host.replies,
+              (std::vector<std::string>{kittyReply("i=1", "ENOTSUP: unsupported transmission"),
+                                        kittyReply("i=2", "ENOTSUP: unsupported transmission"),
+                                        kittyReply("i=3", "OK")}));
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
 // --- Limits -----------------------------------------------------------------------------------------
 
 TEST(KittyGraphicsTest, CacheLimitDropsTheOldestUnplacedImageFirst) {
