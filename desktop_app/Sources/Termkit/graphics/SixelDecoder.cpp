@@ -61,56 +61,138 @@ int readParameters(const uint8_t*& at, const uint8_t* end, std::array<int, kMaxP
     return any ? std::min(index + 1, kMaxParameters) : 0;
 }
 
-// What the first pass learns: the picture's size.
-struct Extent {
-    int width = 0;
-    int height = 0;
-};
+// The picture as it is drawn. A band of six rows is drawn column by column into a buffer
+// that keeps each column's six pixels together, which is how sixels arrive, and copied into
+// the picture's rows when the band ends; the picture grows as bands and columns come.
+// Pixels are 32-bit words in RGBA byte order; zero is a pixel nothing drew.
+class Canvas {
+public:
+    explicit Canvas(int widthHint) {
+        m_band.resize(size_t(std::max(widthHint, 1)) * 6, 0);
+        m_bandCapacity = std::max(widthHint, 1);
+    }
 
-// Walks the body once without drawing, to size the pixels before the drawing pass.
-Extent measure(const uint8_t* at, const uint8_t* end) {
-    Extent extent;
-    std::array<int, kMaxParameters> p{};
-    int x = 0;
-    int band = 0;
-    int rasterWidth = 0;
-    int rasterHeight = 0;
-    while (at < end) {
-        const uint8_t c = *at++;
-        if (c >= '?' && c <= '~') {
-            ++x;
-            if (c != '?') {
-                extent.width = std::max(extent.width, x);
-                const int top = 32 - __builtin_clz(unsigned(c - '?'));
-                extent.height = std::max(extent.height, band * 6 + top);
-            }
-        } else if (c == '!') {
-            readParameters(at, end, p);
-            if (at < end && *at >= '?' && *at <= '~') {
-                const uint8_t s = *at++;
-                x += std::max(1, p[0]);
-                if (s != '?') {
-                    extent.width = std::max(extent.width, x);
-                    extent.height = std::max(extent.height, band * 6 + 32 - __builtin_clz(unsigned(s - '?')));
-                }
-            }
-        } else if (c == '$') {
-            x = 0;
-        } else if (c == '-') {
-            x = 0;
-            ++band;
-        } else if (c == '"') {
-            readParameters(at, end, p);
-            rasterWidth = p[2];
-            rasterHeight = p[3];
-        } else if (c == '#') {
-            readParameters(at, end, p);
+    // Draws the six-pixel column `bits` at column x of the band, `count` times to the right.
+    void draw(unsigned bits, int x, int count, uint32_t colour) {
+        if (x + count > m_bandCapacity)
+            growBand(x + count);
+        m_bandRight = std::max(m_bandRight, x + count);
+        m_bandBottom = std::max(m_bandBottom, 32 - __builtin_clz(bits));
+        uint32_t* column = m_band.data() + size_t(x) * 6;
+        if (bits == 0x3F) {
+            for (int i = 0; i < count; ++i, column += 6)
+                for (int b = 0; b < 6; ++b)
+                    column[b] = colour;
+            return;
+        }
+        for (int i = 0; i < count; ++i, column += 6)
+            for (unsigned rest = bits; rest != 0; rest &= rest - 1)
+                column[__builtin_ctz(rest)] = colour;
+    }
+
+    // Draws a run of single sixels (bytes '?' to '~') from column x, keeping only the rows
+    // in `rowMask`. Runs are most of a stream, so this is the loop that matters.
+    void drawRun(const uint8_t* sixels, int length, int x, unsigned rowMask, uint32_t colour) {
+        if (x + length > m_bandCapacity)
+            growBand(x + length);
+        uint32_t* column = m_band.data() + size_t(x) * 6;
+        unsigned seen = 0;
+        int last = -1;
+        for (int i = 0; i < length; ++i, column += 6) {
+            const unsigned bits = unsigned(sixels[i] - '?') & rowMask;
+            if (bits == 0)
+                continue;
+            seen |= bits;
+            last = i;
+            for (unsigned rest = bits; rest != 0; rest &= rest - 1)
+                column[__builtin_ctz(rest)] = colour;
+        }
+        if (last >= 0) {
+            m_bandRight = std::max(m_bandRight, x + last + 1);
+            m_bandBottom = std::max(m_bandBottom, 32 - __builtin_clz(seen));
         }
     }
-    extent.width = std::min(std::max(extent.width, rasterWidth), kSixelMaxWidth);
-    extent.height = std::min(std::max(extent.height, rasterHeight), kSixelMaxHeight);
-    return extent;
-}
+
+    // Ends the band whose top row is `y`: its pixels go into the picture's rows.
+    void endBand(int y) {
+        if (m_bandRight == 0)
+            return;
+        if (m_rowsWidth < m_bandCapacity)
+            restride(m_bandCapacity);
+        m_width = std::max(m_width, m_bandRight);
+        m_height = y + m_bandBottom;
+        m_rows.resize(size_t(y + 6) * size_t(m_rowsWidth) * 4, 0);
+        for (int b = 0; b < 6; ++b) {
+            uint8_t* row = m_rows.data() + size_t(y + b) * size_t(m_rowsWidth) * 4;
+            const uint32_t* column = m_band.data() + b;
+            for (int x = 0; x < m_bandRight; ++x)
+                std::memcpy(row + size_t(x) * 4, column + size_t(x) * 6, 4);
+        }
+        std::fill(m_band.begin(), m_band.begin() + std::ptrdiff_t(m_bandRight) * 6, 0u);
+        m_bandRight = 0;
+        m_bandBottom = 0;
+    }
+
+    int width() const { return m_width; }
+    int height() const { return m_height; }
+
+    // The picture, `width` by `height`, with undrawn pixels set to `background`. The rows
+    // become the picture's when their stride already is its width, as it is when the
+    // program said the size up front.
+    RgbaImage take(int width, int height, uint32_t background) {
+        RgbaImage out;
+        out.width = width;
+        out.height = height;
+        const size_t bytes = size_t(width) * size_t(height) * 4;
+        if (width == m_rowsWidth) {
+            m_rows.resize(bytes, 0);
+            out.rgba = std::move(m_rows);
+        } else {
+            out.rgba.assign(bytes, 0);
+            const size_t rows = m_rowsWidth > 0 ? m_rows.size() / (size_t(m_rowsWidth) * 4) : 0;
+            for (size_t y = 0; y < std::min(rows, size_t(height)); ++y)
+                std::memcpy(out.rgba.data() + y * size_t(width) * 4,
+                            m_rows.data() + y * size_t(m_rowsWidth) * 4,
+                            size_t(std::min(width, m_rowsWidth)) * 4);
+        }
+        if (background != 0) {
+            for (size_t at = 0; at < bytes; at += 4) {
+                uint32_t pixel = 0;
+                std::memcpy(&pixel, out.rgba.data() + at, 4);
+                if (pixel == 0)
+                    std::memcpy(out.rgba.data() + at, &background, 4);
+            }
+        }
+        return out;
+    }
+
+private:
+    void growBand(int width) {
+        const int grown = std::min(std::max(width, m_bandCapacity * 2), kSixelMaxWidth);
+        m_band.resize(size_t(grown) * 6, 0);
+        m_bandCapacity = grown;
+    }
+
+    // Widens the rows drawn so far to a new stride.
+    void restride(int width) {
+        const size_t rows = m_rowsWidth > 0 ? m_rows.size() / (size_t(m_rowsWidth) * 4) : 0;
+        std::vector<uint8_t> wider(rows * size_t(width) * 4, 0);
+        for (size_t y = 0; y < rows; ++y)
+            std::memcpy(wider.data() + y * size_t(width) * 4, m_rows.data() + y * size_t(m_rowsWidth) * 4,
+                        size_t(m_rowsWidth) * 4);
+        m_rows = std::move(wider);
+        m_rowsWidth = width;
+    }
+
+    std::vector<uint32_t> m_band;
+    int m_bandCapacity = 0;
+    int m_bandRight = 0;
+    int m_bandBottom = 0;
+    std::vector<uint8_t> m_rows;
+    int m_rowsWidth = 0;
+    int m_width = 0;
+    int m_height = 0;
+};
 
 } // namespace
 
@@ -144,80 +226,89 @@ uint32_t hlsToRgb(int hue, int lightness, int saturation) {
 }
 
 std::optional<RgbaImage> decodeSixel(std::span<const uint8_t> body, bool transparentBackground) {
-    const uint8_t* const begin = body.data();
-    const uint8_t* const end = begin + body.size();
-    const Extent extent = measure(begin, end);
-    if (extent.width <= 0 || extent.height <= 0)
-        return std::nullopt;
-    std::vector<uint32_t> palette(kSixelRegisters, sixelRgba(0, 0, 0));
+    const uint8_t* at = body.data();
+    const uint8_t* const end = at + body.size();
+    std::array<uint32_t, kSixelRegisters> palette{};
     for (size_t i = 0; i < kVt340Palette.size(); ++i)
         palette[i] = sixelRgba(percentTo255(kVt340Palette[i][0]), percentTo255(kVt340Palette[i][1]),
                                percentTo255(kVt340Palette[i][2]));
-    const int width = extent.width;
-    const int height = extent.height;
-    std::vector<uint32_t> pixels(size_t(width) * size_t(height), 0);
-    // Which pixels a sixel set, for the opaque background; only kept when it is needed.
-    std::vector<uint8_t> set(transparentBackground ? 0 : pixels.size(), 0);
-
+    for (size_t i = kVt340Palette.size(); i < palette.size(); ++i)
+        palette[i] = sixelRgba(0, 0, 0);
     std::array<int, kMaxParameters> p{};
+    // Raster attributes before the first sixel give the size; they come first in practice.
+    int rasterWidth = 0;
+    int rasterHeight = 0;
+    if (at < end && *at == '"') {
+        ++at;
+        readParameters(at, end, p);
+        rasterWidth = std::clamp(p[2], 0, kSixelMaxWidth);
+        rasterHeight = std::clamp(p[3], 0, kSixelMaxHeight);
+    }
+    Canvas canvas(rasterWidth);
     uint32_t colour = palette[0];
     int x = 0;
     int y = 0; // top row of the current band
-    auto draw = [&](unsigned bits, int count) {
-        const int n = std::min(count, width - x);
-        if (n > 0 && bits != 0) {
-            for (int b = 0; b < 6 && y + b < height; ++b) {
-                if (!(bits & (1u << b)))
-                    continue;
-                uint32_t* row = pixels.data() + size_t(y + b) * size_t(width) + size_t(x);
-                std::fill(row, row + n, colour);
-                if (!set.empty())
-                    std::memset(set.data() + size_t(y + b) * size_t(width) + size_t(x), 1, size_t(n));
-            }
-        }
-        x += count;
+    // Rows of the band that lie inside the largest picture allowed.
+    unsigned rowMask = 0x3F;
+    auto sixel = [&](unsigned bits, int count) {
+        bits &= rowMask;
+        const int n = std::min(count, kSixelMaxWidth - x);
+        if (bits != 0 && n > 0)
+            canvas.draw(bits, x, n, colour);
+        x = std::min(x + count, kSixelMaxWidth);
     };
-    const uint8_t* at = begin;
     while (at < end) {
         const uint8_t c = *at++;
         if (c >= '?' && c <= '~') {
-            draw(c - '?', 1);
-        } else if (c == '!') {
+            const uint8_t* run = at - 1;
+            while (at < end && *at >= '?' && *at <= '~')
+                ++at;
+            const int length = std::min(int(at - run), kSixelMaxWidth - x);
+            if (length > 0)
+                canvas.drawRun(run, length, x, rowMask, colour);
+            x = std::min(x + int(at - run), kSixelMaxWidth);
+            continue;
+        }
+        switch (c) {
+        case '!':
             readParameters(at, end, p);
             if (at < end && *at >= '?' && *at <= '~')
-                draw(*at++ - '?', std::max(1, p[0]));
-        } else if (c == '$') {
+                sixel(unsigned(*at++ - '?'), std::max(1, p[0]));
+            break;
+        case '$':
             x = 0;
-        } else if (c == '-') {
+            break;
+        case '-':
+            canvas.endBand(y);
             x = 0;
             y += 6;
-            if (y >= height)
-                break;
-        } else if (c == '#') {
+            if (y >= kSixelMaxHeight)
+                at = end; // nothing below the largest picture can show
+            rowMask = y + 6 <= kSixelMaxHeight ? 0x3Fu : (1u << (kSixelMaxHeight - y)) - 1;
+            break;
+        case '#': {
             const int count = readParameters(at, end, p);
-            const int index = std::clamp(p[0], 0, kSixelRegisters - 1);
+            const size_t index = size_t(std::clamp(p[0], 0, kSixelRegisters - 1));
             if (count >= 5 && p[1] == 2)
-                palette[size_t(index)] =
-                    sixelRgba(percentTo255(p[2]), percentTo255(p[3]), percentTo255(p[4]));
+                palette[index] = sixelRgba(percentTo255(p[2]), percentTo255(p[3]), percentTo255(p[4]));
             else if (count >= 5 && p[1] == 1)
-                palette[size_t(index)] = hlsToRgb(p[2], p[3], p[4]);
-            colour = palette[size_t(index)];
-        } else if (c == '"') {
-            readParameters(at, end, p);
+                palette[index] = hlsToRgb(p[2], p[3], p[4]);
+            colour = palette[index];
+            break;
         }
-        if (x > width)
-            x = width; // later sixels on this row fall outside the picture
+        case '"':
+            readParameters(at, end, p);
+            break;
+        default:
+            break; // anything else in the body is ignored
+        }
     }
-    if (!transparentBackground)
-        for (size_t i = 0; i < pixels.size(); ++i)
-            if (!set[i])
-                pixels[i] = palette[0];
-    RgbaImage out;
-    out.width = width;
-    out.height = height;
-    out.rgba.resize(pixels.size() * 4);
-    std::memcpy(out.rgba.data(), pixels.data(), out.rgba.size());
-    return out;
+    canvas.endBand(y);
+    const int width = std::max(canvas.width(), rasterWidth);
+    const int height = std::max(canvas.height(), rasterHeight);
+    if (canvas.width() == 0 || height <= 0)
+        return std::nullopt;
+    return canvas.take(width, height, transparentBackground ? 0 : palette[0]);
 }
 
 } // namespace termkit
