@@ -91,11 +91,30 @@ DcsHandler* TerminalGraphics::sixelDcsHandler(Terminal& terminal) {
     return m_sixel.get();
 }
 
-void TerminalGraphics::reset(Terminal&, bool hard) {
+void TerminalGraphics::reset(Terminal& terminal, bool hard) {
     if (hard)
         m_kitty.clearAllKittyImages();
     else
         m_kitty.clearKittyImages();
+    if (m_next != nullptr)
+        m_next->reset(terminal, hard);
+}
+
+void TerminalGraphics::oscSemanticPrompt(Terminal& terminal, std::span<const uint8_t> data) {
+    if (m_next != nullptr)
+        m_next->oscSemanticPrompt(terminal, data);
+    else
+        TerminalExtensions::oscSemanticPrompt(terminal, data);
+}
+
+void TerminalGraphics::applyCurrentBidiStateAtParagraphStart(Terminal& terminal, unsigned properties) {
+    if (m_next != nullptr)
+        m_next->applyCurrentBidiStateAtParagraphStart(terminal, properties);
+}
+
+void TerminalGraphics::semanticNoteAlternateScreenSwitch(Terminal& terminal) {
+    if (m_next != nullptr)
+        m_next->semanticNoteAlternateScreenSwitch(terminal);
 }
 
 uint32_t TerminalGraphics::placeImage(Terminal& terminal, std::shared_ptr<const RgbaImage> pixels,

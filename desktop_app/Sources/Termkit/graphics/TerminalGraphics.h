@@ -37,15 +37,21 @@ private:
 };
 
 /// One terminal's image protocols. Make one per terminal, hand it to the terminal as its
-/// extensions, then `attach` it so that it also receives inline images.
+/// extensions, then `attach` it so that it also receives inline images. A terminal has one
+/// slot for extensions: what is not about pictures goes on to `next`, when there is one.
 class TerminalGraphics : public TerminalExtensions {
 public:
+    explicit TerminalGraphics(TerminalExtensions* next = nullptr) : m_next(next) {}
+
     /// Takes OSC 1337 from the terminal; other OSC 1337 bodies still reach the delegate.
     void attach(Terminal& terminal);
 
     void handleKittyGraphics(Terminal& terminal, std::span<const uint8_t> data) override;
     DcsHandler* sixelDcsHandler(Terminal& terminal) override;
     void reset(Terminal& terminal, bool hard) override;
+    void oscSemanticPrompt(Terminal& terminal, std::span<const uint8_t> data) override;
+    void applyCurrentBidiStateAtParagraphStart(Terminal& terminal, unsigned properties) override;
+    void semanticNoteAlternateScreenSwitch(Terminal& terminal) override;
 
     /// Places decoded pixels at the cursor, sized in cells.
     uint32_t placeImage(Terminal& terminal, std::shared_ptr<const RgbaImage> pixels, ImageSource source,
@@ -60,6 +66,7 @@ public:
 private:
     void inlineImage(Terminal& terminal, std::span<const uint8_t> data);
 
+    TerminalExtensions* m_next;
     KittyGraphicsState m_kitty;
     std::unique_ptr<SixelDcsHandler> m_sixel;
 };

@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "Termkit/engine/Terminal.h"
+#include "Termkit/graphics/TerminalGraphics.h"
 #include "Termkit/links/TerminalLinks.h"
 #include "Termkit/search/SearchService.h"
 #include "Termkit/selection/SelectionService.h"
@@ -34,6 +35,7 @@
 #include "Termkit/view/render/CaretPainter.h"
 #include "Termkit/view/render/FrameBuilder.h"
 #include "Termkit/view/render/FrameCoordinator.h"
+#include "Termkit/view/render/ImageLayerNode.h"
 #include "Termkit/view/render/SoftwareRowPainter.h"
 
 namespace termkit {
@@ -159,6 +161,13 @@ public:
     const std::optional<LinkMatch>& hoveredLink() const { return m_hoveredLink; }
     /// The highlight rectangles on display, in item coordinates (tests read them).
     const std::vector<std::pair<QRectF, QColor>>& highlightRects() const { return m_highlightRects; }
+    std::vector<ImageDraw> m_imagesBelow;
+    std::vector<ImageDraw> m_imagesAbove;
+    /// The pictures on display under the text and over it, in drawing order (logical pixels).
+    const std::vector<ImageDraw>& imagesBelowText() const { return m_imagesBelow; }
+    const std::vector<ImageDraw>& imagesAboveText() const { return m_imagesAbove; }
+    /// The terminal's image protocols (kitty graphics, sixel, inline images).
+    TerminalGraphics& graphics() { return *m_graphics; }
 
     QString fontFamily() const { return m_fontFamily; }
     void setFontFamily(const QString& family);
@@ -319,6 +328,7 @@ private:
     void refreshSearchHits();
     void reveal(LineIndex row);
     void buildHighlightRects();
+    void buildImageDraws();
 
     // Links (TerminalViewLinks.cpp)
     bool openLinkAt(QPointF position);
@@ -327,6 +337,8 @@ private:
 
     std::unique_ptr<QtTerminalScheduler> m_terminalScheduler;
     std::unique_ptr<SemanticPrompts> m_semantic;
+    // Pictures first, then the rest: the terminal hands other extension calls on to them.
+    std::unique_ptr<TerminalGraphics> m_graphics;
     std::unique_ptr<Terminal> m_terminal;
     TerminalViewDelegate* m_delegate = nullptr;
     Extensions m_extensions;

@@ -76,3 +76,32 @@ TEST(InlineImageTest, CellsForRequests) {
 
 } // namespace
 } // namespace termkit
+
+namespace termkit {
+namespace {
+
+// Records what reaches the extension after the graphics.
+class RecordingExtensions : public TerminalExtensions {
+public:
+    std::vector<std::string> calls;
+    void oscSemanticPrompt(Terminal&, std::span<const uint8_t> data) override {
+        calls.push_back("133:" + std::string(data.begin(), data.end()));
+    }
+    void semanticNoteAlternateScreenSwitch(Terminal&) override { calls.push_back("alt"); }
+    void reset(Terminal&, bool hard) override { calls.push_back(hard ? "hard" : "soft"); }
+};
+
+TEST(TerminalGraphicsTest, WhatIsNotAboutPicturesGoesOn) {
+    RecordingExtensions next;
+    testing::GraphicsHost host;
+    TerminalGraphics graphics(&next);
+    Terminal terminal(&host, {}, nullptr, &graphics);
+    graphics.attach(terminal);
+    next.calls.clear();
+    terminal.feed("\x1b]133;A\x07\x1b[?1049h\x1b[!p\x1b"
+                  "c");
+    EXPECT_EQ(next.calls, (std::vector<std::string>{"133:A", "alt", "soft", "hard"}));
+}
+
+} // namespace
+} // namespace termkit
