@@ -335,6 +335,7 @@ std::string KittyGraphicsState::displayKittyImage(Terminal& terminal, const Kitt
     record.zIndex = control.zIndex;
     record.isVirtual = isVirtual;
     record.isAlternateBuffer = terminal.isAlternateBufferActive();
+    record.control = control;
     if (isVirtual) {
         // Virtual placements are drawn where placeholder characters name them, not here.
         m_virtualTokens[key] = std::make_shared<PlacementToken>();
@@ -367,7 +368,34 @@ std::string KittyGraphicsState::displayKittyImage(Terminal& terminal, const Kitt
 
     const bool movesCursor = control.cursorPolicy == 0 && !control.parentImageId;
     attachSlices(terminal, base, row, movesCursor);
+    updateKittyRelativePlacementsForCurrentBuffer(terminal, key);
     return {};
+}
+
+void KittyGraphicsState::updateKittyRelativePlacementsForCurrentBuffer(Terminal& terminal,
+                                                                       const KittyPlacementKey& parent) {
+    // A chain of relative placements is followed only so deep, which also ends a cycle.
+    if (m_relativeDepth >= kKittyMaxRelativeDepth)
+        return;
+    std::vector<KittyPlacementRecord> children;
+    for (const auto& [key, record] : m_placementsByKey) {
+        const bool child = record.parentImageId == parent.imageId &&
+                           record.parentPlacementId.value_or(parent.placementId) == parent.placementId &&
+                           !(key == parent) && record.isAlternateBuffer == terminal.isAlternateBufferActive();
+        if (child && !record.isVirtual)
+            children.push_back(record);
+    }
+    ++m_relativeDepth;
+    for (const KittyPlacementRecord& child : children) {
+        KittyGraphicsControl control = child.control;
+        control.placementId = child.placementId;
+        if (!m_imagesById.contains(child.imageId))
+            continue;
+        // Placed again from where the parent is now; one that no longer fits is dropped.
+        if (!displayKittyImage(terminal, control, child.imageId).empty())
+            removePlacement(terminal, {child.imageId, child.placementId});
+    }
+    --m_relativeDepth;
 }
 
 void KittyGraphicsState::attachSlices(Terminal& terminal, const ImageSlice& base, int row, bool movesCursor) {

@@ -22,6 +22,8 @@ class Terminal;
 
 /// The most a payload may decode or inflate to; anything larger is refused whole.
 inline constexpr size_t kKittyPayloadLimitBytes = 419430400;
+/// How deep placements relative to placements may nest.
+inline constexpr int kKittyMaxRelativeDepth = 8;
 /// The most cells a placement may span in either direction.
 inline constexpr int kKittyMaxPlacementCells = 10000;
 
@@ -59,6 +61,8 @@ struct KittyPlacementRecord {
     bool isVirtual = false;
     bool isAlternateBuffer = false;
     std::weak_ptr<PlacementToken> token;
+    /// The command that made it, to place it again when its parent moves.
+    KittyGraphicsControl control;
 };
 
 /// A chunked transfer in progress: the first chunk's control and the base64 so far.
@@ -119,6 +123,7 @@ private:
     std::string resolveKittyPlacementOrigin(Terminal& terminal, const KittyGraphicsControl& control, int& col,
                                             int& row);
     void removePlacement(Terminal& terminal, const KittyPlacementKey& key);
+    void updateKittyRelativePlacementsForCurrentBuffer(Terminal& terminal, const KittyPlacementKey& parent);
     void cleanupUnusedKittyImages(const std::vector<uint32_t>& candidates);
     void removeImage(uint32_t imageId);
     void reply(Terminal& terminal, const KittyGraphicsControl& control, std::optional<uint32_t> imageId,
@@ -137,6 +142,7 @@ private:
     size_t m_totalImageBytes = 0;
     uint64_t m_nextImageAccessTick = 1;
     uint64_t m_nextSequence = 1;
+    int m_relativeDepth = 0;
     // Images from sixel and inline images are numbered apart from kitty's.
     uint32_t m_nextForeignImageId = 1;
 };

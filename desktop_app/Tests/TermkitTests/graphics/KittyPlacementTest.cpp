@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "TermkitTests/graphics/GraphicsTestSupport.h"
 
 namespace termkit {
@@ -176,6 +178,31 @@ TEST(KittyPlacementTest, RelativePlacementsStartFromTheirParent) {
     t.feed(apc("a=p,i=1,p=3,P=1,Q=1"));
     EXPECT_EQ(t.host.replies.back(),
               kittyReply("i=1,p=3", "ENOPARENT: parent placement not in current buffer"));
+}
+
+TEST(KittyPlacementTest, RelativePlacementsFollowTheirParentWhenItMoves) {
+    GraphicsTerminal t;
+    t.feed(apc("a=t,f=100,i=1", png(10, 20)));
+    t.feed("\x1b[3;5H");
+    t.feed(apc("a=p,i=1,p=1,C=1"));
+    t.feed(apc("a=p,i=1,p=2,P=1,Q=1,H=1,V=1"));
+    t.feed(apc("a=p,i=1,p=3,P=1,Q=2,H=1")); // a grandchild
+    t.feed("\x1b[6;2H");
+    t.feed(apc("a=p,i=1,p=1,C=1")); // the parent moves to row 5, column 1
+    std::map<int, std::pair<int, int>> where;
+    for (const auto& s : shown(t))
+        where[s[1]] = {s[2], s[3]};
+    EXPECT_EQ(where[1], std::make_pair(5, 1));
+    EXPECT_EQ(where[2], std::make_pair(6, 2));
+    EXPECT_EQ(where[3], std::make_pair(6, 3));
+    EXPECT_EQ(where.size(), 3u);
+    // Two placements each relative to the other: following them stops at the depth limit.
+    t.feed("\x1b[1;1H");
+    t.feed(apc("a=p,i=1,p=6,C=1"));
+    t.feed(apc("a=p,i=1,p=7,P=1,Q=6,H=1"));
+    t.feed(apc("a=p,i=1,p=6,P=1,Q=7,H=1"));
+    EXPECT_EQ(t.kitty().placementsByKey().count({1, 6}), 1u);
+    EXPECT_EQ(t.kitty().placementsByKey().count({1, 7}), 1u);
 }
 
 TEST(KittyPlacementTest, VirtualPlacementsAndRangeErrors) {
