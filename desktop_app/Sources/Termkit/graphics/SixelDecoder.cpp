@@ -34,6 +34,17 @@ int percentTo255(int p) {
     return (std::clamp(p, 0, 100) * 255 + 50) / 100;
 }
 
+// Reads one decimal number from `at` (0 when there is none), capped so it cannot overflow.
+int readNumber(const uint8_t*& at, const uint8_t* end) {
+    int v = 0;
+    while (at < end && unsigned(*at - '0') < 10) {
+        if (v < (1 << 20))
+            v = v * 10 + (*at - '0');
+        ++at;
+    }
+    return v;
+}
+
 // Reads up to `kMaxParameters` decimal parameters separated by `;` from `at`; returns how
 // many there were (0 when none).
 int readParameters(const uint8_t*& at, const uint8_t* end, std::array<int, kMaxParameters>& out) {
@@ -67,9 +78,11 @@ int readParameters(const uint8_t*& at, const uint8_t* end, std::array<int, kMaxP
 // Pixels are 32-bit words in RGBA byte order; zero is a pixel nothing drew.
 class Canvas {
 public:
-    explicit Canvas(int widthHint) {
+    Canvas(int widthHint, int heightHint) {
         m_band.resize(size_t(std::max(widthHint, 1)) * 6, 0);
         m_bandCapacity = std::max(widthHint, 1);
+        // The rows a picture of the announced size needs, so that the bands never move them.
+        m_rows.reserve(size_t(m_bandCapacity) * size_t(std::max(heightHint, 0) + 6) * 4);
     }
 
     // Draws the six-pixel column `bits` at column x of the band, `count` times to the right.
@@ -244,7 +257,7 @@ std::optional<RgbaImage> decodeSixel(std::span<const uint8_t> body, bool transpa
         rasterWidth = std::clamp(p[2], 0, kSixelMaxWidth);
         rasterHeight = std::clamp(p[3], 0, kSixelMaxHeight);
     }
-    Canvas canvas(rasterWidth);
+    Canvas canvas(rasterWidth, rasterHeight);
     uint32_t colour = palette[0];
     int x = 0;
     int y = 0; // top row of the current band
@@ -270,11 +283,12 @@ std::optional<RgbaImage> decodeSixel(std::span<const uint8_t> body, bool transpa
             continue;
         }
         switch (c) {
-        case '!':
-            readParameters(at, end, p);
+        case '!': {
+            const int count = readNumber(at, end);
             if (at < end && *at >= '?' && *at <= '~')
-                sixel(unsigned(*at++ - '?'), std::max(1, p[0]));
+                sixel(unsigned(*at++ - '?'), std::max(1, count));
             break;
+        }
         case '$':
             x = 0;
             break;
@@ -287,6 +301,14 @@ std::optional<RgbaImage> decodeSixel(std::span<const uint8_t> body, bool transpa
             rowMask = y + 6 <= kSixelMaxHeight ? 0x3Fu : (1u << (kSixelMaxHeight - y)) - 1;
             break;
         case '#': {
+            // Selecting a register is far more common than defining one.
+            const uint8_t* start = at;
+            const int number = readNumber(at, end);
+            if (at >= end || *at != ';') {
+                colour = palette[size_t(std::clamp(number, 0, kSixelRegisters - 1))];
+                break;
+            }
+            at = start;
             const int count = readParameters(at, end, p);
             const size_t index = size_t(std::clamp(p[0], 0, kSixelRegisters - 1));
             if (count >= 5 && p[1] == 2)
