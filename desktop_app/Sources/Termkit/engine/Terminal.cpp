@@ -452,3 +452,43 @@ void Terminal::garbageCollectPayload() {
 }
 
 } // namespace termkit
+
+namespace termkit {
+
+// --- Images on lines -----------------------------------------------------------------------
+
+void Terminal::attachImage(ScreenRow row, TerminalImage image) {
+    m_buffer->attachImage(std::move(image), m_buffer->lineIndex(row));
+    m_buffer->markRow(row);
+}
+
+void Terminal::removeImages(const std::function<bool(const TerminalImage&)>& drop) {
+    for (Buffer* b : {m_normalBuffer.get(), m_altBuffer.get()}) {
+        if (b->linesWithImagesCount() == 0)
+            continue;
+        bool changed = false;
+        for (int i = 0; i < b->lineCount(); ++i) {
+            BufferLine* line = b->lines().peek(i);
+            if (line == nullptr || !line->hasImages())
+                continue;
+            std::vector<TerminalImage> kept = *line->images();
+            if (std::erase_if(kept, drop) == 0)
+                continue;
+            line->clearImages();
+            for (TerminalImage& image : kept)
+                line->attach(std::move(image));
+            changed = true;
+        }
+        if (changed) {
+            b->recalculateImageCount();
+            if (b == m_buffer)
+                updateFullScreen();
+        }
+    }
+}
+
+void Terminal::setCursorColumn(Col col) {
+    m_buffer->setX(std::clamp(col, Col(0), m_buffer->lastCol()));
+}
+
+} // namespace termkit

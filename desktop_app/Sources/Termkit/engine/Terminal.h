@@ -258,6 +258,12 @@ public:
         ensureAttributes();
         m_buffer->scroll(isWrapped);
     }
+    /// Attaches an image to a row of the active screen (image protocols).
+    void attachImage(ScreenRow row, TerminalImage image);
+    /// Drops the attached images `drop` picks, from every line of both buffers.
+    void removeImages(const std::function<bool(const TerminalImage&)>& drop);
+    /// Puts the cursor in a column of its row, within the screen.
+    void setCursorColumn(Col col);
     void cmdIndex();
     void cmdLineFeedBasic();
     void cmdCarriageReturn();

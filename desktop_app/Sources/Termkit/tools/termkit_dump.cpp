@@ -1,10 +1,12 @@
-// termkit-dump --cols C --rows R [--scrollback N] [--attrs | --visual] FILE
+// termkit-dump --cols C --rows R [--scrollback N] [--attrs | --visual] [--images DIR] FILE
 //
 // Feeds FILE's bytes into a headless terminal of that size and prints the active screen:
 // exactly R lines with trailing spaces trimmed, then "cursor ROW COL" (0-based). Replies
 // to queries in the stream are not sent anywhere. With --visual each row is printed in
 // visual order, shaped and mirrored as the view shows it, and COL is the cursor's visual
-// column.
+// column. With --images, each picture on the final screen is written into DIR as a PNG and
+// one "image ..." line per placement follows (see graphics/ImageDump.h); cells are 10x20
+// pixels.
 
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +19,8 @@
 #include "Termkit/bidi/VisualScreen.h"
 #include "Termkit/engine/ScreenText.h"
 #include "Termkit/engine/Terminal.h"
+#include "Termkit/graphics/ImageDump.h"
+#include "Termkit/graphics/TerminalGraphics.h"
 
 namespace {
 
@@ -27,7 +31,8 @@ public:
 
 int usage() {
     std::fprintf(stderr,
-                 "usage: termkit-dump --cols C --rows R [--scrollback N] [--attrs | --visual] FILE\n");
+                 "usage: termkit-dump --cols C --rows R [--scrollback N] [--attrs | --visual] [--images DIR] "
+                 "FILE\n");
     return 2;
 }
 
@@ -39,6 +44,7 @@ int main(int argc, char** argv) {
     int scrollback = 500;
     bool attrs = false;
     bool visual = false;
+    const char* imagesDir = nullptr;
     const char* path = nullptr;
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--cols") && i + 1 < argc) {
@@ -47,6 +53,8 @@ int main(int argc, char** argv) {
             rows = std::atoi(argv[++i]);
         } else if (!std::strcmp(argv[i], "--scrollback") && i + 1 < argc) {
             scrollback = std::atoi(argv[++i]);
+        } else if (!std::strcmp(argv[i], "--images") && i + 1 < argc) {
+            imagesDir = argv[++i];
         } else if (!std::strcmp(argv[i], "--attrs")) {
             attrs = true;
         } else if (!std::strcmp(argv[i], "--visual")) {
@@ -71,11 +79,17 @@ int main(int argc, char** argv) {
     options.cols = cols;
     options.rows = rows;
     options.scrollback = scrollback;
-    termkit::Terminal terminal(&host, options);
+    termkit::TerminalGraphics graphics;
+    termkit::Terminal terminal(&host, options, nullptr, &graphics);
+    graphics.attach(terminal);
     terminal.setSilentLog(true);
     terminal.feed(data);
     const std::string out =
         visual ? termkit::dumpVisualScreen(terminal) : termkit::dumpScreen(terminal, attrs);
     std::fwrite(out.data(), 1, out.size(), stdout);
+    if (imagesDir != nullptr) {
+        const std::string images = termkit::dumpImages(terminal, imagesDir);
+        std::fwrite(images.data(), 1, images.size(), stdout);
+    }
     return 0;
 }

@@ -29,8 +29,10 @@ TerminalView::TerminalView(QQuickItem* parent)
       m_fontFamily(QString::fromLatin1(FontSet::kDefaultFamily)), m_fontSize(FontSet::kDefaultPointSize) {
     m_clock.start();
     m_semantic = std::make_unique<SemanticPrompts>();
+    m_graphics = std::make_unique<TerminalGraphics>(m_semantic.get());
     m_terminal = std::make_unique<Terminal>(static_cast<TerminalDelegate*>(this), TerminalOptions{},
-                                            m_terminalScheduler.get(), m_semantic.get());
+                                            m_terminalScheduler.get(), m_graphics.get());
+    m_graphics->attach(*m_terminal);
     m_terminal->storeForegroundColor(toTerminalColor(m_colors.foreground));
     m_terminal->storeBackgroundColor(toTerminalColor(m_colors.background));
     m_selection = std::make_unique<SelectionService>(*m_terminal);

@@ -18,6 +18,7 @@
 
 #include "Termkit/bidi/TerminalBidi.h"
 #include "Termkit/engine/Terminal.h"
+#include "Termkit/graphics/TerminalGraphics.h"
 #include "Termkit/links/TerminalLinks.h"
 #include "Termkit/search/SearchService.h"
 #include "Termkit/selection/SelectionService.h"
@@ -35,6 +36,7 @@
 #include "Termkit/view/render/CaretPainter.h"
 #include "Termkit/view/render/FrameBuilder.h"
 #include "Termkit/view/render/FrameCoordinator.h"
+#include "Termkit/view/render/ImageLayerNode.h"
 #include "Termkit/view/render/SoftwareRowPainter.h"
 
 namespace termkit {
@@ -162,6 +164,13 @@ public:
     QRectF caretRect() const { return m_caretRect; }
     /// The highlight rectangles on display, in item coordinates (tests read them).
     const std::vector<std::pair<QRectF, QColor>>& highlightRects() const { return m_highlightRects; }
+    std::vector<ImageDraw> m_imagesBelow;
+    std::vector<ImageDraw> m_imagesAbove;
+    /// The pictures on display under the text and over it, in drawing order (logical pixels).
+    const std::vector<ImageDraw>& imagesBelowText() const { return m_imagesBelow; }
+    const std::vector<ImageDraw>& imagesAboveText() const { return m_imagesAbove; }
+    /// The terminal's image protocols (kitty graphics, sixel, inline images).
+    TerminalGraphics& graphics() { return *m_graphics; }
 
     QString fontFamily() const { return m_fontFamily; }
     void setFontFamily(const QString& family);
@@ -333,6 +342,7 @@ private:
     void refreshSearchHits();
     void reveal(LineIndex row);
     void buildHighlightRects();
+    void buildImageDraws();
 
     // Links (TerminalViewLinks.cpp)
     bool openLinkAt(QPointF position);
@@ -341,6 +351,8 @@ private:
 
     std::unique_ptr<QtTerminalScheduler> m_terminalScheduler;
     std::unique_ptr<SemanticPrompts> m_semantic;
+    // Pictures first, then the rest: the terminal hands other extension calls on to them.
+    std::unique_ptr<TerminalGraphics> m_graphics;
     std::unique_ptr<Terminal> m_terminal;
     TerminalViewDelegate* m_delegate = nullptr;
     Extensions m_extensions;

@@ -39,13 +39,16 @@ QColor qcolor(uint32_t argb) {
 
 } // namespace
 
-/// The view's scene-graph subtree: the background, the rows (geometry on the GPU path, one
-/// image in software), the caret, the bell's flash and the progress bar, in that order.
+/// The view's scene-graph subtree: the background, pictures under the text, the rows
+/// (geometry on the GPU path, one image in software), pictures over the text, the caret,
+/// the bell's flash and the progress bar, in that order.
 class ViewRootNode : public QSGNode {
 public:
     ViewRootNode(QQuickWindow* window, bool software) : software(software) {
         background = window->createRectangleNode();
         appendChildNode(background);
+        imagesBelow = new ImageLayerNode(window);
+        appendChildNode(imagesBelow);
         if (software) {
             image = makeImageNode(window);
             appendChildNode(image);
@@ -53,6 +56,8 @@ public:
             gpuRows = new GpuRowsNode;
             appendChildNode(gpuRows);
         }
+        imagesAbove = new ImageLayerNode(window);
+        appendChildNode(imagesAbove);
         // All highlight nodes are made here, with the tree: the software renderer places a
         // node added later to this subtree without the item's transform.
         highlights = new QSGNode;
@@ -103,6 +108,8 @@ public:
     QSGRectangleNode* background = nullptr;
     GpuRowsNode* gpuRows = nullptr;
     QSGImageNode* image = nullptr;
+    ImageLayerNode* imagesBelow = nullptr;
+    ImageLayerNode* imagesAbove = nullptr;
     // Selection and search matches: translucent rectangles over the text, made afresh for
     // each frame (a handful on any screen).
     QSGNode* highlights = nullptr;
@@ -156,6 +163,7 @@ void TerminalView::updatePolish() {
     if (m_searchHitsStale)
         refreshSearchHits();
     buildHighlightRects();
+    buildImageDraws();
     // The redraw asked for is built: output that arrives from now on starts a new round.
     m_pacing.displayed();
     update();
@@ -257,6 +265,8 @@ QSGNode* TerminalView::updatePaintNode(QSGNode* oldNode, UpdatePaintNodeData*) {
     root->background->setRect(boundingRect());
     root->background->setColor(qcolor(viewBackground(*m_terminal, m_colors)));
     updateRowNodes(*root, w);
+    root->imagesBelow->update(m_imagesBelow, w);
+    root->imagesAbove->update(m_imagesAbove, w);
     updateCaretNode(*root, w);
     updateHighlightNodes(*root);
     updateOverlayNodes(*root);

@@ -1,20 +1,27 @@
 // Fuzz target: random bytes fed to a terminal in random chunks, with resizes, scrollback
-// changes and reads between them. The sanitizers catch memory and undefined-behaviour
-// errors; the checks below catch broken buffer invariants.
+// changes and reads between them; some chunks are wrapped as kitty graphics commands, sixel
+// strings or inline images, so that the image protocols see bodies of every shape. The sanitizers catch
+// memory and undefined-behaviour errors; the checks below catch broken buffer invariants.
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <span>
+#include <string>
 
 #include "Termkit/engine/ScreenText.h"
 #include "Termkit/engine/Terminal.h"
+#include "Termkit/graphics/ImageDump.h"
+#include "Termkit/graphics/TerminalGraphics.h"
 
 namespace {
 
 class Host : public termkit::TerminalDelegate {
 public:
     void send(termkit::Terminal&, std::span<const uint8_t>) override {}
+    std::optional<std::pair<int, int>> cellSizeInPixels(termkit::Terminal&) override {
+        return std::pair(7, 13);
+    }
     std::optional<std::vector<uint8_t>> clipboardRead(termkit::Terminal&) override {
         return std::vector<uint8_t>{'x'};
     }
@@ -49,6 +56,15 @@ void checkInvariants(const termkit::Terminal& t) {
             if (line == nullptr)
                 continue;
             check(line->count() == b->cols());
+            // Every picture slice names a row of its placement and pixels that exist.
+            if (const auto* images = line->images())
+                for (const termkit::TerminalImage& image : *images) {
+                    const termkit::ImageSlice& s = termkit::imageSlice(image);
+                    check(s.row >= 0 && s.row < s.rows && s.pixels != nullptr);
+                    check(s.sourceX >= 0 && s.sourceY >= 0 && s.sourceX + s.sourceWidth <= s.pixels->width &&
+                          s.sourceY + s.sourceHeight <= s.pixels->height);
+                    check(s.pixels->rgba.size() == size_t(s.pixels->width) * size_t(s.pixels->height) * 4);
+                }
             // Cells past the clean mark must really be empty, or a recycled line would show them.
             for (int c = line->cleanFrom(); c < line->count(); ++c)
                 check(line->cells()[c] == termkit::CharData::Null);
@@ -69,7 +85,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     options.regionalIndicatorWidth =
         (data[3] & 1) ? termkit::RegionalIndicatorWidth::narrow : termkit::RegionalIndicatorWidth::wide;
     options.convertEol = (data[3] & 2) != 0;
-    termkit::Terminal terminal(&host, options);
+    termkit::TerminalGraphics graphics;
+    // The fuzzer must not read, delete or unlink the machine's files and shared memory.
+    graphics.kitty().setLocalTransmissionAllowed(false);
+    termkit::Terminal terminal(&host, options, nullptr, &graphics);
+    graphics.attach(terminal);
     terminal.setSilentLog(true);
     size_t i = 4;
     while (i < size) {
@@ -93,6 +113,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             (void)termkit::dumpScreen(terminal, true);
             (void)terminal.getText(termkit::Position(termkit::Col(0), termkit::LineIndex(0)),
                                    termkit::Position(termkit::Col(3), termkit::LineIndex(5)));
+        } else if (op >= 0xF9 && op <= 0xFB && i < size) {
+            // A body wrapped as an image command: kitty graphics, sixel or an inline image.
+            static const char* const kPrefixes[] = {"\x1b_G", "\x1bPq", "\x1b]1337;File=inline=1:"};
+            static const char* const kSuffixes[] = {"\x1b\\", "\x1b\\", "\x07"};
+            const size_t n = std::min<size_t>(data[i] * 8 + 1, size - i - 1);
+            std::string wrapped = kPrefixes[op - 0xF9];
+            wrapped.append(reinterpret_cast<const char*>(data + i + 1), n);
+            wrapped += kSuffixes[op - 0xF9];
+            terminal.feed(wrapped);
+            i += n + 1;
+            (void)termkit::visiblePlacements(terminal);
         } else if (op == 0xF8) {
             terminal.setUserScrolling(!terminal.userScrolling());
             terminal.scrollDisplay(termkit::LineIndex(0));

@@ -1,0 +1,37 @@
+#!/usr/bin/env python3
+"""Runs termkit-dump --images on recorded kitty and sixel streams and checks what it prints
+and writes: one line per placement with its cells, and a PNG of each picture's size."""
+import os
+import re
+import struct
+import subprocess
+import sys
+import tempfile
+
+dump, data = sys.argv[1], sys.argv[2]
+with open(os.path.join(data, "chafa-kitty-16x12.kitty"), "rb") as f:
+    kitty = f.read()
+with open(os.path.join(data, "img2sixel-16x12.six"), "rb") as f:
+    sixel = f.read()
+with tempfile.TemporaryDirectory() as out:
+    stream = os.path.join(out, "stream.bin")
+    with open(stream, "wb") as f:
+        # chafa ends its picture with a line feed: the sixel starts two rows below it.
+        f.write(b"hello\r\n" + kitty + b"\r\n" + sixel)
+    images = os.path.join(out, "images")
+    os.mkdir(images)
+    result = subprocess.run([dump, "--cols", "40", "--rows", "10", "--images", images, stream],
+                            capture_output=True, check=True, timeout=60)
+    lines = [l for l in result.stdout.decode().splitlines() if l.startswith("image ")]
+    expected = [
+        r"image id=1 placement=1 source=kitty row=1 col=0 cols=8 rows=3 file=kitty-1.png",
+        r"image id=1 placement=0 source=sixel row=5 col=0 cols=2 rows=1 file=sixel-1.png",
+    ]
+    if lines != expected:
+        sys.exit(f"unexpected lines: {lines}")
+    for name, size in (("kitty-1.png", (64, 24)), ("sixel-1.png", (16, 12))):
+        with open(os.path.join(images, name), "rb") as f:
+            header = f.read(24)
+        if header[:8] != b"\x89PNG\r\n\x1a\n" or struct.unpack(">II", header[16:24]) != size:
+            sys.exit(f"{name}: not a {size} PNG")
+print("termkit-dump --images: ok")

@@ -1,0 +1,157 @@
+// Pictures in the terminal view, in a real window: a kitty picture fed to the view and a
+// sixel picture from img2sixel run in the view's own shell are drawn as textures where
+// their cells are, over the text or under it by their z-index.
+
+#include <QDir>
+#include <QGuiApplication>
+#include <QImage>
+#include <QQuickWindow>
+#include <QSGRendererInterface>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include "Termkit/graphics/ImageCodec.h"
+#include "Termkit/view/LocalProcessTerminalView.h"
+
+using namespace termkit;
+
+namespace {
+
+QString screenshotPath(const QString& name) {
+    const QString folder = QDir::current().filePath(QStringLiteral("screenshots"));
+    QDir().mkpath(folder);
+    return QDir(folder).filePath(name + QStringLiteral(".png"));
+}
+
+QString apiName(const QQuickWindow& window) {
+    return window.rendererInterface()->graphicsApi() == QSGRendererInterface::Software
+               ? QStringLiteral("software")
+               : QStringLiteral("gpu");
+}
+
+// Four solid quadrants: red, green, blue and yellow, clockwise from the top left.
+QImage quadrants(int side) {
+    QImage image(side, side, QImage::Format_RGBA8888);
+    const int half = side / 2;
+    for (int y = 0; y < side; ++y)
+        for (int x = 0; x < side; ++x)
+            image.setPixelColor(x, y,
+                                y < half ? (x < half ? QColor(255, 0, 0) : QColor(0, 255, 0))
+                                         : (x < half ? QColor(255, 255, 0) : QColor(0, 0, 255)));
+    return image;
+}
+
+std::string kittyCommand(const QImage& image, const std::string& control) {
+    RgbaImage rgba;
+    rgba.width = image.width();
+    rgba.height = image.height();
+    const QImage converted = image.convertToFormat(QImage::Format_RGBA8888);
+    rgba.rgba.assign(converted.constBits(), converted.constBits() + converted.sizeInBytes());
+    const auto png = encodePng(rgba);
+    const QByteArray base64 =
+        QByteArray(reinterpret_cast<const char*>(png.data()), qsizetype(png.size())).toBase64();
+    return "\x1b_G" + control + ";" + base64.toStdString() + "\x1b\\";
+}
+
+bool near(QColor a, QColor b) {
+    return std::abs(a.red() - b.red()) < 40 && std::abs(a.green() - b.green()) < 40 &&
+           std::abs(a.blue() - b.blue()) < 40;
+}
+
+struct Harness {
+    QQuickWindow window;
+    LocalProcessTerminalView* view = nullptr;
+    explicit Harness(QSize size = QSize(640, 400)) {
+        window.resize(size);
+        window.setColor(Qt::white);
+        view = new LocalProcessTerminalView(window.contentItem());
+        view->setSize(QSizeF(size));
+        window.show();
+    }
+    bool presentedAll(int timeoutMs = 5000) {
+        return QTest::qWaitFor(
+            [&] { return view->bytesPresented() == view->bytesFed() && view->bytesFed() > 0; }, timeoutMs);
+    }
+    // The colour of the screenshot at a point of the item, in logical pixels.
+    static QColor at(const QImage& shot, QPointF p, qreal dpr) {
+        return shot.pixelColor(int(p.x() * dpr), int(p.y() * dpr));
+    }
+};
+
+} // namespace
+
+class TerminalViewImagesGuiTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void aKittyPictureIsDrawnOverItsCells() {
+        Harness h;
+        QVERIFY(QTest::qWaitForWindowExposed(&h.window));
+        const CellMetrics& cell = h.view->cellMetrics();
+        const qreal dpr = h.window.effectiveDevicePixelRatio();
+        h.view->feed("text before\r\n  ");
+        // Eight columns by four rows from column 2 of row 1, over the text.
+        h.view->feed(kittyCommand(quadrants(64), "a=T,f=100,i=1,c=8,r=4,q=2"));
+        h.view->feed("\r\nafter");
+        QVERIFY(h.presentedAll());
+        QTest::qWait(100);
+        QCOMPARE(h.view->imagesAboveText().size(), size_t(1));
+        const QRectF target = h.view->imagesAboveText()[0].target;
+        const qreal cw = cell.width / dpr;
+        const qreal ch = cell.height / dpr;
+        QCOMPARE(target, QRectF(2 * cw, 1 * ch, 8 * cw, 4 * ch));
+        const QImage shot = h.window.grabWindow();
+        QVERIFY(shot.save(screenshotPath("view-kitty-" + apiName(h.window))));
+        const QPointF topLeft = target.topLeft();
+        const qreal qw = target.width() / 4;
+        const qreal qh = target.height() / 4;
+        QVERIFY(near(Harness::at(shot, topLeft + QPointF(qw, qh), dpr), QColor(255, 0, 0)));
+        QVERIFY(near(Harness::at(shot, topLeft + QPointF(3 * qw, qh), dpr), QColor(0, 255, 0)));
+        QVERIFY(near(Harness::at(shot, topLeft + QPointF(qw, 3 * qh), dpr), QColor(255, 255, 0)));
+        QVERIFY(near(Harness::at(shot, topLeft + QPointF(3 * qw, 3 * qh), dpr), QColor(0, 0, 255)));
+        // Outside the picture the background shows.
+        QVERIFY(!near(Harness::at(shot, QPointF(12 * cw, 2.5 * ch), dpr), QColor(255, 0, 0)));
+        // A negative z-index puts the picture under the text; deleting it takes it away.
+        h.view->feed(kittyCommand(quadrants(16), "a=T,f=100,i=2,z=-1,C=1,q=2"));
+        h.view->feed("\x1b_Ga=d,d=i,i=1\x1b\\");
+        QVERIFY(h.presentedAll());
+        QTest::qWait(100);
+        QCOMPARE(h.view->imagesAboveText().size(), size_t(0));
+        QCOMPARE(h.view->imagesBelowText().size(), size_t(1));
+    }
+
+    void anImg2sixelPictureFromTheShellAppears() {
+        if (QStandardPaths::findExecutable("img2sixel").isEmpty())
+            QSKIP("img2sixel (libsixel-bin) is not installed; scripts/bootstrap installs it");
+        QTemporaryDir dir;
+        const QString png = dir.filePath("quadrants.png");
+        QVERIFY(quadrants(96).save(png));
+        Harness h;
+        QVERIFY(QTest::qWaitForWindowExposed(&h.window));
+        const std::string script =
+            "printf 'sixel:\\n'; img2sixel '" + png.toStdString() + "'; printf 'done\\n'; sleep 5";
+        h.view->startProcess("/bin/sh", {"-c", script});
+        QVERIFY(QTest::qWaitFor([&] { return h.view->screenText().contains("done"); }, 5000));
+        QVERIFY(h.presentedAll());
+        QTest::qWait(200);
+        QCOMPARE(h.view->imagesAboveText().size(), size_t(1));
+        const QRectF target = h.view->imagesAboveText()[0].target;
+        const qreal dpr = h.window.effectiveDevicePixelRatio();
+        const CellMetrics& cell = h.view->cellMetrics();
+        // At the view's own cell size the picture keeps its 96 device pixels, on row 1.
+        QCOMPARE(target.topLeft(), QPointF(0, cell.height / dpr));
+        QCOMPARE(qRound(target.width() * dpr), 96);
+        const QImage shot = h.window.grabWindow();
+        QVERIFY(shot.save(screenshotPath("view-sixel-" + apiName(h.window))));
+        const QPointF c = target.topLeft();
+        QVERIFY(near(Harness::at(shot, c + QPointF(target.width() / 4, target.height() / 4), dpr),
+                     QColor(255, 0, 0)));
+        QVERIFY(near(Harness::at(shot, c + QPointF(3 * target.width() / 4, 3 * target.height() / 4), dpr),
+                     QColor(0, 0, 255)));
+        h.view->terminate();
+    }
+};
+
+QTEST_MAIN(TerminalViewImagesGuiTest)
+#include "TerminalViewImagesGuiTest.moc"
