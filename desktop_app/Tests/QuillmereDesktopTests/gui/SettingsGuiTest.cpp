@@ -120,8 +120,14 @@ private slots:
               "snapshot base url", "token", "Reconnect", "window", "Always on top", "Desktop notifications",
               "improve loop", "Read new transcript automatically"})
             QVERIFY2(shown.contains(text), text);
-        // Only the screens that exist have their buttons.
-        QVERIFY(!shown.contains("Manage Usage Classifiers…"));
+        // The classifiers console opens from here.
+        QVERIFY(shown.contains("Manage Usage Classifiers…"));
+        QQuickItem* classifiers = AppHarness::inSheet(settings, "manageClassifiers");
+        QVERIFY(classifiers);
+        QVERIFY(!harness.root().showClassifiers());
+        QMetaObject::invokeMethod(classifiers, "clicked");
+        QTRY_VERIFY(harness.root().showClassifiers());
+        harness.root().setShowClassifiers(false);
         QTest::qWait(200);
         AppHarness::screenshotOf(settings, "settings-top");
 
