@@ -58,8 +58,11 @@ class App:
     def __init__(self, settings):
         self.settings = settings
         self.db = Database(settings.db_path, background_checkpoints=True)
-        with self.db.write() as conn:
-            contextindex.drop_orphaned(conn)
+        with self.db.read() as conn:
+            stale = contextindex.orphaned(conn)
+        if stale:
+            with self.db.write() as conn:
+                contextindex.drop_orphaned(conn)
         self.mailer = Mailer(settings)
         self.router = Router()
         self.workers = WorkerPool(WORKER_THREADS)

@@ -17,6 +17,8 @@ import re
 TOKENIZER = "porter unicode61 remove_diacritics 2"
 PREFIX = "context_search_"
 _PROJECT_ID = re.compile(r"prj_([0-9a-f]{32})")
+# A project's index table; its shadow tables (`_data`, `_idx`...) have longer names.
+_TABLE = re.compile(PREFIX + "[0-9a-f]{32}")
 
 
 def table(project_id):
@@ -74,15 +76,16 @@ def build_all(conn):
                      "SELECT seq, title, content FROM context_items WHERE project_id = ?", (project_id,))
 
 
+def orphaned(conn):
+    """The index tables whose project no longer exists (a read: most starts find none)."""
+    names = [row[0] for row in conn.execute("SELECT name FROM sqlite_master WHERE type = 'table'")]
+    live = {table(row[0]) for row in conn.execute("SELECT id FROM projects") if is_project_id(row[0])}
+    return [name for name in names if _TABLE.fullmatch(name) and name not in live]
+
+
 def drop_orphaned(conn):
     """Drops the index of every project that no longer exists; returns how many."""
-    names = [row[0] for row in conn.execute(
-        "SELECT name FROM sqlite_master WHERE type = 'table' AND sql LIKE 'CREATE VIRTUAL TABLE%' "
-        "AND name GLOB 'context_search_[0-9a-f]*'")]
-    live = {table(row[0]) for row in conn.execute("SELECT id FROM projects") if is_project_id(row[0])}
-    dropped = 0
+    names = orphaned(conn)
     for name in names:
-        if name not in live and re.fullmatch(PREFIX + "[0-9a-f]{32}", name):
-            conn.execute(f"DROP TABLE {name}")
-            dropped += 1
-    return dropped
+        conn.execute(f"DROP TABLE {name}")
+    return len(names)

@@ -87,10 +87,9 @@ def _rewrite(body):
             follows = body[at + len(word):].lstrip()
             if word in LITERALS and not follows.startswith(":"):
                 out.append(LITERALS[word])
-            elif follows.startswith(":"):
-                out.append(json.dumps(word))  # an unquoted key
             else:
-                out.append(json.dumps(word))  # a bare word as a value: keep it, as a string
+                # An unquoted key, or a bare word as a value: either is kept, as a string.
+                out.append(json.dumps(word))
             at += len(word)
             continue
         else:

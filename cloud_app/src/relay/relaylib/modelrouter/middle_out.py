@@ -9,6 +9,8 @@ tool result without its call. When even the first and the last turn do not fit, 
 cut in the middle in the same way. Pure functions.
 """
 
+import json
+
 from . import conversation
 
 PLUGIN = "context-compression"
@@ -21,7 +23,7 @@ MARK = "\n[… {count} characters left out here to fit the model's context windo
 def room(lane, instructions, max_output_tokens, tools):
     """The bytes of prompt a lane's context window leaves once the answer, the instructions and
     the declared tools have theirs."""
-    fixed = len((instructions or "").encode("utf-8")) + sum(len(repr(tool).encode("utf-8")) for tool in tools or ())
+    fixed = len((instructions or "").encode("utf-8")) + (len(json.dumps(tools).encode("utf-8")) if tools else 0)
     tokens = lane.context_window - max_output_tokens - -(-fixed // BYTES_PER_TOKEN)
     return max(0, tokens * BYTES_PER_TOKEN)
 
