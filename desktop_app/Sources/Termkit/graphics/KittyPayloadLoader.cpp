@@ -36,19 +36,6 @@ std::string resolved(const std::string& path) {
     return buffer;
 }
 
-// The folders a temporary file may live in, resolved as the file's own path is.
-bool isInTemporaryFolder(const std::string& path) {
-    std::vector<std::string> folders = {resolved("/tmp"), resolved("/dev/shm")};
-    std::error_code error;
-    const auto system = std::filesystem::temp_directory_path(error);
-    if (!error)
-        folders.push_back(resolved(system.string()));
-    for (const std::string& folder : folders)
-        if (isUnder(path, folder))
-            return true;
-    return false;
-}
-
 // The part of a file or object to take: from `dataOffset`, `dataSize` bytes or to the end.
 bool readRange(int fd, size_t fileSize, const KittyGraphicsControl& control, std::vector<uint8_t>& out) {
     if (control.dataOffset < 0 || control.dataSize < 0 || size_t(control.dataOffset) > fileSize)
@@ -110,6 +97,19 @@ std::string loadSharedMemory(const KittyGraphicsControl& control, const std::str
 }
 
 } // namespace
+
+bool isInTemporaryFolder(const std::string& path) {
+    // The folders, resolved as the file's own path is.
+    std::vector<std::string> folders = {resolved("/tmp"), resolved("/dev/shm")};
+    std::error_code error;
+    const auto system = std::filesystem::temp_directory_path(error);
+    if (!error)
+        folders.push_back(resolved(system.string()));
+    for (const std::string& folder : folders)
+        if (isUnder(path, folder))
+            return true;
+    return false;
+}
 
 std::string loadKittyPayload(const KittyGraphicsControl& control, std::string_view base64,
                              std::vector<uint8_t>& out) {

@@ -15,6 +15,10 @@ namespace termkit {
 /// The marker a temporary file's name must carry before the terminal deletes it.
 inline constexpr std::string_view kKittyTempFileMarker = "tty-graphics-protocol";
 
+/// Whether a resolved path lies in a temporary folder (/tmp, /dev/shm or the system's): the
+/// only places a temporary file is read from.
+bool isInTemporaryFolder(const std::string& path);
+
 /// Reads the payload's bytes by the command's transmission medium into `out`. Returns the
 /// error text of the reply, or an empty string. A temporary file and a shared-memory object
 /// are removed once read.

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -281,22 +280,11 @@ std::string folderOutsideTheTemporaryOnes() {
     std::vector<std::filesystem::path> candidates = {std::filesystem::current_path()};
     if (const char* home = std::getenv("HOME"))
         candidates.emplace_back(home);
-    std::vector<std::filesystem::path> temporary = {"/tmp", "/dev/shm"};
-    std::error_code error;
-    const auto system = std::filesystem::temp_directory_path(error);
-    if (!error)
-        temporary.push_back(system);
     for (const auto& candidate : candidates) {
-        const auto real = std::filesystem::weakly_canonical(candidate, error);
-        if (error || access(real.c_str(), W_OK) != 0)
-            continue;
-        const bool inside = std::any_of(temporary.begin(), temporary.end(), [&](const auto& folder) {
-            const auto base = std::filesystem::weakly_canonical(folder, error).string();
-            const auto path = real.string();
-            return path == base || path.rfind(base + "/", 0) == 0;
-        });
-        if (!inside)
-            return real.string();
+        std::error_code error;
+        const std::string real = std::filesystem::canonical(candidate, error).string();
+        if (!error && access(real.c_str(), W_OK) == 0 && !isInTemporaryFolder(real))
+            return real;
     }
     return {};
 }

@@ -106,6 +106,25 @@ int cellsFor(int pixels, int cell) {
     return (pixels + cell - 1) / cell;
 }
 
+// A producer's stream fed to a fresh terminal, which must place exactly one picture; `placed`
+// stays empty (with the failure reported) when it does not.
+struct Fed {
+    GraphicsTerminal terminal{80, 40};
+    std::vector<VisiblePlacement> placed;
+    Error error;
+};
+
+void feedOnePicture(Fed& fed, const std::string& stream, const RgbaImage& source) {
+    ASSERT_FALSE(stream.empty());
+    fed.terminal.feed(stream);
+    const auto placed = fed.terminal.placements();
+    ASSERT_EQ(placed.size(), 1u);
+    fed.placed = placed;
+    fed.error = compare(*placed[0].slice->pixels, source);
+    EXPECT_LE(fed.error.mean, kMeanTolerance);
+    EXPECT_LE(fed.error.max, kMaxTolerance);
+}
+
 class Img2SixelTest : public ::testing::TestWithParam<std::pair<int, int>> {};
 
 TEST_P(Img2SixelTest, PixelsAndCellsMatchTheSource) {
@@ -113,21 +132,15 @@ TEST_P(Img2SixelTest, PixelsAndCellsMatchTheSource) {
         GTEST_SKIP() << "img2sixel (libsixel-bin) is not installed; scripts/bootstrap installs it";
     const auto [w, h] = GetParam();
     SourcePng source(w, h);
-    const std::string stream = run("img2sixel " + source.path);
-    ASSERT_FALSE(stream.empty());
-    GraphicsTerminal t(80, 40);
-    t.feed(stream);
-    const auto placed = t.placements();
-    ASSERT_EQ(placed.size(), 1u);
+    Fed fed;
+    ASSERT_NO_FATAL_FAILURE(feedOnePicture(fed, run("img2sixel " + source.path), source.image));
+    const auto& placed = fed.placed;
     const RgbaImage& decoded = *placed[0].slice->pixels;
     // img2sixel keeps the size; a sixel band is six rows, but the raster attributes say the height.
     EXPECT_EQ(decoded.width, w);
     EXPECT_EQ(decoded.height, h);
-    const Error e = compare(decoded, source.image);
-    EXPECT_LE(e.mean, kMeanTolerance);
-    EXPECT_LE(e.max, kMaxTolerance);
-    RecordProperty("meanError", std::to_string(e.mean));
-    std::printf("img2sixel %dx%d: mean %.2f max %d\n", w, h, e.mean, e.max);
+    RecordProperty("meanError", std::to_string(fed.error.mean));
+    std::printf("img2sixel %dx%d: mean %.2f max %d\n", w, h, fed.error.mean, fed.error.max);
     EXPECT_EQ(placed[0].row, 0);
     EXPECT_EQ(placed[0].col, 0);
     EXPECT_EQ(placed[0].slice->cols, cellsFor(w, 10));
@@ -145,18 +158,13 @@ TEST_P(ChafaTest, SixelsMatchTheSource) {
         GTEST_SKIP() << "chafa is not installed; scripts/bootstrap installs it";
     const auto [w, h] = GetParam();
     SourcePng source(w, h);
-    const std::string stream = run("chafa --format=sixels --size=8x4 " + source.path);
-    ASSERT_FALSE(stream.empty());
-    GraphicsTerminal t(80, 40);
-    t.feed(stream);
-    const auto placed = t.placements();
-    ASSERT_EQ(placed.size(), 1u);
+    Fed fed;
+    ASSERT_NO_FATAL_FAILURE(
+        feedOnePicture(fed, run("chafa --format=sixels --size=8x4 " + source.path), source.image));
+    const auto& placed = fed.placed;
     const RgbaImage& decoded = *placed[0].slice->pixels;
-    const Error e = compare(decoded, source.image);
     std::printf("chafa sixels %dx%d -> %dx%d: mean %.2f max %d\n", w, h, decoded.width, decoded.height,
-                e.mean, e.max);
-    EXPECT_LE(e.mean, kMeanTolerance);
-    EXPECT_LE(e.max, kMaxTolerance);
+                fed.error.mean, fed.error.max);
     EXPECT_EQ(placed[0].slice->cols, cellsFor(decoded.width, 10));
     EXPECT_EQ(placed[0].slice->rows, cellsFor(decoded.height, 20));
 }
@@ -175,19 +183,15 @@ TEST_P(ChafaTest, KittyMatchesTheSourceAndCoversTheCellsItAsksFor) {
     ASSERT_NE(r, std::string::npos);
     const int cols = std::atoi(stream.c_str() + c + 3);
     const int rows = std::atoi(stream.c_str() + r + 3);
-    GraphicsTerminal t(80, 40);
-    t.feed(stream);
-    const auto placed = t.placements();
-    ASSERT_EQ(placed.size(), 1u);
+    Fed fed;
+    ASSERT_NO_FATAL_FAILURE(feedOnePicture(fed, stream, source.image));
+    const auto& placed = fed.placed;
     const RgbaImage& decoded = *placed[0].slice->pixels;
-    const Error e = compare(decoded, source.image);
     std::printf("chafa kitty %dx%d -> %dx%d in %dx%d cells: mean %.2f max %d\n", w, h, decoded.width,
-                decoded.height, cols, rows, e.mean, e.max);
-    EXPECT_LE(e.mean, kMeanTolerance);
-    EXPECT_LE(e.max, kMaxTolerance);
+                decoded.height, cols, rows, fed.error.mean, fed.error.max);
     EXPECT_EQ(placed[0].slice->cols, cols);
     EXPECT_EQ(placed[0].slice->rows, rows);
-    EXPECT_TRUE(t.host.replies.empty()); // chafa names no image, so nothing is answered
+    EXPECT_TRUE(fed.terminal.host.replies.empty()); // chafa names no image, so nothing is answered
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, ChafaTest,
@@ -202,15 +206,10 @@ TEST(ProducerFixtureTest, CommittedStreamsDecodeToTheirSource) {
     };
     for (const Case& c : {Case{"img2sixel-16x12.six", 16, 12}, Case{"chafa-sixels-16x12.six", 16, 12},
                           Case{"chafa-kitty-16x12.kitty", 16, 12}}) {
-        const std::string stream = readFile(std::string(TERMKIT_GRAPHICS_TEST_DATA) + "/" + c.file);
-        ASSERT_FALSE(stream.empty()) << c.file;
-        GraphicsTerminal t(80, 40);
-        t.feed(stream);
-        const auto placed = t.placements();
-        ASSERT_EQ(placed.size(), 1u) << c.file;
-        const Error e = compare(*placed[0].slice->pixels, gradient(c.w, c.h));
-        EXPECT_LE(e.mean, kMeanTolerance) << c.file;
-        EXPECT_LE(e.max, kMaxTolerance) << c.file;
+        SCOPED_TRACE(c.file);
+        Fed fed;
+        ASSERT_NO_FATAL_FAILURE(feedOnePicture(
+            fed, readFile(std::string(TERMKIT_GRAPHICS_TEST_DATA) + "/" + c.file), gradient(c.w, c.h)));
     }
 }
 
