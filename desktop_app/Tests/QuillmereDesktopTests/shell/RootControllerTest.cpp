@@ -1,13 +1,11 @@
 #include "QuillmereDesktop/shell/RootController.h"
-#include "QuillmereDesktop/common/MemoryPreferencesStore.h"
-#include "fakes/FakeSecretStore.h"
 #include "support/Await.h"
 #include "support/FakeMachine.h"
 #include "support/RelayFixture.h"
+#include "support/SignedInStores.h"
 
 #include <QElapsedTimer>
 #include <QSignalSpy>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <chrono>
@@ -23,16 +21,9 @@ private slots:
     void signInConnectsTheQueueAndSignOutDropsIt() {
         RelayFixture relay;
         QVERIFY(relay.start());
-        QTemporaryDir home;
-        MemoryPreferencesStore prefs;
-        FakeSecretStore secrets;
-        prefs.setString(AuthStore::relayURLKey, relay.url().toString());
-        AuthStoreConfig authConfig;
-        authConfig.bootstrapOnStart = false;
-        AuthStore auth(prefs, secrets, nullptr, authConfig);
-        AppStateConfig appConfig;
-        appConfig.homeDirectory = home.path();
-        AppState app(prefs, appConfig);
+        RelayStores stores(relay.url());
+        AuthStore& auth = *stores.auth;
+        AppState& app = *stores.app;
         CLIStatusStore cli(60000ms);
         RootController root(app, auth, cli, 50ms);
         QSignalSpy signedIn(&root, &RootController::signedInChanged);
@@ -92,16 +83,9 @@ private slots:
             }
             RelayFixture relay(machine.relayOptions());
             QVERIFY(relay.start());
-            QTemporaryDir home;
-            MemoryPreferencesStore prefs;
-            FakeSecretStore secrets;
-            prefs.setString(AuthStore::relayURLKey, relay.url().toString());
-            AuthStoreConfig authConfig;
-            authConfig.bootstrapOnStart = false;
-            AuthStore auth(prefs, secrets, nullptr, authConfig);
-            AppStateConfig appConfig;
-            appConfig.homeDirectory = home.path();
-            AppState app(prefs, appConfig);
+            RelayStores stores(relay.url());
+            AuthStore& auth = *stores.auth;
+            AppState& app = *stores.app;
             CLIStatusStore cli(60000ms);
             RootController root(app, auth, cli, 300ms);
             QSignalSpy firstRun(&root, &RootController::firstRunChecked);

@@ -14,15 +14,16 @@
 
 #include <memory>
 
-struct SignedInStores {
+// The same stores pointed at a test relay and not signed in yet, for a test that watches the
+// sign-in itself.
+struct RelayStores {
     QTemporaryDir home;
     MemoryPreferencesStore prefs;
     FakeSecretStore secrets;
     std::unique_ptr<AuthStore> auth;
     std::unique_ptr<AppState> app;
 
-    // Signs in when the relay answers; otherwise the stores stay signed out.
-    explicit SignedInStores(const QUrl& relay) {
+    explicit RelayStores(const QUrl& relay) {
         prefs.setString(AuthStore::relayURLKey, relay.toString());
         AuthStoreConfig authConfig;
         authConfig.bootstrapOnStart = false;
@@ -30,6 +31,12 @@ struct SignedInStores {
         AppStateConfig appConfig;
         appConfig.homeDirectory = home.path();
         app = std::make_unique<AppState>(prefs, appConfig);
+    }
+};
+
+struct SignedInStores : RelayStores {
+    // Signs in when the relay answers; otherwise the stores stay signed out.
+    explicit SignedInStores(const QUrl& relay) : RelayStores(relay) {
         await(auth->start());
         if (auth->state() == AuthStore::State::signedIn)
             app->connectToRelay(auth->client());
