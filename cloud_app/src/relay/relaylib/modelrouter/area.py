@@ -276,11 +276,16 @@ class ModelRouter:
         on_ledger = self.app.ledger_workers.run
         generation_id = generation_id or new_generation_id()
 
+        fitted = {}
+
         def prompt_for(lane):
-            """The prompt as this lane gets it: compressed to its window when the preset asks."""
+            """The prompt as this lane gets it: compressed to its window when the preset asks, once
+            per lane (its budget reservation and its attempt both need it)."""
             if not compress:
                 return text
-            return middle_out.fit(text, middle_out.room(lane, instructions, max_output, tools))
+            if lane.id not in fitted:
+                fitted[lane.id] = middle_out.fit(text, middle_out.room(lane, instructions, max_output, tools))
+            return fitted[lane.id]
 
         def worst(lane):
             return lane.cost(worst_case_input(lane, prompt_for(lane), instructions, max_output, tools), max_output)
