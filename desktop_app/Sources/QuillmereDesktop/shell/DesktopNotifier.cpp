@@ -85,14 +85,16 @@ bool DesktopNotifier::connectBus() {
     return m_busConnected;
 }
 
-void DesktopNotifier::notify(const Interrupt& interrupt) {
+void DesktopNotifier::notify(const Interrupt& interrupt, const std::optional<QString>& summary) {
     if (!connectBus())
         return;
     QDBusMessage call = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Notify"));
     const QVariantMap hints{{QStringLiteral("desktop-entry"), desktopEntry},
                             {QStringLiteral("category"), QStringLiteral("im.received")}};
-    call << QStringLiteral("Quillmere") << uint(0) << desktopEntry << interrupt.runName << interrupt.prompt
-         << actionsFor(interrupt) << hints << int(-1);
+    const QString body =
+        summary ? interrupt.runName + QStringLiteral(": ") + interrupt.prompt : interrupt.prompt;
+    call << QStringLiteral("Quillmere") << uint(0) << desktopEntry << summary.value_or(interrupt.runName)
+         << body << actionsFor(interrupt) << hints << int(-1);
     // Never waited for: a missing or slow service must not hold the window.
     auto* watcher = new QDBusPendingCallWatcher(m_bus->asyncCall(call), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
@@ -127,13 +129,8 @@ void DesktopNotifier::onActionInvoked(uint notificationId, const QString& action
     const Interrupt interrupt = *found;
     m_shown.erase(found);
     if (action == approveAction || action == rejectAction) {
-        const std::optional<QString> option = optionFor(interrupt, action);
-        MereClient* client = m_app->client();
-        if (!option || !client)
-            return;
-        // Sent as the item screen sends a pressed option; the queue's next snapshot drops it.
-        client->submitVerdict(interrupt.id,
-                              ItemViewModel::verdictForOption(*option, QDateTime::currentDateTimeUtc()));
+        if (const std::optional<QString> option = optionFor(interrupt, action))
+            sendVerdict(interrupt, *option);
         return;
     }
     if (action == openAction || action == defaultAction) {
@@ -142,6 +139,26 @@ void DesktopNotifier::onActionInvoked(uint notificationId, const QString& action
         if (m_config.showWindow)
             m_config.showWindow();
     }
+}
+
+QCoro::Task<> DesktopNotifier::sendVerdict(Interrupt interrupt, QString option) {
+    QPointer<DesktopNotifier> self(this);
+    QPointer<MereClient> client = m_app->client();
+    // Sent as the item screen sends a pressed option; the queue's next snapshot drops it.
+    const Verdict verdict = ItemViewModel::verdictForOption(option, QDateTime::currentDateTimeUtc());
+    SubmitResult result = SubmitError(ClientError::notConnected());
+    if (client)
+        result = co_await client->submitVerdict(interrupt.id, verdict);
+    if (!self || result.ok())
+        co_return;
+    // Answered elsewhere first: the queue drops it and there is nothing left to say.
+    const auto* clientError = std::get_if<ClientError>(&result.error());
+    if (clientError && clientError->kind == ClientError::Kind::alreadyResolved)
+        co_return;
+    // Still waiting: offered again, whether or not the window is looked at, because the
+    // person answered from outside it and would not learn otherwise.
+    if (m_enabled && m_known.contains(interrupt.id))
+        notify(interrupt, notSentSummary);
 }
 
 void DesktopNotifier::onNotificationClosed(uint notificationId, uint /*reason*/) {

@@ -11,6 +11,8 @@
 #include <QSet>
 #include <QtQml/qqmlregistration.h>
 
+#include <qcorotask.h>
+
 #include <functional>
 #include <optional>
 
@@ -42,6 +44,8 @@ public:
     static inline const QString rejectAction = QStringLiteral("reject");
     static inline const QString openAction = QStringLiteral("open");
     static inline const QString defaultAction = QStringLiteral("default");
+    // The summary of the notice that replaces one whose verdict did not reach the relay.
+    static inline const QString notSentSummary = QStringLiteral("Not sent \u2014 try again");
 
     struct Config {
         // Whether the person is looking at the window; then nothing is announced.
@@ -77,7 +81,11 @@ private slots:
 
 private:
     void onSnapshot();
-    void notify(const Interrupt& interrupt);
+    // Shows an interrupt; `summary` replaces the run's name as the notice's heading.
+    void notify(const Interrupt& interrupt, const std::optional<QString>& summary = std::nullopt);
+    // Sends the verdict an action stands for; one that does not arrive is announced again,
+    // so the answer the person believes given is never silently lost.
+    QCoro::Task<> sendVerdict(Interrupt interrupt, QString option);
     void closeNotification(uint notificationId);
     bool connectBus();
 

@@ -1,7 +1,10 @@
 #include "QuillmereDesktop/shell/RootController.h"
 
+#include <QGuiApplication>
 #include <QQmlComponent>
 #include <QQuickWindow>
+#include <QTimer>
+#include <QWindow>
 #include <qcoro/qcorotimer.h>
 
 RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& cli,
@@ -15,9 +18,33 @@ RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& c
     });
     // The last step of the first sign-in: a person without both CLIs is shown the way to them.
     connect(this, &RootController::firstRunChecked, this, [this] {
-        if (m_firstRunOnboarding && !m_cli->bothConnected())
-            setShowOnboarding(true);
+        if (!m_firstRunOnboarding || m_cli->bothConnected())
+            return;
+        // The sheet comes by itself, while the person may be typing in a terminal: it shows
+        // above, but the keys go on where they went until the person turns to it.
+        QPointer<QWindow> typingIn = QGuiApplication::focusWindow();
+        setShowOnboarding(true);
+        if (typingIn)
+            keepFocusIn(typingIn);
     });
+}
+
+void RootController::keepFocusIn(QPointer<QWindow> window) {
+    auto* watch = new QObject(this);
+    const auto giveBack = [window] {
+        if (window && window->isVisible() && QGuiApplication::focusWindow() != window)
+            window->requestActivate();
+    };
+    // The window manager hands the new sheet the focus a moment after it maps; only that
+    // first move is undone, so a later click into the sheet is the person's own.
+    connect(qGuiApp, &QGuiApplication::focusWindowChanged, watch, [watch, giveBack](QWindow* now) {
+        if (!now)
+            return;
+        giveBack();
+        watch->deleteLater();
+    });
+    QTimer::singleShot(focusHandOverTime, watch, [watch] { watch->deleteLater(); });
+    giveBack();
 }
 
 void RootController::setSheet(bool& flag, bool show) {

@@ -41,6 +41,9 @@ class RootController : public QObject {
 public:
     // After the first sign-in, how long to wait before the second status check.
     static constexpr std::chrono::milliseconds defaultFirstRunCheckDelay{5000};
+    // How long after a sheet opens by itself a focus move to it counts as the window
+    // manager's doing rather than the person's.
+    static constexpr std::chrono::milliseconds focusHandOverTime{1500};
 
     static QString wordmark() { return QStringLiteral("quillmere"); }
 
@@ -108,6 +111,8 @@ signals:
 
 private:
     void setSheet(bool& flag, bool show);
+    // Hands the focus back to `window` when a sheet that opened by itself takes it.
+    void keepFocusIn(QPointer<QWindow> window);
     QCoro::Task<> firstSignIn(RelayClient* client);
     void startPollingAndProbing(RelayClient* client);
     // Makes the drawer's window with its panel, from what is known now.

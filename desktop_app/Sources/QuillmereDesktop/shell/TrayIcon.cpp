@@ -75,6 +75,10 @@ bool TrayIcon::isShown() const {
     return m_tray && m_tray->isVisible();
 }
 
+QRect TrayIcon::iconGeometry() const {
+    return m_tray ? m_tray->geometry() : QRect();
+}
+
 QString TrayIcon::toggleLabel() const {
     return m_toggle->text();
 }

@@ -37,6 +37,8 @@ public:
     // Puts the icon in the tray where there is one; false where there is none.
     bool show();
     bool isShown() const;
+    // Where the tray drew the icon, on the screen; empty until a tray has taken it.
+    QRect iconGeometry() const;
     QString tooltip() const { return m_tooltip; }
     QMenu* menu() const { return m_menu.get(); }
     // The first menu entry's text: what pressing it will do to the window.

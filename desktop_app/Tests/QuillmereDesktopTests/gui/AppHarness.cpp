@@ -26,7 +26,7 @@ AppHarness::AppHarness(Options options) : m_options(std::move(options)) {
     authConfig.bootstrapOnStart = false;
     m_auth = std::make_unique<AuthStore>(m_prefs, m_secrets, nullptr, authConfig);
     m_cli = std::make_unique<CLIStatusStore>(CLIStatusStore::defaultPollInterval);
-    m_root = std::make_unique<RootController>(*m_app, *m_auth, *m_cli, std::chrono::milliseconds(10));
+    m_root = std::make_unique<RootController>(*m_app, *m_auth, *m_cli, m_options.firstRunCheckDelay);
     m_root->setFirstRunOnboarding(m_options.onboarding);
     QmlSingleton<AppState>::set(m_app.get());
     QmlSingleton<AuthStore>::set(m_auth.get());

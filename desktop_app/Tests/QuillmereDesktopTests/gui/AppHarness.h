@@ -20,6 +20,7 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -30,6 +31,8 @@ public:
         bool demoMode = false;
         // The onboarding sheet after the first sign-in; off unless a test is about it.
         bool onboarding = false;
+        // How long after the first sign-in the onboarding check runs.
+        std::chrono::milliseconds firstRunCheckDelay{10};
     };
 
     explicit AppHarness(Options options);

@@ -4,6 +4,9 @@
 #include "support/RelayFixture.h"
 
 #include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+#include <QGuiApplication>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QQuickItem>
@@ -53,14 +56,25 @@ private slots:
         QVERIFY(machine.install(QStringLiteral("codex")));
         RelayFixture relay(machine.relayOptions());
         QVERIFY(relay.start());
-        AppHarness harness({relay.url(), false, true});
+        // The onboarding check waits long enough for the person to turn to the drawer first.
+        AppHarness harness({relay.url(), false, true, std::chrono::milliseconds(2000)});
         QVERIFY(harness.load());
         QTRY_VERIFY_WITH_TIMEOUT(harness.showsText("ONLINE"), 10000);
 
-        // Neither CLI is ready: the onboarding sheet comes up by itself after sign-in.
+        // The drawer opens by itself at sign-in; the person starts typing there.
         QQuickWindow* onboarding = harness.sheet("onboardingSheet");
         QVERIFY(onboarding);
+        QTRY_VERIFY(harness.drawer().panel() && harness.drawer().panel()->isVisible());
+        QWindow* drawer = harness.drawer().panel();
+        QVERIFY(!onboarding->isVisible());
+        drawer->requestActivate();
+        QTRY_COMPARE(QGuiApplication::focusWindow(), drawer);
+
+        // Neither CLI is ready: the onboarding sheet comes up by itself after sign-in, above
+        // the drawer, which keeps the keys.
         QTRY_VERIFY_WITH_TIMEOUT(onboarding->isVisible(), 5000);
+        QTest::qWait(300);
+        QCOMPARE(QGuiApplication::focusWindow(), drawer);
         QCOMPARE(onboarding->transientParent(), harness.window());
         QTRY_VERIFY(AppHarness::textsIn(onboarding).contains("NOT CONNECTED"));
         QStringList shown = AppHarness::textsIn(onboarding);
@@ -154,6 +168,31 @@ private slots:
             "Where the terminal drawer's shells start, so Claude Code/Codex aren't trusted with "
             "your whole home folder by default."));
         AppHarness::screenshotOf(settings, "settings-bottom");
+
+        // "Choose Folder…" opens the folder panel at the present folder; closing it without a
+        // choice changes nothing, a chosen folder is made and used.
+        QQuickItem* settingsView = AppHarness::inSheet(settings, "settingsView");
+        QVERIFY(settingsView);
+        QObject* dialog = settingsView->findChild<QObject*>("workingDirectoryDialog");
+        QVERIFY(dialog);
+        const QString before = harness.app().terminalWorkingDirectory();
+        press(settings, "chooseFolder");
+        QTRY_VERIFY(dialog->property("visible").toBool());
+        QCOMPARE(dialog->property("currentFolder").toUrl(), QUrl::fromLocalFile(before));
+        QMetaObject::invokeMethod(dialog, "reject");
+        QTRY_VERIFY(!dialog->property("visible").toBool());
+        QCOMPARE(harness.app().terminalWorkingDirectory(), before);
+        const QString chosen = QDir(before).filePath("client-work");
+        QVERIFY(!QFileInfo::exists(chosen));
+        press(settings, "chooseFolder");
+        QTRY_VERIFY(dialog->property("visible").toBool());
+        dialog->setProperty("selectedFolder", QUrl::fromLocalFile(chosen));
+        QMetaObject::invokeMethod(dialog, "accept");
+        QTRY_COMPARE(harness.app().terminalWorkingDirectory(), chosen);
+        QVERIFY(QFileInfo(chosen).isDir());
+        QQuickItem* folderField = AppHarness::inSheet(settings, "workingDirectoryField");
+        QVERIFY(folderField);
+        QTRY_COMPARE(folderField->property("text").toString(), chosen);
 
         // "Connect CLIs" brings the onboarding sheet back.
         press(settings, "connectCLIs");

@@ -181,6 +181,43 @@ private slots:
         QVERIFY(raised);
     }
 
+    void aVerdictThatDoesNotArriveIsAnnouncedAgain() {
+        NotificationService service;
+        QVERIFY(service.start());
+        RelayFixture relay;
+        QVERIFY(relay.start());
+        SignedInStores stores(relay.url());
+        AppState& app = *stores.app;
+        QTRY_VERIFY(app.online());
+        DesktopNotifier notifier(app, stores.prefs, DesktopNotifier::Config{[] { return false; }, {}, {}});
+        RelayClient agent(relay.url(), stores.auth->client()->token());
+        const QString id = raise(agent, "Delete 3 stale branches?");
+        QTRY_COMPARE_WITH_TIMEOUT(service.calls("Notify").size(), 1, 1000);
+        const qint64 firstNotice = service.calls("Notify").first().value("id").toInteger();
+
+        // The relay is gone when the person presses "Approve": the answer is not lost
+        // silently, the same choice comes back with the reason.
+        relay.stop();
+        service.send(QStringLiteral("invoke %1 approve").arg(firstNotice));
+        QTRY_COMPARE_WITH_TIMEOUT(service.calls("Notify").size(), 2, 5000);
+        const QJsonObject again = service.calls("Notify").last();
+        QCOMPARE(again.value("summary").toString(), DesktopNotifier::notSentSummary);
+        QCOMPARE(again.value("body").toString(), "nightly-cleanup: Delete 3 stale branches?");
+        QCOMPARE(again.value("actions").toArray().toVariantList(),
+                 QVariantList({"approve", "Approve", "reject", "Reject", "open", "Open", "default", "Open"}));
+        QVERIFY(holds(app, id));
+
+        // Back online, the second notice's "Approve" decides it.
+        QVERIFY(relay.start());
+        QTRY_VERIFY_WITH_TIMEOUT(app.online(), 10000);
+        service.send(QStringLiteral("invoke %1 approve").arg(again.value("id").toInteger()));
+        QTRY_VERIFY_WITH_TIMEOUT(!holds(app, id), 5000);
+        const auto state = await(agent.get<QJsonObject>("v1/interrupts/" + id));
+        QVERIFY(state.ok());
+        QCOMPARE(state->value("verdict").toObject().value("verdict").toString(), "approve");
+        QCOMPARE(service.calls("Notify").size(), 2);
+    }
+
     void nothingIsAnnouncedWhileTheWindowIsLookedAt() {
         NotificationService service;
         QVERIFY(service.start());
