@@ -145,6 +145,19 @@ class LogWatchTest(unittest.TestCase):
         self.assertIsNone(generation)
         self.assertIsNone(capped.changed_since("u", generation))
 
+    def test_a_reader_walks_again_when_a_folder_could_not_be_watched_since_its_walk(self):
+        capped = self.make(max_folders=2)
+        _, generation = capped.walk("u")
+        self.assertIsNotNone(generation)
+        extra = os.path.join(self.claude, "-home-q")
+        write(os.path.join(extra, "x.jsonl"), user_line(logs.CLAUDE, SED))
+        self.assertIsNone(capped.walk("v")[1])
+        shutil.rmtree(extra)
+        _, again = capped.walk("v")
+        self.assertEqual(capped.changed_since("v", again), set())
+        # Its changes went untold while the folder was not watched.
+        self.assertIsNone(capped.changed_since("u", generation))
+
     def test_without_inotify_a_walk_still_lists_and_nothing_else_is_known(self):
         unavailable = self.make(opener=lambda: None)
         listing, generation = unavailable.walk("u")

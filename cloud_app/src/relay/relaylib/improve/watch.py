@@ -142,6 +142,7 @@ class LogWatch:
             if self._inotify is not None:
                 self._inotify.close()
                 self._inotify = None
+            self._folders, self._root_wds = {}, {}
             self._complete = False
 
     def changed_since(self, reader, generation):
@@ -169,12 +170,14 @@ class LogWatch:
             before = set(self._folders)
             self._folders, self._root_wds, self._missing = {}, {}, set()
             listing = logs.find_logs(*self._root_folders(), on_folder=self._watch)
-            for wd in before - set(self._folders):
-                # A folder moved or removed since the last walk: its old watch reports nothing useful.
-                self._inotify.remove(wd)
-            for root, _ in self.roots:
-                if root and not os.path.isdir(root):
-                    self._missing.add(root)
+            if self._inotify is not None:
+                for wd in before - set(self._folders):
+                    # A folder moved or removed since the last walk: its old watch reports nothing useful.
+                    self._inotify.remove(wd)
+            # A log folder not there to be watched is looked for at each drain (not by the listing's
+            # own test, which a folder made just after it would pass unwatched).
+            watched = set(self._root_wds.values())
+            self._missing = {root for root, _ in self.roots if root and root not in watched}
             return listing, (self._generation if self._complete else None)
 
     def _root_folders(self):
@@ -202,12 +205,18 @@ class LogWatch:
         if self._complete:
             log.info("improve: cannot watch %s (%s); each scan looks at every log", folder, reason)
         self._complete = False
+        # Changes in the folder are not told: a reader that walked before must walk again, even
+        # after a later walk has watched every folder.
+        self._lost()
 
     def _drain(self):
         if self._inotify is None:
             return
         for wd, mask, name in self._inotify.events():
             self._event(wd, mask, name)
+        if not self._complete:
+            # Every reader walks next, and the walk watches whatever folders there are.
+            return
         # A log folder that did not exist at the walk is looked for again: it is new when it appears.
         for root in list(self._missing):
             if os.path.isdir(root):
