@@ -143,7 +143,10 @@ def read_log(path, agent, offset, state, limit=READ_LIMIT_BYTES):
         turns_so_far = int(state.get("turns", 0))
         last = state.get("last")
         handle.seek(offset)
-        data = handle.read(limit)
+        # Asked for no more than the file holds: a read of the limit itself allocates the whole
+        # limit first, which costs more than reading a small log. What is written after the
+        # look at the size is read at the next scan.
+        data = handle.read(min(limit, max(0, stat.st_size - offset)))
         stopped_at_limit = len(data) >= limit
         end = data.rfind(b"\n") + 1
         if end == 0:
