@@ -50,6 +50,20 @@ def rewrite_in_place(path, text):
     assert (after.st_size, after.st_mtime_ns) == (before.st_size, before.st_mtime_ns)
 
 
+def fill_kernel_queue(first, second):
+    """Writes blank lines to two logs, more times than the kernel queues events for a watcher.
+    The two take turns, since the kernel merges an event with an identical one just before it."""
+    with open("/proc/sys/fs/inotify/max_queued_events", encoding="ascii") as handle:
+        queue = int(handle.read())
+    files = [os.open(path, os.O_WRONLY | os.O_APPEND) for path in (first, second)]
+    try:
+        for index in range(queue + 10):
+            os.write(files[index % 2], b"\n")
+    finally:
+        for handle in files:
+            os.close(handle)
+
+
 class LogWatchTest(unittest.TestCase):
     """The watch alone, over real folders."""
 
@@ -122,17 +136,7 @@ class LogWatchTest(unittest.TestCase):
 
     def test_a_full_kernel_queue_makes_every_reader_walk_again(self):
         _, generation = self.watch.walk("u")
-        with open("/proc/sys/fs/inotify/max_queued_events", encoding="ascii") as handle:
-            queue = int(handle.read())
-        second = write(os.path.join(self.claude, "-home-p", "b.jsonl"), "")
-        # Two files in turn, since the kernel merges an event with an identical one just before it.
-        files = [os.open(path, os.O_WRONLY | os.O_APPEND) for path in (self.first, second)]
-        try:
-            for index in range(queue + 10):
-                os.write(files[index % 2], b"\n")
-        finally:
-            for handle in files:
-                os.close(handle)
+        fill_kernel_queue(self.first, write(os.path.join(self.claude, "-home-p", "b.jsonl"), ""))
         self.assertIsNone(self.watch.changed_since("u", generation))
         _, again = self.watch.walk("u")
         self.assertNotEqual(again, generation)
@@ -283,15 +287,7 @@ class WatchedRescanTest(RescanTestCase):
         first = self.conversation(logs.CLAUDE, "-home-p/a.jsonl", SED)
         second = self.conversation(logs.CLAUDE, "-home-p/b.jsonl", TASK)
         self.scan()
-        with open("/proc/sys/fs/inotify/max_queued_events", encoding="ascii") as handle:
-            queue = int(handle.read())
-        files = [os.open(path, os.O_WRONLY | os.O_APPEND) for path in (first, second)]
-        try:
-            for index in range(queue + 10):
-                os.write(files[index % 2], b"\n")
-        finally:
-            for handle in files:
-                os.close(handle)
+        fill_kernel_queue(first, second)
         # Made after the queue filled: the kernel dropped its event, only a walk finds it.
         self.conversation(logs.CLAUDE, "-home-q/c.jsonl", SED)
         result = self.scan()

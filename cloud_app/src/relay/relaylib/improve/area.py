@@ -64,21 +64,21 @@ def _new_id(prefix):
     return prefix + secrets.token_hex(12)
 
 
-def _setting_count(settings, name, default):
+def _setting_number(settings, name, default, parse):
     text = settings.get(name).strip()
     try:
-        value = int(text) if text else default
+        return parse(text) if text else default
     except ValueError:
         return default
+
+
+def _setting_count(settings, name, default):
+    value = _setting_number(settings, name, default, int)
     return value if value >= 0 else default
 
 
 def _setting_seconds(settings, name, default):
-    text = settings.get(name).strip()
-    try:
-        value = float(text) if text else default
-    except ValueError:
-        return default
+    value = _setting_number(settings, name, default, float)
     return value if value > 0 else default
 
 
