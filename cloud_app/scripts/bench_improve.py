@@ -14,7 +14,8 @@ a rescan that looked at every log's size and time spent most of its time on thos
 are written to a temporary folder and deleted afterwards. A relay of its own (a child process, its database in the same folder) reads
 them through `v1/improve/scan`, timed by the client: the first scan (MB/s over the bytes on
 disk), a second scan of unchanged logs, and `--rescans` scans each after one log (another each
-time, Claude's and Codex's in turn) grew by one line, with their least and median times.
+time, Claude's and Codex's in turn) grew by one line, with their least and median times, and
+the suggestions' list the application asks for after each.
 
 The files were just written, so the first scan reads them from the page cache: the figure is
 the scanner's own speed, not the disk's.
@@ -168,7 +169,7 @@ def main():
         print(f"rescan, nothing changed: {seconds * 1000:.1f} ms ({answer['sessions_scanned']} read)")
         claude = [path for path in paths if "/claude/" in path]
         codex = [path for path in paths if "/codex/" in path]
-        times = []
+        times, listings = [], []
         for index in range(args.rescans):
             grown = (claude, codex)[index % 2] or claude or codex
             grow(grown[len(grown) - 1 - index // 2])
@@ -176,9 +177,17 @@ def main():
             times.append(seconds * 1000)
             print(f"rescan after one log grew by one line: {seconds * 1000:.1f} ms "
                   f"({answer['sessions_scanned']} read, {answer['turns_observed']} turn)")
+            # As the application does after a scan: it asks for the list, with the reading's progress.
+            started = time.perf_counter()
+            status, _, _ = relay.request("GET", "v1/improve/suggestions?include_dismissed=false&limit=20", token=token)
+            if status != 200:
+                sys.exit(f"listing failed: {status}")
+            listings.append((time.perf_counter() - started) * 1000)
         if times:
             print(f"rescans after one grown line: least {min(times):.1f} ms, median {statistics.median(times):.1f} ms"
                   f" over {len(times)}  target < {TARGET_RESCAN_MS} ms")
+            print(f"the list asked for after each: least {min(listings):.1f} ms, "
+                  f"median {statistics.median(listings):.1f} ms")
     finally:
         if relay is not None:
             relay.stop()

@@ -283,6 +283,27 @@ class WatchedRescanTest(RescanTestCase):
                          (2, 2, 1))
         self.assertEqual(self.listed()["suggestions"][0]["session_count"], 3)
 
+    def test_the_list_counts_new_grown_and_deleted_logs_as_a_scan_would_find_them(self):
+        first = self.conversation(logs.CLAUDE, "-home-p/a.jsonl", SED)
+        second = self.conversation(logs.CLAUDE, "-home-p/b.jsonl", TASK)
+        self.scan()
+
+        def counts():
+            processing = self.listed()["processing"]
+            return processing["sessions"], processing["sessions_processed"], processing["sessions_pending"]
+
+        self.assertEqual(counts(), (2, 2, 0))
+        self.conversation(logs.CODEX, "2026/12/01/rollout-2026-12-01T10-00-00-x.jsonl", GREP)
+        self.assertEqual(counts(), (3, 2, 1))
+        write(first, user_line(logs.CLAUDE, GREP), "a")
+        self.assertEqual(counts(), (3, 1, 2))
+        os.remove(second)
+        self.assertEqual(counts(), (2, 0, 2))
+        # Asking for the list leaves the changes for the scan.
+        result = self.scan()
+        self.assertEqual((result["sessions_scanned"], result["turns_observed"]), (2, 2))
+        self.assertEqual(counts(), (2, 2, 0))
+
     def test_a_full_kernel_queue_sends_the_next_scan_to_every_log(self):
         first = self.conversation(logs.CLAUDE, "-home-p/a.jsonl", SED)
         second = self.conversation(logs.CLAUDE, "-home-p/b.jsonl", TASK)

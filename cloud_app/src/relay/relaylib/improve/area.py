@@ -302,6 +302,32 @@ class Improve:
                 self._watch = watch.LogWatch(roots, self.max_watched_folders)
             return self._watch
 
+    def _watched_counts(self, user_id):
+        """The logs' (count, read to their end) from what this user's scans read and what the
+        watch has told since, without listing the folders: the list is asked for after each
+        scan, and listing thousands of logs would cost it what the scan saved. None when that
+        is not known; then the folders are listed."""
+        lock = self._lock_for(user_id)
+        if not lock.acquire(blocking=False):
+            # A scan is changing what was read: the folders are listed rather than waiting for it.
+            return None
+        try:
+            memory, watcher = self._memory.get(user_id), self._watch
+            roots = ((self.claude_dir, logs.CLAUDE), (self.codex_dir, logs.CODEX))
+            if memory is None or memory.generation is None or watcher is None or watcher.roots != roots:
+                return None
+            pending = watcher.pending(user_id, memory.generation)
+            if pending is None:
+                return None
+            sessions, processed = self._log_counts(memory)
+            for path in {path for path, _ in pending}:
+                change = _count_change(path, memory.known.get(path), path in memory.unfinished)
+                sessions += change[0]
+                processed += change[1]
+            return sessions, processed
+        finally:
+            lock.release()
+
     @staticmethod
     def _log_counts(memory):
         """(logs, logs read to their end) as this user's memory has them after a scan."""
@@ -505,7 +531,7 @@ class Improve:
         shown.sort(key=lambda record: (order[record["status"]], -rank[record["id"]][0], -rank[record["id"]][1],
                                        -rank[record["id"]][2], record["id"]))
         return {"suggestions": shown[:limit], "counts": counts, "total": len(shown), "window_days": WINDOW_DAYS,
-                "processing": self._processing(request.user_id)}
+                "processing": self._processing(request.user_id, counts=self._watched_counts(request.user_id))}
 
     def _set_status(self, request, status, snoozed_until=None, reopened=False):
         suggestion_id = request.params["id"]
@@ -701,6 +727,20 @@ class Improve:
 
     def _snapshot_extra(self, conn):
         return {"open_suggestions": self._open_count(conn, clock.now())}
+
+
+def _count_change(path, held, unfinished):
+    """How a log the watch told of changes the (count, read) worked out from what was read:
+    gone from disk, new, or grown since its last read, as a listing would find it."""
+    try:
+        stat = os.stat(path)
+    except OSError:
+        stat = None
+    if stat is None or not S_ISREG(stat.st_mode):
+        return (-1 if held is not None or unfinished else 0), (-1 if held is not None and not unfinished else 0)
+    if held is None:
+        return (0 if unfinished else 1), 0
+    return 0, (-1 if not unfinished and (held[0], held[1]) != (stat.st_size, stat.st_mtime) else 0)
 
 
 def _application(row):

@@ -150,10 +150,19 @@ class LogWatch:
         reader must walk (its first time, lost events, a folder that could not be watched)."""
         with self._lock:
             self._drain()
-            if not self._complete or generation != self._generation or reader not in self._changed:
+            if not self._told(reader, generation):
                 return None
             changed, self._changed[reader] = self._changed[reader], set()
             return changed
+
+    def pending(self, reader, generation):
+        """What `changed_since` would answer now, left for the reader's next scan."""
+        with self._lock:
+            self._drain()
+            return frozenset(self._changed[reader]) if self._told(reader, generation) else None
+
+    def _told(self, reader, generation):
+        return self._complete and generation == self._generation and reader in self._changed
 
     def walk(self, reader):
         """Every log under the roots, as `logs.find_logs` lists them, watching each folder before
