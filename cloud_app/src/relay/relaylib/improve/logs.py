@@ -153,11 +153,22 @@ def read_log(path, agent, offset, state, limit=READ_LIMIT_BYTES):
             if stopped_at_limit:
                 # One line longer than the limit is no one's message: step over it.
                 after = _after_next_newline(handle, offset + len(data))
-                state = dict(state, more=True, tail=_digest(_bytes_before(handle, after, after)))
+                state = dict(state, more=True, tail=_digest(_bytes_before(handle, after, after) or b""))
                 return [], after, _noting(state, restarted)
             return [], offset, _noting(state, restarted)
     data = data[:end]
-    session = session_of(path, agent)
+    turns, turns_so_far, last = _turns_in(data, agent, session_of(path, agent), turns_so_far, last, stat.st_mtime)
+    tail = data[-TAIL_BYTES:] if end >= TAIL_BYTES else (before + data)[-TAIL_BYTES:]
+    state = {"turns": turns_so_far, "last": last, "tail": _digest(tail)}
+    if stopped_at_limit:
+        # Stopped at the limit, not at the end: the caller reads on at its next scan.
+        state["more"] = True
+    return turns, offset + end, _noting(state, restarted)
+
+
+def _turns_in(data, agent, session, turns_so_far, last, mtime):
+    """The person's messages in whole lines `data`, numbered on from `turns_so_far`; `last` is
+    the last message taken before. Returns (turns, turns so far, last)."""
     if agent == CLAUDE:
         lines, read = _candidate_lines(data, (_CLAUDE_MARK,), _CLAUDE_SKIP), _claude_text
     else:
@@ -178,13 +189,8 @@ def read_log(path, agent, offset, state, limit=READ_LIMIT_BYTES):
             continue
         last = text
         turns_so_far += 1
-        turns.append(Turn(session, turns_so_far, agent, text, _observed(record.get("timestamp"), stat.st_mtime)))
-    tail = data[-TAIL_BYTES:] if end >= TAIL_BYTES else (before + data)[-TAIL_BYTES:]
-    state = {"turns": turns_so_far, "last": last, "tail": _digest(tail)}
-    if stopped_at_limit:
-        # Stopped at the limit, not at the end: the caller reads on at its next scan.
-        state["more"] = True
-    return turns, offset + end, _noting(state, restarted)
+        turns.append(Turn(session, turns_so_far, agent, text, _observed(record.get("timestamp"), mtime)))
+    return turns, turns_so_far, last
 
 
 def _noting(state, restarted):
