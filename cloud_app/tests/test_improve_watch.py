@@ -142,6 +142,15 @@ class LogWatchTest(unittest.TestCase):
         self.assertNotEqual(again, generation)
         self.assertEqual(self.watch.changed_since("u", again), set())
 
+    def test_a_pipe_named_as_a_log_is_not_one(self):
+        _, generation = self.watch.walk("u")
+        pipe = os.path.join(self.claude, "-home-p", "p.jsonl")
+        os.mkfifo(pipe)
+        listing, _ = self.watch.walk("v")
+        self.assertEqual([item[0] for item in listing], [self.first])
+        # The watch tells of the name; the scan looks and leaves it alone.
+        self.assertEqual(self.watch.changed_since("u", generation), {(pipe, logs.CLAUDE)})
+
     def test_past_its_cap_on_folders_the_watch_sends_every_scan_to_a_walk(self):
         capped = self.make(max_folders=1)
         listing, generation = capped.walk("u")
@@ -303,6 +312,15 @@ class WatchedRescanTest(RescanTestCase):
         result = self.scan()
         self.assertEqual((result["sessions_scanned"], result["turns_observed"]), (2, 2))
         self.assertEqual(counts(), (2, 2, 0))
+
+    def test_a_pipe_named_as_a_log_is_neither_opened_nor_counted(self):
+        self.conversation(logs.CLAUDE, "-home-p/a.jsonl", SED)
+        self.scan()
+        os.mkfifo(os.path.join(self.claude_dir, "-home-p", "p.jsonl"))
+        told = self.scan()
+        self.assertEqual((told["sessions_scanned"], told["processing"]["sessions"]), (0, 1))
+        walked = self.scan(force=True)
+        self.assertEqual((walked["sessions_scanned"], walked["processing"]["sessions"]), (1, 1))
 
     def test_a_full_kernel_queue_sends_the_next_scan_to_every_log(self):
         first = self.conversation(logs.CLAUDE, "-home-p/a.jsonl", SED)

@@ -273,7 +273,8 @@ class Improve:
             else:
                 listing = logs.find_logs(self.claude_dir, self.codex_dir)
             present = {item[0] for item in listing}
-            gone = [path for path in memory.known if not path.startswith(TERMINAL_PREFIX) and path not in present]
+            gone = sorted(path for path in set(memory.known) | set(memory.unfinished)
+                          if not path.startswith(TERMINAL_PREFIX) and path not in present)
             return listing, frozenset(), gone
         # Logs read only in part last time are looked at again without being told.
         changed |= set(memory.unfinished.items())
@@ -282,7 +283,7 @@ class Improve:
             try:
                 stat = os.stat(path)
             except OSError:
-                if path in memory.known:
+                if path in memory.known or path in memory.unfinished:
                     gone.append(path)
                 continue
             if not S_ISREG(stat.st_mode):
@@ -291,9 +292,12 @@ class Improve:
         candidates.sort()
         return candidates, frozenset(path for path, _ in changed), gone
 
+    def _roots(self):
+        return (self.claude_dir, logs.CLAUDE), (self.codex_dir, logs.CODEX)
+
     def _log_watch(self):
         """The watch on the log folders this scan reads; a new one when they were changed."""
-        roots = ((self.claude_dir, logs.CLAUDE), (self.codex_dir, logs.CODEX))
+        roots = self._roots()
         with self._locks_guard:
             if self._watch is not None and self._watch.roots != roots:
                 self._watch.close()
@@ -313,8 +317,7 @@ class Improve:
             return None
         try:
             memory, watcher = self._memory.get(user_id), self._watch
-            roots = ((self.claude_dir, logs.CLAUDE), (self.codex_dir, logs.CODEX))
-            if memory is None or memory.generation is None or watcher is None or watcher.roots != roots:
+            if memory is None or memory.generation is None or watcher is None or watcher.roots != self._roots():
                 return None
             pending = watcher.pending(user_id, memory.generation)
             if pending is None:

@@ -21,6 +21,7 @@ import hashlib
 import json
 import os
 import re
+from stat import S_ISREG
 
 from .. import clock
 from .detect import Turn
@@ -267,7 +268,9 @@ def _walk(folder, agent, found, on_folder):
             stat = entry.stat()
         except OSError:
             continue
-        found.append((entry.path, agent, stat.st_size, stat.st_mtime))
+        # Only files: opening a pipe of that name would wait for a writer.
+        if S_ISREG(stat.st_mode):
+            found.append((entry.path, agent, stat.st_size, stat.st_mtime))
 
 
 _ESCAPE = re.compile(r"\x1b(?:\[[0-?]*[ -/]*[@-~]|\][^\x07\x1b]*(?:\x07|\x1b\\)|O.|[@-Z\\-_])")
