@@ -20,11 +20,12 @@ import os
 import re
 import secrets
 import threading
+from stat import S_ISREG
 
 from .. import clock
 from ..errors import ApiError, bad_request, not_found
 from ..jsonio import whole_number
-from . import detect, logs
+from . import detect, logs, watch
 
 log = logging.getLogger("relay")
 
@@ -50,6 +51,8 @@ NO_MODEL_MESSAGE = ("No model is available to reword this suggestion: add an API
 ALREADY_UNDONE_MESSAGE = "this application was already undone"
 _SHA256 = re.compile(r"[0-9a-f]{64}")
 STATUSES = ("open", "snoozed", "dismissed")
+# How a drawer terminal's session is named among the sources, beside the logs' paths.
+TERMINAL_PREFIX = "terminal:"
 
 DRAFT_INSTRUCTIONS = (
     "You reword one rule for a coding agent's guide file. The person gave this instruction in "
@@ -61,12 +64,21 @@ def _new_id(prefix):
     return prefix + secrets.token_hex(12)
 
 
-def _setting_seconds(settings, name, default):
+def _setting_number(settings, name, default, parse):
     text = settings.get(name).strip()
     try:
-        value = float(text) if text else default
+        return parse(text) if text else default
     except ValueError:
         return default
+
+
+def _setting_count(settings, name, default):
+    value = _setting_number(settings, name, default, int)
+    return value if value >= 0 else default
+
+
+def _setting_seconds(settings, name, default):
+    value = _setting_number(settings, name, default, float)
     return value if value > 0 else default
 
 
@@ -87,6 +99,10 @@ class _Memory:
         self.known = {}
         self.clustering = detect.Clustering()
         self.fresh = True
+        # The watch's generation at this user's last walk; None until one (a walk is due).
+        self.generation = None
+        # Logs to look at again without being told: read up to the limit, or not readable.
+        self.unfinished = {}
 
 
 class Improve:
@@ -100,6 +116,10 @@ class Improve:
         self.day_seconds = _setting_seconds(settings, "MERE_RELAY_IMPROVE_DAY_SECONDS", DAY_SECONDS)
         self.hour_seconds = _setting_seconds(settings, "MERE_RELAY_IMPROVE_HOUR_SECONDS", HOUR_SECONDS)
         self.check_seconds = _setting_seconds(settings, "MERE_RELAY_IMPROVE_CHECK_SECONDS", AUTOMATIC_CHECK_SECONDS)
+        self.max_watched_folders = _setting_count(settings, "MERE_RELAY_IMPROVE_WATCHED_FOLDERS",
+                                                  watch.MAX_WATCHED_FOLDERS)
+        # Told by the kernel which logs changed, so that a rescan does not look at every log.
+        self._watch = None
         # One scan at a time per user: two would read the same new bytes twice.
         self._scan_locks = {}
         self._locks_guard = threading.Lock()
@@ -132,6 +152,10 @@ class Improve:
         if self._task is not None:
             self._task.cancel()
             await asyncio.gather(self._task, return_exceptions=True)
+        with self._locks_guard:
+            if self._watch is not None:
+                self._watch.close()
+                self._watch = None
 
     # Automatic reading.
 
@@ -184,22 +208,31 @@ class Improve:
                 conn.execute("DELETE FROM improve_sources WHERE user_id = :user_id")
                 conn.execute("DELETE FROM improve_signals WHERE user_id = :user_id")
         memory = self._memory.get(user_id) or self._load(user_id)
-        # Taken out while this scan changes it, so a failed write leaves nothing half-kept.
+        # Taken out while this scan changes it, so a failed write leaves nothing half-kept (and
+        # the next scan, loading it again, looks at every log).
         self._memory.pop(user_id, None)
+        candidates, flagged, gone = self._candidates(user_id, memory)
         scanned, turns_seen, new_signals = 0, 0, []
         changes = []
-        listing = logs.find_logs(self.claude_dir, self.codex_dir)
-        for path, agent, size, mtime in listing:
+        for path, agent, size, mtime in candidates:
             held = memory.known.get(path)
-            if held is not None and held[0] == size and held[1] == mtime:
+            moved = held is None or held[0] != size or held[1] != mtime
+            if not moved and path not in flagged:
                 continue
             offset, state = (held[2], json.loads(held[3])) if held is not None else (0, {})
-            if size < offset:
-                # Rewritten shorter: it is another text now, read it again from its start.
-                offset, state = 0, {}
             try:
                 turns, offset, state = logs.read_log(path, agent, offset, state)
             except OSError:
+                memory.unfinished[path] = agent
+                continue
+            restarted = state.pop("restarted", False)
+            more = state.pop("more", False)
+            if more:
+                memory.unfinished[path] = agent
+            else:
+                memory.unfinished.pop(path, None)
+            if not (moved or restarted or turns or (held is not None and offset != held[2])):
+                # Told of a change that changed no text (a write of the same bytes): nothing to keep.
                 continue
             scanned += 1
             turns_seen += len(turns)
@@ -207,25 +240,110 @@ class Improve:
                 new_signals.extend(detect.signals_of(turn))
             # A log read only up to the limit is remembered at the size read, so it still looks
             # changed to the next scan, which reads on from there.
-            seen = offset if state.pop("more", False) else size
+            seen = offset if more else size
             changes.append((path, agent, logs.session_of(path, agent), seen, mtime, offset, state))
         terminal_changes, terminal_turns = self._read_terminals(user_id)
         scanned += len(terminal_changes)
         turns_seen += len(terminal_turns)
         for turn in terminal_turns:
             new_signals.extend(detect.signals_of(turn))
-        found = self._store(user_id, now, memory, changes + terminal_changes, new_signals, turns_seen)
+        found = self._store(user_id, now, memory, changes + terminal_changes, new_signals, turns_seen, gone)
         for path, _, _, size, mtime, offset, state in changes + terminal_changes:
             memory.known[path] = (size, mtime, offset, json.dumps(state))
+        for path in gone:
+            memory.known.pop(path, None)
+            memory.unfinished.pop(path, None)
         self._memory[user_id] = memory
         self.app.hub.publish(user_id)
-        processing = self._processing(user_id, listing, memory.known)
+        processing = self._processing(user_id, counts=self._log_counts(memory))
         return {"sessions_scanned": scanned, "turns_observed": turns_seen, "signals_found": len(new_signals),
                 "suggestions_found": found, "scanned_at": clock.iso(now), "processing": processing}
 
-    def _store(self, user_id, now, memory, changes, new_signals, turns_seen):
-        """Remembers what was read and found, and works out again the suggestions it changed."""
+    def _candidates(self, user_id, memory):
+        """The logs this scan looks at, (path, agent, size, mtime) by path; those the watch said
+        changed (read even when their size and time look the same); and the logs gone. Only
+        the changed logs are looked at when the watch can tell them, every log otherwise."""
+        watcher = self._log_watch()
+        changed = None
+        if watcher is not None and memory.generation is not None:
+            changed = watcher.changed_since(user_id, memory.generation)
+        if changed is None:
+            if watcher is not None:
+                listing, memory.generation = watcher.walk(user_id)
+            else:
+                listing = logs.find_logs(self.claude_dir, self.codex_dir)
+            present = {item[0] for item in listing}
+            gone = sorted(path for path in set(memory.known) | set(memory.unfinished)
+                          if not path.startswith(TERMINAL_PREFIX) and path not in present)
+            return listing, frozenset(), gone
+        # Logs read only in part last time are looked at again without being told.
+        changed |= set(memory.unfinished.items())
+        candidates, gone = [], []
+        for path, agent in changed:
+            try:
+                stat = os.stat(path)
+            except OSError:
+                if path in memory.known or path in memory.unfinished:
+                    gone.append(path)
+                continue
+            if not S_ISREG(stat.st_mode):
+                continue
+            candidates.append((path, agent, stat.st_size, stat.st_mtime))
+        candidates.sort()
+        return candidates, frozenset(path for path, _ in changed), gone
+
+    def _roots(self):
+        return (self.claude_dir, logs.CLAUDE), (self.codex_dir, logs.CODEX)
+
+    def _log_watch(self):
+        """The watch on the log folders this scan reads; a new one when they were changed."""
+        roots = self._roots()
+        with self._locks_guard:
+            if self._watch is not None and self._watch.roots != roots:
+                self._watch.close()
+                self._watch = None
+            if self._watch is None and self.max_watched_folders > 0:
+                self._watch = watch.LogWatch(roots, self.max_watched_folders)
+            return self._watch
+
+    def _watched_counts(self, user_id):
+        """The logs' (count, read to their end) from what this user's scans read and what the
+        watch has told since, without listing the folders: the list is asked for after each
+        scan, and listing thousands of logs would cost it what the scan saved. None when that
+        is not known; then the folders are listed."""
+        lock = self._lock_for(user_id)
+        if not lock.acquire(blocking=False):
+            # A scan is changing what was read: the folders are listed rather than waiting for it.
+            return None
+        try:
+            memory, watcher = self._memory.get(user_id), self._watch
+            if memory is None or memory.generation is None or watcher is None or watcher.roots != self._roots():
+                return None
+            pending = watcher.pending(user_id, memory.generation)
+            if pending is None:
+                return None
+            sessions, processed = self._log_counts(memory)
+            for path in {path for path, _ in pending}:
+                change = _count_change(path, memory.known.get(path), path in memory.unfinished)
+                sessions += change[0]
+                processed += change[1]
+            return sessions, processed
+        finally:
+            lock.release()
+
+    @staticmethod
+    def _log_counts(memory):
+        """(logs, logs read to their end) as this user's memory has them after a scan."""
+        logs_known = [path for path in memory.known if not path.startswith(TERMINAL_PREFIX)]
+        unread = sum(1 for path in memory.unfinished if path not in memory.known)
+        return len(logs_known) + unread, len(logs_known) - len(memory.unfinished) + unread
+
+    def _store(self, user_id, now, memory, changes, new_signals, turns_seen, gone):
+        """Remembers what was read and found, and works out again the suggestions it changed.
+        A log gone from disk is forgotten; what the person said in it stays found."""
         with self.db.write_as(user_id) as conn:
+            conn.executemany("DELETE FROM improve_sources WHERE user_id = :user_id AND source = :source",
+                             [{"source": path} for path in gone])
             for path, agent, session, size, mtime, offset, state in changes:
                 conn.execute(
                     "INSERT INTO improve_sources (user_id, source, agent, session_id, size, mtime, offset, state, "
@@ -302,7 +420,7 @@ class Improve:
                     for line in lines:
                         count += 1
                         turns.append(detect.Turn(row["id"], count, logs.TERMINAL, line, float(int(observed))))
-                changes.append(("terminal:" + row["id"], logs.TERMINAL, row["id"], row["last_seq"], 0.0,
+                changes.append((TERMINAL_PREFIX + row["id"], logs.TERMINAL, row["id"], row["last_seq"], 0.0,
                                 row["last_seq"], {"turns": count, "pending": pending}))
         return changes, turns
 
@@ -416,7 +534,7 @@ class Improve:
         shown.sort(key=lambda record: (order[record["status"]], -rank[record["id"]][0], -rank[record["id"]][1],
                                        -rank[record["id"]][2], record["id"]))
         return {"suggestions": shown[:limit], "counts": counts, "total": len(shown), "window_days": WINDOW_DAYS,
-                "processing": self._processing(request.user_id)}
+                "processing": self._processing(request.user_id, counts=self._watched_counts(request.user_id))}
 
     def _set_status(self, request, status, snoozed_until=None, reopened=False):
         suggestion_id = request.params["id"]
@@ -562,11 +680,13 @@ class Improve:
                          "next_run_at = :next", {"on": 1 if on else 0, "hours": hours, "next": following})
             return self._settings(conn, now)
 
-    def _processing(self, user_id, listing=None, known=None):
+    def _processing(self, user_id, counts=None):
         """How far the reading has come: the conversations on disk and in the terminals, and how
-        many of them have something not read yet. A scan hands in what it has just listed."""
+        many of them have something not read yet. A scan hands in the logs' (count, read) it has
+        just established; otherwise the logs on disk are listed and compared with what was read."""
         with self.db.read_as(user_id) as conn:
-            if known is None:
+            known = None
+            if counts is None:
                 memory = self._memory.get(user_id)
                 known = memory.known if memory is not None else {row[0]: tuple(row[1:]) for row in conn.execute(
                     "SELECT source, size, mtime FROM improve_sources WHERE user_id = :user_id")}
@@ -576,14 +696,7 @@ class Improve:
                 "ON r.user_id = s.user_id AND r.source = 'terminal:' || s.id "
                 "WHERE s.user_id = :user_id AND c.stream = 'input' GROUP BY s.id").fetchall()
             settings = self._settings_row(conn)
-        sessions = processed = 0
-        if listing is None:
-            listing = logs.find_logs(self.claude_dir, self.codex_dir)
-        for path, _, size, mtime in listing:
-            sessions += 1
-            held = known.get(path)
-            if held is not None and held[0] == size and held[1] == mtime:
-                processed += 1
+        sessions, processed = counts if counts is not None else self._listed_counts(known)
         for row in terminals:
             sessions += 1
             if row["offset"] is not None and row["offset"] >= row["last_seq"]:
@@ -599,6 +712,15 @@ class Improve:
             record["next_run_at"] = clock.iso(settings["next_run_at"])
         return record
 
+    def _listed_counts(self, known):
+        sessions = processed = 0
+        for path, _, size, mtime in logs.find_logs(self.claude_dir, self.codex_dir):
+            sessions += 1
+            held = known.get(path)
+            if held is not None and held[0] == size and held[1] == mtime:
+                processed += 1
+        return sessions, processed
+
     def _open_count(self, conn, now):
         """Suggestions that show as open: stored open or snoozed past its end, and not stale."""
         return conn.execute(
@@ -608,6 +730,20 @@ class Improve:
 
     def _snapshot_extra(self, conn):
         return {"open_suggestions": self._open_count(conn, clock.now())}
+
+
+def _count_change(path, held, unfinished):
+    """How a log the watch told of changes the (count, read) worked out from what was read:
+    gone from disk, new, or grown since its last read, as a listing would find it."""
+    try:
+        stat = os.stat(path)
+    except OSError:
+        stat = None
+    if stat is None or not S_ISREG(stat.st_mode):
+        return (-1 if held is not None or unfinished else 0), (-1 if held is not None and not unfinished else 0)
+    if held is None:
+        return (0 if unfinished else 1), 0
+    return 0, (-1 if not unfinished and (held[0], held[1]) != (stat.st_size, stat.st_mtime) else 0)
 
 
 def _application(row):

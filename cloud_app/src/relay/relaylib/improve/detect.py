@@ -38,6 +38,10 @@ _CONTRACTIONS = {
     "can't": "can not", "cannot": "can not", "shouldn't": "should not", "isn't": "is not", "aren't": "are not",
     "wasn't": "was not", "stop": "stop", "i'm": "i am", "you're": "you are", "it's": "it is", "let's": "let us",
 }
+# The contractions opened before terms are taken, each a word of its own, in the order above;
+# compiled once, and tried only when the sentence holds the letters.
+_OPENED = [(short, re.compile(r"\b" + re.escape(short) + r"\b"), long) for short, long in _CONTRACTIONS.items()
+           if "'" in short or short in ("dont", "cannot")]
 STOP_WORDS = frozenset("""
 a an the this that these those it its it's i me my we our you your he she they them their
 please pls plz just also again and or but so then than to of in on at by for from with into onto
@@ -149,9 +153,9 @@ def stem(word):
 def normalise(sentence):
     """The sentence's terms in order: stems of its words, without stop words, each once."""
     text = sentence.lower().replace("\u2019", "'")
-    for short, long in _CONTRACTIONS.items():
-        if "'" in short or short in ("dont", "cannot"):
-            text = re.sub(r"\b" + re.escape(short) + r"\b", long, text)
+    for short, pattern, long in _OPENED:
+        if short in text:
+            text = pattern.sub(long, text)
     terms = []
     for word in _WORD.findall(text):
         word = word.strip(".-/")

@@ -17,9 +17,11 @@ test says it may hold the person's message: the agent's own lines, which are mos
 are never parsed.
 """
 
+import hashlib
 import json
 import os
 import re
+from stat import S_ISREG
 
 from .. import clock
 from .detect import Turn
@@ -29,6 +31,11 @@ CODEX = "codex"
 TERMINAL = "terminal"
 # How much of a grown log one read takes at most; the rest waits for the next scan.
 READ_LIMIT_BYTES = 256 * 1024 * 1024
+# How many bytes before the place a read stopped are remembered (as a digest) to tell a grown
+# log from another text in its place: enough to hold the last whole lines, which name the
+# session and carry timestamps, so two different conversations never share them.
+TAIL_BYTES = 4096
+TAIL_DIGEST_BYTES = 16
 
 _CLAUDE_MARK = b'"type":"user"'
 _CLAUDE_SKIP = (b'"type":"tool_result"', b'"isMeta":true', b'"isSidechain":true', b'"isCompactSummary":true')
@@ -124,22 +131,45 @@ def _candidate_lines(data, marks, skips):
 
 def read_log(path, agent, offset, state, limit=READ_LIMIT_BYTES):
     """The person's messages in `path` after byte `offset`. Returns (turns, new offset, state);
-    `state` carries the turn count and the last message taken, across reads of a growing file."""
-    turns_so_far = int(state.get("turns", 0))
-    last = state.get("last")
+    `state` carries the turn count, the last message taken and a digest of the bytes just before
+    the offset, across reads of a growing file. When those bytes are not the ones read last time
+    (the file was replaced or rewritten, even at the same size and time), the file is another
+    text and is read from its start; the state then says "restarted"."""
     with open(path, "rb") as handle:
-        handle.seek(offset)
-        data = handle.read(limit)
         stat = os.fstat(handle.fileno())
-    stopped_at_limit = len(data) >= limit
-    end = data.rfind(b"\n") + 1
-    if end == 0:
-        if stopped_at_limit:
-            # One line longer than the limit is no one's message: step over it.
-            return [], _after_next_newline(path, offset + len(data)), dict(state, more=True)
-        return [], offset, state
+        before = _bytes_before(handle, offset, stat.st_size)
+        restarted = offset > 0 and (before is None or state.get("tail", _digest(before)) != _digest(before))
+        if restarted:
+            offset, state, before = 0, {}, b""
+        turns_so_far = int(state.get("turns", 0))
+        last = state.get("last")
+        handle.seek(offset)
+        # Asked for no more than the file holds: a read of the limit itself allocates the whole
+        # limit first, which costs more than reading a small log. What is written after the
+        # look at the size is read at the next scan.
+        data = handle.read(min(limit, max(0, stat.st_size - offset)))
+        stopped_at_limit = len(data) >= limit
+        end = data.rfind(b"\n") + 1
+        if end == 0:
+            if stopped_at_limit:
+                # One line longer than the limit is no one's message: step over it.
+                after = _after_next_newline(handle, offset + len(data))
+                state = dict(state, more=True, tail=_digest(_bytes_before(handle, after, after) or b""))
+                return [], after, _noting(state, restarted)
+            return [], offset, _noting(state, restarted)
     data = data[:end]
-    session = session_of(path, agent)
+    turns, turns_so_far, last = _turns_in(data, agent, session_of(path, agent), turns_so_far, last, stat.st_mtime)
+    tail = data[-TAIL_BYTES:] if end >= TAIL_BYTES else (before + data)[-TAIL_BYTES:]
+    state = {"turns": turns_so_far, "last": last, "tail": _digest(tail)}
+    if stopped_at_limit:
+        # Stopped at the limit, not at the end: the caller reads on at its next scan.
+        state["more"] = True
+    return turns, offset + end, _noting(state, restarted)
+
+
+def _turns_in(data, agent, session, turns_so_far, last, mtime):
+    """The person's messages in whole lines `data`, numbered on from `turns_so_far`; `last` is
+    the last message taken before. Returns (turns, turns so far, last)."""
     if agent == CLAUDE:
         lines, read = _candidate_lines(data, (_CLAUDE_MARK,), _CLAUDE_SKIP), _claude_text
     else:
@@ -160,41 +190,70 @@ def read_log(path, agent, offset, state, limit=READ_LIMIT_BYTES):
             continue
         last = text
         turns_so_far += 1
-        turns.append(Turn(session, turns_so_far, agent, text, _observed(record.get("timestamp"), stat.st_mtime)))
-    state = {"turns": turns_so_far, "last": last}
-    if stopped_at_limit:
-        # Stopped at the limit, not at the end: the caller reads on at its next scan.
-        state["more"] = True
-    return turns, offset + end, state
+        turns.append(Turn(session, turns_so_far, agent, text, _observed(record.get("timestamp"), mtime)))
+    return turns, turns_so_far, last
 
 
-def _after_next_newline(path, offset, step=1024 * 1024):
+def _noting(state, restarted):
+    return dict(state, restarted=True) if restarted else state
+
+
+def _digest(data):
+    return hashlib.blake2b(data, digest_size=TAIL_DIGEST_BYTES).hexdigest()
+
+
+def _bytes_before(handle, offset, size):
+    """The up to TAIL_BYTES bytes before `offset`, or None when the file ends before it."""
+    if offset > size:
+        return None
+    start = max(0, offset - TAIL_BYTES)
+    handle.seek(start)
+    data = handle.read(offset - start)
+    return data if len(data) == offset - start else None
+
+
+def _after_next_newline(handle, offset, step=1024 * 1024):
     """The offset just past the next newline at or after `offset` (the file's end when none)."""
-    with open(path, "rb") as handle:
-        handle.seek(offset)
-        while True:
-            chunk = handle.read(step)
-            if not chunk:
-                return offset
-            at = chunk.find(b"\n")
-            if at >= 0:
-                return offset + at + 1
-            offset += len(chunk)
+    handle.seek(offset)
+    while True:
+        chunk = handle.read(step)
+        if not chunk:
+            return offset
+        at = chunk.find(b"\n")
+        if at >= 0:
+            return offset + at + 1
+        offset += len(chunk)
 
 
-def find_logs(claude_dir, codex_dir):
-    """Every conversation log under the two folders: (path, agent, size, mtime), by path."""
+def is_log_name(name, agent):
+    """Whether a file named `name` in `agent`'s folders is one of its conversation logs."""
+    return name.endswith(".jsonl") and (agent != CODEX or name.startswith("rollout-"))
+
+
+def find_logs(claude_dir, codex_dir, on_folder=None):
+    """Every conversation log under the two folders: (path, agent, size, mtime), by path.
+    `on_folder(folder, agent)` is called for each folder before it is listed."""
     found = []
     for root, agent in ((claude_dir, CLAUDE), (codex_dir, CODEX)):
         if root and os.path.isdir(root):
-            _walk(root, agent, found)
+            _walk(root, agent, found, on_folder)
     found.sort()
     return found
 
 
-def _walk(folder, agent, found):
-    # scandir rather than walk and stat: one system call per entry, which a rescan of thousands
+def walk_folder(folder, agent, on_folder=None):
+    """The conversation logs under one folder, as `find_logs` gives them."""
+    found = []
+    _walk(folder, agent, found, on_folder)
+    found.sort()
+    return found
+
+
+def _walk(folder, agent, found, on_folder):
+    # scandir rather than walk and stat: one system call per entry, which a walk over thousands
     # of conversations spends most of its time on.
+    if on_folder is not None:
+        on_folder(folder, agent)
     try:
         entries = list(os.scandir(folder))
     except OSError:
@@ -202,15 +261,16 @@ def _walk(folder, agent, found):
     for entry in entries:
         try:
             if entry.is_dir(follow_symlinks=False):
-                _walk(entry.path, agent, found)
+                _walk(entry.path, agent, found, on_folder)
                 continue
-            name = entry.name
-            if not name.endswith(".jsonl") or (agent == CODEX and not name.startswith("rollout-")):
+            if not is_log_name(entry.name, agent):
                 continue
             stat = entry.stat()
         except OSError:
             continue
-        found.append((entry.path, agent, stat.st_size, stat.st_mtime))
+        # Only files: opening a pipe of that name would wait for a writer.
+        if S_ISREG(stat.st_mode):
+            found.append((entry.path, agent, stat.st_size, stat.st_mtime))
 
 
 _ESCAPE = re.compile(r"\x1b(?:\[[0-?]*[ -/]*[@-~]|\][^\x07\x1b]*(?:\x07|\x1b\\)|O.|[@-Z\\-_])")
