@@ -38,9 +38,14 @@ def rss_kib(pid):
     return 0
 
 
+# A person's cache outlives a start, while the home is made afresh for each run: the
+# relay's compiled modules are compiled at the first run only, as on a real machine.
+CACHE = tempfile.mkdtemp(prefix="quillmere-measure-cache-")
+
+
 def environment(home, display):
     env = dict(os.environ)
-    env.update(HOME=home, XDG_DATA_HOME=f"{home}/share", XDG_CONFIG_HOME=f"{home}/config",
+    env.update(HOME=home, XDG_DATA_HOME=f"{home}/share", XDG_CONFIG_HOME=f"{home}/config", XDG_CACHE_HOME=CACHE,
                XDG_RUNTIME_DIR=f"{home}/run", DISPLAY=display, QUILLMERE_STARTUP_PROBE="1",
                # No keyring on this display: the session lives in memory only.
                DBUS_SESSION_BUS_ADDRESS="unix:path=/nonexistent")
@@ -109,6 +114,7 @@ def main():
         shutil.rmtree(data, ignore_errors=True)
     finally:
         xvfb.terminate()
+        shutil.rmtree(CACHE, ignore_errors=True)
 
     def ms(values):
         return f"{statistics.median(values) * 1000:.0f} ms (runs: {', '.join(f'{v * 1000:.0f}' for v in values)})"

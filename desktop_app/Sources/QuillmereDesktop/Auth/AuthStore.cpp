@@ -1,6 +1,7 @@
 #include "QuillmereDesktop/Auth/AuthStore.h"
 
 #include <QCryptographicHash>
+#include <QTcpSocket>
 #include <qcoro/qcorotimer.h>
 
 AuthStore::AuthStore(PreferencesStore& preferences, SecretStore& secrets, RelayProcessManager* relayProcess,
@@ -26,8 +27,24 @@ QString AuthStore::readRelayURL() {
     return m_preferences.stringValue(relayURLKey).value_or(defaultRelayURL);
 }
 
+void AuthStore::startOwnRelayEarly() {
+    if (!m_relayProcess || !shouldOwnLocalRelay())
+        return;
+    // A loopback connection is taken or refused at once: nothing has to be waited for to
+    // learn that no relay runs yet.
+    const QUrl url(m_relayURLString);
+    QTcpSocket probe;
+    probe.connectToHost(url.host(), quint16(url.port(RelayProcessConfig::defaultPort)));
+    if (probe.waitForConnected(int(m_config.listenProbeTimeout.count())))
+        return;
+    // Launched now rather than after the window is loaded; the check that follows shares
+    // this launch instead of making a second.
+    m_relayProcess->start();
+}
+
 QCoro::Task<> AuthStore::start() {
     QPointer<AuthStore> self(this);
+    startOwnRelayEarly();
     const QString account = tokenAccount(m_relayURLString);
     std::optional<QString> token = co_await m_secrets.get(account);
     if (!self)

@@ -24,6 +24,10 @@ struct AuthStoreConfig {
     std::chrono::milliseconds readinessInterval = defaultReadinessInterval;
     // Starts bootstrap on construction, as the application does; tests may start it by hand.
     bool bootstrapOnStart = true;
+    // How long the first look for a relay on the loopback port may take; a loopback
+    // connection is accepted or refused well within it.
+    static constexpr std::chrono::milliseconds defaultListenProbeTimeout{200};
+    std::chrono::milliseconds listenProbeTimeout = defaultListenProbeTimeout;
 };
 
 // Decides who is signed in to which relay. The one owner of the relay's address: it keeps
@@ -98,6 +102,10 @@ public:
     // Finishes construction: reads the token and runs bootstrap. Called by the constructor
     // unless the configuration says otherwise.
     QCoro::Task<> start();
+    // Launches the managed relay at once when this address calls for it and nothing listens
+    // there yet, so that it boots while the window loads. The check of `bootstrap` decides
+    // as before; it finds this launch under way and waits for it.
+    void startOwnRelayEarly();
 
 signals:
     void stateChanged();

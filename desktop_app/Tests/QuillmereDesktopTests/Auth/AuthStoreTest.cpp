@@ -8,8 +8,11 @@
 #include <QJsonDocument>
 #include <QNetworkInterface>
 #include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
 
 #include <chrono>
 
@@ -40,6 +43,63 @@ QStringList pathsOf(const ScriptedHttpServer& server) {
         if (request.path != "/v1/health")
             paths << QString::fromUtf8(request.method + " " + request.path);
     return paths;
+}
+
+// A managed relay that only counts its launches and stays up without answering.
+class CountedRelay {
+public:
+    CountedRelay() {
+        write(m_root.filePath("source/cloud_app/src/relay/server.py"), "# relay\n", false);
+        write(m_root.filePath("bin/python3"),
+              "#!/bin/sh\necho launched >> \"$FAKE_RELAY_RECORD\"\nexec sleep 60\n", true);
+        RelayProcessConfig config;
+        config.resourceDirectories = {};
+        config.currentDirectory = m_root.filePath("cwd");
+        config.sourceRoot = m_root.filePath("source");
+        config.searchPath = m_root.filePath("bin");
+        config.systemInterpreters = {};
+        config.supportDirectory = m_root.filePath("support");
+        config.baseEnvironment = QProcessEnvironment();
+        config.baseEnvironment.insert("FAKE_RELAY_RECORD", m_root.filePath("record.txt"));
+        manager = std::make_unique<RelayProcessManager>(config);
+    }
+
+    // Launches so far, read without turning the event loop.
+    int launches() const {
+        QFile record(m_root.filePath("record.txt"));
+        return record.open(QIODevice::ReadOnly) ? int(record.readAll().count("launched")) : 0;
+    }
+    // Blocks the thread (no events are handled) until a launch is recorded or time is up.
+    bool launchedWithin(std::chrono::milliseconds limit) const {
+        for (auto waited = 0ms; waited < limit; waited += 20ms) {
+            if (launches() > 0)
+                return true;
+            QThread::msleep(20);
+        }
+        return launches() > 0;
+    }
+
+    std::unique_ptr<RelayProcessManager> manager;
+
+private:
+    static void write(const QString& path, const QByteArray& content, bool executable) {
+        QDir().mkpath(QFileInfo(path).absolutePath());
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly))
+            return;
+        file.write(content);
+        file.close();
+        if (executable)
+            file.setPermissions(file.permissions() | QFile::ExeOwner);
+    }
+
+    QTemporaryDir m_root;
+};
+
+bool somethingListensOnTheOwnedPort() {
+    QTcpSocket probe;
+    probe.connectToHost(QStringLiteral("::1"), quint16(RelayProcessConfig::defaultPort));
+    return probe.waitForConnected(200);
 }
 
 } // namespace
@@ -257,6 +317,34 @@ private slots:
         await(owned->bootstrap());
         QCOMPARE(owned->state(), AuthStore::State::relayUnreachable);
         QCOMPARE(owned->authError(), QString("The bundled relay files could not be found."));
+    }
+
+    void ourRelayIsLaunchedBeforeTheFirstEventIsHandled() {
+        if (somethingListensOnTheOwnedPort())
+            QSKIP("something answers on [::1]:8787 on this machine");
+        CountedRelay relay;
+        m_prefs.setString("relayURL", "http://[::1]:8787/");
+        AuthStoreConfig config = manualStart();
+        config.bootstrapOnStart = true;
+        AuthStore store(m_prefs, m_secrets, relay.manager.get(), config);
+        // The application now loads its window without handling an event: the relay boots
+        // meanwhile, launched by the constructor itself.
+        QVERIFY(relay.launchedWithin(3000ms));
+        // The check that follows finds that launch and makes no second one.
+        QTRY_COMPARE(store.state(), AuthStore::State::relayUnreachable);
+        QCOMPARE(relay.launches(), 1);
+    }
+
+    void aRelayAlreadyListeningIsNotLaunchedEarly() {
+        QTcpServer listening;
+        if (!listening.listen(QHostAddress::LocalHostIPv6, quint16(RelayProcessConfig::defaultPort)))
+            QSKIP("[::1]:8787 is taken on this machine");
+        CountedRelay relay;
+        m_prefs.setString("relayURL", "http://[::1]:8787/");
+        AuthStoreConfig config = manualStart();
+        config.bootstrapOnStart = true;
+        AuthStore store(m_prefs, m_secrets, relay.manager.get(), config);
+        QVERIFY(!relay.launchedWithin(300ms));
     }
 
     void legacyTokenMovesToTheNewAccount() {
