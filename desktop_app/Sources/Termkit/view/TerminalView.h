@@ -136,6 +136,8 @@ public:
     SearchService& search() { return *m_search; }
     /// The shell's prompt marks (OSC 133), which let a click move the cursor in a command line.
     const SemanticPrompts& semanticPrompts() const { return *m_semantic; }
+    /// Where a host sets the click behaviour (off, or only with some modifiers).
+    SemanticPrompts& semanticPrompts() { return *m_semantic; }
     bool hasSelection() const { return m_selection->active() && m_selection->hasSelectionRange(); }
     /// The selected text, wrapped rows joined.
     Q_INVOKABLE QString selectedText() const;
@@ -417,6 +419,12 @@ private:
     int m_clickCount = 0;
     QElapsedTimer m_lastClick;
     Position m_lastClickCell;
+    // A single click in a marked command line waits out the coalescing delay before its
+    // cursor keys go: a second click in time makes it a word selection instead.
+    SemanticPromptPointerSnapshot m_semanticPointer;
+    Position m_semanticPressCell;
+    QTimer m_semanticClickTimer;
+    std::string m_semanticClickBytes;
     // Lines that had left the ring's top when the view last looked: the selection follows.
     long long m_linesTop = 0;
     bool m_liveResizeThrottle = true;

@@ -213,6 +213,72 @@ TEST(HeadlessTerminalTest, AClickInsideBashsTypedCommandMovesItsCursorThere) {
     EXPECT_TRUE(waitFor([&] { return ended; }));
 }
 
+// The row of the screen whose text starts with `prefix`.
+std::optional<LineIndex> rowStartingWith(const Terminal& t, std::string_view prefix) {
+    const Buffer& b = t.buffer();
+    for (int r = 0; r < t.rows(); ++r) {
+        const LineIndex row = b.lineIndex(ScreenRow(r));
+        if (b.line(row).translateToString(t.tables().characters).rfind(prefix, 0) == 0)
+            return row;
+    }
+    return std::nullopt;
+}
+
+TEST(HeadlessTerminalTest, BashsPromptInputContinuationAndOutputCellsAreMarked) {
+    RunLoop loop;
+    SemanticPrompts semantic;
+    bool ended = false;
+    HeadlessTerminal headless(
+        loop, sized(60, 10), [&](std::optional<int32_t>) { ended = true; }, nullptr, &semantic);
+    const auto waitFor = [&](const std::function<bool()>& done) { return loop.runUntil(done, kWait); };
+    std::vector<std::string> env = Terminal::getEnvironmentVariables();
+    // The continuation prompt (PS2) says it is one, so it joins the command's group.
+    env.push_back("PS1=\\[\\e]133;A\\a\\]$ \\[\\e]133;B\\a\\]");
+    env.push_back("PS2=\\[\\e]133;A;k=c\\a\\]> \\[\\e]133;B\\a\\]");
+    env.push_back("PS0=\\e]133;C\\a");
+    env.push_back("PROMPT_COMMAND=printf '\\e]133;D\\a'");
+    headless.process().startProcess("/bin/bash", {"--norc", "--noprofile", "-i"}, env);
+    ASSERT_TRUE(waitFor([&] { return semantic.inputState() == SemanticInputState::prompt; }));
+    const uint64_t group = semantic.activeSemanticGroupID();
+    const auto typed = [&](std::string_view text) {
+        semantic.sendUserInput(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+        headless.send(text);
+    };
+    const Terminal& t = headless.terminal();
+    typed("echo one \\\r");
+    ASSERT_TRUE(waitFor([&] { return rowStartingWith(t, "> ") && semantic.inputState() == SemanticInputState::prompt; }));
+    EXPECT_EQ(semantic.activeSemanticGroupID(), group);
+    typed("two");
+    ASSERT_TRUE(waitFor([&] { return hasLine(t, "> two"); }));
+    const LineIndex first = *rowStartingWith(t, "$ echo one");
+    const LineIndex second = *rowStartingWith(t, "> two");
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, first, Col(0)), SemanticContent::prompt(SemanticPromptKind::initial));
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, first, Col(2)), SemanticContent::input());
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, second, Col(0)),
+              SemanticContent::prompt(SemanticPromptKind::continuation));
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, second, Col(2)), SemanticContent::input());
+    const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
+    ASSERT_EQ(geometry.rows.size(), 2u);
+    EXPECT_EQ(geometry.rows[1].row, second);
+    EXPECT_EQ(geometry.rows[1].firstInputColumn, 2);
+    // In mode "line" the earlier row is out of reach; on the continuation row the cursor moves.
+    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(6), first}));
+    const auto keys = semantic.handleSemanticPromptClick(t, {Col(2), second});
+    ASSERT_TRUE(keys);
+    EXPECT_EQ(*keys, "\x1b[D\x1b[D\x1b[D");
+    headless.send(*keys);
+    ASSERT_TRUE(waitFor([&] { return t.getCursorLocation().first == Col(2); }));
+    typed("X\r");
+    ASSERT_TRUE(waitFor([&] { return rowStartingWith(t, "one Xtwo").has_value(); }));
+    const LineIndex output = *rowStartingWith(t, "one Xtwo");
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, output, Col(0)), SemanticContent::output());
+    // The next prompt is a group of its own.
+    ASSERT_TRUE(waitFor([&] { return semantic.inputState() == SemanticInputState::prompt; }));
+    EXPECT_GT(semantic.activeSemanticGroupID(), group);
+    typed("exit\r");
+    EXPECT_TRUE(waitFor([&] { return ended; }));
+}
+
 TEST(HeadlessTerminalTest, BitmapsAreKeptForTheHost) {
     Fixture f;
     TerminalDelegate& asTerminalHost = f.headless;
