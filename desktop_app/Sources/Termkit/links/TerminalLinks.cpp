@@ -58,7 +58,7 @@ std::optional<LinkMatch> explicitLinkMatch(const Terminal& terminal, Position p)
     const uint16_t code = payloadAt(p);
     if (code == 0)
         return std::nullopt;
-    const std::any target = TinyAtom::target(code);
+    const std::any target = terminal.tables().payloads.target(code);
     const auto* payload = std::any_cast<std::string>(&target);
     if (payload == nullptr)
         return std::nullopt;
