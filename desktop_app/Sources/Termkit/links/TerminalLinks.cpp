@@ -3,8 +3,10 @@
 #include <unicode/regex.h>
 #include <unicode/unistr.h>
 
+#include <algorithm>
 #include <any>
 #include <memory>
+#include <string_view>
 
 #include "Termkit/buffer/TinyAtom.h"
 #include "Termkit/engine/Terminal.h"
@@ -98,37 +100,106 @@ std::optional<LinkMatch> explicitLinkMatch(const Terminal& terminal, Position p)
     return m;
 }
 
-// The logical line around a row as UTF-16, with each unit's cell, for the expression.
-struct LineMap {
-    icu::UnicodeString text;
-    std::vector<Position> cells;
+// The characters a URL or a path may hold where a program broke it across rows by hand.
+constexpr std::string_view kLinkEdgeCharacters =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~:/?#[]@!$&*+,;=%()";
+// How many rows a link broken by hand may span: the join is a guess, so it stays local.
+constexpr int kMaxImplicitJoinRows = 8;
+
+bool isLinkEdgeCharacter(const CharData& cell) {
+    return cell.code > 0 && cell.code < 0x80 && kLinkEdgeCharacters.find(static_cast<char>(cell.code)) !=
+                                                    std::string_view::npos;
+}
+
+// Whether a row reaches the right edge with a link character, and whether it begins with one.
+struct LinkRowEdgeInfo {
+    bool endsAtEdge = false;
+    bool beginsWithLinkCharacter = false;
 };
 
-LineMap buildImplicitLineMap(const Terminal& terminal, LineIndex row) {
+LinkRowEdgeInfo linkRowEdgeInfo(const Terminal& terminal, LineIndex row) {
+    const BufferLine& line = terminal.buffer().line(row);
+    LinkRowEdgeInfo info;
+    const int cols = terminal.cols();
+    info.endsAtEdge = line.count() >= cols && line.getTrimmedLength() == cols && isLinkEdgeCharacter(line[cols - 1]);
+    info.beginsWithLinkCharacter = line.count() > 0 && isLinkEdgeCharacter(line[0]);
+    return info;
+}
+
+// A row that continues the one above without the wrap flag: the program filled the row to the
+// edge with link characters and went on at the start of the next.
+bool canJoinImplicitRows(const Terminal& terminal, LineIndex upper, LineIndex lower) {
     const Buffer& buffer = terminal.buffer();
+    if (upper.value < 0 || lower.value >= buffer.lineCount() || buffer.line(lower).isWrapped())
+        return false;
+    return linkRowEdgeInfo(terminal, upper).endsAtEdge && linkRowEdgeInfo(terminal, lower).beginsWithLinkCharacter;
+}
+
+bool isImplicitContinuationRow(const Terminal& terminal, LineIndex row) {
+    return row.value > 0 && canJoinImplicitRows(terminal, row - 1, row);
+}
+
+// The rows a logical line covers (joined by the wrap flag).
+std::pair<LineIndex, LineIndex> wrappedLine(const Buffer& buffer, LineIndex row) {
     LineIndex first = row;
     while (first.value > 0 && buffer.line(first).isWrapped())
         --first;
+    LineIndex last = row;
+    while (wrapsInto(buffer, last))
+        ++last;
+    return {first, last};
+}
+
+// The logical line around a row as UTF-16, with each unit's cell, for the expression; with
+// `heuristic`, lines a program broke by hand are joined too, and `seams` says where.
+struct LineMap {
+    icu::UnicodeString text;
+    std::vector<Position> cells;
+    std::vector<int> seams;
+};
+
+// The rows of a line and of the lines a program broke by hand around it.
+std::pair<LineIndex, LineIndex> heuristicImplicitGroup(const Terminal& terminal, LineIndex row) {
+    const Buffer& buffer = terminal.buffer();
+    auto [first, last] = wrappedLine(buffer, row);
+    while (last.value - first.value + 1 < kMaxImplicitJoinRows && isImplicitContinuationRow(terminal, first)) {
+        first = wrappedLine(buffer, first - 1).first;
+    }
+    while (last.value - first.value + 1 < kMaxImplicitJoinRows && last.value + 1 < buffer.lineCount() &&
+           isImplicitContinuationRow(terminal, last + 1)) {
+        last = wrappedLine(buffer, last + 1).second;
+    }
+    return {first, last};
+}
+
+// One row's text, appended to the map with each unit's cell.
+void implicitLineSegmentText(const Terminal& terminal, LineIndex r, int length, LineMap& map) {
+    const BufferLine& line = terminal.buffer().line(r);
+    for (int c = 0; c < length; ++c) {
+        const CharData& cell = line[c];
+        if (cell.width == 0)
+            continue;
+        const std::string character = cell.code == 0 ? std::string(" ") : terminal.character(cell.code);
+        const icu::UnicodeString units = icu::UnicodeString::fromUTF8(character);
+        map.text.append(units);
+        map.cells.insert(map.cells.end(), static_cast<size_t>(units.length()), Position(Col(c), r));
+    }
+}
+
+LineMap buildImplicitLineMap(const Terminal& terminal, LineIndex row, bool heuristic) {
+    const Buffer& buffer = terminal.buffer();
+    const auto [first, last] = heuristic ? heuristicImplicitGroup(terminal, row) : wrappedLine(buffer, row);
     LineMap map;
-    for (LineIndex r = first; r.value < buffer.lineCount(); ++r) {
+    for (LineIndex r = first; r <= last; ++r) {
         if (r != first && !buffer.line(r).isWrapped())
-            break;
-        const BufferLine& line = buffer.line(r);
-        const int length = wrapsInto(buffer, r) ? line.count() : line.getTrimmedLength();
-        for (int c = 0; c < length; ++c) {
-            const CharData& cell = line[c];
-            if (cell.width == 0)
-                continue;
-            const std::string character = cell.code == 0 ? std::string(" ") : terminal.character(cell.code);
-            const icu::UnicodeString units = icu::UnicodeString::fromUTF8(character);
-            map.text.append(units);
-            map.cells.insert(map.cells.end(), static_cast<size_t>(units.length()), Position(Col(c), r));
-        }
+            map.seams.push_back(map.text.length());
+        const int length = r < last ? buffer.line(r).count() : buffer.line(r).getTrimmedLength();
+        implicitLineSegmentText(terminal, r, length, map);
     }
     return map;
 }
 
-std::optional<LinkMatch> implicitLinkMatch(const Terminal& terminal, Position p) {
+const icu::RegexPattern* implicitPattern() {
     static const std::unique_ptr<icu::RegexPattern> pattern = [] {
         UErrorCode status = U_ZERO_ERROR;
         UParseError error;
@@ -136,11 +207,13 @@ std::optional<LinkMatch> implicitLinkMatch(const Terminal& terminal, Position p)
             icu::RegexPattern::compile(icu::UnicodeString::fromUTF8(kImplicitPattern), 0, error, status));
         return U_SUCCESS(status) ? std::move(compiled) : nullptr;
     }();
-    if (!pattern)
-        return std::nullopt;
-    const LineMap map = buildImplicitLineMap(terminal, p.row);
+    return pattern.get();
+}
+
+// The match over a line map that covers a position, and whether it crosses one of its seams.
+std::optional<std::pair<LinkMatch, bool>> matchCovering(const Terminal& terminal, const LineMap& map, Position p) {
     UErrorCode status = U_ZERO_ERROR;
-    std::unique_ptr<icu::RegexMatcher> matcher(pattern->matcher(map.text, status));
+    std::unique_ptr<icu::RegexMatcher> matcher(implicitPattern()->matcher(map.text, status));
     if (U_FAILURE(status))
         return std::nullopt;
     while (matcher->find(status) && U_SUCCESS(status)) {
@@ -164,8 +237,27 @@ std::optional<LinkMatch> implicitLinkMatch(const Terminal& terminal, Position p)
         m.rowRanges = rangesOf(terminal, first, last);
         m.row = first.row;
         m.range = m.rowRanges.front().range;
-        return m;
+        // seamContainsImplicitLink: the join is only taken when a link runs across it.
+        const bool crossesSeam =
+            std::any_of(map.seams.begin(), map.seams.end(), [&](int seam) { return begin < seam && seam < end; });
+        return std::pair(std::move(m), crossesSeam);
     }
+    return std::nullopt;
+}
+
+std::optional<LinkMatch> implicitLinkMatch(const Terminal& terminal, Position p) {
+    if (implicitPattern() == nullptr)
+        return std::nullopt;
+    // Rows a program broke by hand count only when a link crosses the break; else each line
+    // stands alone, as the expression's own edges (a path ending a line) expect.
+    const LineMap joined = buildImplicitLineMap(terminal, p.row, true);
+    if (!joined.seams.empty()) {
+        if (auto m = matchCovering(terminal, joined, p); m && m->second)
+            return std::move(m->first);
+    }
+    const LineMap single = joined.seams.empty() ? joined : buildImplicitLineMap(terminal, p.row, false);
+    if (auto m = matchCovering(terminal, single, p))
+        return std::move(m->first);
     return std::nullopt;
 }
 

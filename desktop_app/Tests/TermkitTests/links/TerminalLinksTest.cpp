@@ -156,5 +156,46 @@ TEST(TerminalLinksTest, TheTableHolds65534LinksAndEachTerminalHasItsOwn) {
     EXPECT_EQ(at(fresh, 0, 0, LinkLookupMode::explicitOnly).value_or(LinkMatch{}).text, "http://new");
 }
 
+TEST(TerminalLinksTest, AUrlAProgramBrokeAcrossRowsByHandIsOneLink) {
+    Discard host;
+    Terminal t(&host, sized(20, 4));
+    // The program wrote the row to its last column and went on after CR LF: no wrap flag.
+    t.feed("xx https://example.c\r\nom/a b");
+    ASSERT_FALSE(t.buffer().line(LineIndex(1)).isWrapped());
+    for (const auto& [col, row] : {std::pair(5, 0), std::pair(1, 1)}) {
+        const auto m = at(t, col, row);
+        ASSERT_TRUE(m) << col << "," << row;
+        EXPECT_EQ(m->text, "https://example.com/a");
+        ASSERT_EQ(m->rowRanges.size(), 2u);
+        EXPECT_EQ(m->rowRanges[0].range, std::pair(3, 20));
+        EXPECT_EQ(m->rowRanges[1].row, LineIndex(1));
+        EXPECT_EQ(m->rowRanges[1].range, std::pair(0, 4));
+    }
+    EXPECT_FALSE(at(t, 5, 1));
+}
+
+TEST(TerminalLinksTest, RowsAreNotJoinedByHandWithoutALinkAcrossTheBreak) {
+    Discard host;
+    Terminal t(&host, sized(20, 6));
+    // Short of the edge: the URL ends with its row.
+    t.feed("xx https://example.c\r\n");
+    t.feed("yy https://example.\r\nom/a\r\n");
+    const auto shortRow = at(t, 5, 1);
+    ASSERT_TRUE(shortRow);
+    EXPECT_EQ(shortRow->text, "https://example");
+    EXPECT_EQ(shortRow->rowRanges.size(), 1u);
+    // The next row starts with a blank: no join either.
+    t.feed("zz https://example.c\r\n m/a");
+    const auto blankNext = at(t, 5, 3);
+    ASSERT_TRUE(blankNext);
+    EXPECT_EQ(blankNext->text, "https://example.c");
+    // A path at the start of a row under a row of words short of the edge: the path alone.
+    t.feed("\r\nplain words, short\r\n./run.sh");
+    const auto path = at(t, 3, 6);
+    ASSERT_TRUE(path);
+    EXPECT_EQ(path->text, "./run.sh");
+    EXPECT_EQ(path->rowRanges.size(), 1u);
+}
+
 } // namespace
 } // namespace termkit
