@@ -210,39 +210,55 @@ const icu::RegexPattern* implicitPattern() {
     return pattern.get();
 }
 
-// The match over a line map that covers a position, and whether it crosses one of its seams.
-std::optional<std::pair<LinkMatch, bool>> matchCovering(const Terminal& terminal, const LineMap& map, Position p) {
+// Each match of the expression over a line map, as its unit range with blanks the path
+// part may take at the end of a row left out; `visit` returns true to stop.
+template <typename Visit>
+void forEachImplicitMatch(const LineMap& map, Visit visit) {
     UErrorCode status = U_ZERO_ERROR;
     std::unique_ptr<icu::RegexMatcher> matcher(implicitPattern()->matcher(map.text, status));
-    if (U_FAILURE(status))
-        return std::nullopt;
-    while (matcher->find(status) && U_SUCCESS(status)) {
+    while (U_SUCCESS(status) && matcher->find(status) && U_SUCCESS(status)) {
         const int begin = matcher->start(status);
         int end = matcher->end(status);
-        // Blanks the path part may take at the end of a row are not part of the link.
         while (end > begin && map.text[end - 1] == u' ')
             --end;
-        if (end <= begin)
-            continue;
-        const Position first = map.cells[static_cast<size_t>(begin)];
-        Position last = map.cells[static_cast<size_t>(end) - 1];
-        const BufferLine& lastLine = terminal.buffer().line(last.row);
-        if (lastLine[last.col.value].width == 2)
-            last.col += 1;
-        const bool covers = !p.before(first) && !last.before(p);
-        if (!covers)
-            continue;
-        LinkMatch m;
-        map.text.tempSubStringBetween(begin, end).toUTF8String(m.text);
-        m.rowRanges = rangesOf(terminal, first, last);
-        m.row = first.row;
-        m.range = m.rowRanges.front().range;
+        if (end > begin && visit(begin, end))
+            return;
+    }
+}
+
+// The cells of a match, its first and last (a wide character's right half included).
+std::pair<Position, Position> matchCells(const Terminal& terminal, const LineMap& map, int begin, int end) {
+    const Position first = map.cells[static_cast<size_t>(begin)];
+    Position last = map.cells[static_cast<size_t>(end) - 1];
+    if (terminal.buffer().line(last.row)[last.col.value].width == 2)
+        last.col += 1;
+    return {first, last};
+}
+
+LinkMatch implicitMatch(const Terminal& terminal, const LineMap& map, int begin, int end) {
+    const auto [first, last] = matchCells(terminal, map, begin, end);
+    LinkMatch m;
+    map.text.tempSubStringBetween(begin, end).toUTF8String(m.text);
+    m.rowRanges = rangesOf(terminal, first, last);
+    m.row = first.row;
+    m.range = m.rowRanges.front().range;
+    return m;
+}
+
+// The match over a line map that covers a position, and whether it crosses one of its seams.
+std::optional<std::pair<LinkMatch, bool>> matchCovering(const Terminal& terminal, const LineMap& map, Position p) {
+    std::optional<std::pair<LinkMatch, bool>> found;
+    forEachImplicitMatch(map, [&](int begin, int end) {
+        const auto [first, last] = matchCells(terminal, map, begin, end);
+        if (p.before(first) || last.before(p))
+            return false;
         // seamContainsImplicitLink: the join is only taken when a link runs across it.
         const bool crossesSeam =
             std::any_of(map.seams.begin(), map.seams.end(), [&](int seam) { return begin < seam && seam < end; });
-        return std::pair(std::move(m), crossesSeam);
-    }
-    return std::nullopt;
+        found = std::pair(implicitMatch(terminal, map, begin, end), crossesSeam);
+        return true;
+    });
+    return found;
 }
 
 std::optional<LinkMatch> implicitLinkMatch(const Terminal& terminal, Position p) {
@@ -272,6 +288,41 @@ std::pair<std::string, std::string> parseHyperlinkPayload(const std::string& tex
     if (semicolon == std::string::npos)
         return {std::string(), text};
     return {text.substr(0, semicolon), text.substr(semicolon + 1)};
+}
+
+std::vector<LinkMatch> links(const Terminal& terminal, LineIndex first, LineIndex last, LinkLookupMode mode) {
+    std::vector<LinkMatch> out;
+    const Buffer& buffer = terminal.buffer();
+    first = std::max(first, LineIndex(0));
+    last = std::min(last, LineIndex(buffer.lineCount() - 1));
+    for (LineIndex r = first; r <= last; ++r) {
+        const BufferLine& line = buffer.line(r);
+        for (int c = 0; c < line.count(); ++c) {
+            const uint16_t code = line[c].payload;
+            if (code == 0 || (c > 0 && line[c - 1].payload == code))
+                continue;
+            // A link continued from the row above was listed there, unless that row is above the range.
+            if (c == 0 && r > first && line.isWrapped() && buffer.line(r - 1)[terminal.cols() - 1].payload == code)
+                continue;
+            if (auto m = explicitLinkMatch(terminal, Position(Col(c), r)))
+                out.push_back(std::move(*m));
+        }
+    }
+    if (mode != LinkLookupMode::explicitAndImplicit || implicitPattern() == nullptr)
+        return out;
+    for (LineIndex r = wrappedLine(buffer, first).first; r <= last;) {
+        const LineIndex end = wrappedLine(buffer, r).second;
+        const LineMap map = buildImplicitLineMap(terminal, r, false);
+        forEachImplicitMatch(map, [&](int begin, int stop) {
+            const Position from = map.cells[static_cast<size_t>(begin)];
+            // The text of an explicit link is that link's, already listed.
+            if (buffer.line(from.row)[from.col.value].payload == 0)
+                out.push_back(implicitMatch(terminal, map, begin, stop));
+            return false;
+        });
+        r = end + 1;
+    }
+    return out;
 }
 
 std::optional<LinkMatch> link(const Terminal& terminal, LinkLookupLocation at, LinkLookupMode mode) {

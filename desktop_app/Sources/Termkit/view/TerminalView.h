@@ -162,6 +162,9 @@ public:
     std::optional<LinkMatch> linkAt(QPointF position) const;
     /// The link the pointer shows (Control held, or always by `linkHighlightMode`).
     const std::optional<LinkMatch>& hoveredLink() const { return m_hoveredLink; }
+    /// The links underlined now: every link on the display in mode `always` (and in
+    /// `alwaysWithModifier` while Control is held), else the one under the pointer.
+    std::vector<LinkMatch> underlinedLinks() const;
     /// Where the caret is drawn, in item coordinates (tests read it).
     QRectF caretRect() const { return m_caretRect; }
     /// The highlight rectangles on display, in item coordinates (tests read them).
@@ -350,6 +353,7 @@ private:
     bool openLinkAt(QPointF position);
     void hoverLink(QPointF position, Qt::KeyboardModifiers modifiers);
     void addLinkUnderline(double cellWidth, double cellHeight, int top);
+    void setLinkModifierHeld(bool held);
 
     std::unique_ptr<QtTerminalScheduler> m_terminalScheduler;
     std::unique_ptr<SemanticPrompts> m_semantic;
@@ -415,6 +419,8 @@ private:
     bool m_searchHitsStale = false;
     std::vector<std::pair<QRectF, QColor>> m_highlightRects;
     std::optional<LinkMatch> m_hoveredLink;
+    // Whether Control is held, for the highlight modes that show links only with it.
+    bool m_linkModifierHeld = false;
     bool m_selectingWithPointer = false;
     int m_clickCount = 0;
     QElapsedTimer m_lastClick;

@@ -197,5 +197,27 @@ TEST(TerminalLinksTest, RowsAreNotJoinedByHandWithoutALinkAcrossTheBreak) {
     EXPECT_EQ(path->rowRanges.size(), 1u);
 }
 
+TEST(TerminalLinksTest, AllLinksOfSomeRowsAreListedOnceEach) {
+    Discard host;
+    Terminal t(&host, sized(10, 5));
+    // An explicit link wrapped over two rows, then an implicit URL wrapped over two more.
+    t.feed("ab\x1b]8;;http://e\x07" "0123456789\x1b]8;;\x07\r\n"
+           "https://x.io/abc");
+    const std::vector<LinkMatch> all = TerminalLinks::links(t, LineIndex(0), LineIndex(4),
+                                                            LinkLookupMode::explicitAndImplicit);
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_TRUE(all[0].isExplicit);
+    EXPECT_EQ(all[0].text, "http://e");
+    ASSERT_EQ(all[0].rowRanges.size(), 2u);
+    EXPECT_EQ(all[0].rowRanges[1].range, std::pair(0, 2));
+    EXPECT_FALSE(all[1].isExplicit);
+    EXPECT_EQ(all[1].text, "https://x.io/abc");
+    EXPECT_EQ(all[1].row, LineIndex(2));
+    // From the second row on, the wrapped explicit link is still listed, once.
+    const auto later = TerminalLinks::links(t, LineIndex(1), LineIndex(1), LinkLookupMode::explicitOnly);
+    ASSERT_EQ(later.size(), 1u);
+    EXPECT_EQ(later[0].row, LineIndex(0));
+}
+
 } // namespace
 } // namespace termkit

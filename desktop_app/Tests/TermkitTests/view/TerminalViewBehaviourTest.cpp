@@ -301,6 +301,42 @@ private slots:
         QTRY_COMPARE(h.recorder.sent, QByteArray("\x1b[D\x1b[D\x1b[D"));
     }
 
+    void everyLinkIsUnderlinedWhileControlIsHeldInModeAlwaysWithModifier() {
+        Harness h;
+        h.view->settings().linkHighlightMode = LinkHighlightMode::alwaysWithModifier;
+        h.view->feed("\x1b]8;;https://explicit.example/\x1b\\docs\x1b]8;;\x1b\\ and https://implicit.example/p\r\n"
+                     "see ./notes.md");
+        QVERIFY(h.presented());
+        QVERIFY(h.view->underlinedLinks().empty());
+        QTest::keyPress(&h.window, Qt::Key_Control, Qt::ControlModifier);
+        std::vector<LinkMatch> links = h.view->underlinedLinks();
+        QCOMPARE(links.size(), size_t(3));
+        QCOMPARE(links[0].text, std::string("https://explicit.example/"));
+        QVERIFY(links[0].isExplicit);
+        QCOMPARE(links[0].range, std::pair(0, 4));
+        QCOMPARE(links[1].text, std::string("https://implicit.example/p"));
+        QCOMPARE(links[2].text, std::string("./notes.md"));
+        QCOMPARE(links[2].row, LineIndex(1));
+        QTest::keyRelease(&h.window, Qt::Key_Control, Qt::NoModifier);
+        QVERIFY(h.view->underlinedLinks().empty());
+        // Mode "always" shows them without the key; "hover" only the one under the pointer.
+        h.view->settings().linkHighlightMode = LinkHighlightMode::always;
+        QCOMPARE(h.view->underlinedLinks().size(), size_t(3));
+        h.view->settings().linkHighlightMode = LinkHighlightMode::hover;
+        QVERIFY(h.view->underlinedLinks().empty());
+        QHoverEvent hover(QEvent::HoverMove, h.cellCentre(2, 1), h.cellCentre(2, 1), h.cellCentre(1, 1),
+                          Qt::NoModifier);
+        QCoreApplication::sendEvent(h.view, &hover);
+        links = h.view->underlinedLinks();
+        QCOMPARE(links.size(), size_t(0));
+        QHoverEvent onPath(QEvent::HoverMove, h.cellCentre(6, 1), h.cellCentre(6, 1), h.cellCentre(2, 1),
+                           Qt::NoModifier);
+        QCoreApplication::sendEvent(h.view, &onPath);
+        links = h.view->underlinedLinks();
+        QCOMPARE(links.size(), size_t(1));
+        QCOMPARE(links[0].text, std::string("./notes.md"));
+    }
+
     void aPathLinkOpensOnlyAnExistingFile() {
         QTemporaryDir dir;
         QFile file(dir.filePath("notes.md"));
