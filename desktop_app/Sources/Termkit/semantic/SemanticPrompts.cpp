@@ -235,7 +235,8 @@ void SemanticPrompts::semanticNoteAlternateScreenSwitch(Terminal&) {
     m_input = SemanticInputState::idle;
 }
 
-void SemanticPrompts::reset(Terminal&, bool) {
+void SemanticPrompts::reset(Terminal& terminal, bool) {
+    setContent(terminal, SemanticContent::none());
     m_input = SemanticInputState::idle;
     m_activeGroup = 0;
     m_semanticPromptStartRowCache.reset();

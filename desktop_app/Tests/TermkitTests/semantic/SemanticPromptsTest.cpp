@@ -369,6 +369,10 @@ TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
     semantic.resetUserInputScanner();
     type(semantic, "\r");
     EXPECT_EQ(semantic.inputState(), SemanticInputState::submitted);
+    // A full reset writes cells without a class again.
+    t.feed("\x1b]133;C\x07\x1b" "cz");
+    EXPECT_EQ(contentAt(t, 0, 0), SemanticContent::none());
+    EXPECT_EQ(semantic.activeSemanticGroupID(), 0u);
 }
 
 TEST(SemanticPromptsTest, TheAlternateScreenWritesCellsWithoutAClass) {
