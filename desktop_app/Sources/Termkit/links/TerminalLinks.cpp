@@ -107,8 +107,8 @@ constexpr std::string_view kLinkEdgeCharacters =
 constexpr int kMaxImplicitJoinRows = 8;
 
 bool isLinkEdgeCharacter(const CharData& cell) {
-    return cell.code > 0 && cell.code < 0x80 && kLinkEdgeCharacters.find(static_cast<char>(cell.code)) !=
-                                                    std::string_view::npos;
+    return cell.code > 0 && cell.code < 0x80 &&
+           kLinkEdgeCharacters.find(static_cast<char>(cell.code)) != std::string_view::npos;
 }
 
 // Whether a row reaches the right edge with a link character, and whether it begins with one.
@@ -121,7 +121,8 @@ LinkRowEdgeInfo linkRowEdgeInfo(const Terminal& terminal, LineIndex row) {
     const BufferLine& line = terminal.buffer().line(row);
     LinkRowEdgeInfo info;
     const int cols = terminal.cols();
-    info.endsAtEdge = line.count() >= cols && line.getTrimmedLength() == cols && isLinkEdgeCharacter(line[cols - 1]);
+    info.endsAtEdge =
+        line.count() >= cols && line.getTrimmedLength() == cols && isLinkEdgeCharacter(line[cols - 1]);
     info.beginsWithLinkCharacter = line.count() > 0 && isLinkEdgeCharacter(line[0]);
     return info;
 }
@@ -132,7 +133,8 @@ bool canJoinImplicitRows(const Terminal& terminal, LineIndex upper, LineIndex lo
     const Buffer& buffer = terminal.buffer();
     if (upper.value < 0 || lower.value >= buffer.lineCount() || buffer.line(lower).isWrapped())
         return false;
-    return linkRowEdgeInfo(terminal, upper).endsAtEdge && linkRowEdgeInfo(terminal, lower).beginsWithLinkCharacter;
+    return linkRowEdgeInfo(terminal, upper).endsAtEdge &&
+           linkRowEdgeInfo(terminal, lower).beginsWithLinkCharacter;
 }
 
 bool isImplicitContinuationRow(const Terminal& terminal, LineIndex row) {
@@ -162,7 +164,8 @@ struct LineMap {
 std::pair<LineIndex, LineIndex> heuristicImplicitGroup(const Terminal& terminal, LineIndex row) {
     const Buffer& buffer = terminal.buffer();
     auto [first, last] = wrappedLine(buffer, row);
-    while (last.value - first.value + 1 < kMaxImplicitJoinRows && isImplicitContinuationRow(terminal, first)) {
+    while (last.value - first.value + 1 < kMaxImplicitJoinRows &&
+           isImplicitContinuationRow(terminal, first)) {
         first = wrappedLine(buffer, first - 1).first;
     }
     while (last.value - first.value + 1 < kMaxImplicitJoinRows && last.value + 1 < buffer.lineCount() &&
@@ -212,8 +215,7 @@ const icu::RegexPattern* implicitPattern() {
 
 // Each match of the expression over a line map, as its unit range with blanks the path
 // part may take at the end of a row left out; `visit` returns true to stop.
-template <typename Visit>
-void forEachImplicitMatch(const LineMap& map, Visit visit) {
+template <typename Visit> void forEachImplicitMatch(const LineMap& map, Visit visit) {
     UErrorCode status = U_ZERO_ERROR;
     std::unique_ptr<icu::RegexMatcher> matcher(implicitPattern()->matcher(map.text, status));
     while (U_SUCCESS(status) && matcher->find(status) && U_SUCCESS(status)) {
@@ -246,15 +248,16 @@ LinkMatch implicitMatch(const Terminal& terminal, const LineMap& map, int begin,
 }
 
 // The match over a line map that covers a position, and whether it crosses one of its seams.
-std::optional<std::pair<LinkMatch, bool>> matchCovering(const Terminal& terminal, const LineMap& map, Position p) {
+std::optional<std::pair<LinkMatch, bool>> matchCovering(const Terminal& terminal, const LineMap& map,
+                                                        Position p) {
     std::optional<std::pair<LinkMatch, bool>> found;
     forEachImplicitMatch(map, [&](int begin, int end) {
         const auto [first, last] = matchCells(terminal, map, begin, end);
         if (p.before(first) || last.before(p))
             return false;
         // seamContainsImplicitLink: the join is only taken when a link runs across it.
-        const bool crossesSeam =
-            std::any_of(map.seams.begin(), map.seams.end(), [&](int seam) { return begin < seam && seam < end; });
+        const bool crossesSeam = std::any_of(map.seams.begin(), map.seams.end(),
+                                             [&](int seam) { return begin < seam && seam < end; });
         found = std::pair(implicitMatch(terminal, map, begin, end), crossesSeam);
         return true;
     });
@@ -302,7 +305,8 @@ std::vector<LinkMatch> links(const Terminal& terminal, LineIndex first, LineInde
             if (code == 0 || (c > 0 && line[c - 1].payload == code))
                 continue;
             // A link continued from the row above was listed there, unless that row is above the range.
-            if (c == 0 && r > first && line.isWrapped() && buffer.line(r - 1)[terminal.cols() - 1].payload == code)
+            if (c == 0 && r > first && line.isWrapped() &&
+                buffer.line(r - 1)[terminal.cols() - 1].payload == code)
                 continue;
             if (auto m = explicitLinkMatch(terminal, Position(Col(c), r)))
                 out.push_back(std::move(*m));

@@ -373,7 +373,8 @@ std::optional<LineIndex> SemanticPrompts::semanticPromptStartRow(const Terminal&
         const long long index = m_semanticPromptStartRowCache->first - (b.invariantBase() - b.yBase().value);
         if (index >= 0 && index < b.lineCount()) {
             const LineIndex row(static_cast<int>(index));
-            if (b.line(row).identity() == m_semanticPromptStartRowCache->second && rowHasGroupMark(terminal, row))
+            if (b.line(row).identity() == m_semanticPromptStartRowCache->second &&
+                rowHasGroupMark(terminal, row))
                 return row;
         }
     }
@@ -487,11 +488,13 @@ std::string SemanticPrompts::clickReport(const Terminal& terminal, Position at) 
     return "\x1b[<0;" + cell + "M\x1b[<0;" + cell + "m";
 }
 
-std::optional<std::string> SemanticPrompts::handleSemanticPromptClick(const Terminal& terminal, Position at,
-                                                                      SemanticPromptClickModifiers modifiers) const {
+std::optional<std::string>
+SemanticPrompts::handleSemanticPromptClick(const Terminal& terminal, Position at,
+                                           SemanticPromptClickModifiers modifiers) const {
     if (m_behavior.type == SemanticPromptClickBehavior::Type::disabled)
         return std::nullopt;
-    if (m_behavior.type == SemanticPromptClickBehavior::Type::requireModifier && modifiers != m_behavior.modifiers)
+    if (m_behavior.type == SemanticPromptClickBehavior::Type::requireModifier &&
+        modifiers != m_behavior.modifiers)
         return std::nullopt;
     if (!isSemanticClickEligible(terminal, at))
         return std::nullopt;

@@ -113,9 +113,12 @@ TEST(TerminalLinksTest, PastAFullPayloadTableCellsCarryNoLinkAndTextPrintsAsUsua
     TerminalOptions o = sized(20, 3);
     o.payloadTableCapacity = 2;
     Terminal t(&host, o);
-    t.feed("\x1b]8;;http://one\x07" "a\x1b]8;;\x07"
-           "\x1b]8;;http://two\x07" "b\x1b]8;;\x07"
-           "\x1b]8;;http://three\x07" "cd\x1b]8;;\x07 e");
+    t.feed("\x1b]8;;http://one\x07"
+           "a\x1b]8;;\x07"
+           "\x1b]8;;http://two\x07"
+           "b\x1b]8;;\x07"
+           "\x1b]8;;http://three\x07"
+           "cd\x1b]8;;\x07 e");
     EXPECT_EQ(t.getCharData(Col(0), ScreenRow(0))->payload, 1);
     EXPECT_EQ(t.getCharData(Col(1), ScreenRow(0))->payload, 2);
     EXPECT_EQ(t.getCharData(Col(2), ScreenRow(0))->payload, 0);
@@ -124,7 +127,8 @@ TEST(TerminalLinksTest, PastAFullPayloadTableCellsCarryNoLinkAndTextPrintsAsUsua
     EXPECT_EQ(at(t, 1, 0, LinkLookupMode::explicitOnly).value_or(LinkMatch{}).text, "http://two");
     EXPECT_FALSE(at(t, 2, 0, LinkLookupMode::explicitOnly));
     // While the refused link is open it stays refused.
-    t.feed("\x1b]8;;http://four\x07" "f");
+    t.feed("\x1b]8;;http://four\x07"
+           "f");
     ASSERT_TRUE(t.activeHyperlink());
     EXPECT_EQ(t.activeHyperlink()->state, ActiveHyperlink::State::exhausted);
     t.feed("g");
@@ -132,7 +136,8 @@ TEST(TerminalLinksTest, PastAFullPayloadTableCellsCarryNoLinkAndTextPrintsAsUsua
     // Freeing handles does not make room: the counter never goes back.
     t.feed("\x1b]8;;\x07\x1b[2J\x1b[H");
     t.garbageCollectPayload();
-    t.feed("\x1b]8;;http://five\x07" "h\x1b]8;;\x07");
+    t.feed("\x1b]8;;http://five\x07"
+           "h\x1b]8;;\x07");
     EXPECT_EQ(t.getCharData(Col(0), ScreenRow(0))->payload, 0);
     EXPECT_EQ(t.getCharacter(Col(0), ScreenRow(0)), "h");
 }
@@ -145,14 +150,17 @@ TEST(TerminalLinksTest, TheTableHolds65534LinksAndEachTerminalHasItsOwn) {
         links += "\x1b]8;;u\x07x\x1b]8;;\x07";
     full.feed(links);
     EXPECT_EQ(full.tables().payloads.issuedCount(), 65534u);
-    full.feed("\r\n\x1b]8;;http://late\x07" "late\x1b]8;;\x07");
+    full.feed("\r\n\x1b]8;;http://late\x07"
+              "late\x1b]8;;\x07");
     const auto [col, row] = full.getCursorLocation();
     EXPECT_EQ(full.getCharData(Col(0), row)->payload, 0);
     EXPECT_EQ(full.getCharacter(Col(3), row), "e");
-    EXPECT_FALSE(TerminalLinks::link(full, LinkLookupLocation::screen(Position(Col(1), LineIndex(row.value))), LinkLookupMode::explicitOnly));
+    EXPECT_FALSE(TerminalLinks::link(full, LinkLookupLocation::screen(Position(Col(1), LineIndex(row.value))),
+                                     LinkLookupMode::explicitOnly));
     // A second terminal in the same process still links.
     Terminal fresh(&host, sized(20, 3));
-    fresh.feed("\x1b]8;;http://new\x07" "n\x1b]8;;\x07");
+    fresh.feed("\x1b]8;;http://new\x07"
+               "n\x1b]8;;\x07");
     EXPECT_EQ(at(fresh, 0, 0, LinkLookupMode::explicitOnly).value_or(LinkMatch{}).text, "http://new");
 }
 
@@ -201,10 +209,11 @@ TEST(TerminalLinksTest, AllLinksOfSomeRowsAreListedOnceEach) {
     Discard host;
     Terminal t(&host, sized(10, 5));
     // An explicit link wrapped over two rows, then an implicit URL wrapped over two more.
-    t.feed("ab\x1b]8;;http://e\x07" "0123456789\x1b]8;;\x07\r\n"
+    t.feed("ab\x1b]8;;http://e\x07"
+           "0123456789\x1b]8;;\x07\r\n"
            "https://x.io/abc");
-    const std::vector<LinkMatch> all = TerminalLinks::links(t, LineIndex(0), LineIndex(4),
-                                                            LinkLookupMode::explicitAndImplicit);
+    const std::vector<LinkMatch> all =
+        TerminalLinks::links(t, LineIndex(0), LineIndex(4), LinkLookupMode::explicitAndImplicit);
     ASSERT_EQ(all.size(), 2u);
     EXPECT_TRUE(all[0].isExplicit);
     EXPECT_EQ(all[0].text, "http://e");

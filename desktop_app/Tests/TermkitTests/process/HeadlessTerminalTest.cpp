@@ -246,13 +246,15 @@ TEST(HeadlessTerminalTest, BashsPromptInputContinuationAndOutputCellsAreMarked) 
     };
     const Terminal& t = headless.terminal();
     typed("echo one \\\r");
-    ASSERT_TRUE(waitFor([&] { return rowStartingWith(t, "> ") && semantic.inputState() == SemanticInputState::prompt; }));
+    ASSERT_TRUE(waitFor(
+        [&] { return rowStartingWith(t, "> ") && semantic.inputState() == SemanticInputState::prompt; }));
     EXPECT_EQ(semantic.activeSemanticGroupID(), group);
     typed("two");
     ASSERT_TRUE(waitFor([&] { return hasLine(t, "> two"); }));
     const LineIndex first = *rowStartingWith(t, "$ echo one");
     const LineIndex second = *rowStartingWith(t, "> two");
-    EXPECT_EQ(SemanticPrompts::semanticContent(t, first, Col(0)), SemanticContent::prompt(SemanticPromptKind::initial));
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, first, Col(0)),
+              SemanticContent::prompt(SemanticPromptKind::initial));
     EXPECT_EQ(SemanticPrompts::semanticContent(t, first, Col(2)), SemanticContent::input());
     EXPECT_EQ(SemanticPrompts::semanticContent(t, second, Col(0)),
               SemanticContent::prompt(SemanticPromptKind::continuation));

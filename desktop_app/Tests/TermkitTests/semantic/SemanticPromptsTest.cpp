@@ -132,7 +132,8 @@ TEST(SemanticPromptsTest, CellsCarryTheirClassIntoTheScrollback) {
     // Every class round-trips through its one-byte code.
     for (const SemanticContent c :
          {SemanticContent::none(), SemanticContent::input(), SemanticContent::output(),
-          SemanticContent::prompt(SemanticPromptKind::initial), SemanticContent::prompt(SemanticPromptKind::right),
+          SemanticContent::prompt(SemanticPromptKind::initial),
+          SemanticContent::prompt(SemanticPromptKind::right),
           SemanticContent::prompt(SemanticPromptKind::continuation),
           SemanticContent::prompt(SemanticPromptKind::secondary)})
         EXPECT_EQ(SemanticContent::fromCode(c.code()), c);
@@ -156,7 +157,8 @@ TEST(SemanticPromptsTest, MarksRecordTheirGroupAndAContinuationPromptJoinsIt) {
     EXPECT_EQ(t.buffer().line(LineIndex(1)).semanticHardContinuationGroup(), first);
     const auto& marks = t.buffer().line(LineIndex(1)).semanticMarks();
     ASSERT_EQ(marks.size(), 2u);
-    EXPECT_EQ(marks[0], (SemanticMark{SemanticContent::prompt(SemanticPromptKind::continuation).code(), 0, first}));
+    EXPECT_EQ(marks[0],
+              (SemanticMark{SemanticContent::prompt(SemanticPromptKind::continuation).code(), 0, first}));
     EXPECT_EQ(marks[1], (SemanticMark{SemanticContent::kInputCode, 2, first}));
     // Both rows are the group's input, each from its own first input column.
     const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
@@ -208,7 +210,8 @@ TEST(SemanticPromptsTest, MultipleModeMovesByCharactersAcrossRows) {
     Terminal t(&host, sized(30, 4), nullptr, &semantic);
     // A line editor with a two-row buffer (the shell drew the break itself).
     t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;B\x07"
-           "abc\r\n\x1b]133;A;k=c\x07> \x1b]133;B\x07" "de");
+           "abc\r\n\x1b]133;A;k=c\x07> \x1b]133;B\x07"
+           "de");
     EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::multiple);
     // From after "e" (row 1, col 4) to the "b" (row 0, col 3): e, d, the break, c, b.
     EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(0)}).value_or("?"),
@@ -237,7 +240,8 @@ TEST(SemanticPromptsTest, VerticalModesGoToTheRowStartThenUpThenAlong) {
     SemanticPrompts semantic;
     Terminal t(&host, sized(30, 5), nullptr, &semantic);
     t.feed("\x1b]133;A;cl=v\x07$ \x1b]133;B\x07"
-           "abcd\r\n\x1b]133;A;k=c\x07> \x1b]133;B\x07" "efg");
+           "abcd\r\n\x1b]133;A;k=c\x07> \x1b]133;B\x07"
+           "efg");
     EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::conservativeVertical);
     // Cursor after "g" (row 1, col 5); target "c" (row 0, col 4): 3 left, 1 up, 2 right.
     EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(4), LineIndex(0)}).value_or("?"),
@@ -287,7 +291,8 @@ TEST(SemanticPromptsTest, TheClickBehaviourCanBeOffOrWantExactlyItsModifiers) {
     Discard host;
     SemanticPrompts semantic;
     Terminal t(&host, sized(30, 4), nullptr, &semantic);
-    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07" "abc");
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
+           "abc");
     const Position onA{Col(2), LineIndex(0)};
     EXPECT_TRUE(semantic.handleSemanticPromptClick(t, onA));
     semantic.setSemanticPromptClickBehavior(SemanticPromptClickBehavior::disabled());
@@ -343,12 +348,14 @@ TEST(SemanticPromptsTest, TheIMarkMakesTheInputOneRow) {
     Discard host;
     SemanticPrompts semantic;
     Terminal t(&host, sized(30, 4), nullptr, &semantic);
-    t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;I\x07" "abc");
+    t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;I\x07"
+           "abc");
     const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
     ASSERT_EQ(geometry.rows.size(), 1u);
     EXPECT_EQ(geometry.rows[0].firstInputColumn, 2);
     EXPECT_EQ(semantic.inputState(), SemanticInputState::prompt);
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(2), LineIndex(0)}).value_or("?"), "\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(2), LineIndex(0)}).value_or("?"),
+              "\x1b[D\x1b[D\x1b[D");
 }
 
 TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
@@ -370,7 +377,8 @@ TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
     type(semantic, "\r");
     EXPECT_EQ(semantic.inputState(), SemanticInputState::submitted);
     // A full reset writes cells without a class again.
-    t.feed("\x1b]133;C\x07\x1b" "cz");
+    t.feed("\x1b]133;C\x07\x1b"
+           "cz");
     EXPECT_EQ(contentAt(t, 0, 0), SemanticContent::none());
     EXPECT_EQ(semantic.activeSemanticGroupID(), 0u);
 }

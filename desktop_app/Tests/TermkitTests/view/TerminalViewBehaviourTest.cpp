@@ -304,8 +304,9 @@ private slots:
     void everyLinkIsUnderlinedWhileControlIsHeldInModeAlwaysWithModifier() {
         Harness h;
         h.view->settings().linkHighlightMode = LinkHighlightMode::alwaysWithModifier;
-        h.view->feed("\x1b]8;;https://explicit.example/\x1b\\docs\x1b]8;;\x1b\\ and https://implicit.example/p\r\n"
-                     "see ./notes.md");
+        h.view->feed(
+            "\x1b]8;;https://explicit.example/\x1b\\docs\x1b]8;;\x1b\\ and https://implicit.example/p\r\n"
+            "see ./notes.md");
         QVERIFY(h.presented());
         QVERIFY(h.view->underlinedLinks().empty());
         QTest::keyPress(&h.window, Qt::Key_Control, Qt::ControlModifier);
