@@ -23,6 +23,22 @@ void type(SemanticPrompts& s, std::string_view bytes) {
     s.sendUserInput(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
 }
 
+// What a click at a cell gives: the bytes, or `kNotTaken` when the prompt does not take it.
+constexpr std::string_view kNotTaken = "(not taken)";
+std::string click(const SemanticPrompts& s, const Terminal& t, int col, int row,
+                  SemanticPromptClickModifiers modifiers = {}) {
+    return s.handleSemanticPromptClick(t, {Col(col), LineIndex(row)}, modifiers)
+        .value_or(std::string(kNotTaken));
+}
+
+// A key sequence `count` times.
+std::string times(std::string_view key, int count) {
+    std::string out;
+    for (int i = 0; i < count; ++i)
+        out += key;
+    return out;
+}
+
 TEST(SemanticPromptsTest, APromptMarkAtColumnFiveStartsAFreshLine) {
     Discard host;
     SemanticPrompts semantic;
@@ -54,17 +70,15 @@ TEST(SemanticPromptsTest, AClickInTheCommandLineGivesCursorKeysByCharacters) {
     t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
            "echo \xe4\xb8\x96 abc");
     // The cursor is after "c" (column 13); "世" takes columns 7 and 8.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(5), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 5, 0), times("\x1b[D", 7));
     // On the wide character's right half: to the character.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(8), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 8, 0), times("\x1b[D", 5));
     // Past the end of the text: to its end, where the cursor is.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(25), LineIndex(0)}).value_or("?"), "");
+    EXPECT_EQ(click(semantic, t, 25, 0), "");
     // Inside the prompt itself: not the prompt's to take.
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(0), LineIndex(0)}));
+    EXPECT_EQ(click(semantic, t, 0, 0), kNotTaken);
     t.feed("\x1b[?1h");
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(12), LineIndex(0)}).value_or("?"), "\x1bOD");
+    EXPECT_EQ(click(semantic, t, 12, 0), "\x1bOD");
 }
 
 TEST(SemanticPromptsTest, AClickOnALaterRowOfAMultiLineInputDoesNothingInLineMode) {
@@ -74,8 +88,8 @@ TEST(SemanticPromptsTest, AClickOnALaterRowOfAMultiLineInputDoesNothingInLineMod
     t.feed("\x1b]133;A;cl=line\x07$ \x1b]133;B\x07"
            "first\r\n> second");
     EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::line);
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(0)}));
-    EXPECT_TRUE(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(1)}));
+    EXPECT_EQ(click(semantic, t, 3, 0), kNotTaken);
+    EXPECT_NE(click(semantic, t, 3, 1), kNotTaken);
 }
 
 TEST(SemanticPromptsTest, NoPromptAfterOutputStartsOrOnTheAlternateScreen) {
@@ -85,9 +99,9 @@ TEST(SemanticPromptsTest, NoPromptAfterOutputStartsOrOnTheAlternateScreen) {
     t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
            "vim");
     t.feed("\x1b[?1049h");
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(0)}));
+    EXPECT_EQ(click(semantic, t, 3, 0), kNotTaken);
     t.feed("\x1b[?1049l\x1b]133;C\x07");
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(0)}));
+    EXPECT_EQ(click(semantic, t, 3, 0), kNotTaken);
 }
 
 TEST(SemanticPromptsTest, OptionsSetTheKindAndABadValueVoidsTheCommand) {
@@ -214,13 +228,11 @@ TEST(SemanticPromptsTest, MultipleModeMovesByCharactersAcrossRows) {
            "de");
     EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::multiple);
     // From after "e" (row 1, col 4) to the "b" (row 0, col 3): e, d, the break, c, b.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 3, 0), times("\x1b[D", 5));
     // On the continuation prompt itself: not the input.
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(0), LineIndex(1)}));
+    EXPECT_EQ(click(semantic, t, 0, 1), kNotTaken);
     // Past the end of the first row: to its end, before the break.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(20), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 20, 0), times("\x1b[D", 3));
 }
 
 TEST(SemanticPromptsTest, WrappedInputCountsNoBreakAcrossTheWrap) {
@@ -231,8 +243,7 @@ TEST(SemanticPromptsTest, WrappedInputCountsNoBreakAcrossTheWrap) {
            "0123456789ab"); // wraps after "7"
     ASSERT_TRUE(t.buffer().line(LineIndex(1)).isWrapped());
     // From after "b" (row 1, col 4) to the "6" (row 0, col 8): b a 9 8 7 6.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(8), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 8, 0), times("\x1b[D", 6));
 }
 
 TEST(SemanticPromptsTest, VerticalModesGoToTheRowStartThenUpThenAlong) {
@@ -244,21 +255,18 @@ TEST(SemanticPromptsTest, VerticalModesGoToTheRowStartThenUpThenAlong) {
            "efg");
     EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::conservativeVertical);
     // Cursor after "g" (row 1, col 5); target "c" (row 0, col 4): 3 left, 1 up, 2 right.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(4), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D\x1b[A\x1b[C\x1b[C");
+    EXPECT_EQ(click(semantic, t, 4, 0), "\x1b[D\x1b[D\x1b[D\x1b[A\x1b[C\x1b[C");
     // The same row: by characters.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(1)}).value_or("?"), "\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 3, 1), times("\x1b[D", 2));
     t.feed("\x1b[?1h");
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(4), LineIndex(0)}).value_or("?"),
-              "\x1bOD\x1bOD\x1bOD\x1bOA\x1bOC\x1bOC");
+    EXPECT_EQ(click(semantic, t, 4, 0), "\x1bOD\x1bOD\x1bOD\x1bOA\x1bOC\x1bOC");
     // cl=w goes the same way; with the special keys the move is along the input instead.
     t.feed("\x1b[?1l\x1b]133;P;cl=w\x07");
     EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::smartVertical);
     t.feed("\x1b]133;P;special_key=1\x07");
     EXPECT_TRUE(semantic.semanticUsesSpecialCursorKeys());
     // From after "g": g f e, the break, d c.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(4), LineIndex(0)}).value_or("?"),
-              "\x1b[1;1D\x1b[1;1D\x1b[1;1D\x1b[1;1D\x1b[1;1D\x1b[1;1D");
+    EXPECT_EQ(click(semantic, t, 4, 0), times("\x1b[1;1D", 6));
     // A new prompt starts with the defaults again.
     t.feed("\r\n\x1b]133;C\x07\x1b]133;D\x07\x1b]133;A\x07$ \x1b]133;B\x07");
     EXPECT_FALSE(semantic.semanticUsesSpecialCursorKeys());
@@ -271,16 +279,14 @@ TEST(SemanticPromptsTest, ClickEventsAreReportedAtTheCellOrRelativeToThePrompt) 
     Terminal t(&host, sized(30, 5), nullptr, &semantic);
     t.feed("\r\n\x1b]133;A;click_events=1\x07$ \x1b]133;B\x07hello");
     EXPECT_EQ(semantic.promptClickMode().type, SemanticPromptClickMode::Type::clickEventsAbsolute);
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(4), LineIndex(1)}).value_or("?"),
-              "\x1b[<0;5;2M\x1b[<0;5;2m");
+    EXPECT_EQ(click(semantic, t, 4, 1), "\x1b[<0;5;2M\x1b[<0;5;2m");
     t.feed("\x1b]133;P;click_events=2\x07");
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(4), LineIndex(1)}).value_or("?"),
-              "\x1b[<0;5;1M\x1b[<0;5;1m");
+    EXPECT_EQ(click(semantic, t, 4, 1), "\x1b[<0;5;1M\x1b[<0;5;1m");
     // Outside the group's rows the click is not the prompt's.
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(4), LineIndex(0)}));
+    EXPECT_EQ(click(semantic, t, 4, 0), kNotTaken);
     t.feed("\x1b]133;P;click_events=0\x07");
     EXPECT_EQ(semantic.promptClickMode().type, SemanticPromptClickMode::Type::none);
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(4), LineIndex(1)}));
+    EXPECT_EQ(click(semantic, t, 4, 1), kNotTaken);
     // A bad value voids the whole command, the good options in it included.
     t.setSilentLog(true);
     t.feed("\x1b]133;P;click_events=1;special_key=7\x07");
@@ -293,17 +299,16 @@ TEST(SemanticPromptsTest, TheClickBehaviourCanBeOffOrWantExactlyItsModifiers) {
     Terminal t(&host, sized(30, 4), nullptr, &semantic);
     t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
            "abc");
-    const Position onA{Col(2), LineIndex(0)};
-    EXPECT_TRUE(semantic.handleSemanticPromptClick(t, onA));
+    EXPECT_NE(click(semantic, t, 2, 0), kNotTaken);
     semantic.setSemanticPromptClickBehavior(SemanticPromptClickBehavior::disabled());
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, onA));
+    EXPECT_EQ(click(semantic, t, 2, 0), kNotTaken);
     const SemanticPromptClickModifiers alt{SemanticPromptClickModifiers::alt};
     const SemanticPromptClickModifiers altShift{SemanticPromptClickModifiers::alt |
                                                 SemanticPromptClickModifiers::shift};
     semantic.setSemanticPromptClickBehavior(SemanticPromptClickBehavior::requireModifier(alt));
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, onA));
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, onA, altShift));
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, onA, alt).value_or("?"), "\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 2, 0), kNotTaken);
+    EXPECT_EQ(click(semantic, t, 2, 0, altShift), kNotTaken);
+    EXPECT_EQ(click(semantic, t, 2, 0, alt), times("\x1b[D", 3));
 }
 
 TEST(SemanticPromptsTest, OnlyASingleClickWithoutADragOnTheInputIsRouted) {
@@ -341,7 +346,7 @@ TEST(SemanticPromptsTest, ThePromptIsFoundAgainAfterTheRingRecycledItsRows) {
     const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
     EXPECT_EQ(geometry.rows.front().row, origin->row);
     EXPECT_EQ(geometry.rows.back().row, t.buffer().lineIndex(ScreenRow(2)));
-    EXPECT_TRUE(semantic.handleSemanticPromptClick(t, {Col(0), t.buffer().yBase()}));
+    EXPECT_NE(click(semantic, t, 0, t.buffer().yBase().value), kNotTaken);
 }
 
 TEST(SemanticPromptsTest, TheIMarkMakesTheInputOneRow) {
@@ -354,8 +359,7 @@ TEST(SemanticPromptsTest, TheIMarkMakesTheInputOneRow) {
     ASSERT_EQ(geometry.rows.size(), 1u);
     EXPECT_EQ(geometry.rows[0].firstInputColumn, 2);
     EXPECT_EQ(semantic.inputState(), SemanticInputState::prompt);
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(2), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 2, 0), times("\x1b[D", 3));
 }
 
 TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
