@@ -3,13 +3,15 @@
 
 #include "Termkit/buffer/AttributeTable.h"
 #include "Termkit/buffer/CharacterTable.h"
+#include "Termkit/buffer/TinyAtom.h"
 
 namespace termkit {
 
-/// Attributes and multi-scalar characters, interned once per terminal.
+/// Attributes, multi-scalar characters and cell payloads, interned once per terminal.
 struct CellTables {
     AttributeTable attributes;
     CharacterTable characters;
+    TinyAtomTable payloads;
 };
 
 } // namespace termkit

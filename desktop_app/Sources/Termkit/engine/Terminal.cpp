@@ -30,6 +30,7 @@ Terminal::Terminal(TerminalDelegate* delegate, TerminalOptions options, Terminal
                    TerminalExtensions* extensions)
     : m_delegate(delegate), m_options(std::move(options)), m_scheduler(scheduler), m_extensions(extensions),
       m_tables(std::make_shared<CellTables>()), m_parser(this) {
+    m_tables->payloads = TinyAtomTable(m_options.payloadTableCapacity);
     if (m_extensions == nullptr) {
         m_defaultExtensions = std::make_unique<TerminalExtensions>();
         m_extensions = m_defaultExtensions.get();
@@ -415,7 +416,7 @@ uint16_t Terminal::resolveActiveHyperlink() {
         return 0;
     ActiveHyperlink& link = *m_activeHyperlink;
     if (link.state == ActiveHyperlink::State::pending) {
-        if (auto atom = TinyAtom::lookup(link.payload)) {
+        if (auto atom = m_tables->payloads.lookup(link.payload)) {
             link.state = ActiveHyperlink::State::interned;
             link.code = atom->code;
             m_payloadCodes.insert(atom->code);
@@ -446,7 +447,7 @@ void Terminal::garbageCollectPayload() {
         if (!used.count(code))
             unused.push_back(code);
     }
-    TinyAtom::release(unused);
+    m_tables->payloads.release(unused);
     for (uint16_t code : unused)
         m_payloadCodes.erase(code);
 }

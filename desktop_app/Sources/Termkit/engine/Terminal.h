@@ -253,6 +253,11 @@ public:
     uint16_t resolveActiveHyperlink();
     /// Frees the payload handles this terminal made that no line uses any more.
     void garbageCollectPayload();
+    /// The semantic class cells of the active buffer get from now on (a code of
+    /// `SemanticContent`); the print path copies it into each cell it writes.
+    void setSemanticContent(uint8_t code) { m_buffer->setSemanticContent(code); }
+    /// A line of the active buffer, for extensions that annotate lines (semantic marks).
+    BufferLine& annotatableLine(LineIndex index) { return m_buffer->line(index); }
     /// Scrolls the active buffer's region up by one line.
     void scroll(bool isWrapped = false) {
         ensureAttributes();

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Termkit/buffer/BidiPresentationState.h"
+#include "Termkit/buffer/TinyAtom.h"
 #include "Termkit/engine/Color.h"
 
 namespace termkit {
@@ -44,6 +45,8 @@ struct TerminalOptions {
     BidiPresentationState initialBidiState{};
     int maximumBidiParagraphRows = 500;
     bool initialBidiArrowKeySwap = false;
+    /// How many hyperlink payloads the terminal interns over its life.
+    uint16_t payloadTableCapacity = TinyAtom::kMaxCode;
 
     /// The defaults.
     static TerminalOptions defaults() { return {}; }

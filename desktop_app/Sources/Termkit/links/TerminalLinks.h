@@ -50,6 +50,11 @@ namespace TerminalLinks {
 /// implicit match that covers the column.
 std::optional<LinkMatch> link(const Terminal& terminal, LinkLookupLocation at, LinkLookupMode mode);
 
+/// Every link that touches the rows `first` to `last` of the buffer, in order: explicit ones,
+/// then (with `explicitAndImplicit`) the implicit matches outside them over the logical lines
+/// those rows belong to. For showing all links at once.
+std::vector<LinkMatch> links(const Terminal& terminal, LineIndex first, LineIndex last, LinkLookupMode mode);
+
 /// An OSC 8 body split into its parameters and URI (`params;URI`, split at the first `;`).
 std::pair<std::string, std::string> parseHyperlinkPayload(const std::string& text);
 

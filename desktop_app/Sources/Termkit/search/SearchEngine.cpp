@@ -101,18 +101,19 @@ bool SearchEngine::prepare(const std::string& term, const SearchOptions& options
         m_validQuery = m_matcher != nullptr;
     } else if (!options.caseSensitive) {
         foldInPlace(m_needle);
+        m_skip = skipTable(m_needle);
     }
     return m_validQuery;
 }
 
-bool SearchEngine::isWholeWord(const std::u16string& text, int begin, int end) const {
+bool SearchEngine::isWholeWord(std::u16string_view text, int begin, int end) const {
     const bool before = begin == 0 || m_nonWordCharacters.contains(text[static_cast<size_t>(begin) - 1]);
     const bool after =
         end >= static_cast<int>(text.size()) || m_nonWordCharacters.contains(text[static_cast<size_t>(end)]);
     return before && after;
 }
 
-void SearchEngine::findPlain(const std::u16string& text, std::vector<std::pair<int, int>>& out) const {
+void SearchEngine::findPlain(std::u16string_view text, std::vector<std::pair<int, int>>& out) const {
     const auto record = [&](size_t at) {
         const auto begin = static_cast<int>(at);
         const int end = begin + static_cast<int>(m_needle.size());
@@ -122,15 +123,13 @@ void SearchEngine::findPlain(const std::u16string& text, std::vector<std::pair<i
         return static_cast<size_t>(end);
     };
     if (m_options.caseSensitive) {
-        const std::u16string_view haystack(text);
-        for (size_t at = haystack.find(m_needle); at != std::u16string_view::npos;
-             at = haystack.find(m_needle, at))
+        for (size_t at = text.find(m_needle); at != std::u16string_view::npos; at = text.find(m_needle, at))
             at = record(at);
         return;
     }
     // Case-insensitive without a folded copy of every line: a skipping search that compares
     // folded units against the folded needle.
-    const std::array<int, 256> skip = skipTable(m_needle);
+    const std::array<int, 256>& skip = m_skip;
     const int m = static_cast<int>(m_needle.size());
     const int n = static_cast<int>(text.size());
     for (int at = 0; at + m <= n;) {
@@ -146,7 +145,7 @@ void SearchEngine::findPlain(const std::u16string& text, std::vector<std::pair<i
 
 void SearchEngine::findInLine(SearchLineEntry& entry) {
     entry.matches.clear();
-    const std::u16string& text = entry.lineAsString;
+    const std::u16string_view text = entry.lineAsString;
     if (!m_options.regex) {
         findPlain(text, entry.matches);
         return;

@@ -3,10 +3,12 @@
 
 #include <unicode/uversion.h>
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -69,8 +71,8 @@ private:
     bool prepare(const std::string& term, const SearchOptions& options);
     const std::vector<std::pair<int, int>>& matchesIn(SearchLineSlot& slot);
     void findInLine(SearchLineEntry& entry);
-    void findPlain(const std::u16string& text, std::vector<std::pair<int, int>>& out) const;
-    bool isWholeWord(const std::u16string& text, int begin, int end) const;
+    void findPlain(std::u16string_view text, std::vector<std::pair<int, int>>& out) const;
+    bool isWholeWord(std::u16string_view text, int begin, int end) const;
     SearchResult resultOf(const SearchLineEntry& entry, LineIndex row, std::pair<int, int> match) const;
     LineIndex logicalLineStart(LineIndex row) const;
     void findAllFrom(LineIndex from, size_t limit, std::vector<SearchResult>& results);
@@ -82,6 +84,8 @@ private:
     // matches cache entries hold for it.
     std::string m_term;
     std::u16string m_needle;
+    // The skip table of the folded needle, made once per query rather than once per line.
+    std::array<int, 256> m_skip{};
     SearchOptions m_options;
     std::unique_ptr<icu::RegexPattern> m_pattern;
     std::unique_ptr<icu::RegexMatcher> m_matcher;

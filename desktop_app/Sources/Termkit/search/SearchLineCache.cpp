@@ -8,7 +8,7 @@ namespace termkit {
 
 namespace {
 
-void appendUtf16(std::u16string& out, char32_t c) {
+void appendUtf16(std::pmr::u16string& out, char32_t c) {
     if (c < 0x10000) {
         out += static_cast<char16_t>(c);
     } else {
@@ -18,7 +18,7 @@ void appendUtf16(std::u16string& out, char32_t c) {
     }
 }
 
-void appendUtf8AsUtf16(std::u16string& out, std::string_view utf8) {
+void appendUtf8AsUtf16(std::pmr::u16string& out, std::string_view utf8) {
     for (size_t i = 0; i < utf8.size();) {
         const auto b = static_cast<unsigned char>(utf8[i]);
         const size_t length = b < 0x80 ? 1 : (b >> 5) == 6 ? 2 : (b >> 4) == 14 ? 3 : 4;
@@ -141,6 +141,12 @@ void SearchLineCache::translateBuffer(SearchLineSlot& slot, LineIndex row) {
     const CharacterTable& characters = m_terminal.tables().characters;
     slot.made = true;
     SearchLineEntry& e = slot.entry;
+    if (e.lineAsString.get_allocator().resource() != &m_textPool) {
+        // A slot's first entry: its string is made anew on the pool (a string's resource is
+        // fixed when it is constructed).
+        std::destroy_at(&e.lineAsString);
+        std::construct_at(&e.lineAsString, &m_textPool);
+    }
     e.lineAsString.clear();
     e.offsets.clear();
     e.unitColumns.clear();

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <memory_resource>
 #include <string>
 #include <utility>
 #include <vector>
@@ -47,8 +48,9 @@ private:
 /// One logical line: the rows it spans joined, each row trimmed, with what maps a position
 /// in the string back to a cell.
 struct SearchLineEntry {
-    /// The line as UTF-16, the unit ICU's matchers work in.
-    std::u16string lineAsString;
+    /// The line as UTF-16, the unit ICU's matchers work in; its memory comes from the
+    /// cache's pool.
+    std::pmr::u16string lineAsString;
     /// Where each row's text starts in the string; one entry per row.
     RowOffsets offsets;
     /// The column of each unit within its row, or empty when every unit is one column
@@ -117,6 +119,11 @@ private:
     void followBuffer();
 
     const Terminal& m_terminal;
+    // Where the lines' text lives: a search over the whole scrollback makes one string per
+    // line, and the general heap's work for them (and for freeing them all with the cache)
+    // was a sixth of a cold search's profile. Declared before the slots, so it outlives
+    // their strings.
+    std::pmr::unsynchronized_pool_resource m_textPool;
     // Indexed by row; a deque, so that lines leaving the top of the ring cost no move of the
     // rest. Rows keep their entry while the ring
     // recycles lines at its top.

@@ -1,5 +1,7 @@
 #include "Termkit/semantic/SemanticPrompts.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <string_view>
 
 #include "Termkit/engine/Terminal.h"
@@ -8,16 +10,44 @@ namespace termkit {
 
 namespace {
 
-constexpr std::string_view kRight = "\x1b[C";
-constexpr std::string_view kLeft = "\x1b[D";
-constexpr std::string_view kRightApp = "\x1bOC";
-constexpr std::string_view kLeftApp = "\x1bOD";
+struct CursorKeys {
+    std::string_view left, right, up, down;
+};
+constexpr CursorKeys kNormalKeys{"\x1b[D", "\x1b[C", "\x1b[A", "\x1b[B"};
+constexpr CursorKeys kApplicationKeys{"\x1bOD", "\x1bOC", "\x1bOA", "\x1bOB"};
+// With `special_key=1` the shell asks for keys it can tell from the person's own arrows: the
+// same arrows with an explicit "no modifier" parameter, which an unmodified key never sends.
+constexpr CursorKeys kSpecialKeys{"\x1b[1;1D", "\x1b[1;1C", "\x1b[1;1A", "\x1b[1;1B"};
+
+void repeat(std::string& out, std::string_view key, int count) {
+    for (int i = 0; i < count; ++i)
+        out += key;
+}
+
+// Characters, not cells, in [from, to) of a row: a wide character is one key press, and
+// columns past the written cells count one each (typed blanks the shell has not drawn yet).
+int characters(const BufferLine& line, int from, int to) {
+    int n = 0;
+    for (int c = from; c < to; ++c)
+        if (c >= line.count() || line[c].width != 0)
+            ++n;
+    return n;
+}
+
+bool hasCellOfCode(const BufferLine& line, uint8_t code) {
+    for (int c = 0; c < line.count(); ++c)
+        if (line[c].semanticContentCode == code)
+            return true;
+    return false;
+}
 
 } // namespace
 
-long long SemanticPrompts::invariant(const Terminal& terminal, LineIndex row) {
-    const Buffer& b = terminal.buffer();
-    return b.invariantBase() - b.yBase().value + row.value;
+const SemanticGroupGeometry::Row* SemanticGroupGeometry::find(LineIndex row) const {
+    for (const Row& r : rows)
+        if (r.row == row)
+            return &r;
+    return nullptr;
 }
 
 SemanticPrompts::Options SemanticPrompts::parseSemanticPromptOptions(std::string_view body) {
@@ -54,9 +84,68 @@ SemanticPrompts::Options SemanticPrompts::parseSemanticPromptOptions(std::string
                 o.clickMode = SemanticPromptCursorClickMode::smartVertical;
             else
                 o.valid = false;
+        } else if (key == "click_events") {
+            if (value == "0")
+                o.clickEvents = SemanticPromptClickMode::Type::none;
+            else if (value == "1")
+                o.clickEvents = SemanticPromptClickMode::Type::clickEventsAbsolute;
+            else if (value == "2")
+                o.clickEvents = SemanticPromptClickMode::Type::clickEventsRelative;
+            else
+                o.valid = false;
+        } else if (key == "special_key") {
+            if (value == "0")
+                o.specialKeys = false;
+            else if (value == "1")
+                o.specialKeys = true;
+            else
+                o.valid = false;
         }
     }
     return o;
+}
+
+void SemanticPrompts::applyOptions(const Options& options) {
+    if (options.clickMode)
+        m_clickMode = SemanticPromptClickMode::cursorKeys(*options.clickMode);
+    if (options.clickEvents)
+        m_clickMode.type = *options.clickEvents;
+    if (options.specialKeys)
+        m_specialKeys = *options.specialKeys;
+}
+
+void SemanticPrompts::setContent(Terminal& terminal, SemanticContent content) {
+    terminal.setSemanticContent(content.code());
+}
+
+void SemanticPrompts::setSemanticMark(Terminal& terminal, SemanticContent content) {
+    const auto [col, row] = terminal.getCursorLocation();
+    terminal.annotatableLine(terminal.buffer().lineIndex(row))
+        .setSemanticMark(SemanticMark{content.code(), col.value, m_activeGroup});
+}
+
+void SemanticPrompts::beginSemanticPromptGroup(Terminal& terminal) {
+    m_activeGroup = ++m_semanticGroupCounter;
+    const Buffer& b = terminal.buffer();
+    const LineIndex row = b.lineIndex(terminal.getCursorLocation().second);
+    m_semanticPromptStartRowCache =
+        std::pair(b.invariantBase() - b.yBase().value + row.value, b.line(row).identity());
+}
+
+bool SemanticPrompts::canReuseSemanticGroup(SemanticPromptKind kind) const {
+    // A continuation prompt (the shell asking for the rest of a command) belongs to the
+    // prompt before it, as long as no command ran in between.
+    return m_activeGroup != 0 && m_input != SemanticInputState::idle &&
+           (kind == SemanticPromptKind::continuation || kind == SemanticPromptKind::secondary);
+}
+
+void SemanticPrompts::clearEchoedEnterContinuationBeforeOutput(Terminal& terminal) {
+    // The Enter the shell echoed left the cursor on a fresh row that a continuation would have
+    // claimed; output starts there instead.
+    const LineIndex row = terminal.buffer().lineIndex(terminal.getCursorLocation().second);
+    BufferLine& line = terminal.annotatableLine(row);
+    if (line.semanticHardContinuationGroup() == m_activeGroup && !line.hasAnyContent())
+        line.setSemanticHardContinuationGroup(std::nullopt);
 }
 
 void SemanticPrompts::oscSemanticPrompt(Terminal& terminal, std::span<const uint8_t> data) {
@@ -69,38 +158,72 @@ void SemanticPrompts::oscSemanticPrompt(Terminal& terminal, std::span<const uint
         terminal.log("Termkit: semantic prompt with a bad option dropped");
         return;
     }
-    const auto [col, row] = terminal.getCursorLocation();
-    const LineIndex line = terminal.buffer().lineIndex(row);
-    switch (command) {
-    case 'A':
-    case 'N':
-    case 'L':
+    const auto freshLine = [&] {
         // A prompt starts on a fresh line: after output that did not end with one, the
         // prompt would otherwise be drawn after it.
-        if (col.value != 0) {
+        if (terminal.getCursorLocation().first.value != 0) {
             terminal.cmdCarriageReturn();
             terminal.cmdLineFeedBasic();
         }
-        if (command == 'L')
-            break;
-        m_promptRow = invariant(terminal, terminal.buffer().lineIndex(terminal.getCursorLocation().second));
-        m_kind = options.kind.value_or(SemanticPromptKind::initial);
-        m_clickMode = options.clickMode.value_or(SemanticPromptCursorClickMode::line);
-        m_inputStart.reset();
+    };
+    switch (command) {
+    case 'A':
+    case 'N': {
+        const SemanticPromptKind kind = options.kind.value_or(SemanticPromptKind::initial);
+        // N joins the open group the cursor's row already started (a prompt drawn in parts),
+        // and needs no fresh line for that.
+        const bool joinsRow =
+            command == 'N' && m_activeGroup != 0 &&
+            rowHasGroupMark(terminal, terminal.buffer().lineIndex(terminal.getCursorLocation().second));
+        if (!joinsRow) {
+            freshLine();
+            if (canReuseSemanticGroup(kind)) {
+                const LineIndex row = terminal.buffer().lineIndex(terminal.getCursorLocation().second);
+                terminal.annotatableLine(row).setSemanticHardContinuationGroup(m_activeGroup);
+            } else {
+                beginSemanticPromptGroup(terminal);
+                m_clickMode = {};
+                m_specialKeys = false;
+            }
+        }
+        applyOptions(options);
+        m_kind = kind;
+        m_inputLineOnly = false;
         m_input = SemanticInputState::prompt;
+        setContent(terminal, SemanticContent::prompt(kind));
+        setSemanticMark(terminal, SemanticContent::prompt(kind));
+        break;
+    }
+    case 'L':
+        freshLine();
         break;
     case 'P':
         m_kind = options.kind.value_or(m_kind);
+        applyOptions(options);
+        setContent(terminal, SemanticContent::prompt(m_kind));
+        setSemanticMark(terminal, SemanticContent::prompt(m_kind));
         break;
     case 'B':
     case 'I':
-        m_inputStart = std::pair(invariant(terminal, line), col.value);
+        if (m_activeGroup == 0)
+            beginSemanticPromptGroup(terminal);
+        applyOptions(options);
+        m_inputLineOnly = command == 'I';
         m_input = SemanticInputState::prompt;
+        setContent(terminal, SemanticContent::input());
+        setSemanticMark(terminal, SemanticContent::input());
         break;
     case 'C':
+        clearEchoedEnterContinuationBeforeOutput(terminal);
+        m_input = SemanticInputState::idle;
+        setContent(terminal, SemanticContent::output());
+        setSemanticMark(terminal, SemanticContent::output());
+        break;
     case 'D':
         m_input = SemanticInputState::idle;
-        m_inputStart.reset();
+        setContent(terminal, SemanticContent::none());
+        m_activeGroup = 0;
+        m_semanticPromptStartRowCache.reset();
         break;
     default:
         terminal.log("Termkit: unknown semantic prompt command dropped");
@@ -112,92 +235,330 @@ void SemanticPrompts::semanticNoteAlternateScreenSwitch(Terminal&) {
     m_input = SemanticInputState::idle;
 }
 
-void SemanticPrompts::reset(Terminal&, bool) {
+void SemanticPrompts::reset(Terminal& terminal, bool) {
+    setContent(terminal, SemanticContent::none());
     m_input = SemanticInputState::idle;
-    m_promptRow.reset();
-    m_inputStart.reset();
-    m_scan = Scan::ground;
-    m_inPaste = false;
+    m_activeGroup = 0;
+    m_semanticPromptStartRowCache.reset();
+    m_clickMode = {};
+    m_specialKeys = false;
+    resetUserInputScanner();
+}
+
+void SemanticPrompts::resetSemanticPromptState(Terminal& terminal, bool clearingScreenMarks) {
+    m_input = SemanticInputState::idle;
+    m_activeGroup = 0;
+    m_semanticPromptStartRowCache.reset();
+    setContent(terminal, SemanticContent::none());
+    if (!clearingScreenMarks)
+        return;
+    const Buffer& b = terminal.buffer();
+    for (int r = 0; r < terminal.rows(); ++r)
+        terminal.annotatableLine(b.lineIndex(ScreenRow(r))).destroySemanticState();
+}
+
+void SemanticPrompts::resetUserInputScanner() {
+    m_scan = SemanticScanState::ground;
+    m_semanticScanParams.clear();
+    m_semanticScanInPaste = false;
 }
 
 void SemanticPrompts::sendUserInput(std::span<const uint8_t> bytes) {
     for (uint8_t b : bytes) {
         switch (m_scan) {
-        case Scan::ground:
+        case SemanticScanState::ground:
             if (b == 0x1b) {
-                m_scan = Scan::escape;
-            } else if ((b == '\r' || b == '\n') && !m_inPaste) {
+                m_scan = SemanticScanState::escape;
+            } else if ((b == '\r' || b == '\n') && !m_semanticScanInPaste) {
                 if (m_input == SemanticInputState::prompt || m_input == SemanticInputState::armed)
                     m_input = SemanticInputState::submitted;
             } else if (b >= 0x20 && m_input == SemanticInputState::prompt) {
                 m_input = SemanticInputState::armed;
             }
             break;
-        case Scan::escape:
-            m_scan = b == '[' ? Scan::csi : Scan::ground;
-            m_csiParams.clear();
+        case SemanticScanState::escape:
+            m_scan = b == '[' ? SemanticScanState::csi : SemanticScanState::ground;
+            m_semanticScanParams.clear();
             break;
-        case Scan::csi:
+        case SemanticScanState::csi:
             if (b >= 0x40 && b <= 0x7E) {
                 // The bracketed paste markers: newlines between them are pasted text.
-                if (b == '~' && m_csiParams == "200")
-                    m_inPaste = true;
-                else if (b == '~' && m_csiParams == "201")
-                    m_inPaste = false;
-                m_scan = Scan::ground;
+                if (b == '~' && m_semanticScanParams == "200")
+                    m_semanticScanInPaste = true;
+                else if (b == '~' && m_semanticScanParams == "201")
+                    m_semanticScanInPaste = false;
+                m_scan = SemanticScanState::ground;
             } else {
-                m_csiParams += static_cast<char>(b);
+                m_semanticScanParams += static_cast<char>(b);
             }
             break;
         }
     }
 }
 
-std::optional<Position> SemanticPrompts::inputStart(const Terminal& terminal) const {
-    if (!m_inputStart)
-        return std::nullopt;
+// --- Reading the marks ------------------------------------------------------------------------
+
+SemanticContent SemanticPrompts::semanticContent(const Terminal& terminal, LineIndex atRow, Col col) {
     const Buffer& b = terminal.buffer();
-    const long long row = m_inputStart->first - (b.invariantBase() - b.yBase().value);
-    if (row < 0 || row >= b.lineCount())
-        return std::nullopt;
-    return Position(Col(m_inputStart->second), LineIndex(static_cast<int>(row)));
+    if (atRow.value < 0 || atRow.value >= b.lineCount())
+        return SemanticContent::none();
+    const BufferLine& line = b.line(atRow);
+    if (col.value < 0 || col.value >= line.count())
+        return SemanticContent::none();
+    return SemanticContent::fromCode(line[col.value].semanticContentCode);
 }
 
-std::optional<std::string> SemanticPrompts::handleSemanticPromptClick(const Terminal& terminal,
-                                                                      Position at) const {
+std::vector<SemanticPromptAnchor> SemanticPrompts::semanticPromptMarks(const Terminal& terminal) {
+    std::vector<SemanticPromptAnchor> out;
+    const Buffer& b = terminal.buffer();
+    for (int i = 0; i < b.lineCount(); ++i) {
+        const BufferLine* line = b.lines().peek(i);
+        if (line == nullptr)
+            continue;
+        for (const SemanticMark& mark : line->semanticMarks()) {
+            const SemanticContent content = SemanticContent::fromCode(mark.kind);
+            if (content.type == SemanticContent::Type::prompt)
+                out.push_back({Position(Col(mark.column), LineIndex(i)), content.kind});
+        }
+    }
+    return out;
+}
+
+std::optional<SemanticPromptKind> SemanticPrompts::semanticRowKind(const Terminal& terminal, LineIndex row) {
+    const Buffer& b = terminal.buffer();
+    if (row.value < 0 || row.value >= b.lineCount())
+        return std::nullopt;
+    for (const SemanticMark& mark : b.line(row).semanticMarks()) {
+        const SemanticContent content = SemanticContent::fromCode(mark.kind);
+        if (content.type == SemanticContent::Type::prompt)
+            return content.kind;
+    }
+    return std::nullopt;
+}
+
+bool SemanticPrompts::rowHasGroupMark(const Terminal& terminal, LineIndex row) const {
+    const BufferLine& line = terminal.buffer().line(row);
+    return std::any_of(line.semanticMarks().begin(), line.semanticMarks().end(),
+                       [&](const SemanticMark& m) { return m.group == m_activeGroup; }) ||
+           line.semanticHardContinuationGroup() == m_activeGroup;
+}
+
+std::optional<LineIndex> SemanticPrompts::findSemanticPromptRebindRow(const Terminal& terminal) const {
+    // Upward from the cursor: the group's first row is the highest one with its marks, below
+    // any row of an older group.
+    const Buffer& b = terminal.buffer();
+    const LineIndex cursor = b.lineIndex(terminal.getCursorLocation().second);
+    std::optional<LineIndex> found;
+    for (int n = 0; n < kSemanticPromptRowScanCount && cursor.value - n >= 0; ++n) {
+        const LineIndex row = cursor - n;
+        if (rowHasGroupMark(terminal, row)) {
+            found = row;
+            continue;
+        }
+        const auto& marks = b.line(row).semanticMarks();
+        if (std::any_of(marks.begin(), marks.end(), [](const SemanticMark& m) { return m.group != 0; }))
+            break;
+    }
+    if (found)
+        m_semanticPromptStartRowCache =
+            std::pair(b.invariantBase() - b.yBase().value + found->value, b.line(*found).identity());
+    return found;
+}
+
+std::optional<LineIndex> SemanticPrompts::semanticPromptStartRow(const Terminal& terminal) const {
+    if (m_activeGroup == 0)
+        return std::nullopt;
+    const Buffer& b = terminal.buffer();
+    if (m_semanticPromptStartRowCache) {
+        const long long index = m_semanticPromptStartRowCache->first - (b.invariantBase() - b.yBase().value);
+        if (index >= 0 && index < b.lineCount()) {
+            const LineIndex row(static_cast<int>(index));
+            if (b.line(row).identity() == m_semanticPromptStartRowCache->second &&
+                rowHasGroupMark(terminal, row))
+                return row;
+        }
+    }
+    return findSemanticPromptRebindRow(terminal);
+}
+
+std::optional<Position> SemanticPrompts::activeSemanticPromptOrigin(const Terminal& terminal) const {
+    const std::optional<LineIndex> row = semanticPromptStartRow(terminal);
+    if (!row)
+        return std::nullopt;
+    for (const SemanticMark& m : terminal.buffer().line(*row).semanticMarks())
+        if (m.group == m_activeGroup)
+            return Position(Col(m.column), *row);
+    return Position(Col(0), *row);
+}
+
+std::optional<Position> SemanticPrompts::inputStart(const Terminal& terminal) const {
+    const std::optional<LineIndex> start = semanticPromptStartRow(terminal);
+    if (!start)
+        return std::nullopt;
+    const Buffer& b = terminal.buffer();
+    const LineIndex cursor = b.lineIndex(terminal.getCursorLocation().second);
+    for (LineIndex r = *start; r <= cursor && r.value < b.lineCount(); ++r)
+        for (const SemanticMark& m : b.line(r).semanticMarks())
+            if (m.group == m_activeGroup && m.kind == SemanticContent::kInputCode)
+                return Position(Col(m.column), r);
+    return std::nullopt;
+}
+
+int SemanticPrompts::firstInputColumn(const Terminal& terminal, LineIndex row) const {
+    const BufferLine& line = terminal.buffer().line(row);
+    // Where the shell said the input starts; else the first typed cell; else after the
+    // prompt drawn on the row (a continuation prompt without its B).
+    for (const SemanticMark& m : line.semanticMarks())
+        if (m.group == m_activeGroup && m.kind == SemanticContent::kInputCode)
+            return m.column;
+    int afterPrompt = 0;
+    for (int c = 0; c < line.count(); ++c) {
+        const uint8_t code = line[c].semanticContentCode;
+        if (code == SemanticContent::kInputCode)
+            return c;
+        if (code >= SemanticContent::kPromptCode)
+            afterPrompt = c + 1;
+    }
+    return afterPrompt;
+}
+
+int SemanticPrompts::rowEnd(const Terminal& terminal, LineIndex row) const {
+    const Buffer& b = terminal.buffer();
+    if (row.value + 1 < b.lineCount() && b.line(row + 1).isWrapped())
+        return terminal.cols();
+    int end = b.line(row).getTrimmedLength();
+    const auto [col, cursorRow] = terminal.getCursorLocation();
+    if (b.lineIndex(cursorRow) == row)
+        end = std::max(end, col.value);
+    return end;
+}
+
+SemanticGroupGeometry SemanticPrompts::semanticGroupGeometry(const Terminal& terminal) const {
+    SemanticGroupGeometry geometry;
+    const std::optional<LineIndex> start = semanticPromptStartRow(terminal);
+    if (!start)
+        return geometry;
+    const Buffer& b = terminal.buffer();
+    const LineIndex cursor = b.lineIndex(terminal.getCursorLocation().second);
+    const LineIndex screenEnd = b.lineIndex(b.lastRow());
+    LineIndex first = *start;
+    LineIndex last = std::max(cursor, *start);
+    if (m_inputLineOnly) {
+        // The I mark: the one row it is on, with the rows that row wraps into.
+        if (const std::optional<Position> input = inputStart(terminal))
+            first = last = input->row;
+        while (last < screenEnd && last.value + 1 < b.lineCount() && b.line(last + 1).isWrapped())
+            ++last;
+    } else {
+        // Below the cursor, rows the input still covers (the cursor moved up into it).
+        while (last < screenEnd && last.value + 1 < b.lineCount() &&
+               (b.line(last + 1).isWrapped() || hasCellOfCode(b.line(last + 1), SemanticContent::kInputCode)))
+            ++last;
+    }
+    for (LineIndex r = first; r <= last; ++r)
+        geometry.rows.push_back({r, firstInputColumn(terminal, r)});
+    return geometry;
+}
+
+bool SemanticPrompts::isSemanticClickEligible(const Terminal& terminal, Position at) const {
     if (terminal.isAlternateBufferActive() ||
         (m_input != SemanticInputState::prompt && m_input != SemanticInputState::armed))
+        return false;
+    const Buffer& b = terminal.buffer();
+    if (at.row < b.yBase() || at.row > b.lineIndex(b.lastRow()) || at.col.value < 0 ||
+        at.col.value >= terminal.cols())
+        return false;
+    return semanticGroupGeometry(terminal).find(at.row) != nullptr;
+}
+
+bool SemanticPrompts::mightRouteSemanticPromptClick(const SemanticPromptPointerSnapshot& snapshot) {
+    return snapshot.pressWasSemanticEligible && !snapshot.didDrag && snapshot.clickCount == 1;
+}
+
+std::string SemanticPrompts::clickReport(const Terminal& terminal, Position at) const {
+    // A press and a release of the first button, in the SGR encoding (1-based).
+    int x = at.col.value + 1;
+    int y = terminal.buffer().screenRow(at.row).value + 1;
+    if (m_clickMode.type == SemanticPromptClickMode::Type::clickEventsRelative) {
+        const Position origin = activeSemanticPromptOrigin(terminal).value_or(at);
+        x = std::max(at.col.value - origin.col.value, 0) + 1;
+        y = at.row.value - origin.row.value + 1;
+    }
+    const std::string cell = std::to_string(x) + ";" + std::to_string(y);
+    return "\x1b[<0;" + cell + "M\x1b[<0;" + cell + "m";
+}
+
+std::optional<std::string>
+SemanticPrompts::handleSemanticPromptClick(const Terminal& terminal, Position at,
+                                           SemanticPromptClickModifiers modifiers) const {
+    if (m_behavior.type == SemanticPromptClickBehavior::Type::disabled)
         return std::nullopt;
-    const std::optional<Position> input = inputStart(terminal);
-    if (!input)
+    if (m_behavior.type == SemanticPromptClickBehavior::Type::requireModifier &&
+        modifiers != m_behavior.modifiers)
         return std::nullopt;
+    if (!isSemanticClickEligible(terminal, at))
+        return std::nullopt;
+    const SemanticGroupGeometry geometry = semanticGroupGeometry(terminal);
+    const SemanticGroupGeometry::Row* targetRow = geometry.find(at.row);
+    switch (m_clickMode.type) {
+    case SemanticPromptClickMode::Type::none:
+        return std::nullopt;
+    case SemanticPromptClickMode::Type::clickEventsAbsolute:
+    case SemanticPromptClickMode::Type::clickEventsRelative:
+        return clickReport(terminal, at);
+    case SemanticPromptClickMode::Type::cursorKeys:
+        break;
+    }
     const Buffer& buffer = terminal.buffer();
-    const auto [cursorCol, cursorRow] = terminal.getCursorLocation();
-    const LineIndex cursorLine = buffer.lineIndex(cursorRow);
-    // Only the cursor's own row in mode "line": vertical moves are not the line editor's.
-    if (at.row != cursorLine || at.row < input->row)
+    const auto [cursorColumn, cursorScreenRow] = terminal.getCursorLocation();
+    const Position cursor(cursorColumn, buffer.lineIndex(cursorScreenRow));
+    const SemanticGroupGeometry::Row* cursorRow = geometry.find(cursor.row);
+    if (cursorRow == nullptr)
         return std::nullopt;
+    // normalizeSemanticClickTarget: past the end of a row to its end; on a right half, to its
+    // character; before the row's input (on the prompt) it is not the input's click.
     const BufferLine& line = buffer.line(at.row);
-    const int first = at.row == input->row ? input->col.value : 0;
-    // A click past the end of the typed text goes to its end; on a right half, to its character.
-    int target = std::min(at.col.value, std::max(first, line.getTrimmedLength()));
-    if (target < first)
+    int target = std::min(at.col.value, std::max(targetRow->firstInputColumn, rowEnd(terminal, at.row)));
+    if (target < targetRow->firstInputColumn)
         return std::nullopt;
-    if (target > 0 && target < line.count() && line[target].width == 0)
+    if (target > targetRow->firstInputColumn && target < line.count() && line[target].width == 0)
         --target;
-    // Characters, not cells, between the cursor and the target: a wide character is one key.
-    const int from = std::min(cursorCol.value, target);
-    const int to = std::max(cursorCol.value, target);
-    int characters = 0;
-    for (int c = from; c < to; ++c)
-        if (c >= line.count() || line[c].width != 0)
-            ++characters;
-    const bool right = target > cursorCol.value;
-    const std::string_view key =
-        terminal.applicationCursor() ? (right ? kRightApp : kLeftApp) : (right ? kRight : kLeft);
+    const SemanticPromptCursorClickMode mode = m_clickMode.cursor;
+    // A line editor of one row only: other rows are not its to reach.
+    if (mode == SemanticPromptCursorClickMode::line && at.row != cursor.row)
+        return std::nullopt;
+    const CursorKeys& keys =
+        m_specialKeys ? kSpecialKeys : (terminal.applicationCursor() ? kApplicationKeys : kNormalKeys);
     std::string out;
-    for (int i = 0; i < characters; ++i)
-        out += key;
+    const int cursorFirst = cursorRow->firstInputColumn;
+    const int cursorCol = std::max(cursor.col.value, cursorFirst);
+    if (at.row != cursor.row && !m_specialKeys &&
+        (mode == SemanticPromptCursorClickMode::conservativeVertical ||
+         mode == SemanticPromptCursorClickMode::smartVertical)) {
+        // To the start of the cursor's row, up or down the rows, then along the target's row.
+        const BufferLine& cursorLine = buffer.line(cursor.row);
+        repeat(out, keys.left, characters(cursorLine, cursorFirst, cursorCol));
+        const int rows = at.row.value - cursor.row.value;
+        repeat(out, rows < 0 ? keys.up : keys.down, std::abs(rows));
+        repeat(out, keys.right, characters(line, targetRow->firstInputColumn, target));
+        return out;
+    }
+    // semanticOffset: characters from the input's start, rows joined (one for each row break
+    // the shell made itself, none where the text wrapped).
+    const auto semanticOffset = [&](LineIndex row, int col) {
+        int offset = 0;
+        for (const SemanticGroupGeometry::Row& r : geometry.rows) {
+            const BufferLine& l = buffer.line(r.row);
+            if (r.row == row)
+                return offset + characters(l, r.firstInputColumn, std::max(col, r.firstInputColumn));
+            offset += characters(l, r.firstInputColumn, rowEnd(terminal, r.row));
+            if (!(r.row.value + 1 < buffer.lineCount() && buffer.line(r.row + 1).isWrapped()))
+                ++offset;
+        }
+        return offset;
+    };
+    const int distance = semanticOffset(at.row, target) - semanticOffset(cursor.row, cursorCol);
+    repeat(out, distance < 0 ? keys.left : keys.right, std::abs(distance));
     return out;
 }
 

@@ -5,6 +5,7 @@
 #include <QScreen>
 
 #include <algorithm>
+#include <utility>
 
 #include "Termkit/engine/ScreenText.h"
 #include "Termkit/view/LiveResizeThrottle.h"
@@ -69,6 +70,12 @@ TerminalView::TerminalView(QQuickItem* parent)
         update();
     });
     m_liveResizeThrottle = liveResizeThrottleEnabled();
+    m_semanticClickTimer.setSingleShot(true);
+    connect(&m_semanticClickTimer, &QTimer::timeout, this, [this] {
+        const std::string bytes = std::exchange(m_semanticClickBytes, std::string());
+        if (!bytes.empty())
+            send(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
+    });
     m_resizeTimer.setSingleShot(true);
     m_resizeTimer.setInterval(kLiveResizeThrottle);
     connect(&m_resizeTimer, &QTimer::timeout, this, [this] {

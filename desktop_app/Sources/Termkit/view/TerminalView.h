@@ -136,6 +136,8 @@ public:
     SearchService& search() { return *m_search; }
     /// The shell's prompt marks (OSC 133), which let a click move the cursor in a command line.
     const SemanticPrompts& semanticPrompts() const { return *m_semantic; }
+    /// Where a host sets the click behaviour (off, or only with some modifiers).
+    SemanticPrompts& semanticPrompts() { return *m_semantic; }
     bool hasSelection() const { return m_selection->active() && m_selection->hasSelectionRange(); }
     /// The selected text, wrapped rows joined.
     Q_INVOKABLE QString selectedText() const;
@@ -160,6 +162,9 @@ public:
     std::optional<LinkMatch> linkAt(QPointF position) const;
     /// The link the pointer shows (Control held, or always by `linkHighlightMode`).
     const std::optional<LinkMatch>& hoveredLink() const { return m_hoveredLink; }
+    /// The links underlined now: every link on the display in mode `always` (and in
+    /// `alwaysWithModifier` while Control is held), else the one under the pointer.
+    std::vector<LinkMatch> underlinedLinks() const;
     /// Where the caret is drawn, in item coordinates (tests read it).
     QRectF caretRect() const { return m_caretRect; }
     /// The highlight rectangles on display, in item coordinates (tests read them).
@@ -348,6 +353,7 @@ private:
     bool openLinkAt(QPointF position);
     void hoverLink(QPointF position, Qt::KeyboardModifiers modifiers);
     void addLinkUnderline(double cellWidth, double cellHeight, int top);
+    void setLinkModifierHeld(bool held);
 
     std::unique_ptr<QtTerminalScheduler> m_terminalScheduler;
     std::unique_ptr<SemanticPrompts> m_semantic;
@@ -413,10 +419,18 @@ private:
     bool m_searchHitsStale = false;
     std::vector<std::pair<QRectF, QColor>> m_highlightRects;
     std::optional<LinkMatch> m_hoveredLink;
+    // Whether Control is held, for the highlight modes that show links only with it.
+    bool m_linkModifierHeld = false;
     bool m_selectingWithPointer = false;
     int m_clickCount = 0;
     QElapsedTimer m_lastClick;
     Position m_lastClickCell;
+    // A single click in a marked command line waits out the coalescing delay before its
+    // cursor keys go: a second click in time makes it a word selection instead.
+    SemanticPromptPointerSnapshot m_semanticPointer;
+    Position m_semanticPressCell;
+    QTimer m_semanticClickTimer;
+    std::string m_semanticClickBytes;
     // Lines that had left the ring's top when the view last looked: the selection follows.
     long long m_linesTop = 0;
     bool m_liveResizeThrottle = true;

@@ -85,6 +85,8 @@ bool TerminalView::sendKittyKey(const QKeyEvent& event) {
 }
 
 void TerminalView::keyPressEvent(QKeyEvent* event) {
+    if (event->key() == Qt::Key_Control)
+        setLinkModifierHeld(true);
     if (handleViewShortcut(event))
         return;
     const KeyPress press = withBidiArrowKeySwap(
@@ -113,6 +115,8 @@ void TerminalView::keyPressEvent(QKeyEvent* event) {
 }
 
 void TerminalView::keyReleaseEvent(QKeyEvent* event) {
+    if (event->key() == Qt::Key_Control)
+        setLinkModifierHeld(false);
     // Releases mean something only to a program that asked for key events.
     if (!m_extensions.encodeEnhancedKey && sendKittyKey(*event)) {
         event->accept();

@@ -77,7 +77,16 @@ bool TerminalView::openLinkAt(QPointF position) {
     return true;
 }
 
+void TerminalView::setLinkModifierHeld(bool held) {
+    if (held == m_linkModifierHeld)
+        return;
+    m_linkModifierHeld = held;
+    if (m_settings.linkHighlightMode == LinkHighlightMode::alwaysWithModifier)
+        polish();
+}
+
 void TerminalView::hoverLink(QPointF position, Qt::KeyboardModifiers modifiers) {
+    setLinkModifierHeld(modifiers.testFlag(Qt::ControlModifier));
     const bool wanted = m_settings.linkHighlightMode == LinkHighlightMode::hover ||
                         m_settings.linkHighlightMode == LinkHighlightMode::always ||
                         modifiers.testFlag(Qt::ControlModifier);
@@ -91,17 +100,34 @@ void TerminalView::hoverLink(QPointF position, Qt::KeyboardModifiers modifiers) 
         polish();
 }
 
+std::vector<LinkMatch> TerminalView::underlinedLinks() const {
+    const LinkHighlightMode mode = m_settings.linkHighlightMode;
+    const bool all = mode == LinkHighlightMode::always ||
+                     (mode == LinkHighlightMode::alwaysWithModifier && m_linkModifierHeld);
+    if (!all || m_settings.linkReporting == LinkReporting::none) {
+        if (m_hoveredLink && mode != LinkHighlightMode::never)
+            return {*m_hoveredLink};
+        return {};
+    }
+    const LinkLookupMode lookup = m_settings.linkReporting == LinkReporting::explicitOnly
+                                      ? LinkLookupMode::explicitOnly
+                                      : LinkLookupMode::explicitAndImplicit;
+    const LineIndex top = m_terminal->buffer().yDisp();
+    return TerminalLinks::links(*m_terminal, top, top + (m_terminal->rows() - 1), lookup);
+}
+
 void TerminalView::addLinkUnderline(double cellWidth, double cellHeight, int top) {
-    if (!m_hoveredLink)
-        return;
+    const std::vector<LinkMatch> underlined = underlinedLinks();
     const QColor color = QColor::fromRgba(m_colors.foreground);
-    for (const RowRange& span : m_hoveredLink->rowRanges) {
-        const int screenRow = span.row.value - top;
-        if (screenRow < 0 || screenRow >= m_terminal->rows())
-            continue;
-        const QRectF rect(span.range.first * cellWidth, (screenRow + 1) * cellHeight - kLinkUnderline,
-                          (span.range.second - span.range.first) * cellWidth, kLinkUnderline);
-        m_highlightRects.emplace_back(rect, color);
+    for (const LinkMatch& link : underlined) {
+        for (const RowRange& span : link.rowRanges) {
+            const int screenRow = span.row.value - top;
+            if (screenRow < 0 || screenRow >= m_terminal->rows())
+                continue;
+            const QRectF rect(span.range.first * cellWidth, (screenRow + 1) * cellHeight - kLinkUnderline,
+                              (span.range.second - span.range.first) * cellWidth, kLinkUnderline);
+            m_highlightRects.emplace_back(rect, color);
+        }
     }
 }
 

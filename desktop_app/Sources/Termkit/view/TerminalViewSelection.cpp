@@ -69,6 +69,12 @@ void TerminalView::selectionPress(QMouseEvent* event) {
     m_clickCount = repeat ? m_clickCount % 3 + 1 : 1;
     m_lastClick.start();
     m_lastClickCell = cell;
+    // A second press within the coalescing delay takes the pending cursor move back.
+    m_semanticClickTimer.stop();
+    m_semanticClickBytes.clear();
+    m_semanticPointer = SemanticPromptPointerSnapshot{hasSelection(), false, m_clickCount,
+                                                      m_semantic->isSemanticClickEligible(*m_terminal, cell)};
+    m_semanticPressCell = cell;
     m_selectingWithPointer = true;
     switch (m_clickCount) {
     case 2:
@@ -94,6 +100,8 @@ void TerminalView::selectionMove(QMouseEvent* event) {
         scrollUp(1);
     else if (event->position().y() > height())
         scrollDown(1);
+    if (bufferCell(event->position()) != m_semanticPressCell)
+        m_semanticPointer.didDrag = true;
     const Position target = m_selection->selectionMode() == SelectionMode::character
                                 ? bufferBoundary(event->position())
                                 : bufferCell(event->position());
@@ -107,10 +115,24 @@ void TerminalView::selectionRelease(QMouseEvent* event) {
     if (!hasSelection()) {
         // A plain click: nothing selected, and any old selection goes. Inside the command
         // line of a marked prompt it moves the shell's cursor there, by cursor keys.
-        if (m_clickCount == 1) {
+        if (m_clickCount == 1)
             m_selection->selectNone();
-            if (auto keys = m_semantic->handleSemanticPromptClick(*m_terminal, bufferCell(event->position())))
-                send(std::span(reinterpret_cast<const uint8_t*>(keys->data()), keys->size()));
+        if (SemanticPrompts::mightRouteSemanticPromptClick(m_semanticPointer)) {
+            const Qt::KeyboardModifiers held = event->modifiers();
+            SemanticPromptClickModifiers modifiers;
+            if (held.testFlag(Qt::ShiftModifier))
+                modifiers.bits |= SemanticPromptClickModifiers::shift;
+            if (held.testFlag(Qt::AltModifier))
+                modifiers.bits |= SemanticPromptClickModifiers::alt;
+            if (held.testFlag(Qt::ControlModifier))
+                modifiers.bits |= SemanticPromptClickModifiers::control;
+            if (held.testFlag(Qt::MetaModifier))
+                modifiers.bits |= SemanticPromptClickModifiers::super;
+            if (auto keys = m_semantic->handleSemanticPromptClick(*m_terminal, bufferCell(event->position()),
+                                                                  modifiers)) {
+                m_semanticClickBytes = std::move(*keys);
+                m_semanticClickTimer.start(m_settings.semanticClickCoalescingDelay);
+            }
         }
         return;
     }

@@ -223,7 +223,7 @@ TEST(TerminalTest, PayloadHandlesNoLineUsesAreFreed) {
     t.feed("\x1b[2J");
     t.garbageCollectPayload();
     EXPECT_TRUE(t.payloadCodes().empty());
-    EXPECT_FALSE(TinyAtom::target(code).has_value());
+    EXPECT_FALSE(t.tables().payloads.target(code).has_value());
 }
 
 TEST(TerminalTest, DefaultDelegateStoresColoursAndRebuildsThePalette) {

@@ -243,7 +243,7 @@ std::vector<std::string> runGoldenCase(const GoldenCase& c) {
             while (end + 1 < line.count() && line[end + 1].payload == payload)
                 ++end;
             if (payload != 0) {
-                const std::any value = TinyAtom::target(payload);
+                const std::any value = t.tables().payloads.target(payload);
                 const auto* text = std::any_cast<std::string>(&value);
                 runs += (runs.empty() ? "" : " | ") + std::to_string(c) + "-" + std::to_string(end) + " " +
                         (text ? *text : std::string("?"));

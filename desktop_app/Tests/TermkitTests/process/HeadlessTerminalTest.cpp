@@ -177,40 +177,107 @@ TEST(HeadlessTerminalTest, LsWithHyperlinksGivesExplicitLinksToTheFiles) {
     rmdir(folder);
 }
 
-TEST(HeadlessTerminalTest, AClickInsideBashsTypedCommandMovesItsCursorThere) {
+// bash on a pseudo-terminal with prompts that emit OSC 133 marks: PS1 marks the prompt's
+// start and the input's, PS2 says it is a continuation prompt (so it joins the command's
+// group), PS0 marks output as the command runs, PROMPT_COMMAND ends the command.
+struct MarkedBash {
     RunLoop loop;
     SemanticPrompts semantic;
     bool ended = false;
-    HeadlessTerminal headless(
-        loop, sized(60, 10), [&](std::optional<int32_t>) { ended = true; }, nullptr, &semantic);
-    const auto waitFor = [&](const std::function<bool()>& done) { return loop.runUntil(done, kWait); };
-    std::vector<std::string> env = Terminal::getEnvironmentVariables();
-    // The prompt marks its start and the start of the input; PS0 marks output as the command runs.
-    env.push_back("PS1=\\[\\e]133;A\\a\\]$ \\[\\e]133;B\\a\\]");
-    env.push_back("PS0=\\e]133;C\\a");
-    env.push_back("PROMPT_COMMAND=printf '\\e]133;D\\a'");
-    headless.process().startProcess("/bin/bash", {"--norc", "--noprofile", "-i"}, env);
-    ASSERT_TRUE(waitFor([&] { return semantic.inputState() == SemanticInputState::prompt; }));
-    const auto typed = [&](std::string_view text) {
+    HeadlessTerminal headless{loop, sized(60, 10), [this](std::optional<int32_t>) { ended = true; }, nullptr,
+                              &semantic};
+
+    bool start() {
+        std::vector<std::string> env = Terminal::getEnvironmentVariables();
+        env.push_back("PS1=\\[\\e]133;A\\a\\]$ \\[\\e]133;B\\a\\]");
+        env.push_back("PS2=\\[\\e]133;A;k=c\\a\\]> \\[\\e]133;B\\a\\]");
+        env.push_back("PS0=\\e]133;C\\a");
+        env.push_back("PROMPT_COMMAND=printf '\\e]133;D\\a'");
+        headless.process().startProcess("/bin/bash", {"--norc", "--noprofile", "-i"}, env);
+        return waitFor([&] { return semantic.inputState() == SemanticInputState::prompt; });
+    }
+    bool waitFor(const std::function<bool()>& done) { return loop.runUntil(done, kWait); }
+    // What the person types goes through the input scanner on its way to bash.
+    void typed(std::string_view text) {
         semantic.sendUserInput(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
         headless.send(text);
-    };
-    typed("echo abcdef");
-    ASSERT_TRUE(waitFor([&] { return hasLine(headless.terminal(), "$ echo abcdef"); }));
-    EXPECT_EQ(semantic.inputState(), SemanticInputState::armed);
+    }
+    const Terminal& terminal() { return headless.terminal(); }
+};
+
+TEST(HeadlessTerminalTest, AClickInsideBashsTypedCommandMovesItsCursorThere) {
+    MarkedBash bash;
+    ASSERT_TRUE(bash.start());
+    bash.typed("echo abcdef");
+    ASSERT_TRUE(bash.waitFor([&] { return hasLine(bash.terminal(), "$ echo abcdef"); }));
+    EXPECT_EQ(bash.semantic.inputState(), SemanticInputState::armed);
     // Click on the "c": the cursor keys go to bash, and what is typed next lands there.
-    const auto [col, row] = headless.terminal().getCursorLocation();
-    const LineIndex line = headless.terminal().buffer().lineIndex(row);
-    const auto keys = semantic.handleSemanticPromptClick(headless.terminal(), {Col(col.value - 4), line});
+    const auto [col, row] = bash.terminal().getCursorLocation();
+    const LineIndex line = bash.terminal().buffer().lineIndex(row);
+    const auto keys = bash.semantic.handleSemanticPromptClick(bash.terminal(), {Col(col.value - 4), line});
     ASSERT_TRUE(keys);
     EXPECT_EQ(*keys, "\x1b[D\x1b[D\x1b[D\x1b[D");
-    headless.send(*keys);
-    ASSERT_TRUE(waitFor([&] { return headless.terminal().getCursorLocation().first == Col(col.value - 4); }));
-    typed("X\r");
-    EXPECT_EQ(semantic.inputState(), SemanticInputState::submitted);
-    ASSERT_TRUE(waitFor([&] { return hasLine(headless.terminal(), "abXcdef"); }));
-    typed("exit\r");
-    EXPECT_TRUE(waitFor([&] { return ended; }));
+    bash.headless.send(*keys);
+    ASSERT_TRUE(
+        bash.waitFor([&] { return bash.terminal().getCursorLocation().first == Col(col.value - 4); }));
+    bash.typed("X\r");
+    EXPECT_EQ(bash.semantic.inputState(), SemanticInputState::submitted);
+    ASSERT_TRUE(bash.waitFor([&] { return hasLine(bash.terminal(), "abXcdef"); }));
+    bash.typed("exit\r");
+    EXPECT_TRUE(bash.waitFor([&] { return bash.ended; }));
+}
+
+// The row of the screen whose text starts with `prefix`.
+std::optional<LineIndex> rowStartingWith(const Terminal& t, std::string_view prefix) {
+    const Buffer& b = t.buffer();
+    for (int r = 0; r < t.rows(); ++r) {
+        const LineIndex row = b.lineIndex(ScreenRow(r));
+        if (b.line(row).translateToString(t.tables().characters).rfind(prefix, 0) == 0)
+            return row;
+    }
+    return std::nullopt;
+}
+
+TEST(HeadlessTerminalTest, BashsPromptInputContinuationAndOutputCellsAreMarked) {
+    MarkedBash bash;
+    ASSERT_TRUE(bash.start());
+    SemanticPrompts& semantic = bash.semantic;
+    const uint64_t group = semantic.activeSemanticGroupID();
+    const Terminal& t = bash.terminal();
+    bash.typed("echo one \\\r");
+    ASSERT_TRUE(bash.waitFor(
+        [&] { return rowStartingWith(t, "> ") && semantic.inputState() == SemanticInputState::prompt; }));
+    EXPECT_EQ(semantic.activeSemanticGroupID(), group);
+    bash.typed("two");
+    ASSERT_TRUE(bash.waitFor([&] { return hasLine(t, "> two"); }));
+    const LineIndex first = *rowStartingWith(t, "$ echo one");
+    const LineIndex second = *rowStartingWith(t, "> two");
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, first, Col(0)),
+              SemanticContent::prompt(SemanticPromptKind::initial));
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, first, Col(2)), SemanticContent::input());
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, second, Col(0)),
+              SemanticContent::prompt(SemanticPromptKind::continuation));
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, second, Col(2)), SemanticContent::input());
+    const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
+    ASSERT_EQ(geometry.rows.size(), 2u);
+    EXPECT_EQ(geometry.rows[1].row, second);
+    EXPECT_EQ(geometry.rows[1].firstInputColumn, 2);
+    // In mode "line" the earlier row is out of reach; on the continuation row the cursor moves.
+    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(6), first}));
+    const auto keys = semantic.handleSemanticPromptClick(t, {Col(2), second});
+    ASSERT_TRUE(keys);
+    EXPECT_EQ(*keys, "\x1b[D\x1b[D\x1b[D");
+    bash.headless.send(*keys);
+    ASSERT_TRUE(bash.waitFor([&] { return t.getCursorLocation().first == Col(2); }));
+    bash.typed("X\r");
+    ASSERT_TRUE(bash.waitFor([&] { return rowStartingWith(t, "one Xtwo").has_value(); }));
+    const LineIndex output = *rowStartingWith(t, "one Xtwo");
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, output, Col(0)), SemanticContent::output());
+    // The next prompt is a group of its own.
+    ASSERT_TRUE(bash.waitFor([&] { return semantic.inputState() == SemanticInputState::prompt; }));
+    EXPECT_GT(semantic.activeSemanticGroupID(), group);
+    bash.typed("exit\r");
+    EXPECT_TRUE(bash.waitFor([&] { return bash.ended; }));
 }
 
 TEST(HeadlessTerminalTest, BitmapsAreKeptForTheHost) {

@@ -23,6 +23,22 @@ void type(SemanticPrompts& s, std::string_view bytes) {
     s.sendUserInput(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
 }
 
+// What a click at a cell gives: the bytes, or `kNotTaken` when the prompt does not take it.
+constexpr std::string_view kNotTaken = "(not taken)";
+std::string click(const SemanticPrompts& s, const Terminal& t, int col, int row,
+                  SemanticPromptClickModifiers modifiers = {}) {
+    return s.handleSemanticPromptClick(t, {Col(col), LineIndex(row)}, modifiers)
+        .value_or(std::string(kNotTaken));
+}
+
+// A key sequence `count` times.
+std::string times(std::string_view key, int count) {
+    std::string out;
+    for (int i = 0; i < count; ++i)
+        out += key;
+    return out;
+}
+
 TEST(SemanticPromptsTest, APromptMarkAtColumnFiveStartsAFreshLine) {
     Discard host;
     SemanticPrompts semantic;
@@ -54,17 +70,15 @@ TEST(SemanticPromptsTest, AClickInTheCommandLineGivesCursorKeysByCharacters) {
     t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
            "echo \xe4\xb8\x96 abc");
     // The cursor is after "c" (column 13); "世" takes columns 7 and 8.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(5), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 5, 0), times("\x1b[D", 7));
     // On the wide character's right half: to the character.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(8), LineIndex(0)}).value_or("?"),
-              "\x1b[D\x1b[D\x1b[D\x1b[D\x1b[D");
+    EXPECT_EQ(click(semantic, t, 8, 0), times("\x1b[D", 5));
     // Past the end of the text: to its end, where the cursor is.
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(25), LineIndex(0)}).value_or("?"), "");
+    EXPECT_EQ(click(semantic, t, 25, 0), "");
     // Inside the prompt itself: not the prompt's to take.
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(0), LineIndex(0)}));
+    EXPECT_EQ(click(semantic, t, 0, 0), kNotTaken);
     t.feed("\x1b[?1h");
-    EXPECT_EQ(semantic.handleSemanticPromptClick(t, {Col(12), LineIndex(0)}).value_or("?"), "\x1bOD");
+    EXPECT_EQ(click(semantic, t, 12, 0), "\x1bOD");
 }
 
 TEST(SemanticPromptsTest, AClickOnALaterRowOfAMultiLineInputDoesNothingInLineMode) {
@@ -74,8 +88,8 @@ TEST(SemanticPromptsTest, AClickOnALaterRowOfAMultiLineInputDoesNothingInLineMod
     t.feed("\x1b]133;A;cl=line\x07$ \x1b]133;B\x07"
            "first\r\n> second");
     EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::line);
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(0)}));
-    EXPECT_TRUE(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(1)}));
+    EXPECT_EQ(click(semantic, t, 3, 0), kNotTaken);
+    EXPECT_NE(click(semantic, t, 3, 1), kNotTaken);
 }
 
 TEST(SemanticPromptsTest, NoPromptAfterOutputStartsOrOnTheAlternateScreen) {
@@ -85,9 +99,9 @@ TEST(SemanticPromptsTest, NoPromptAfterOutputStartsOrOnTheAlternateScreen) {
     t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
            "vim");
     t.feed("\x1b[?1049h");
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(0)}));
+    EXPECT_EQ(click(semantic, t, 3, 0), kNotTaken);
     t.feed("\x1b[?1049l\x1b]133;C\x07");
-    EXPECT_FALSE(semantic.handleSemanticPromptClick(t, {Col(3), LineIndex(0)}));
+    EXPECT_EQ(click(semantic, t, 3, 0), kNotTaken);
 }
 
 TEST(SemanticPromptsTest, OptionsSetTheKindAndABadValueVoidsTheCommand) {
@@ -99,6 +113,288 @@ TEST(SemanticPromptsTest, OptionsSetTheKindAndABadValueVoidsTheCommand) {
     EXPECT_EQ(semantic.promptKind(), SemanticPromptKind::secondary);
     t.feed("\x1b]133;D\x07\x1b]133;A;k=z\x07");
     EXPECT_EQ(semantic.inputState(), SemanticInputState::idle);
+}
+
+SemanticContent contentAt(const Terminal& t, int row, int col) {
+    return SemanticPrompts::semanticContent(t, LineIndex(row), Col(col));
+}
+
+TEST(SemanticPromptsTest, CellsCarryTheirClassIntoTheScrollback) {
+    Discard host;
+    SemanticPrompts semantic;
+    TerminalOptions o = sized(20, 3);
+    o.scrollback = 100;
+    Terminal t(&host, o, nullptr, &semantic);
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07ls\r\n\x1b]133;C\x07out\r\n\x1b]133;D\x07plain");
+    EXPECT_EQ(contentAt(t, 0, 0), SemanticContent::prompt(SemanticPromptKind::initial));
+    EXPECT_EQ(contentAt(t, 0, 1), SemanticContent::prompt(SemanticPromptKind::initial));
+    EXPECT_EQ(contentAt(t, 0, 2), SemanticContent::input());
+    EXPECT_EQ(contentAt(t, 0, 3), SemanticContent::input());
+    EXPECT_EQ(contentAt(t, 1, 0), SemanticContent::output());
+    EXPECT_EQ(contentAt(t, 1, 2), SemanticContent::output());
+    EXPECT_EQ(contentAt(t, 2, 0), SemanticContent::none());
+    // Cells nothing was written to have no class.
+    EXPECT_EQ(contentAt(t, 0, 10), SemanticContent::none());
+    // Scrolled out of the screen, the rows keep their classes and marks.
+    t.feed("\r\n\r\n\r\n");
+    ASSERT_GT(t.buffer().yBase().value, 0);
+    EXPECT_EQ(contentAt(t, 0, 2), SemanticContent::input());
+    EXPECT_EQ(contentAt(t, 1, 0), SemanticContent::output());
+    const auto marks = SemanticPrompts::semanticPromptMarks(t);
+    ASSERT_EQ(marks.size(), 1u);
+    EXPECT_EQ(marks[0], (SemanticPromptAnchor{Position(Col(0), LineIndex(0)), SemanticPromptKind::initial}));
+    // Every class round-trips through its one-byte code.
+    for (const SemanticContent c :
+         {SemanticContent::none(), SemanticContent::input(), SemanticContent::output(),
+          SemanticContent::prompt(SemanticPromptKind::initial),
+          SemanticContent::prompt(SemanticPromptKind::right),
+          SemanticContent::prompt(SemanticPromptKind::continuation),
+          SemanticContent::prompt(SemanticPromptKind::secondary)})
+        EXPECT_EQ(SemanticContent::fromCode(c.code()), c);
+}
+
+TEST(SemanticPromptsTest, MarksRecordTheirGroupAndAContinuationPromptJoinsIt) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 6), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07");
+    const uint64_t first = semantic.activeSemanticGroupID();
+    EXPECT_NE(first, 0u);
+    type(semantic, "echo \\\r");
+    EXPECT_EQ(semantic.inputState(), SemanticInputState::submitted);
+    // The shell asks for the rest of the command: same group, and the prompt is waiting again.
+    t.feed("echo \\\r\n\x1b]133;A;k=c\x07> \x1b]133;B\x07");
+    EXPECT_EQ(semantic.activeSemanticGroupID(), first);
+    EXPECT_EQ(semantic.inputState(), SemanticInputState::prompt);
+    EXPECT_EQ(contentAt(t, 1, 0), SemanticContent::prompt(SemanticPromptKind::continuation));
+    EXPECT_EQ(SemanticPrompts::semanticRowKind(t, LineIndex(1)), SemanticPromptKind::continuation);
+    EXPECT_EQ(t.buffer().line(LineIndex(1)).semanticHardContinuationGroup(), first);
+    const auto& marks = t.buffer().line(LineIndex(1)).semanticMarks();
+    ASSERT_EQ(marks.size(), 2u);
+    EXPECT_EQ(marks[0],
+              (SemanticMark{SemanticContent::prompt(SemanticPromptKind::continuation).code(), 0, first}));
+    EXPECT_EQ(marks[1], (SemanticMark{SemanticContent::kInputCode, 2, first}));
+    // Both rows are the group's input, each from its own first input column.
+    const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
+    ASSERT_EQ(geometry.rows.size(), 2u);
+    EXPECT_EQ(geometry.rows[0].row, LineIndex(0));
+    EXPECT_EQ(geometry.rows[0].firstInputColumn, 2);
+    EXPECT_EQ(geometry.rows[1].firstInputColumn, 2);
+    EXPECT_EQ(semantic.activeSemanticPromptOrigin(t), Position(Col(0), LineIndex(0)));
+    // After the command ran, a new prompt is a new group.
+    t.feed("x\r\n\x1b]133;C\x07x\r\n\x1b]133;D\x07\x1b]133;A\x07$ ");
+    EXPECT_EQ(semantic.activeSemanticGroupID(), first + 1);
+    // A continuation prompt with no command pending opens a group of its own.
+    t.feed("\x1b]133;D\x07\x1b]133;A;k=c\x07");
+    EXPECT_EQ(semantic.activeSemanticGroupID(), first + 2);
+}
+
+TEST(SemanticPromptsTest, APromptPartAndARightPromptMarkTheirKind) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07$ \x1b[20G\x1b]133;P;k=r\x07[12:00]\x1b[3G\x1b]133;B\x07ls");
+    EXPECT_EQ(contentAt(t, 0, 0), SemanticContent::prompt(SemanticPromptKind::initial));
+    EXPECT_EQ(contentAt(t, 0, 19), SemanticContent::prompt(SemanticPromptKind::right));
+    EXPECT_EQ(contentAt(t, 0, 2), SemanticContent::input());
+    EXPECT_EQ(semantic.promptKind(), SemanticPromptKind::right);
+}
+
+TEST(SemanticPromptsTest, NJoinsTheGroupItsRowStartedWithoutAFreshLine) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07user \x1b]133;N;k=s\x07$ ");
+    const uint64_t group = semantic.activeSemanticGroupID();
+    EXPECT_EQ(t.getCursorLocation(), std::pair(Col(7), ScreenRow(0)));
+    EXPECT_EQ(semantic.promptKind(), SemanticPromptKind::secondary);
+    const auto& marks = t.buffer().line(LineIndex(0)).semanticMarks();
+    ASSERT_EQ(marks.size(), 2u);
+    EXPECT_EQ(marks[1].group, group);
+    EXPECT_EQ(marks[1].column, 5);
+    // On a row without a mark it behaves as A: a fresh line and a new group.
+    t.feed("\x1b]133;D\x07out\x1b]133;N\x07");
+    EXPECT_EQ(t.getCursorLocation(), std::pair(Col(0), ScreenRow(1)));
+    EXPECT_EQ(semantic.activeSemanticGroupID(), group + 1);
+}
+
+TEST(SemanticPromptsTest, MultipleModeMovesByCharactersAcrossRows) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    // A line editor with a two-row buffer (the shell drew the break itself).
+    t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;B\x07"
+           "abc\r\n\x1b]133;A;k=c\x07> \x1b]133;B\x07"
+           "de");
+    EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::multiple);
+    // From after "e" (row 1, col 4) to the "b" (row 0, col 3): e, d, the break, c, b.
+    EXPECT_EQ(click(semantic, t, 3, 0), times("\x1b[D", 5));
+    // On the continuation prompt itself: not the input.
+    EXPECT_EQ(click(semantic, t, 0, 1), kNotTaken);
+    // Past the end of the first row: to its end, before the break.
+    EXPECT_EQ(click(semantic, t, 20, 0), times("\x1b[D", 3));
+}
+
+TEST(SemanticPromptsTest, WrappedInputCountsNoBreakAcrossTheWrap) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(10, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;B\x07"
+           "0123456789ab"); // wraps after "7"
+    ASSERT_TRUE(t.buffer().line(LineIndex(1)).isWrapped());
+    // From after "b" (row 1, col 4) to the "6" (row 0, col 8): b a 9 8 7 6.
+    EXPECT_EQ(click(semantic, t, 8, 0), times("\x1b[D", 6));
+}
+
+TEST(SemanticPromptsTest, VerticalModesGoToTheRowStartThenUpThenAlong) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 5), nullptr, &semantic);
+    t.feed("\x1b]133;A;cl=v\x07$ \x1b]133;B\x07"
+           "abcd\r\n\x1b]133;A;k=c\x07> \x1b]133;B\x07"
+           "efg");
+    EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::conservativeVertical);
+    // Cursor after "g" (row 1, col 5); target "c" (row 0, col 4): 3 left, 1 up, 2 right.
+    EXPECT_EQ(click(semantic, t, 4, 0), "\x1b[D\x1b[D\x1b[D\x1b[A\x1b[C\x1b[C");
+    // The same row: by characters.
+    EXPECT_EQ(click(semantic, t, 3, 1), times("\x1b[D", 2));
+    t.feed("\x1b[?1h");
+    EXPECT_EQ(click(semantic, t, 4, 0), "\x1bOD\x1bOD\x1bOD\x1bOA\x1bOC\x1bOC");
+    // cl=w goes the same way; with the special keys the move is along the input instead.
+    t.feed("\x1b[?1l\x1b]133;P;cl=w\x07");
+    EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::smartVertical);
+    t.feed("\x1b]133;P;special_key=1\x07");
+    EXPECT_TRUE(semantic.semanticUsesSpecialCursorKeys());
+    // From after "g": g f e, the break, d c.
+    EXPECT_EQ(click(semantic, t, 4, 0), times("\x1b[1;1D", 6));
+    // A new prompt starts with the defaults again.
+    t.feed("\r\n\x1b]133;C\x07\x1b]133;D\x07\x1b]133;A\x07$ \x1b]133;B\x07");
+    EXPECT_FALSE(semantic.semanticUsesSpecialCursorKeys());
+    EXPECT_EQ(semantic.clickMode(), SemanticPromptCursorClickMode::line);
+}
+
+TEST(SemanticPromptsTest, ClickEventsAreReportedAtTheCellOrRelativeToThePrompt) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 5), nullptr, &semantic);
+    t.feed("\r\n\x1b]133;A;click_events=1\x07$ \x1b]133;B\x07hello");
+    EXPECT_EQ(semantic.promptClickMode().type, SemanticPromptClickMode::Type::clickEventsAbsolute);
+    EXPECT_EQ(click(semantic, t, 4, 1), "\x1b[<0;5;2M\x1b[<0;5;2m");
+    t.feed("\x1b]133;P;click_events=2\x07");
+    EXPECT_EQ(click(semantic, t, 4, 1), "\x1b[<0;5;1M\x1b[<0;5;1m");
+    // Outside the group's rows the click is not the prompt's.
+    EXPECT_EQ(click(semantic, t, 4, 0), kNotTaken);
+    t.feed("\x1b]133;P;click_events=0\x07");
+    EXPECT_EQ(semantic.promptClickMode().type, SemanticPromptClickMode::Type::none);
+    EXPECT_EQ(click(semantic, t, 4, 1), kNotTaken);
+    // A bad value voids the whole command, the good options in it included.
+    t.setSilentLog(true);
+    t.feed("\x1b]133;P;click_events=1;special_key=7\x07");
+    EXPECT_EQ(semantic.promptClickMode().type, SemanticPromptClickMode::Type::none);
+}
+
+TEST(SemanticPromptsTest, TheClickBehaviourCanBeOffOrWantExactlyItsModifiers) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
+           "abc");
+    EXPECT_NE(click(semantic, t, 2, 0), kNotTaken);
+    semantic.setSemanticPromptClickBehavior(SemanticPromptClickBehavior::disabled());
+    EXPECT_EQ(click(semantic, t, 2, 0), kNotTaken);
+    const SemanticPromptClickModifiers alt{SemanticPromptClickModifiers::alt};
+    const SemanticPromptClickModifiers altShift{SemanticPromptClickModifiers::alt |
+                                                SemanticPromptClickModifiers::shift};
+    semantic.setSemanticPromptClickBehavior(SemanticPromptClickBehavior::requireModifier(alt));
+    EXPECT_EQ(click(semantic, t, 2, 0), kNotTaken);
+    EXPECT_EQ(click(semantic, t, 2, 0, altShift), kNotTaken);
+    EXPECT_EQ(click(semantic, t, 2, 0, alt), times("\x1b[D", 3));
+}
+
+TEST(SemanticPromptsTest, OnlyASingleClickWithoutADragOnTheInputIsRouted) {
+    SemanticPromptPointerSnapshot s;
+    s.pressWasSemanticEligible = true;
+    EXPECT_TRUE(SemanticPrompts::mightRouteSemanticPromptClick(s));
+    s.didDrag = true;
+    EXPECT_FALSE(SemanticPrompts::mightRouteSemanticPromptClick(s));
+    s.didDrag = false;
+    s.clickCount = 2;
+    EXPECT_FALSE(SemanticPrompts::mightRouteSemanticPromptClick(s));
+    s.clickCount = 1;
+    s.pressWasSemanticEligible = false;
+    EXPECT_FALSE(SemanticPrompts::mightRouteSemanticPromptClick(s));
+}
+
+TEST(SemanticPromptsTest, ThePromptIsFoundAgainAfterTheRingRecycledItsRows) {
+    Discard host;
+    SemanticPrompts semantic;
+    TerminalOptions o = sized(20, 3);
+    o.scrollback = 4;
+    Terminal t(&host, o, nullptr, &semantic);
+    t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;B\x07");
+    // A long command line the shell breaks itself: the prompt's row leaves the screen, then
+    // the ring recycles, and the prompt's row moves to another index.
+    for (int i = 0; i < 5; ++i)
+        t.feed("ab\r\n");
+    t.feed("cd");
+    const std::optional<Position> origin = semantic.activeSemanticPromptOrigin(t);
+    ASSERT_TRUE(origin);
+    EXPECT_EQ(t.buffer().line(origin->row).semanticMarks().front().group, semantic.activeSemanticGroupID());
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, origin->row, Col(0)),
+              SemanticContent::prompt(SemanticPromptKind::initial));
+    // The group's rows run from there to the cursor's; a click on the screen's top row is taken.
+    const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
+    EXPECT_EQ(geometry.rows.front().row, origin->row);
+    EXPECT_EQ(geometry.rows.back().row, t.buffer().lineIndex(ScreenRow(2)));
+    EXPECT_NE(click(semantic, t, 0, t.buffer().yBase().value), kNotTaken);
+}
+
+TEST(SemanticPromptsTest, TheIMarkMakesTheInputOneRow) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;I\x07"
+           "abc");
+    const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
+    ASSERT_EQ(geometry.rows.size(), 1u);
+    EXPECT_EQ(geometry.rows[0].firstInputColumn, 2);
+    EXPECT_EQ(semantic.inputState(), SemanticInputState::prompt);
+    EXPECT_EQ(click(semantic, t, 2, 0), times("\x1b[D", 3));
+}
+
+TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07ls");
+    semantic.resetSemanticPromptState(t, false);
+    EXPECT_EQ(semantic.inputState(), SemanticInputState::idle);
+    EXPECT_FALSE(t.buffer().line(LineIndex(0)).semanticMarks().empty());
+    t.feed("x");
+    EXPECT_EQ(contentAt(t, 0, 4), SemanticContent::none());
+    semantic.resetSemanticPromptState(t, true);
+    EXPECT_TRUE(t.buffer().line(LineIndex(0)).semanticMarks().empty());
+    // A half-read escape sequence in the typing is forgotten too.
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07");
+    type(semantic, "\x1b[200~");
+    semantic.resetUserInputScanner();
+    type(semantic, "\r");
+    EXPECT_EQ(semantic.inputState(), SemanticInputState::submitted);
+    // A full reset writes cells without a class again.
+    t.feed("\x1b]133;C\x07\x1b"
+           "cz");
+    EXPECT_EQ(contentAt(t, 0, 0), SemanticContent::none());
+    EXPECT_EQ(semantic.activeSemanticGroupID(), 0u);
+}
+
+TEST(SemanticPromptsTest, TheAlternateScreenWritesCellsWithoutAClass) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07vim\r\n\x1b]133;C\x07\x1b[?1049hfull");
+    EXPECT_EQ(contentAt(t, 0, 0), SemanticContent::none());
+    t.feed("\x1b[?1049lback");
+    EXPECT_EQ(contentAt(t, 1, 0), SemanticContent::output());
 }
 
 } // namespace

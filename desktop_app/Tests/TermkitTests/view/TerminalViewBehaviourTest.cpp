@@ -18,6 +18,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// The delay a single click waits for a second one, short so the tests run fast.
+constexpr std::chrono::milliseconds kShortCoalescingDelay{10};
+
 class Recorder : public TerminalViewDelegate {
 public:
     void send(TerminalView&, std::span<const uint8_t> data) override {
@@ -251,16 +254,88 @@ private slots:
 
     void aClickInAMarkedCommandLineMovesTheCursorThere() {
         Harness h;
+        h.view->settings().semanticClickCoalescingDelay = kShortCoalescingDelay;
         h.view->feed("\x1b]133;A\x07$ \x1b]133;B\x07"
                      "echo abcdef");
         QVERIFY(h.presented());
         QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(9, 0));
-        QCOMPARE(h.take(), QByteArray("\x1b[D\x1b[D\x1b[D\x1b[D"));
+        // The keys wait out the coalescing delay.
+        QCOMPARE(h.take(), QByteArray());
+        QTRY_COMPARE(h.recorder.sent, QByteArray("\x1b[D\x1b[D\x1b[D\x1b[D"));
+        h.take();
         // Once the command was sent, clicks are the selection's again.
         QTest::keyClick(&h.window, Qt::Key_Return);
         h.take();
         QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(4, 0));
         QCOMPARE(h.take(), QByteArray());
+    }
+
+    void aDoubleClickWithinTheCoalescingDelaySelectsAWordAndMovesNothing() {
+        Harness h;
+        // Longer than a double click takes, so the second press comes in time.
+        h.view->settings().semanticClickCoalescingDelay = 2s;
+        h.view->feed("\x1b]133;A\x07$ \x1b]133;B\x07"
+                     "echo abcdef");
+        QVERIFY(h.presented());
+        // The first release of a double click starts the wait; the second press ends it.
+        QTest::mouseDClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(9, 0));
+        QVERIFY(h.view->hasSelection());
+        QCOMPARE(h.view->selectedText(), QStringLiteral("abcdef"));
+        QTest::qWait(50);
+        QCOMPARE(h.take(), QByteArray());
+    }
+
+    void aClickThatWantsAModifierMovesTheCursorOnlyWithIt() {
+        Harness h;
+        h.view->settings().semanticClickCoalescingDelay = kShortCoalescingDelay;
+        h.view->semanticPrompts().setSemanticPromptClickBehavior(SemanticPromptClickBehavior::requireModifier(
+            SemanticPromptClickModifiers{SemanticPromptClickModifiers::alt}));
+        h.view->feed("\x1b]133;A\x07$ \x1b]133;B\x07"
+                     "echo abcdef");
+        QVERIFY(h.presented());
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::NoModifier, h.cellCentre(9, 0));
+        QTest::qWait(50);
+        QCOMPARE(h.take(), QByteArray());
+        // Another cell, so that this is not the second click of a double click.
+        QTest::mouseClick(&h.window, Qt::LeftButton, Qt::AltModifier, h.cellCentre(10, 0));
+        QTRY_COMPARE(h.recorder.sent, QByteArray("\x1b[D\x1b[D\x1b[D"));
+    }
+
+    void everyLinkIsUnderlinedWhileControlIsHeldInModeAlwaysWithModifier() {
+        Harness h;
+        h.view->settings().linkHighlightMode = LinkHighlightMode::alwaysWithModifier;
+        h.view->feed(
+            "\x1b]8;;https://explicit.example/\x1b\\docs\x1b]8;;\x1b\\ and https://implicit.example/p\r\n"
+            "see ./notes.md");
+        QVERIFY(h.presented());
+        QVERIFY(h.view->underlinedLinks().empty());
+        QTest::keyPress(&h.window, Qt::Key_Control, Qt::ControlModifier);
+        std::vector<LinkMatch> links = h.view->underlinedLinks();
+        QCOMPARE(links.size(), size_t(3));
+        QCOMPARE(links[0].text, std::string("https://explicit.example/"));
+        QVERIFY(links[0].isExplicit);
+        QCOMPARE(links[0].range, std::pair(0, 4));
+        QCOMPARE(links[1].text, std::string("https://implicit.example/p"));
+        QCOMPARE(links[2].text, std::string("./notes.md"));
+        QCOMPARE(links[2].row, LineIndex(1));
+        QTest::keyRelease(&h.window, Qt::Key_Control, Qt::NoModifier);
+        QVERIFY(h.view->underlinedLinks().empty());
+        // Mode "always" shows them without the key; "hover" only the one under the pointer.
+        h.view->settings().linkHighlightMode = LinkHighlightMode::always;
+        QCOMPARE(h.view->underlinedLinks().size(), size_t(3));
+        h.view->settings().linkHighlightMode = LinkHighlightMode::hover;
+        QVERIFY(h.view->underlinedLinks().empty());
+        QHoverEvent hover(QEvent::HoverMove, h.cellCentre(2, 1), h.cellCentre(2, 1), h.cellCentre(1, 1),
+                          Qt::NoModifier);
+        QCoreApplication::sendEvent(h.view, &hover);
+        links = h.view->underlinedLinks();
+        QCOMPARE(links.size(), size_t(0));
+        QHoverEvent onPath(QEvent::HoverMove, h.cellCentre(6, 1), h.cellCentre(6, 1), h.cellCentre(2, 1),
+                           Qt::NoModifier);
+        QCoreApplication::sendEvent(h.view, &onPath);
+        links = h.view->underlinedLinks();
+        QCOMPARE(links.size(), size_t(1));
+        QCOMPARE(links[0].text, std::string("./notes.md"));
     }
 
     void aPathLinkOpensOnlyAnExistingFile() {
