@@ -343,6 +343,8 @@ private:
     void reveal(LineIndex row);
     void buildHighlightRects();
     void buildImageDraws();
+    void buildSliceDraws();
+    void buildPlaceholderDraws();
 
     // Links (TerminalViewLinks.cpp)
     bool openLinkAt(QPointF position);

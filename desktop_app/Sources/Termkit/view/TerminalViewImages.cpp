@@ -1,6 +1,6 @@
 // Pictures on the grid: which parts of which pictures the display shows, worked out on the
 // main thread with the frame, and drawn in two layers, under the text (negative z-index)
-// and over it.
+// and over it. Pictures come from the slices lines carry and from Unicode placeholder cells.
 
 #include <QSGNode>
 
@@ -8,6 +8,7 @@
 #include <map>
 
 #include "Termkit/graphics/ImageCells.h"
+#include "Termkit/graphics/KittyPlaceholder.h"
 #include "Termkit/view/TerminalView.h"
 
 namespace termkit {
@@ -49,6 +50,33 @@ std::optional<ImageDraw> drawFor(const ShownRows& shown, double cellWidth, doubl
 void TerminalView::buildImageDraws() {
     m_imagesBelow.clear();
     m_imagesAbove.clear();
+    buildSliceDraws();
+    buildPlaceholderDraws();
+    for (auto* layer : {&m_imagesBelow, &m_imagesAbove})
+        std::stable_sort(layer->begin(), layer->end(), [](const ImageDraw& a, const ImageDraw& b) {
+            return a.zIndex != b.zIndex ? a.zIndex < b.zIndex : a.sequence < b.sequence;
+        });
+}
+
+void TerminalView::buildPlaceholderDraws() {
+    const CellMetrics& cell = m_fonts->metrics();
+    const double cellWidth = cell.width / m_devicePixelRatio;
+    const double cellHeight = cell.height / m_devicePixelRatio;
+    // Fitted at the cell size in device pixels, the size the picture really has on screen.
+    for (const PlaceholderDraw& d :
+         resolvePlaceholders(*m_terminal, m_graphics->kitty(), {cell.width, cell.height})) {
+        ImageDraw draw;
+        draw.pixels = d.pixels;
+        draw.zIndex = d.zIndex;
+        draw.sequence = d.sequence;
+        draw.source = QRectF(d.sourceX, d.sourceY, d.sourceWidth, d.sourceHeight);
+        draw.target = QRectF(d.targetX * cellWidth, d.targetY * cellHeight, d.targetWidth * cellWidth,
+                             d.targetHeight * cellHeight);
+        (draw.zIndex < 0 ? m_imagesBelow : m_imagesAbove).push_back(std::move(draw));
+    }
+}
+
+void TerminalView::buildSliceDraws() {
     if (m_terminal->buffer().linesWithImagesCount() == 0)
         return;
     std::map<const PlacementToken*, ShownRows> shown;
@@ -72,10 +100,6 @@ void TerminalView::buildImageDraws() {
         if (auto draw = drawFor(rows, cellWidth, cellHeight))
             (draw->zIndex < 0 ? m_imagesBelow : m_imagesAbove).push_back(std::move(*draw));
     }
-    for (auto* layer : {&m_imagesBelow, &m_imagesAbove})
-        std::sort(layer->begin(), layer->end(), [](const ImageDraw& a, const ImageDraw& b) {
-            return a.zIndex != b.zIndex ? a.zIndex < b.zIndex : a.sequence < b.sequence;
-        });
 }
 
 } // namespace termkit
