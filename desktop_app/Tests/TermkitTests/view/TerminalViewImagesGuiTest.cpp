@@ -1,6 +1,7 @@
 // Pictures in the terminal view, in a real window: a kitty picture fed to the view and a
 // sixel picture from img2sixel run in the view's own shell are drawn as textures where
-// their cells are, over the text or under it by their z-index; Unicode placeholder cells show
+// their cells are, over the text or under it by their z-index; a picture under the text shows
+// through the default background on either rendering path; Unicode placeholder cells show
 // their pieces of a virtual placement and never a glyph of their own.
 
 #include <QDir>
@@ -60,6 +61,12 @@ std::string kittyCommand(const QImage& image, const std::string& control) {
 bool near(QColor a, QColor b) {
     return std::abs(a.red() - b.red()) < 40 && std::abs(a.green() - b.green()) < 40 &&
            std::abs(a.blue() - b.blue()) < 40;
+}
+
+QImage solid(int side, QColor color) {
+    QImage image(side, side, QImage::Format_RGBA8888);
+    image.fill(color);
+    return image;
 }
 
 // A placeholder cell with diacritics for its row and column.
@@ -131,6 +138,31 @@ private slots:
         QTest::qWait(100);
         QCOMPARE(h.view->imagesAboveText().size(), size_t(0));
         QCOMPARE(h.view->imagesBelowText().size(), size_t(1));
+    }
+
+    void aPictureUnderTheTextShowsThroughTheDefaultBackground() {
+        Harness h;
+        QVERIFY(QTest::qWaitForWindowExposed(&h.window));
+        const qreal dpr = h.window.effectiveDevicePixelRatio();
+        const qreal cw = h.view->cellMetrics().width / dpr;
+        const qreal ch = h.view->cellMetrics().height / dpr;
+        // Row 0: four cells with a blue background of their own; row 2: two full blocks of
+        // text in the default colours. A red picture under the text covers ten by four cells.
+        h.view->feed("\x1b[44m    \x1b[m\r\n\r\n     \u2588\u2588\x1b[H");
+        h.view->feed(kittyCommand(solid(64, QColor(255, 0, 0)), "a=T,f=100,i=3,c=10,r=4,z=-1,C=1,q=2"));
+        QVERIFY(h.presentedAll());
+        QTest::qWait(100);
+        QCOMPARE(h.view->imagesBelowText().size(), size_t(1));
+        const QImage shot = h.window.grabWindow();
+        QVERIFY(shot.save(screenshotPath("view-below-text-" + apiName(h.window))));
+        // Where the cells keep the default background the picture shows...
+        QVERIFY(near(Harness::at(shot, QPointF(7.5 * cw, 1.5 * ch), dpr), QColor(255, 0, 0)));
+        QVERIFY(near(Harness::at(shot, QPointF(2.5 * cw, 3.5 * ch), dpr), QColor(255, 0, 0)));
+        // ...a cell's own background covers it, and text is drawn over it.
+        QVERIFY(!near(Harness::at(shot, QPointF(1.5 * cw, 0.5 * ch), dpr), QColor(255, 0, 0)));
+        QVERIFY(Harness::at(shot, QPointF(1.5 * cw, 0.5 * ch), dpr).blue() > 100);
+        const QColor text = Harness::at(shot, QPointF(5.5 * cw, 2.5 * ch), dpr);
+        QVERIFY2(text.red() < 60, qPrintable(text.name()));
     }
 
     void placeholderCellsShowTheirPiecesOfAVirtualPlacement() {
