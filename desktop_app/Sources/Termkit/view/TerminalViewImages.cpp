@@ -1,10 +1,14 @@
 // Pictures on the grid: which parts of which pictures the display shows, worked out on the
 // main thread with the frame, and drawn in two layers, under the text (negative z-index)
 // and over it. Pictures come from the slices lines carry and from Unicode placeholder cells.
+// Inline images in formats the core does not decode are decoded here, with Qt's readers.
 
+#include <QImage>
 #include <QSGNode>
 
 #include <algorithm>
+#include <cstring>
+#include <limits>
 #include <map>
 
 #include "Termkit/graphics/ImageCells.h"
@@ -46,6 +50,30 @@ std::optional<ImageDraw> drawFor(const ShownRows& shown, double cellWidth, doubl
 }
 
 } // namespace
+
+void TerminalView::createImage(Terminal& source, std::vector<uint8_t> data, ImageSizeRequest width,
+                               ImageSizeRequest height, bool preserveAspectRatio) {
+    // The core decodes PNG itself; JPEG, GIF (its first frame) and the other formats Qt's image
+    // plugins read arrive here, and once decoded live on the grid like any other picture.
+    QImage image;
+    if (data.size() > size_t(std::numeric_limits<int>::max()) ||
+        !image.loadFromData(data.data(), static_cast<int>(data.size())) ||
+        size_t(image.width()) * size_t(image.height()) * 4 > kKittyPayloadLimitBytes) {
+        source.log("Termkit: inline image in a format that could not be decoded dropped");
+        return;
+    }
+    const QImage converted = image.convertToFormat(QImage::Format_RGBA8888);
+    auto pixels = std::make_shared<RgbaImage>();
+    pixels->width = converted.width();
+    pixels->height = converted.height();
+    const size_t rowBytes = size_t(pixels->width) * 4;
+    pixels->rgba.resize(rowBytes * size_t(pixels->height));
+    for (int y = 0; y < pixels->height; ++y)
+        std::memcpy(pixels->rgba.data() + size_t(y) * rowBytes, converted.constScanLine(y), rowBytes);
+    const auto [w, h] = inlineImageCells(width, height, preserveAspectRatio, pixels->width, pixels->height,
+                                         terminalCellSize(source), source.cols(), source.rows());
+    m_graphics->placeImage(source, std::move(pixels), ImageSource::inlineImage, w, h);
+}
 
 void TerminalView::buildImageDraws() {
     m_imagesBelow.clear();

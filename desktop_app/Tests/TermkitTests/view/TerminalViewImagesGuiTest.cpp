@@ -2,8 +2,10 @@
 // sixel picture from img2sixel run in the view's own shell are drawn as textures where
 // their cells are, over the text or under it by their z-index; a picture under the text shows
 // through the default background on either rendering path; Unicode placeholder cells show
-// their pieces of a virtual placement and never a glyph of their own.
+// their pieces of a virtual placement and never a glyph of their own; inline JPEG and GIF
+// pictures are decoded by the view.
 
+#include <QBuffer>
 #include <QDir>
 #include <QGuiApplication>
 #include <QImage>
@@ -222,6 +224,49 @@ private slots:
         QTest::qWait(50);
         QCOMPARE(h.view->imagesAboveText().size(), size_t(1));
         QVERIFY(std::abs(h.view->imagesAboveText()[0].target.y() - (expected.y() - ch)) < 0.01);
+    }
+
+    void inlineJpegAndGifPicturesAreDecodedByTheView() {
+        Harness h;
+        QVERIFY(QTest::qWaitForWindowExposed(&h.window));
+        const qreal dpr = h.window.effectiveDevicePixelRatio();
+        const qreal cw = h.view->cellMetrics().width / dpr;
+        const qreal ch = h.view->cellMetrics().height / dpr;
+        // A JPEG written by Qt's own encoder, eight by four cells from column 0 of row 1.
+        QByteArray jpeg;
+        QBuffer buffer(&jpeg);
+        buffer.open(QIODevice::WriteOnly);
+        QVERIFY(quadrants(64).save(&buffer, "JPEG", 95));
+        h.view->feed("jpeg:\r\n");
+        h.view->feed("\x1b]1337;File=inline=1;width=8;height=4;preserveAspectRatio=0:" +
+                     jpeg.toBase64().toStdString() + "\a");
+        // A one-pixel GIF whose only colour is red, written byte by byte (Qt writes no GIF), two
+        // by one cells on the row after the JPEG.
+        const QByteArray gif = QByteArray::fromHex("47494638396101000100800000"   // header: 1x1, 2 colours
+                                                   "ff0000000000"                 // red, black
+                                                   "2c00000000010001000002024401" // image, LZW: clear, 0, end
+                                                   "003b");
+        h.view->feed("gif:");
+        h.view->feed("\x1b]1337;File=inline=1;width=2;height=1;preserveAspectRatio=0:" +
+                     gif.toBase64().toStdString() + "\a");
+        // Not a picture at all: dropped, and the text goes on.
+        h.view->feed("\x1b]1337;File=inline=1:" + QByteArray("not an image").toBase64().toStdString() +
+                     "\aend");
+        QVERIFY(h.presentedAll());
+        QTest::qWait(100);
+        const auto& draws = h.view->imagesAboveText();
+        QCOMPARE(draws.size(), size_t(2));
+        QCOMPARE(draws[0].target, QRectF(0, 1 * ch, 8 * cw, 4 * ch));
+        QCOMPARE(draws[1].target, QRectF(4 * cw, 5 * ch, 2 * cw, 1 * ch));
+        const QImage shot = h.window.grabWindow();
+        QVERIFY(shot.save(screenshotPath("view-inline-jpeg-gif-" + apiName(h.window))));
+        // JPEG is lossy: solid quadrants stay within the tolerance away from their edges.
+        QVERIFY(near(Harness::at(shot, QPointF(2 * cw, 2 * ch), dpr), QColor(255, 0, 0)));
+        QVERIFY(near(Harness::at(shot, QPointF(6 * cw, 2 * ch), dpr), QColor(0, 255, 0)));
+        QVERIFY(near(Harness::at(shot, QPointF(2 * cw, 4 * ch), dpr), QColor(255, 255, 0)));
+        QVERIFY(near(Harness::at(shot, QPointF(6 * cw, 4 * ch), dpr), QColor(0, 0, 255)));
+        QVERIFY(near(Harness::at(shot, QPointF(5 * cw, 5.5 * ch), dpr), QColor(255, 0, 0)));
+        QVERIFY(h.view->screenText().contains("end"));
     }
 
     void anImg2sixelPictureFromTheShellAppears() {
