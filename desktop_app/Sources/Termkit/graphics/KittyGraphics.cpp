@@ -32,15 +32,20 @@ struct CellRect {
 // only, the other follows the picture's aspect, so that it fills the cells it was given.
 std::pair<int, int> virtualPlacementCells(const KittyGraphicsControl& c, int sourceWidth, int sourceHeight,
                                           int cellWidth, int cellHeight) {
+    // In 64 bits and capped just past the largest placement, which is then refused as too big.
+    auto follow = [](long long given, long long cellGiven, long long sourceGiven, long long cellOther,
+                     long long sourceOther) {
+        given = std::min<long long>(given, kKittyMaxPlacementCells + 1);
+        const long long other =
+            (given * cellGiven * sourceOther + sourceGiven * cellOther - 1) / (sourceGiven * cellOther);
+        return static_cast<int>(std::clamp<long long>(other, 1, kKittyMaxPlacementCells + 1));
+    };
     if (c.columns > 0 && c.rows > 0)
         return {c.columns, c.rows};
     if (c.columns > 0)
-        return {c.columns, std::max(1, ceilDiv(static_cast<long long>(c.columns) * cellWidth * sourceHeight,
-                                               sourceWidth * cellHeight))};
+        return {c.columns, follow(c.columns, cellWidth, sourceWidth, cellHeight, sourceHeight)};
     if (c.rows > 0)
-        return {std::max(1, ceilDiv(static_cast<long long>(c.rows) * cellHeight * sourceWidth,
-                                    sourceHeight * cellWidth)),
-                c.rows};
+        return {follow(c.rows, cellHeight, sourceHeight, cellWidth, sourceWidth), c.rows};
     return {ceilDiv(sourceWidth, cellWidth), ceilDiv(sourceHeight, cellHeight)};
 }
 

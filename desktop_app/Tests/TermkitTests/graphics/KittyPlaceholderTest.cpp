@@ -265,6 +265,13 @@ TEST(KittyPlaceholderTest, OneSideGivenTheOtherFollowsThePicture) {
     EXPECT_EQ(t.kitty().placementsByKey().at({5, 2}).cols, 6);
     EXPECT_EQ(t.kitty().placementsByKey().at({5, 3}).cols, 4);
     EXPECT_EQ(t.kitty().placementsByKey().at({5, 3}).rows, 2);
+    // A side that would follow past the largest placement is refused, not wrapped around.
+    t.feed(transmit(6, 2, 400));
+    t.host.replies.clear();
+    t.feed(apc("a=p,U=1,i=6,p=1,c=9000"));
+    EXPECT_EQ(t.host.replies,
+              std::vector<std::string>{testing::kittyReply("i=6,p=1", "EINVAL: placement out of range")});
+    EXPECT_FALSE(t.kitty().placementsByKey().contains({6, 1}));
 }
 
 TEST(KittyPlaceholderTest, ThePictureFollowsItsTextWhenItScrollsAndMoves) {
