@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 
@@ -38,6 +39,20 @@ public:
     void send(termkit::Terminal&, std::span<const uint8_t>) override {}
     std::optional<std::pair<int, int>> cellSizeInPixels(termkit::Terminal&) override {
         return std::pair(10, 20);
+    }
+};
+
+// A 200x60 terminal with the image protocols and a host that reports 10x20-pixel cells.
+struct ScreenWithGraphics {
+    QuietHost host;
+    termkit::TerminalGraphics graphics;
+    std::unique_ptr<termkit::Terminal> terminal;
+    ScreenWithGraphics() {
+        termkit::TerminalOptions options;
+        options.cols = 200;
+        options.rows = 60;
+        terminal = std::make_unique<termkit::Terminal>(&host, options, nullptr, &graphics);
+        graphics.attach(*terminal);
     }
 };
 
@@ -150,13 +165,8 @@ void BM_SixelThroughTerminal(benchmark::State& state) {
         state.SkipWithError("img2sixel is not installed");
         return;
     }
-    QuietHost host;
-    termkit::TerminalGraphics graphics;
-    termkit::TerminalOptions options;
-    options.cols = 200;
-    options.rows = 60;
-    termkit::Terminal terminal(&host, options, nullptr, &graphics);
-    graphics.attach(terminal);
+    ScreenWithGraphics screen;
+    termkit::Terminal& terminal = *screen.terminal;
     for (auto _ : state) {
         terminal.feed(stream);
         terminal.feed("\x1b[H\x1b[2J");
@@ -210,13 +220,9 @@ BENCHMARK(BM_KittyPng1080pIn4096ByteChunks)->Unit(benchmark::kMillisecond);
 // plain text: range 0 has no virtual placement (nothing is read), 1 has one but no
 // placeholder cell on screen (every cell is looked at), 2 adds a 40x20 grid of placeholders.
 void BM_PlaceholderResolve(benchmark::State& state) {
-    QuietHost host;
-    termkit::TerminalGraphics graphics;
-    termkit::TerminalOptions options;
-    options.cols = 200;
-    options.rows = 60;
-    termkit::Terminal terminal(&host, options, nullptr, &graphics);
-    graphics.attach(terminal);
+    ScreenWithGraphics screen;
+    termkit::Terminal& terminal = *screen.terminal;
+    termkit::TerminalGraphics& graphics = screen.graphics;
     std::string text;
     for (int r = 0; r < 60; ++r)
         text += std::string(199, char('a' + r % 26)) + "\r\n";
