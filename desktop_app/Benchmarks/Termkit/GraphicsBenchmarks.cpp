@@ -1,6 +1,7 @@
 // Pictures in the terminal: sixel decoding against libsixel's own decoder on the same
-// streams, a 1920x1080 PNG sent by the kitty protocol in 4096-byte chunks, and the image
-// store's memory under a stream that never stops sending pictures.
+// streams, a 1920x1080 PNG sent by the kitty protocol in 4096-byte chunks, Unicode
+// placeholders resolved for a frame, and the image store's memory under a stream that never
+// stops sending pictures.
 //
 // The sixel streams come from img2sixel (libsixel-bin) run on pictures made here, so they
 // look like what programs send. Run: build/desktop_app/Benchmarks/termkit_graphics_benchmarks
@@ -12,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 
@@ -21,8 +23,10 @@ extern "C" {
 #include <sixel.h>
 }
 
+#include "Termkit/buffer/Utf8.h"
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/graphics/ImageCodec.h"
+#include "Termkit/graphics/KittyPlaceholder.h"
 #include "Termkit/graphics/SixelDecoder.h"
 #include "Termkit/graphics/TerminalGraphics.h"
 
@@ -35,6 +39,20 @@ public:
     void send(termkit::Terminal&, std::span<const uint8_t>) override {}
     std::optional<std::pair<int, int>> cellSizeInPixels(termkit::Terminal&) override {
         return std::pair(10, 20);
+    }
+};
+
+// A 200x60 terminal with the image protocols and a host that reports 10x20-pixel cells.
+struct ScreenWithGraphics {
+    QuietHost host;
+    termkit::TerminalGraphics graphics;
+    std::unique_ptr<termkit::Terminal> terminal;
+    ScreenWithGraphics() {
+        termkit::TerminalOptions options;
+        options.cols = 200;
+        options.rows = 60;
+        terminal = std::make_unique<termkit::Terminal>(&host, options, nullptr, &graphics);
+        graphics.attach(*terminal);
     }
 };
 
@@ -147,13 +165,8 @@ void BM_SixelThroughTerminal(benchmark::State& state) {
         state.SkipWithError("img2sixel is not installed");
         return;
     }
-    QuietHost host;
-    termkit::TerminalGraphics graphics;
-    termkit::TerminalOptions options;
-    options.cols = 200;
-    options.rows = 60;
-    termkit::Terminal terminal(&host, options, nullptr, &graphics);
-    graphics.attach(terminal);
+    ScreenWithGraphics screen;
+    termkit::Terminal& terminal = *screen.terminal;
     for (auto _ : state) {
         terminal.feed(stream);
         terminal.feed("\x1b[H\x1b[2J");
@@ -202,6 +215,42 @@ void BM_KittyPng1080pIn4096ByteChunks(benchmark::State& state) {
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(stream.size()));
 }
 BENCHMARK(BM_KittyPng1080pIn4096ByteChunks)->Unit(benchmark::kMillisecond);
+
+// Unicode placeholders, resolved as the view does for each frame, on a 200x60 screen full of
+// plain text: range 0 has no virtual placement (nothing is read), 1 has one but no
+// placeholder cell on screen (every cell is looked at), 2 adds a 40x20 grid of placeholders.
+void BM_PlaceholderResolve(benchmark::State& state) {
+    ScreenWithGraphics screen;
+    termkit::Terminal& terminal = *screen.terminal;
+    termkit::TerminalGraphics& graphics = screen.graphics;
+    std::string text;
+    for (int r = 0; r < 60; ++r)
+        text += std::string(199, char('a' + r % 26)) + "\r\n";
+    terminal.feed(text);
+    if (state.range(0) >= 1) {
+        terminal.feed("\x1b_Ga=T,f=24,s=1,v=1,i=9,U=1,c=40,r=20,q=2;AAAA\x1b\\");
+    }
+    if (state.range(0) == 2) {
+        std::string grid = "\x1b[38;5;9m";
+        for (int r = 0; r < 20; ++r) {
+            grid += "\x1b[" + std::to_string(r + 10) + ";20H";
+            for (int c = 0; c < 40; ++c) {
+                termkit::appendUtf8(termkit::kKittyPlaceholderCharacter, grid);
+                termkit::appendUtf8(termkit::kittyDiacritic(r), grid);
+                termkit::appendUtf8(termkit::kittyDiacritic(c), grid);
+            }
+        }
+        terminal.feed(grid + "\x1b[m");
+    }
+    size_t draws = 0;
+    for (auto _ : state) {
+        const auto resolved = termkit::resolvePlaceholders(terminal, graphics.kitty(), {10, 20});
+        draws = resolved.size();
+        benchmark::DoNotOptimize(resolved.data());
+    }
+    state.counters["draws"] = double(draws);
+}
+BENCHMARK(BM_PlaceholderResolve)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMicrosecond);
 
 long residentBytes() {
     std::ifstream statm("/proc/self/statm");

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <functional>
 #include <set>
+#include <tuple>
 
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/graphics/KittyPayloadLoader.h"
@@ -26,6 +27,27 @@ struct CellRect {
     int col, row, cols, rows;
     bool contains(int c, int r) const { return c >= col && c < col + cols && r >= row && r < row + rows; }
 };
+
+// The cells of a virtual placement: as asked, or the picture's size in cells; given one side
+// only, the other follows the picture's aspect, so that it fills the cells it was given.
+std::pair<int, int> virtualPlacementCells(const KittyGraphicsControl& c, int sourceWidth, int sourceHeight,
+                                          int cellWidth, int cellHeight) {
+    // In 64 bits and capped just past the largest placement, which is then refused as too big.
+    auto follow = [](long long given, long long cellGiven, long long sourceGiven, long long cellOther,
+                     long long sourceOther) {
+        given = std::min<long long>(given, kKittyMaxPlacementCells + 1);
+        const long long other =
+            (given * cellGiven * sourceOther + sourceGiven * cellOther - 1) / (sourceGiven * cellOther);
+        return static_cast<int>(std::clamp<long long>(other, 1, kKittyMaxPlacementCells + 1));
+    };
+    if (c.columns > 0 && c.rows > 0)
+        return {c.columns, c.rows};
+    if (c.columns > 0)
+        return {c.columns, follow(c.columns, cellWidth, sourceWidth, cellHeight, sourceHeight)};
+    if (c.rows > 0)
+        return {follow(c.rows, cellHeight, sourceHeight, cellWidth, sourceWidth), c.rows};
+    return {ceilDiv(sourceWidth, cellWidth), ceilDiv(sourceHeight, cellHeight)};
+}
 
 } // namespace
 
@@ -300,12 +322,14 @@ std::string KittyGraphicsState::displayKittyImage(Terminal& terminal, const Kitt
     if (std::string error = resolveKittyPlacementOrigin(terminal, control, col, row); !error.empty())
         return error;
     const auto [cellWidth, cellHeight] = terminalCellSize(terminal);
-    const int cols = control.columns > 0
-                         ? control.columns
-                         : ceilDiv(sourceWidth + std::max(0, control.pixelOffsetX), cellWidth);
-    const int rows = control.rows > 0 ? control.rows
-                                      : ceilDiv(sourceHeight + std::max(0, control.pixelOffsetY), cellHeight);
+    int cols = control.columns > 0 ? control.columns
+                                   : ceilDiv(sourceWidth + std::max(0, control.pixelOffsetX), cellWidth);
+    int rows = control.rows > 0 ? control.rows
+                                : ceilDiv(sourceHeight + std::max(0, control.pixelOffsetY), cellHeight);
     const bool isVirtual = control.unicodePlaceholder == 1;
+    if (isVirtual)
+        std::tie(cols, rows) =
+            virtualPlacementCells(control, sourceWidth, sourceHeight, cellWidth, cellHeight);
     if (control.columns < 0 || control.rows < 0 || cols > kKittyMaxPlacementCells ||
         rows > kKittyMaxPlacementCells ||
         (!isVirtual && (col < 0 || col >= terminal.cols() || row < 0 || row >= terminal.rows())))
@@ -336,6 +360,7 @@ std::string KittyGraphicsState::displayKittyImage(Terminal& terminal, const Kitt
     record.isVirtual = isVirtual;
     record.isAlternateBuffer = terminal.isAlternateBufferActive();
     record.control = control;
+    record.sequence = m_nextSequence++;
     if (isVirtual) {
         // Virtual placements are drawn where placeholder characters name them, not here.
         m_virtualTokens[key] = std::make_shared<PlacementToken>();
@@ -351,7 +376,7 @@ std::string KittyGraphicsState::displayKittyImage(Terminal& terminal, const Kitt
     base.imageId = imageId;
     base.placementId = placementId;
     base.zIndex = control.zIndex;
-    base.sequence = m_nextSequence++;
+    base.sequence = record.sequence;
     base.col = col;
     base.cols = cols;
     base.rows = rows;
@@ -453,6 +478,19 @@ void KittyGraphicsState::removePlacement(Terminal& terminal, const KittyPlacemen
     }
     m_virtualTokens.erase(key);
     m_placementsByKey.erase(it);
+}
+
+const KittyPlacementRecord* KittyGraphicsState::virtualPlacement(uint32_t imageId,
+                                                                 uint32_t placementId) const {
+    if (placementId != 0) {
+        const auto it = m_placementsByKey.find({imageId, placementId});
+        return it != m_placementsByKey.end() && it->second.isVirtual ? &it->second : nullptr;
+    }
+    for (auto it = m_placementsByKey.lower_bound({imageId, 0});
+         it != m_placementsByKey.end() && it->first.imageId == imageId; ++it)
+        if (it->second.isVirtual)
+            return &it->second;
+    return nullptr;
 }
 
 void KittyGraphicsState::prunePlacements() {

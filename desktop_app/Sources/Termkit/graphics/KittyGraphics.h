@@ -60,6 +60,7 @@ struct KittyPlacementRecord {
     int zIndex = 0;
     bool isVirtual = false;
     bool isAlternateBuffer = false;
+    uint64_t sequence = 0; // order of placing, which breaks ties of z-index
     std::weak_ptr<PlacementToken> token;
     /// The command that made it, to place it again when its parent moves.
     KittyGraphicsControl control;
@@ -102,6 +103,11 @@ public:
     size_t totalImageBytes() const { return m_totalImageBytes; }
     /// Drops the records of placements whose rows are all gone from the lines.
     void prunePlacements();
+    /// Whether any virtual placement exists, which placeholder cells could show.
+    bool hasVirtualPlacements() const { return !m_virtualTokens.empty(); }
+    /// The virtual placement placeholder cells name; placement id 0 takes the image's virtual
+    /// placement with the lowest id. Nothing when there is none.
+    const KittyPlacementRecord* virtualPlacement(uint32_t imageId, uint32_t placementId) const;
 
 private:
     struct Outcome {

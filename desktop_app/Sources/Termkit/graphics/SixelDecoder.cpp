@@ -73,16 +73,24 @@ int readParameters(const uint8_t*& at, const uint8_t* end, std::array<int, kMaxP
 }
 
 // The picture as it is drawn. A band of six rows is drawn column by column into a buffer
-// that keeps each column's six pixels together, which is how sixels arrive, and copied into
+// that keeps each column's six pixels together, which is how sixels arrive, and appended to
 // the picture's rows when the band ends; the picture grows as bands and columns come.
 // Pixels are 32-bit words in RGBA byte order; zero is a pixel nothing drew.
+//
+// The rows are the picture's own memory: with raster attributes (which programs send) they
+// are reserved once at the announced size and then only appended to, so each page of a new
+// picture is touched once, by its pixels, and never zero-filled first or moved as it grows.
 class Canvas {
 public:
     Canvas(int widthHint, int heightHint) {
-        m_band.resize(size_t(std::max(widthHint, 1)) * 6, 0);
         m_bandCapacity = std::max(widthHint, 1);
-        // The rows a picture of the announced size needs, so that the bands never move them.
-        m_rows.reserve(size_t(m_bandCapacity) * size_t(std::max(heightHint, 0) + 6) * 4);
+        m_band.resize(size_t(m_bandCapacity) * 6, 0);
+        if (widthHint > 0) {
+            m_rowsWidth = widthHint;
+            m_line.resize(size_t(widthHint), 0);
+            const size_t bands = (size_t(std::max(heightHint, 0)) + 5) / 6;
+            m_rows.reserve(size_t(widthHint) * std::max<size_t>(bands, 1) * 6 * 4);
+        }
     }
 
     // Draws the six-pixel column `bits` at column x of the band, `count` times to the right.
@@ -126,22 +134,27 @@ public:
         }
     }
 
-    // Ends the band whose top row is `y`: its pixels go into the picture's rows.
+    // Ends the band whose top row is `y`: its six rows are appended to the picture's.
     void endBand(int y) {
         if (m_bandRight == 0)
             return;
-        if (m_rowsWidth < m_bandCapacity)
+        if (m_rowsWidth < m_bandRight)
             restride(m_bandCapacity);
         m_width = std::max(m_width, m_bandRight);
         m_height = y + m_bandBottom;
-        m_rows.resize(size_t(y + 6) * size_t(m_rowsWidth) * 4, 0);
+        const size_t stride = size_t(m_rowsWidth) * 4;
+        // Bands that drew nothing left their rows transparent.
+        m_rows.resize(size_t(y) * stride, 0);
         for (int b = 0; b < 6; ++b) {
-            uint8_t* row = m_rows.data() + size_t(y + b) * size_t(m_rowsWidth) * 4;
             const uint32_t* column = m_band.data() + b;
             for (int x = 0; x < m_bandRight; ++x)
-                std::memcpy(row + size_t(x) * 4, column + size_t(x) * 6, 4);
+                m_line[size_t(x)] = column[size_t(x) * 6];
+            const auto* bytes = reinterpret_cast<const uint8_t*>(m_line.data());
+            m_rows.insert(m_rows.end(), bytes, bytes + stride);
         }
         std::fill(m_band.begin(), m_band.begin() + std::ptrdiff_t(m_bandRight) * 6, 0u);
+        // The line keeps zeros past the widest band so far, which later bands never write.
+        std::fill(m_line.begin(), m_line.begin() + m_bandRight, 0u);
         m_bandRight = 0;
         m_bandBottom = 0;
     }
@@ -188,7 +201,12 @@ private:
 
     // Widens the rows drawn so far to a new stride.
     void restride(int width) {
-        const size_t rows = m_rowsWidth > 0 ? m_rows.size() / (size_t(m_rowsWidth) * 4) : 0;
+        m_line.resize(size_t(width), 0);
+        if (m_rows.empty()) {
+            m_rowsWidth = width; // nothing to move, and any reservation is kept
+            return;
+        }
+        const size_t rows = m_rows.size() / (size_t(m_rowsWidth) * 4);
         std::vector<uint8_t> wider(rows * size_t(width) * 4, 0);
         for (size_t y = 0; y < rows; ++y)
             std::memcpy(wider.data() + y * size_t(width) * 4, m_rows.data() + y * size_t(m_rowsWidth) * 4,
@@ -202,6 +220,7 @@ private:
     int m_bandRight = 0;
     int m_bandBottom = 0;
     std::vector<uint8_t> m_rows;
+    std::vector<uint32_t> m_line; // one row of the band on its way to the rows
     int m_rowsWidth = 0;
     int m_width = 0;
     int m_height = 0;

@@ -88,7 +88,7 @@ int main(int argc, char** argv) {
         visual ? termkit::dumpVisualScreen(terminal) : termkit::dumpScreen(terminal, attrs);
     std::fwrite(out.data(), 1, out.size(), stdout);
     if (imagesDir != nullptr) {
-        const std::string images = termkit::dumpImages(terminal, imagesDir);
+        const std::string images = termkit::dumpImages(terminal, imagesDir, &graphics.kitty());
         std::fwrite(images.data(), 1, images.size(), stdout);
     }
     return 0;

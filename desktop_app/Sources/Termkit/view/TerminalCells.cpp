@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "Termkit/graphics/KittyPlaceholder.h"
+
 namespace termkit {
 
 namespace {
@@ -36,6 +38,9 @@ uint32_t codeOf(const Terminal& terminal, const CharData& cell, std::vector<QStr
                 QString* single) {
     if (cell.code < kCharacterTableBase)
         return static_cast<uint32_t>(cell.code);
+    // A Unicode placeholder has no glyph: its cell shows a piece of a picture, or nothing.
+    if (KittyPlaceholderDecoder::isPlaceholder(terminal.tables().characters.stored(cell.code)))
+        return 0;
     const QString text = QString::fromStdString(terminal.character(cell.code));
     const QList<uint> scalars = text.toUcs4();
     if (scalars.size() == 1)

@@ -271,6 +271,8 @@ protected:
     void iTermContent(Terminal& source, std::span<const uint8_t> content) override;
     void cursorStyleChanged(Terminal& source, CursorStyle style) override;
     std::optional<std::pair<int, int>> cellSizeInPixels(Terminal& source) override;
+    void createImage(Terminal& source, std::vector<uint8_t> data, ImageSizeRequest width,
+                     ImageSizeRequest height, bool preserveAspectRatio) override;
 
     /// Writes bytes the person produced (keys, pastes, pointer): through the terminal's user
     /// input path, after the view has scrolled to the bottom and noted the moment.
@@ -348,6 +350,8 @@ private:
     void reveal(LineIndex row);
     void buildHighlightRects();
     void buildImageDraws();
+    void buildSliceDraws();
+    void buildPlaceholderDraws();
 
     // Links (TerminalViewLinks.cpp)
     bool openLinkAt(QPointF position);

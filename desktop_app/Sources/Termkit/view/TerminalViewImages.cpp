@@ -1,13 +1,18 @@
 // Pictures on the grid: which parts of which pictures the display shows, worked out on the
 // main thread with the frame, and drawn in two layers, under the text (negative z-index)
-// and over it.
+// and over it. Pictures come from the slices lines carry and from Unicode placeholder cells.
+// Inline images in formats the core does not decode are decoded here, with Qt's readers.
 
+#include <QImage>
 #include <QSGNode>
 
 #include <algorithm>
+#include <cstring>
+#include <limits>
 #include <map>
 
 #include "Termkit/graphics/ImageCells.h"
+#include "Termkit/graphics/KittyPlaceholder.h"
 #include "Termkit/view/TerminalView.h"
 
 namespace termkit {
@@ -46,9 +51,60 @@ std::optional<ImageDraw> drawFor(const ShownRows& shown, double cellWidth, doubl
 
 } // namespace
 
+void TerminalView::createImage(Terminal& source, std::vector<uint8_t> data, ImageSizeRequest width,
+                               ImageSizeRequest height, bool preserveAspectRatio) {
+    // The core decodes PNG itself; JPEG, GIF (its first frame) and the other formats Qt's image
+    // plugins read arrive here, and once decoded live on the grid like any other picture.
+    QImage image;
+    if (data.size() > size_t(std::numeric_limits<int>::max()) ||
+        !image.loadFromData(data.data(), static_cast<int>(data.size())) ||
+        size_t(image.width()) * size_t(image.height()) * 4 > kKittyPayloadLimitBytes) {
+        source.log("Termkit: inline image in a format that could not be decoded dropped");
+        return;
+    }
+    const QImage converted = image.convertToFormat(QImage::Format_RGBA8888);
+    auto pixels = std::make_shared<RgbaImage>();
+    pixels->width = converted.width();
+    pixels->height = converted.height();
+    const size_t rowBytes = size_t(pixels->width) * 4;
+    pixels->rgba.resize(rowBytes * size_t(pixels->height));
+    for (int y = 0; y < pixels->height; ++y)
+        std::memcpy(pixels->rgba.data() + size_t(y) * rowBytes, converted.constScanLine(y), rowBytes);
+    const auto [w, h] = inlineImageCells(width, height, preserveAspectRatio, pixels->width, pixels->height,
+                                         terminalCellSize(source), source.cols(), source.rows());
+    m_graphics->placeImage(source, std::move(pixels), ImageSource::inlineImage, w, h);
+}
+
 void TerminalView::buildImageDraws() {
     m_imagesBelow.clear();
     m_imagesAbove.clear();
+    buildSliceDraws();
+    buildPlaceholderDraws();
+    for (auto* layer : {&m_imagesBelow, &m_imagesAbove})
+        std::stable_sort(layer->begin(), layer->end(), [](const ImageDraw& a, const ImageDraw& b) {
+            return a.zIndex != b.zIndex ? a.zIndex < b.zIndex : a.sequence < b.sequence;
+        });
+}
+
+void TerminalView::buildPlaceholderDraws() {
+    const CellMetrics& cell = m_fonts->metrics();
+    const double cellWidth = cell.width / m_devicePixelRatio;
+    const double cellHeight = cell.height / m_devicePixelRatio;
+    // Fitted at the cell size in device pixels, the size the picture really has on screen.
+    for (const PlaceholderDraw& d :
+         resolvePlaceholders(*m_terminal, m_graphics->kitty(), {cell.width, cell.height})) {
+        ImageDraw draw;
+        draw.pixels = d.pixels;
+        draw.zIndex = d.zIndex;
+        draw.sequence = d.sequence;
+        draw.source = QRectF(d.sourceX, d.sourceY, d.sourceWidth, d.sourceHeight);
+        draw.target = QRectF(d.targetX * cellWidth, d.targetY * cellHeight, d.targetWidth * cellWidth,
+                             d.targetHeight * cellHeight);
+        (draw.zIndex < 0 ? m_imagesBelow : m_imagesAbove).push_back(std::move(draw));
+    }
+}
+
+void TerminalView::buildSliceDraws() {
     if (m_terminal->buffer().linesWithImagesCount() == 0)
         return;
     std::map<const PlacementToken*, ShownRows> shown;
@@ -72,10 +128,6 @@ void TerminalView::buildImageDraws() {
         if (auto draw = drawFor(rows, cellWidth, cellHeight))
             (draw->zIndex < 0 ? m_imagesBelow : m_imagesAbove).push_back(std::move(*draw));
     }
-    for (auto* layer : {&m_imagesBelow, &m_imagesAbove})
-        std::sort(layer->begin(), layer->end(), [](const ImageDraw& a, const ImageDraw& b) {
-            return a.zIndex != b.zIndex ? a.zIndex < b.zIndex : a.sequence < b.sequence;
-        });
 }
 
 } // namespace termkit

@@ -33,6 +33,9 @@ CaretShape shapeOf(CursorStyle style) {
     }
 }
 
+// What the software path paints behind the rows' own backgrounds and glyphs.
+constexpr uint32_t kTransparentRowBackground = 0x00000000u;
+
 QColor qcolor(uint32_t argb) {
     return QColor::fromRgba(argb);
 }
@@ -193,8 +196,11 @@ void TerminalView::buildFrame() {
     if (m_useSoftware) {
         const QSize deviceSize(static_cast<int>(width() * m_devicePixelRatio),
                                static_cast<int>(height() * m_devicePixelRatio));
+        // Cells with the default background are left transparent, as the GPU path leaves them
+        // unpainted: the view's background node shows through, and so do pictures under the
+        // text, which sit between the two. Only backgrounds of the cells' own cover them.
         if (m_software.paint(*m_frames, result, *m_glyphs, deviceSize, m_fonts->metrics().height,
-                             context.defaultBackground))
+                             kTransparentRowBackground))
             m_softwareImageDirty = true;
     }
     if (m_settings.notifyUpdateChanges && m_delegate && !result.rebuiltRows.empty())

@@ -1,6 +1,7 @@
 // Fuzz target: random bytes fed to a terminal in random chunks, with resizes, scrollback
 // changes and reads between them; some chunks are wrapped as kitty graphics commands, sixel
-// strings or inline images, so that the image protocols see bodies of every shape. The sanitizers catch
+// strings or inline images, so that the image protocols see bodies of every shape, and
+// some draw Unicode placeholder cells of virtual placements. The sanitizers catch
 // memory and undefined-behaviour errors; the checks below catch broken buffer invariants.
 
 #include <cstddef>
@@ -9,9 +10,11 @@
 #include <span>
 #include <string>
 
+#include "Termkit/buffer/Utf8.h"
 #include "Termkit/engine/ScreenText.h"
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/graphics/ImageDump.h"
+#include "Termkit/graphics/KittyPlaceholder.h"
 #include "Termkit/graphics/TerminalGraphics.h"
 
 namespace {
@@ -124,6 +127,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             terminal.feed(wrapped);
             i += n + 1;
             (void)termkit::visiblePlacements(terminal);
+        } else if (op == 0xFC && i + 3 < size) {
+            // Unicode placeholders: a virtual placement of a small picture in cells the input
+            // chooses, then placeholder cells with diacritics and colours it chooses, resolved
+            // as the view resolves them for a frame.
+            const uint8_t cols = data[i], rows = data[i + 1], marks = data[i + 2], count = data[i + 3];
+            i += 4;
+            terminal.feed("\x1b_Ga=T,f=24,s=2,v=3,i=" + std::to_string(1 + cols % 3) +
+                          ",U=1,c=" + std::to_string(cols % 12) + ",r=" + std::to_string(rows % 9) +
+                          ",p=" + std::to_string(rows % 3) + ",q=2;AAAAAAAAAAAAAAAAAAAAAAAA\x1b\\");
+            std::string cells =
+                "\x1b[38;5;" + std::to_string(1 + marks % 4) + ";58;5;" + std::to_string(marks % 3) + "m";
+            for (int k = 0; k < count % 40 && i < size; ++k, ++i) {
+                termkit::appendUtf8(termkit::kKittyPlaceholderCharacter, cells);
+                // Up to four marks: row, column, high byte and one too many; some outside the table.
+                for (int m = 0; m < data[i] % 5; ++m)
+                    termkit::appendUtf8(
+                        m == 3 ? U'\u0301' : termkit::kittyDiacritic((data[i] * 37 + m * 11) % 300), cells);
+            }
+            terminal.feed(cells + "\x1b[m");
+            (void)termkit::resolvePlaceholders(terminal, graphics.kitty(), {7, 13});
+            (void)termkit::resolvePlaceholders(terminal, graphics.kitty(), {1, 1});
         } else if (op == 0xF8) {
             terminal.setUserScrolling(!terminal.userScrolling());
             terminal.scrollDisplay(termkit::LineIndex(0));

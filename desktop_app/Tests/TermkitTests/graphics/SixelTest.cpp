@@ -30,6 +30,30 @@ TEST(SixelDecoderTest, RasterAttributesGiveTheSizeAndRegistersTheColours) {
     EXPECT_EQ(at(*image, 2, 0), (std::array<int, 4>{0, 0, 0, 0})); // raster width, never drawn
 }
 
+TEST(SixelDecoderTest, DrawingBeyondTheAnnouncedSizeAndEmptyBands) {
+    // Announced 2x6, drawn 3 wide; the second band draws nothing, the third is blue.
+    const auto image = decodeSixel(bytesOf("\"1;1;2;6#1;2;100;0;0#2;2;0;0;100#1~~~-$-#2@"), true);
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->width, 3);
+    EXPECT_EQ(image->height, 13);
+    EXPECT_EQ(image->rgba.size(), size_t(3 * 13 * 4));
+    EXPECT_EQ(at(*image, 2, 5), (std::array<int, 4>{255, 0, 0, 255}));
+    for (int y = 6; y < 12; ++y)
+        EXPECT_EQ(at(*image, 0, y), (std::array<int, 4>{0, 0, 0, 0})) << y;
+    EXPECT_EQ(at(*image, 0, 12), (std::array<int, 4>{0, 0, 255, 255}));
+    EXPECT_EQ(at(*image, 1, 12), (std::array<int, 4>{0, 0, 0, 0}));
+    // Announced taller than drawn: the rows below stay transparent, or take register 0.
+    const auto tall = decodeSixel(bytesOf("\"1;1;2;20#1;2;100;0;0#1~~"), true);
+    ASSERT_TRUE(tall);
+    EXPECT_EQ(tall->height, 20);
+    EXPECT_EQ(at(*tall, 1, 5), (std::array<int, 4>{255, 0, 0, 255}));
+    EXPECT_EQ(at(*tall, 1, 19), (std::array<int, 4>{0, 0, 0, 0}));
+    const auto opaque = decodeSixel(bytesOf("\"1;1;2;20#0;2;0;100;0#1;2;100;0;0#1~"), false);
+    ASSERT_TRUE(opaque);
+    EXPECT_EQ(at(*opaque, 1, 0), (std::array<int, 4>{0, 255, 0, 255}));
+    EXPECT_EQ(at(*opaque, 0, 19), (std::array<int, 4>{0, 255, 0, 255}));
+}
+
 TEST(SixelDecoderTest, HlsRegistersFollowTheDecWheel) {
     EXPECT_EQ(hlsToRgb(120, 50, 100), sixelRgba(255, 0, 0)); // red at 120
     EXPECT_EQ(hlsToRgb(240, 50, 100), sixelRgba(0, 255, 0)); // green at 240

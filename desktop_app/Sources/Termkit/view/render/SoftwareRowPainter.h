@@ -14,7 +14,8 @@ namespace termkit {
 /// row paints within its own band, so rows can be repainted alone.
 class SoftwareRowPainter {
 public:
-    /// Brings the image up to the frame; true when any pixel changed.
+    /// Brings the image up to the frame; true when any pixel changed. `defaultBackground` is
+    /// what each row is filled with first (premultiplied; zero leaves it transparent).
     bool paint(FrameBuilder& frames, const FrameBuilder::Result& result, GlyphCache& glyphs, QSize deviceSize,
                int cellHeight, uint32_t defaultBackground);
 
