@@ -7,6 +7,8 @@
 #include <QWindow>
 #include <qcoro/qcorotimer.h>
 
+#include <memory>
+
 RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& cli,
                                std::chrono::milliseconds firstRunCheckDelay, QObject* parent)
     : QObject(parent), m_app(&app), m_auth(&auth), m_cli(&cli), m_firstRunCheckDelay(firstRunCheckDelay) {
@@ -31,20 +33,25 @@ RootController::RootController(AppState& app, AuthStore& auth, CLIStatusStore& c
 
 void RootController::keepFocusIn(QPointer<QWindow> window) {
     auto* watch = new QObject(this);
-    const auto giveBack = [window] {
-        if (window && window->isVisible() && QGuiApplication::focusWindow() != window)
-            window->requestActivate();
-    };
+    auto sheet = std::make_shared<QPointer<QWindow>>();
     // The window manager hands the new sheet the focus a moment after it maps; only that
     // first move is undone, so a later click into the sheet is the person's own.
-    connect(qGuiApp, &QGuiApplication::focusWindowChanged, watch, [watch, giveBack](QWindow* now) {
-        if (!now)
+    connect(qGuiApp, &QGuiApplication::focusWindowChanged, watch, [watch, window, sheet](QWindow* now) {
+        if (!now || !window)
             return;
-        giveBack();
-        watch->deleteLater();
+        if (now != window && !*sheet) {
+            *sheet = now;
+            if (window->isVisible())
+                window->requestActivate();
+            return;
+        }
+        // Activating the window raised it over the sheet: the sheet comes back up, unfocused.
+        if (now == window && *sheet) {
+            (*sheet)->raise();
+            watch->deleteLater();
+        }
     });
     QTimer::singleShot(focusHandOverTime, watch, [watch] { watch->deleteLater(); });
-    giveBack();
 }
 
 void RootController::setSheet(bool& flag, bool show) {

@@ -23,7 +23,9 @@ Window {
     minimumHeight: 480
     visible: open
     color: Theme.paper
-    flags: Qt.Dialog
+    // In the same layer as the main window and the drawer when those float above the
+    // others; otherwise a sheet would open beneath them.
+    flags: AppState.alwaysOnTop ? (Qt.Dialog | Qt.WindowStaysOnTopHint) : Qt.Dialog
     onClosing: function(close) { sheet.closeRequested() }
 
     ColumnLayout {
