@@ -124,6 +124,14 @@ class AuthStoreTest : public QObject {
         return std::make_unique<AuthStore>(m_prefs, m_secrets, m_relay.get(), manualStart());
     }
 
+    // A store for the managed relay's address, started as the application starts it.
+    std::unique_ptr<AuthStore> startOwnedStore(CountedRelay& relay) {
+        m_prefs.setString("relayURL", "http://[::1]:8787/");
+        AuthStoreConfig config = manualStart();
+        config.bootstrapOnStart = true;
+        return std::make_unique<AuthStore>(m_prefs, m_secrets, relay.manager.get(), config);
+    }
+
     // The scripted relay's URL: loopback, on a port that is not the owned default.
     static QString localURL(const ScriptedHttpServer& server) { return server.url().toString(); }
 
@@ -323,15 +331,12 @@ private slots:
         if (somethingListensOnTheOwnedPort())
             QSKIP("something answers on [::1]:8787 on this machine");
         CountedRelay relay;
-        m_prefs.setString("relayURL", "http://[::1]:8787/");
-        AuthStoreConfig config = manualStart();
-        config.bootstrapOnStart = true;
-        AuthStore store(m_prefs, m_secrets, relay.manager.get(), config);
+        const auto store = startOwnedStore(relay);
         // The application now loads its window without handling an event: the relay boots
         // meanwhile, launched by the constructor itself.
         QVERIFY(relay.launchedWithin(3000ms));
         // The check that follows finds that launch and makes no second one.
-        QTRY_COMPARE(store.state(), AuthStore::State::relayUnreachable);
+        QTRY_COMPARE(store->state(), AuthStore::State::relayUnreachable);
         QCOMPARE(relay.launches(), 1);
     }
 
@@ -340,10 +345,7 @@ private slots:
         if (!listening.listen(QHostAddress::LocalHostIPv6, quint16(RelayProcessConfig::defaultPort)))
             QSKIP("[::1]:8787 is taken on this machine");
         CountedRelay relay;
-        m_prefs.setString("relayURL", "http://[::1]:8787/");
-        AuthStoreConfig config = manualStart();
-        config.bootstrapOnStart = true;
-        AuthStore store(m_prefs, m_secrets, relay.manager.get(), config);
+        const auto store = startOwnedStore(relay);
         QVERIFY(!relay.launchedWithin(300ms));
     }
 

@@ -11,6 +11,8 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include <memory>
+
 namespace {
 
 struct Raised {
@@ -66,6 +68,20 @@ bool holds(const AppState& app, const QString& id) {
     return false;
 }
 
+// The notification service's stand-in, and the real relay the app's queue is online with.
+struct OnlineQueue {
+    NotificationService service;
+    RelayFixture relay;
+    std::unique_ptr<SignedInStores> stores;
+
+    bool start() {
+        if (!service.start() || !relay.start())
+            return false;
+        stores = std::make_unique<SignedInStores>(relay.url());
+        return QTest::qWaitFor([this] { return stores->app->online(); });
+    }
+};
+
 } // namespace
 
 // Desktop notifications for new interrupts, on a private session bus with a stand-in for
@@ -102,27 +118,23 @@ private slots:
 
     void newInterruptsAreAnnouncedAndAnsweredFromTheNotification() {
         QVERIFY2(qEnvironmentVariableIsSet("DBUS_SESSION_BUS_ADDRESS"), "run under dbus-run-session");
-        NotificationService service;
-        QVERIFY(service.start());
-        RelayFixture relay;
-        QVERIFY(relay.start());
-        SignedInStores stores(relay.url());
-        AppState& app = *stores.app;
-        QTRY_VERIFY(app.online());
+        OnlineQueue queue;
+        QVERIFY(queue.start());
+        AppState& app = *queue.stores->app;
         // No window of this process has the focus: the application is in the background.
         QVERIFY(QGuiApplication::applicationState() != Qt::ApplicationActive);
         bool raised = false;
-        DesktopNotifier notifier(app, stores.prefs,
+        DesktopNotifier notifier(app, queue.stores->prefs,
                                  DesktopNotifier::Config{{}, [&raised] { raised = true; }, {}});
         QVERIFY(notifier.enabled());
         QSignalSpy notified(&notifier, &DesktopNotifier::notified);
-        RelayClient agent(relay.url(), stores.auth->client()->token());
+        RelayClient agent(queue.relay.url(), queue.stores->auth->client()->token());
 
         // One new interrupt, one notification, within a second of the relay taking it.
         const QString first = raise(agent, "Delete 3 stale branches?");
         QVERIFY(!first.isEmpty());
-        QTRY_COMPARE_WITH_TIMEOUT(service.calls("Notify").size(), 1, 1000);
-        const QJsonObject shown = service.calls("Notify").first();
+        QTRY_COMPARE_WITH_TIMEOUT(queue.service.calls("Notify").size(), 1, 1000);
+        const QJsonObject shown = queue.service.calls("Notify").first();
         QCOMPARE(shown.value("app_name").toString(), "Quillmere");
         QCOMPARE(shown.value("summary").toString(), "nightly-cleanup");
         QCOMPARE(shown.value("body").toString(), "Delete 3 stale branches?");
@@ -133,74 +145,71 @@ private slots:
         QCOMPARE(notified.first().at(0).toString(), first);
         // Later snapshots that still hold it announce nothing again.
         QTest::qWait(300);
-        QCOMPARE(service.calls("Notify").size(), 1);
+        QCOMPARE(queue.service.calls("Notify").size(), 1);
 
         // "Approve" on the notification answers the agent through the relay.
-        service.send(QStringLiteral("invoke %1 approve").arg(shown.value("id").toInteger()));
+        queue.service.send(QStringLiteral("invoke %1 approve").arg(shown.value("id").toInteger()));
         QTRY_VERIFY_WITH_TIMEOUT(!holds(app, first), 5000);
         const auto state = await(agent.get<QJsonObject>("v1/interrupts/" + first));
         QVERIFY(state.ok());
         QCOMPARE(state->value("status").toString(), "decided");
         QCOMPARE(state->value("verdict").toObject().value("verdict").toString(), "approve");
         QCOMPARE(state->value("verdict").toObject().value("source").toString(), "desktop");
-        QCOMPARE(service.calls("Notify").size(), 1);
+        QCOMPARE(queue.service.calls("Notify").size(), 1);
 
         // The person's own verdict in the window: nothing new, and the notice goes away.
         const QString second = raise(agent, "Push to main?");
-        QTRY_COMPARE_WITH_TIMEOUT(service.calls("Notify").size(), 2, 1000);
-        const qint64 secondId = service.calls("Notify").last().value("id").toInteger();
+        QTRY_COMPARE_WITH_TIMEOUT(queue.service.calls("Notify").size(), 2, 1000);
+        const qint64 secondId = queue.service.calls("Notify").last().value("id").toInteger();
         QTRY_VERIFY(holds(app, second));
         app.setSelectedInterruptId(second);
         app.submit({VerdictKind::reject, QString("Reject"), Verdict::desktopSource,
                     QDateTime::currentDateTimeUtc()});
         QTRY_VERIFY_WITH_TIMEOUT(!holds(app, second), 5000);
-        QTRY_COMPARE(service.calls("CloseNotification").size(), 1);
-        QCOMPARE(service.calls("CloseNotification").first().value("id").toInteger(), secondId);
+        QTRY_COMPARE(queue.service.calls("CloseNotification").size(), 1);
+        QCOMPARE(queue.service.calls("CloseNotification").first().value("id").toInteger(), secondId);
         QTest::qWait(300);
-        QCOMPARE(service.calls("Notify").size(), 2);
+        QCOMPARE(queue.service.calls("Notify").size(), 2);
 
         // Turned off in the settings: nothing is announced, and the choice is kept.
         notifier.setEnabled(false);
-        QCOMPARE(stores.prefs.boolValue(DesktopNotifier::enabledKey), std::optional(false));
+        QCOMPARE(queue.stores->prefs.boolValue(DesktopNotifier::enabledKey), std::optional(false));
         const QString third = raise(agent, "Rotate the staging keys?");
         QTRY_VERIFY(holds(app, third));
         QTest::qWait(300);
-        QCOMPARE(service.calls("Notify").size(), 2);
+        QCOMPARE(queue.service.calls("Notify").size(), 2);
 
         // On again: a question offers only to open it, which brings up its item.
         notifier.setEnabled(true);
         const QString fourth = raise(agent, "Which branch?", "question");
-        QTRY_COMPARE_WITH_TIMEOUT(service.calls("Notify").size(), 3, 1000);
-        QCOMPARE(service.calls("Notify").last().value("actions").toArray().toVariantList(),
+        QTRY_COMPARE_WITH_TIMEOUT(queue.service.calls("Notify").size(), 3, 1000);
+        QCOMPARE(queue.service.calls("Notify").last().value("actions").toArray().toVariantList(),
                  QVariantList({"open", "Open", "default", "Open"}));
         QTRY_COMPARE(notified.count(), 3);
-        service.send(
-            QStringLiteral("invoke %1 default").arg(service.calls("Notify").last().value("id").toInteger()));
+        queue.service.send(QStringLiteral("invoke %1 default")
+                               .arg(queue.service.calls("Notify").last().value("id").toInteger()));
         QTRY_COMPARE(app.selectedInterruptId(), std::optional(fourth));
         QCOMPARE(app.screen(), AppState::Screen::item);
         QVERIFY(raised);
     }
 
     void aVerdictThatDoesNotArriveIsAnnouncedAgain() {
-        NotificationService service;
-        QVERIFY(service.start());
-        RelayFixture relay;
-        QVERIFY(relay.start());
-        SignedInStores stores(relay.url());
-        AppState& app = *stores.app;
-        QTRY_VERIFY(app.online());
-        DesktopNotifier notifier(app, stores.prefs, DesktopNotifier::Config{[] { return false; }, {}, {}});
-        RelayClient agent(relay.url(), stores.auth->client()->token());
+        OnlineQueue queue;
+        QVERIFY(queue.start());
+        AppState& app = *queue.stores->app;
+        DesktopNotifier notifier(app, queue.stores->prefs,
+                                 DesktopNotifier::Config{[] { return false; }, {}, {}});
+        RelayClient agent(queue.relay.url(), queue.stores->auth->client()->token());
         const QString id = raise(agent, "Delete 3 stale branches?");
-        QTRY_COMPARE_WITH_TIMEOUT(service.calls("Notify").size(), 1, 1000);
-        const qint64 firstNotice = service.calls("Notify").first().value("id").toInteger();
+        QTRY_COMPARE_WITH_TIMEOUT(queue.service.calls("Notify").size(), 1, 1000);
+        const qint64 firstNotice = queue.service.calls("Notify").first().value("id").toInteger();
 
         // The relay is gone when the person presses "Approve": the answer is not lost
         // silently, the same choice comes back with the reason.
-        relay.stop();
-        service.send(QStringLiteral("invoke %1 approve").arg(firstNotice));
-        QTRY_COMPARE_WITH_TIMEOUT(service.calls("Notify").size(), 2, 5000);
-        const QJsonObject again = service.calls("Notify").last();
+        queue.relay.stop();
+        queue.service.send(QStringLiteral("invoke %1 approve").arg(firstNotice));
+        QTRY_COMPARE_WITH_TIMEOUT(queue.service.calls("Notify").size(), 2, 5000);
+        const QJsonObject again = queue.service.calls("Notify").last();
         QCOMPARE(again.value("summary").toString(), DesktopNotifier::notSentSummary);
         QCOMPARE(again.value("body").toString(), "nightly-cleanup: Delete 3 stale branches?");
         QCOMPARE(again.value("actions").toArray().toVariantList(),
@@ -208,30 +217,26 @@ private slots:
         QVERIFY(holds(app, id));
 
         // Back online, the second notice's "Approve" decides it.
-        QVERIFY(relay.start());
+        QVERIFY(queue.relay.start());
         QTRY_VERIFY_WITH_TIMEOUT(app.online(), 10000);
-        service.send(QStringLiteral("invoke %1 approve").arg(again.value("id").toInteger()));
+        queue.service.send(QStringLiteral("invoke %1 approve").arg(again.value("id").toInteger()));
         QTRY_VERIFY_WITH_TIMEOUT(!holds(app, id), 5000);
         const auto state = await(agent.get<QJsonObject>("v1/interrupts/" + id));
         QVERIFY(state.ok());
         QCOMPARE(state->value("verdict").toObject().value("verdict").toString(), "approve");
-        QCOMPARE(service.calls("Notify").size(), 2);
+        QCOMPARE(queue.service.calls("Notify").size(), 2);
     }
 
     void nothingIsAnnouncedWhileTheWindowIsLookedAt() {
-        NotificationService service;
-        QVERIFY(service.start());
-        RelayFixture relay;
-        QVERIFY(relay.start());
-        SignedInStores stores(relay.url());
-        QTRY_VERIFY(stores.app->online());
-        DesktopNotifier notifier(*stores.app, stores.prefs,
+        OnlineQueue queue;
+        QVERIFY(queue.start());
+        DesktopNotifier notifier(*queue.stores->app, queue.stores->prefs,
                                  DesktopNotifier::Config{[] { return true; }, {}, {}});
-        RelayClient agent(relay.url(), stores.auth->client()->token());
+        RelayClient agent(queue.relay.url(), queue.stores->auth->client()->token());
         const QString id = raise(agent, "Delete 3 stale branches?");
-        QTRY_VERIFY(holds(*stores.app, id));
+        QTRY_VERIFY(holds(*queue.stores->app, id));
         QTest::qWait(300);
-        QCOMPARE(service.calls("Notify").size(), 0);
+        QCOMPARE(queue.service.calls("Notify").size(), 0);
     }
 };
 
