@@ -152,7 +152,11 @@ int32_t CharacterTable::code(std::string_view cluster) {
         return scalar;
     const auto hash = static_cast<uint32_t>(hashBytes(cluster) >> 32);
     const int32_t known = find(cluster, hash);
-    return known >= 0 ? known : store(cluster, hash);
+    if (known >= 0)
+        return known;
+    if (scalar < 0)
+        ++m_multiScalarCount;
+    return store(cluster, hash);
 }
 
 void CharacterTable::appendCharacter(int32_t code, std::string& out) const {

@@ -40,6 +40,9 @@ public:
     std::string_view stored(int32_t code) const;
     /// Number of clusters stored.
     size_t size() const { return m_offsets.size() - 1; }
+    /// Number of stored clusters of more than one scalar (the rest are scalars beyond the
+    /// basic plane): while there are none, no cell's text holds more than one character.
+    size_t multiScalarCount() const { return m_multiScalarCount; }
     /// The code the next new cluster will get.
     int32_t lastCharIndex() const { return kFirstIndex + static_cast<int32_t>(size()); }
 
@@ -62,6 +65,7 @@ private:
     std::vector<uint32_t> m_slotIndex; // the cluster index of each full slot
     // Single scalars beyond the basic plane, cached without touching the arena.
     std::vector<std::pair<char32_t, int32_t>> m_astral;
+    size_t m_multiScalarCount = 0;
 };
 
 } // namespace termkit

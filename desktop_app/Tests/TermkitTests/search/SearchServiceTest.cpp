@@ -186,6 +186,79 @@ TEST(SearchServiceTest, RepeatedFindAllSeesScrollbackBroughtBackAndChanged) {
     EXPECT_EQ(search.findAll("gamma").size(), inText);
 }
 
+// --- Lines passed over by their cells ----------------------------------------------------------
+
+TEST(SearchServiceTest, AColdSearchMakesTextOnlyForLinesThatMayHoldAMatch) {
+    Discard host;
+    Terminal t(&host, sized(30, 5, 200));
+    for (int i = 0; i < 100; ++i)
+        t.feed(i % 25 == 7 ? "a line with latency\r\n"
+                           : "a line of other words " + std::to_string(i) + "\r\n");
+    SearchService search(t);
+    EXPECT_EQ(search.findAll("LATENCY").size(), 4u);
+    EXPECT_EQ(search.lineCache().translations(), 4u);
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_EQ(search.findAll("lat[a-z]+cy", regex).size(), 4u);
+    EXPECT_EQ(search.lineCache().translations(), 4u); // the same four lines' text, kept
+    // A term the cells hold but only as part of a word: the text decides.
+    SearchOptions whole;
+    whole.wholeWord = true;
+    EXPECT_EQ(search.findAll("ate", whole).size(), 0u);
+    EXPECT_EQ(search.findAll("ate").size(), 4u);
+}
+
+TEST(SearchServiceTest, LettersThatFoldToAsciiAreFoundWithoutTheirTextMadeFirst) {
+    Discard host;
+    Terminal t(&host, sized(40, 4));
+    // KELVIN SIGN and LONG S fold to k and s: a search for "kiss" finds "Kiſs".
+    t.feed("plain words\r\n\xe2\x84\xaai\xc5\xbfs here\r\nmore plain words");
+    SearchService search(t);
+    const auto all = search.findAll("KISS");
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].row, LineIndex(1));
+    EXPECT_EQ(all[0].col, Col(0));
+    EXPECT_EQ(all[0].size, 4);
+    SearchOptions exact;
+    exact.caseSensitive = true;
+    EXPECT_TRUE(search.findAll("kiss", exact).empty());
+    // A pattern without case goes by the matcher's folding, which knows them too.
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_EQ(search.findAll("ki[a-z]s", regex).size(), 1u);
+}
+
+TEST(SearchServiceTest, AClusterWhoseTextStartsWithTheTermIsFound) {
+    Discard host;
+    Terminal t(&host, sized(40, 4));
+    // "cafe" with a combining acute on the e: one cell holds "e\u0301", and the text holds "cafe".
+    t.feed("x\r\ncafe\xcc\x81 au lait\r\ny");
+    SearchService search(t);
+    const auto all = search.findAll("cafe");
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].row, LineIndex(1));
+    EXPECT_EQ(all[0].col, Col(0));
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_EQ(search.findAll("caf.", regex).size(), 1u);
+}
+
+TEST(SearchServiceTest, PatternsWhoseStartIsNotFixedStillFindEveryMatch) {
+    Discard host;
+    Terminal t(&host, sized(40, 6));
+    t.feed("color\r\ncolour\r\nac\r\nabbc\r\ndog\r\nCAT");
+    SearchService search(t);
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_EQ(search.findAll("colou?r", regex).size(), 2u);
+    EXPECT_EQ(search.findAll("ab*c", regex).size(), 2u);
+    EXPECT_EQ(search.findAll("ab{0,2}c", regex).size(), 2u);
+    EXPECT_EQ(search.findAll("cat|dog", regex).size(), 2u);
+    regex.caseSensitive = true;
+    EXPECT_EQ(search.findAll("cat|dog", regex).size(), 1u);
+    EXPECT_EQ(search.findAll("CAT", regex).size(), 1u);
+}
+
 // --- Over recorded sessions ------------------------------------------------------------------
 
 TEST(SearchServiceTest, RegexFindsATermSplitAcrossAWrapInARecordedSession) {
