@@ -258,6 +258,11 @@ public:
     void setSemanticContent(uint8_t code) { m_buffer->setSemanticContent(code); }
     /// A line of the active buffer, for extensions that annotate lines (semantic marks).
     BufferLine& annotatableLine(LineIndex index) { return m_buffer->line(index); }
+    /// Whether each line feed tells the extensions (`finishSemanticLineAdvance`): set by
+    /// semantic prompts while a prompt group or a one-row input is open, so that other line
+    /// feeds pay nothing.
+    void setSemanticLineAdvanceWanted(bool wanted) { m_semanticLineAdvanceWanted = wanted; }
+    bool semanticLineAdvanceWanted() const { return m_semanticLineAdvanceWanted; }
     /// Scrolls the active buffer's region up by one line.
     void scroll(bool isWrapped = false) {
         ensureAttributes();
@@ -556,6 +561,7 @@ private:
     std::string m_hostCurrentDirectory;
     std::string m_hostCurrentDocument;
     std::optional<ActiveHyperlink> m_activeHyperlink;
+    bool m_semanticLineAdvanceWanted = false;
     std::unordered_set<uint16_t> m_payloadCodes;
 
     // --- Colours -----------------------------------------------------------------------------------

@@ -362,6 +362,76 @@ TEST(SemanticPromptsTest, TheIMarkMakesTheInputOneRow) {
     EXPECT_EQ(click(semantic, t, 2, 0), times("\x1b[D", 3));
 }
 
+TEST(SemanticPromptsTest, LineFeedsCarryTheGroupAndTheEchoedEnterLeavesIt) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 8), nullptr, &semantic);
+    // bash: a command continued on the next row behind a continuation prompt it does not mark.
+    t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;B\x07"
+           "echo a \\\r\n> b");
+    const uint64_t group = semantic.activeSemanticGroupID();
+    ASSERT_NE(group, 0u);
+    EXPECT_TRUE(t.semanticLineAdvanceWanted());
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(0)), group);
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(1)), group);
+    const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
+    ASSERT_EQ(geometry.rows.size(), 2u);
+    EXPECT_EQ(geometry.rows[1].row, LineIndex(1));
+    // From after "b" back over it, and up across the break to the end of "echo a \".
+    EXPECT_EQ(click(semantic, t, 2, 1), "\x1b[D");
+    EXPECT_EQ(click(semantic, t, 9, 0), times("\x1b[D", 5));
+    // Enter: the shell echoes it, and the line feed carries the group on until output starts.
+    type(semantic, "\r");
+    t.feed("\r\n");
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(2)), group);
+    t.feed("\x1b]133;C\x07");
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(2)));
+    t.feed("a b\r\n");
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(2)));
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(3)));
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(1)), group);
+    EXPECT_FALSE(t.semanticLineAdvanceWanted());
+    // The next prompt is a group of its own, from its own row.
+    t.feed("\x1b]133;D\x07");
+    EXPECT_FALSE(t.semanticLineAdvanceWanted());
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07");
+    EXPECT_TRUE(t.semanticLineAdvanceWanted());
+    const uint64_t next = semantic.activeSemanticGroupID();
+    EXPECT_NE(next, group);
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(3)), next);
+    EXPECT_EQ(semantic.semanticGroupGeometry(t).rows.size(), 1u);
+}
+
+TEST(SemanticPromptsTest, APromptOfTwoRowsIsOneGroupWithItsInputOnTheSecond) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 6), nullptr, &semantic);
+    t.feed("\x1b]133;A;cl=m\x07user@host ~/src\r\n$ \x1b]133;B\x07ls -l");
+    const uint64_t group = semantic.activeSemanticGroupID();
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(1)), group);
+    EXPECT_EQ(semantic.activeSemanticPromptOrigin(t), Position(Col(0), LineIndex(0)));
+    ASSERT_EQ(semantic.semanticGroupGeometry(t).rows.size(), 2u);
+    // The prompt's first row holds no input: a click there is not the input's.
+    EXPECT_EQ(click(semantic, t, 3, 0), kNotTaken);
+    EXPECT_EQ(click(semantic, t, 3, 1), times("\x1b[D", 4));
+}
+
+TEST(SemanticPromptsTest, TheInputOfAnIMarkEndsWithItsRow) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 6), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07"
+           "Continue? \x1b]133;I\x07"
+           "yes");
+    EXPECT_TRUE(t.semanticLineAdvanceWanted());
+    t.feed("\r\nfine, going on");
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, LineIndex(0), Col(10)), SemanticContent::input());
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, LineIndex(1), Col(0)), SemanticContent::output());
+    EXPECT_FALSE(t.semanticLineAdvanceWanted());
+    // The row after it did not join the group.
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(1)));
+}
+
 TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
     Discard host;
     SemanticPrompts semantic;
