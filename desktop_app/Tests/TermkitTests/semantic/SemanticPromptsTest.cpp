@@ -432,6 +432,44 @@ TEST(SemanticPromptsTest, TheInputOfAnIMarkEndsWithItsRow) {
     EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(1)));
 }
 
+// The marks of the row a text starts on, as (column, kind) pairs.
+std::vector<std::pair<int, uint8_t>> marksOfRowStarting(const Terminal& t, std::string_view text) {
+    const Buffer& b = t.buffer();
+    for (int r = 0; r < b.lineCount(); ++r) {
+        const BufferLine& line = b.line(LineIndex(r));
+        if (line.translateToString(t.tables().characters).starts_with(text)) {
+            std::vector<std::pair<int, uint8_t>> out;
+            for (const SemanticMark& m : line.semanticMarks())
+                out.emplace_back(m.column, m.kind);
+            return out;
+        }
+    }
+    return {{-1, 0}};
+}
+
+TEST(SemanticPromptsTest, ReflowMovesMarksWithTheirCells) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(10, 6), nullptr, &semantic);
+    // "$ 01234567" and, wrapped, "89AB", with a right-prompt mark after the "89".
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
+           "0123456789\x1b]133;P;k=r\x07"
+           "AB\x1b]133;C\x07\r\nout");
+    const uint8_t prompt = SemanticContent::prompt(SemanticPromptKind::initial).code();
+    const uint8_t input = SemanticContent::input().code();
+    const uint8_t right = SemanticContent::prompt(SemanticPromptKind::right).code();
+    const uint8_t output = SemanticContent::output().code();
+    ASSERT_EQ(marksOfRowStarting(t, "$ 0"), (std::vector<std::pair<int, uint8_t>>{{0, prompt}, {2, input}}));
+    // Wider: the wrapped row joins the first, and its mark moves along with its cells.
+    t.resize(20, 6);
+    EXPECT_EQ(marksOfRowStarting(t, "$ 0"),
+              (std::vector<std::pair<int, uint8_t>>{{0, prompt}, {2, input}, {12, right}, {14, output}}));
+    // Narrower: each mark lands on the row its cell went to.
+    t.resize(5, 6);
+    EXPECT_EQ(marksOfRowStarting(t, "$ 0"), (std::vector<std::pair<int, uint8_t>>{{0, prompt}, {2, input}}));
+    EXPECT_EQ(marksOfRowStarting(t, "89AB"), (std::vector<std::pair<int, uint8_t>>{{2, right}, {4, output}}));
+}
+
 TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
     Discard host;
     SemanticPrompts semantic;
