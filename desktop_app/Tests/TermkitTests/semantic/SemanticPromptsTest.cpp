@@ -470,6 +470,25 @@ TEST(SemanticPromptsTest, ReflowMovesMarksWithTheirCells) {
     EXPECT_EQ(marksOfRowStarting(t, "89AB"), (std::vector<std::pair<int, uint8_t>>{{2, right}, {4, output}}));
 }
 
+TEST(SemanticPromptsTest, ErasingTheScreenDropsTheMarksOfTheRowsItEmpties) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07ls\r\n\x1b]133;A;k=c\x07> ");
+    ASSERT_EQ(SemanticPrompts::semanticPromptMarks(t).size(), 2u);
+    // Erasing below the first row empties the second: its mark goes, the first row's stays.
+    t.feed("\x1b[1;3H\x1b[J");
+    ASSERT_EQ(SemanticPrompts::semanticPromptMarks(t).size(), 1u);
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(1)));
+    t.feed("\x1b[2J");
+    EXPECT_TRUE(SemanticPrompts::semanticPromptMarks(t).empty());
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(0)));
+    // With its rows gone, the prompt takes no click; the next prompt starts afresh.
+    EXPECT_EQ(click(semantic, t, 2, 0), kNotTaken);
+    t.feed("\x1b[H\x1b]133;A\x07$ \x1b]133;B\x07");
+    EXPECT_EQ(SemanticPrompts::semanticPromptMarks(t).size(), 1u);
+}
+
 TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
     Discard host;
     SemanticPrompts semantic;
