@@ -221,9 +221,6 @@ bool SearchEngine::mayMatch(const SearchLineSlot& slot, LineIndex row) const {
     const BufferLine& line = m_terminal.buffer().line(row);
     const CharData* cells = line.cells();
     const int n = std::min(line.cleanFrom(), line.count());
-    if ((m_cellLiteralNeedsAscii || m_terminal.tables().characters.multiScalarCount() != 0) &&
-        !allAsciiOneColumn(cells, n))
-        return true;
     const std::string_view literal = m_cellLiteral;
     if (m_cellLiteralNeedsAscii || m_terminal.tables().characters.multiScalarCount() != 0) {
         if (!allAsciiOneColumn(cells, n))
