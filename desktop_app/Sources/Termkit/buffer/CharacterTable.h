@@ -45,8 +45,9 @@ public:
 
 private:
     int32_t astralCode(char32_t scalar);
-    int32_t find(std::string_view cluster, uint32_t hash) const;
-    int32_t store(std::string_view cluster, uint32_t hash);
+    // The code of a known cluster, or -1 and the slot a new one takes.
+    int32_t find(std::string_view cluster, uint32_t hash, size_t& freeSlot) const;
+    int32_t store(std::string_view cluster, uint32_t hash, size_t freeSlot);
     void place(uint32_t index, uint32_t hash);
     void rehash(size_t slots);
 

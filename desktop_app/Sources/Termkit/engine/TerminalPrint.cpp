@@ -216,6 +216,19 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
     return true;
 }
 
+// Where a cell's width sits in the word after its code.
+constexpr int kWidthShift = 8 * static_cast<int>(offsetof(CharData, width) - 4);
+static_assert(offsetof(CharData, code) == 0 && offsetof(CharData, attribute) == 4 && sizeof(CharData) == 12);
+
+// Insert mode, the character set, the margins, the attribute, the payload and the semantic
+// class stay as they are for the whole of a print call: the word loop reads them once.
+void Terminal::prepareWordLoop(RowCache& row, uint16_t payload) const {
+    row.wordLoop = !m_modes.insertMode && m_charset == nullptr;
+    row.limit = rightLimit().value;
+    const CharData spacer{0, m_modes.curAttr, payload, 0, m_buffer->semanticContent()};
+    std::memcpy(&row.cellRest, reinterpret_cast<const char*>(&spacer) + 4, 8);
+}
+
 // After a plain scalar written into the cached row, the scalars that follow it are very
 // often plain too (a word of one script): they go straight into the row in one loop, each
 // decoded, looked up and written once, until anything that needs the general path (a mark,
@@ -224,22 +237,16 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
 // decodeShort does: calling decodeShort here measured a few per cent slower on wide and
 // mixed-script text, and this loop exists for that speed. A cell is written as its code and
 // one 8-byte word for the rest, and the width comes from the two-bit plane table.
-void Terminal::continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload) {
+void Terminal::continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i) {
     Buffer& b = *m_buffer;
     int x = b.x().value;
-    if (row.line == nullptr || x != row.plainEnd || m_modes.insertMode || m_charset != nullptr)
+    if (row.line == nullptr || x != row.plainEnd || !row.wordLoop)
         return;
-    const int limit = rightLimit().value;
+    const int limit = row.limit;
     CharData* cells = row.line->cellsForWrite(x);
     const int start = x;
-    // Everything of a cell after its code, as one word: attribute, payload, width (0 here, as
-    // in the right half of a wide scalar), semantic class. A cell is then two stores.
-    const CharData spacer{0, m_modes.curAttr, payload, 0, b.semanticContent()};
-    static_assert(offsetof(CharData, code) == 0 && offsetof(CharData, attribute) == 4 &&
-                  sizeof(CharData) == 12);
-    uint64_t rest;
-    std::memcpy(&rest, reinterpret_cast<const char*>(&spacer) + 4, 8);
-    constexpr int kWidthShift = 8 * static_cast<int>(offsetof(CharData, width) - 4);
+    // A cell is two stores: its code, and one word for the rest.
+    const uint64_t rest = row.cellRest;
     const uint64_t narrow = rest | uint64_t(1) << kWidthShift;
     const uint64_t wide = rest | uint64_t(2) << kWidthShift;
     auto write = [](CharData * cell, int32_t code, uint64_t tail) __attribute__((always_inline)) {
@@ -457,6 +464,7 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
     if (m_carriedCount > 0 && !finishCarried(p, n, i, payload))
         return;
     RowCache row;
+    prepareWordLoop(row, payload);
     while (i < n) {
         const uint8_t byte = p[i];
         if (byte < 0x80) {
@@ -464,7 +472,7 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
             // takes the ASCII and whatever plain text follows it in one go.
             if (row.line != nullptr && row.plainEnd == m_buffer->x().value) {
                 const int from = i;
-                continuePlainRun(row, p, n, i, payload);
+                continuePlainRun(row, p, n, i);
                 if (i != from)
                     continue;
             }
@@ -498,7 +506,7 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
             continue;
         if (width > 0 && (info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) == 0 &&
             writePlainScalar(row, static_cast<char32_t>(c), width, payload)) {
-            continuePlainRun(row, p, n, i, payload);
+            continuePlainRun(row, p, n, i);
             continue;
         }
         if (width == 0 && c != UnicodeUtil::kTextSelector && c != UnicodeUtil::kEmojiSelector &&
