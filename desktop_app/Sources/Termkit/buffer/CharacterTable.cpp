@@ -60,7 +60,9 @@ uint64_t hashBytes(std::string_view s) {
         h = (h ^ v) * 0xFF51AFD7ED558CCDull;
         h ^= h >> 32;
     }
-    h = (h ^ loadPartial(s.data() + i, s.size() - i)) * 0xC4CEB9FE1A85EC53ull;
+    uint64_t tail = 0;
+    std::memcpy(&tail, s.data() + i, s.size() - i);
+    h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
     return h ^ (h >> 29);
 }
 
