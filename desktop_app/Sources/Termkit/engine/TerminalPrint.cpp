@@ -233,7 +233,8 @@ void Terminal::prepareWordLoop(RowCache& row, uint16_t payload) const {
 // often plain too (a word of one script): they go straight into the row in one loop, each
 // decoded, looked up and written once, until anything that needs the general path (a mark,
 // a joiner, a flag letter, an emoji, a malformed or cut sequence, a control, the edge of
-// the row, an active character set). It decodes two- and three-byte sequences itself, as
+// the row, an active character set); a mark on the scalar before is joined on the way. It
+// decodes two- and three-byte sequences itself, as
 // decodeShort does: calling decodeShort here measured a few per cent slower on wide and
 // mixed-script text, and this loop exists for that speed. A cell is written as its code and
 // one 8-byte word for the rest, and the width comes from the two-bit plane table.
@@ -244,7 +245,23 @@ void Terminal::continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i) 
         return;
     const int limit = row.limit;
     CharData* cells = row.line->cellsForWrite(x);
-    const int start = x;
+    // Where the cells written since the loop started, or since the last mark it joined, begin.
+    int segmentStart = x;
+    // What leaving the loop leaves behind: the cursor after the cells written, the row's
+    // plain end, and the last scalar written (the cell before the cursor, or the one before
+    // that when it is the right half of a wide scalar).
+    auto finishSegment = [&]() __attribute__((always_inline)) {
+        if (x == segmentStart)
+            return;
+        row.line->cellsForWrite(x);
+        b.setX(Col(x));
+        row.plainEnd = x;
+        const CharData& last = cells[x - 1].width == 0 ? cells[x - 2] : cells[x - 1];
+        m_lastCode = last.code;
+        m_lastWidth = last.width;
+        m_hasLastChar = true;
+        segmentStart = x;
+    };
     // A cell is two stores: its code, and one word for the rest.
     const uint64_t rest = row.cellRest;
     const uint64_t narrow = rest | uint64_t(1) << kWidthShift;
@@ -289,7 +306,21 @@ void Terminal::continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i) 
             break;
         }
         const int width = static_cast<int>(UnicodeUtil::plainWidth(static_cast<char32_t>(c)));
-        if (width == 0 || x + width - 1 > limit)
+        if (width == 0) {
+            // A scalar of no width (a mark, mostly) joins the cell before in place, as in the
+            // general path, and the word goes on after it unless its cluster calls for more.
+            const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+            if ((info & UnicodeUtil::kWidthMask) != 1 || c == UnicodeUtil::kTextSelector ||
+                c == UnicodeUtil::kEmojiSelector || x == 0)
+                break;
+            finishSegment();
+            pos += length;
+            joinZeroWidth(row, static_cast<char32_t>(c), info, p, n, pos);
+            if (row.plainEnd != x)
+                break;
+            continue;
+        }
+        if (x + width - 1 > limit)
             break;
         if (width == 2) {
             write(cells + x, c, wide);
@@ -301,17 +332,7 @@ void Terminal::continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i) 
         pos += length;
     }
     i = pos;
-    if (x == start)
-        return;
-    row.line->cellsForWrite(x);
-    b.setX(Col(x));
-    row.plainEnd = x;
-    // The last scalar written: the cell before the cursor, or the one before that when it
-    // is the right half of a wide scalar.
-    const CharData& last = cells[x - 1].width == 0 ? cells[x - 2] : cells[x - 1];
-    m_lastCode = last.code;
-    m_lastWidth = last.width;
-    m_hasLastChar = true;
+    finishSegment();
 }
 
 // Writes the cluster of a cell's code into `out` as UTF-8 and returns its length, or a

@@ -554,6 +554,28 @@ TEST(TerminalTest, TextAfterAMarkedLetterGoesOnInTheSameWord) {
         EXPECT_EQ(cells[col].attribute, bold) << col;
 }
 
+TEST(TerminalTest, MarksInsideAWordJoinTheirLettersAndTheWordGoesOn) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(12, 3));
+    // A Cyrillic letter with a mark, an ASCII letter with two, a joiner that leaves its
+    // cluster calling for more (a letter after it still takes a cell of its own), then REP,
+    // which repeats the last scalar written: the letter, not the cluster it became.
+    t.feed("\xd0\x96\xcc\x81"
+           "a\xcc\x82\xcc\x83"
+           "b\xe2\x80\x8d"
+           "c\xd0\xb8\xcc\x81\x1b[b");
+    const CharData* cells = t.buffer().screenLine(ScreenRow(0)).cells();
+    EXPECT_EQ(t.character(cells[0].code), "\xd0\x96\xcc\x81");
+    EXPECT_EQ(t.character(cells[1].code), "a\xcc\x82\xcc\x83");
+    EXPECT_EQ(t.character(cells[2].code), "b\xe2\x80\x8d");
+    EXPECT_EQ(cells[3].code, 'c');
+    EXPECT_EQ(t.character(cells[4].code), "\xd0\xb8\xcc\x81");
+    EXPECT_EQ(cells[5].code, 0x0438);
+    EXPECT_EQ(t.buffer().x(), Col(6));
+    for (int col = 0; col < 6; ++col)
+        EXPECT_EQ(cells[col].width, 1) << col;
+}
+
 TEST(TerminalTest, RepeatAfterAWideScalarInAWordRepeatsTheWideScalar) {
     RecordingTerminalDelegate host;
     Terminal t(&host, sized(10, 2));
