@@ -81,6 +81,14 @@ inline bool sameBytes(const char* a, const char* b, size_t length) {
     return std::memcmp(a, b, length) == 0;
 }
 
+// The control byte of a full slot: the low eight bits of the hash, any value but the empty
+// marker. Eight bits rather than seven halve the clusters compared in vain, each of them
+// reads from memory the probe has not touched yet.
+inline uint8_t tagOf(uint32_t hash) {
+    const auto tag = static_cast<uint8_t>(hash);
+    return tag == 0x80 ? 0x81 : tag;
+}
+
 // Bit i set where byte i of a group of 16 control bytes equals `value`.
 uint32_t matchByte(const uint8_t* group, uint8_t value) {
 #if defined(__SSE2__)
@@ -99,7 +107,9 @@ uint32_t matchByte(const uint8_t* group, uint8_t value) {
 
 CharacterTable::CharacterTable()
     : m_offsets{0}, m_control(kInitialSlots, kEmpty), m_slotIndex(kInitialSlots),
-      m_astral(kAstralCacheSize, {0, 0}) {}
+      m_astral(kAstralCacheSize, {0, 0}) {
+    static_assert(kEmpty == 0x80, "tagOf keeps full slots off the empty marker");
+}
 
 std::string_view CharacterTable::stored(int32_t code) const {
     const int64_t index = static_cast<int64_t>(code) - kFirstIndex;
@@ -111,8 +121,8 @@ std::string_view CharacterTable::stored(int32_t code) const {
 
 int32_t CharacterTable::find(std::string_view cluster, uint32_t hash, size_t& freeSlot) const {
     const size_t groupMask = m_control.size() / kGroupSize - 1;
-    const auto tag = static_cast<uint8_t>(hash & 0x7F);
-    for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
+    const uint8_t tag = tagOf(hash);
+    for (size_t group = (hash >> 8) & groupMask;; group = (group + 1) & groupMask) {
         const uint8_t* control = m_control.data() + group * kGroupSize;
         for (uint32_t bits = matchByte(control, tag); bits != 0; bits &= bits - 1) {
             const uint32_t index = m_slotIndex[group * kGroupSize + static_cast<size_t>(__builtin_ctz(bits))];
@@ -132,12 +142,12 @@ int32_t CharacterTable::find(std::string_view cluster, uint32_t hash, size_t& fr
 
 void CharacterTable::place(uint32_t index, uint32_t hash) {
     const size_t groupMask = m_control.size() / kGroupSize - 1;
-    for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
+    for (size_t group = (hash >> 8) & groupMask;; group = (group + 1) & groupMask) {
         const uint32_t free = matchByte(m_control.data() + group * kGroupSize, kEmpty);
         if (free == 0)
             continue;
         const size_t slot = group * kGroupSize + static_cast<size_t>(__builtin_ctz(free));
-        m_control[slot] = static_cast<uint8_t>(hash & 0x7F);
+        m_control[slot] = tagOf(hash);
         m_slotIndex[slot] = index;
         return;
     }
@@ -165,7 +175,7 @@ int32_t CharacterTable::store(std::string_view cluster, uint32_t hash, size_t fr
         rehash(m_control.size() * 2);
     } else {
         // The probe that missed the cluster already found its slot.
-        m_control[freeSlot] = static_cast<uint8_t>(hash & 0x7F);
+        m_control[freeSlot] = tagOf(hash);
         m_slotIndex[freeSlot] = index;
     }
     return kFirstIndex + static_cast<int32_t>(index);
