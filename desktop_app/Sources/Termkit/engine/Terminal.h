@@ -318,6 +318,13 @@ private:
         // The column right after the last cell this cache wrote with a single scalar of its own
         // width, which never calls for the next one to join it; -1 when unknown.
         int plainEnd = -1;
+        // Set once per print call, for the word loop: whether it may run at all (no insert
+        // mode, no character set), the last column it may write, and a cell's bytes after
+        // its code (attribute, payload, width 0, semantic class), which stay the same
+        // throughout a call.
+        bool wordLoop = false;
+        int limit = 0;
+        uint64_t cellRest = 0;
         void release() {
             if (line != nullptr)
                 line->touch();
@@ -328,7 +335,8 @@ private:
     // The cached row's line, made the cursor's line first if it was another one.
     BufferLine& cursorLine(RowCache& row);
     bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
-    void continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload);
+    void prepareWordLoop(RowCache& row, uint16_t payload) const;
+    void continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i);
     bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
     size_t cellCluster(int32_t code, char* out, size_t room) const;
     static int extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length);
