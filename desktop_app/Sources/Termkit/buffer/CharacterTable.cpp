@@ -119,15 +119,21 @@ std::string_view CharacterTable::stored(int32_t code) const {
     return std::string_view(m_arena.data() + m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
 }
 
-int32_t CharacterTable::find(std::string_view cluster, uint32_t hash, size_t& freeSlot) const {
+// Inlined into its callers: most clusters looked up are new, and the probe that rules one
+// out is short enough for a call's spills to be a good part of it.
+__attribute__((always_inline)) inline int32_t CharacterTable::find(std::string_view cluster, uint32_t hash,
+                                                                   size_t& freeSlot) const {
     const size_t groupMask = m_control.size() / kGroupSize - 1;
     const uint8_t tag = tagOf(hash);
+    const uint8_t* controls = m_control.data();
+    const uint32_t* slotIndex = m_slotIndex.data();
+    const uint32_t* offsets = m_offsets.data();
     for (size_t group = (hash >> 8) & groupMask;; group = (group + 1) & groupMask) {
-        const uint8_t* control = m_control.data() + group * kGroupSize;
+        const uint8_t* control = controls + group * kGroupSize;
         for (uint32_t bits = matchByte(control, tag); bits != 0; bits &= bits - 1) {
-            const uint32_t index = m_slotIndex[group * kGroupSize + static_cast<size_t>(__builtin_ctz(bits))];
-            const uint32_t begin = m_offsets[index];
-            if (m_offsets[index + 1] - begin == cluster.size() &&
+            const uint32_t index = slotIndex[group * kGroupSize + static_cast<size_t>(__builtin_ctz(bits))];
+            const uint32_t begin = offsets[index];
+            if (offsets[index + 1] - begin == cluster.size() &&
                 sameBytes(m_arena.data() + begin, cluster.data(), cluster.size()))
                 return kFirstIndex + static_cast<int32_t>(index);
         }
@@ -140,34 +146,60 @@ int32_t CharacterTable::find(std::string_view cluster, uint32_t hash, size_t& fr
     }
 }
 
-void CharacterTable::place(uint32_t index, uint32_t hash) {
-    const size_t groupMask = m_control.size() / kGroupSize - 1;
-    for (size_t group = (hash >> 8) & groupMask;; group = (group + 1) & groupMask) {
-        const uint32_t free = matchByte(m_control.data() + group * kGroupSize, kEmpty);
-        if (free == 0)
-            continue;
-        const size_t slot = group * kGroupSize + static_cast<size_t>(__builtin_ctz(free));
-        m_control[slot] = tagOf(hash);
-        m_slotIndex[slot] = index;
-        return;
-    }
-}
-
 void CharacterTable::rehash(size_t slots) {
     m_control.assign(slots, kEmpty);
     m_slotIndex.assign(slots, 0);
-    for (uint32_t index = 0; index < m_hashes.size(); ++index)
-        place(index, m_hashes[index]);
+    // Byte stores may alias anything, so the tables are held in locals for the loop: through
+    // the members every control byte written would make the compiler reload them.
+    uint8_t* controls = m_control.data();
+    uint32_t* slotIndex = m_slotIndex.data();
+    const uint32_t* hashes = m_hashes.data();
+    const size_t groupMask = slots / kGroupSize - 1;
+    const auto count = static_cast<uint32_t>(m_hashes.size());
+    for (uint32_t index = 0; index < count; ++index) {
+        const uint32_t hash = hashes[index];
+        for (size_t group = (hash >> 8) & groupMask;; group = (group + 1) & groupMask) {
+            const uint32_t free = matchByte(controls + group * kGroupSize, kEmpty);
+            if (free == 0)
+                continue;
+            const size_t slot = group * kGroupSize + static_cast<size_t>(__builtin_ctz(free));
+            controls[slot] = tagOf(hash);
+            slotIndex[slot] = index;
+            break;
+        }
+    }
 }
 
 int32_t CharacterTable::store(std::string_view cluster, uint32_t hash, size_t freeSlot) {
     const auto index = static_cast<uint32_t>(size());
     // The arena grows by doubling and is written with a plain copy.
+    // Short clusters, nearly all of them, are copied as two overlapping words.
     const size_t used = m_offsets.back();
     if (used + cluster.size() > m_arena.size()) {
         m_arena.resize(std::max<size_t>(m_arena.size() * 2, used + cluster.size() + 4096));
     }
-    std::memcpy(m_arena.data() + used, cluster.data(), cluster.size());
+    char* to = m_arena.data() + used;
+    if (cluster.size() >= 8 && cluster.size() <= 16) {
+        uint64_t head;
+        uint64_t tail;
+        std::memcpy(&head, cluster.data(), 8);
+        std::memcpy(&tail, cluster.data() + cluster.size() - 8, 8);
+        std::memcpy(to, &head, 8);
+        std::memcpy(to + cluster.size() - 8, &tail, 8);
+    } else if (cluster.size() >= 4 && cluster.size() < 8) {
+        uint32_t head;
+        uint32_t tail;
+        std::memcpy(&head, cluster.data(), 4);
+        std::memcpy(&tail, cluster.data() + cluster.size() - 4, 4);
+        std::memcpy(to, &head, 4);
+        std::memcpy(to + cluster.size() - 4, &tail, 4);
+    } else if (!cluster.empty() && cluster.size() < 4) {
+        to[0] = cluster[0];
+        to[cluster.size() / 2] = cluster[cluster.size() / 2];
+        to[cluster.size() - 1] = cluster[cluster.size() - 1];
+    } else {
+        std::memcpy(to, cluster.data(), cluster.size());
+    }
     m_offsets.push_back(static_cast<uint32_t>(used + cluster.size()));
     m_hashes.push_back(hash);
     // Full groups make probes long; past seven eighths the index doubles.
@@ -205,6 +237,16 @@ int32_t CharacterTable::code(std::string_view cluster) {
         return known;
     if (scalar < 0)
         ++m_multiScalarCount;
+    return store(cluster, hash, freeSlot);
+}
+
+int32_t CharacterTable::clusterCode(std::string_view cluster) {
+    const auto hash = static_cast<uint32_t>(hashBytes(cluster) >> 32);
+    size_t freeSlot = 0;
+    const int32_t known = find(cluster, hash, freeSlot);
+    if (known >= 0)
+        return known;
+    ++m_multiScalarCount;
     return store(cluster, hash, freeSlot);
 }
 

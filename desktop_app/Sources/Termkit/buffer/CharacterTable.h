@@ -26,6 +26,10 @@ public:
 
     /// The code of a cluster given as UTF-8.
     int32_t code(std::string_view cluster);
+    /// The code of a cluster known to hold more than one scalar and to be no CR LF (a
+    /// character and its marks, say): the same code `code` gives it, found without the
+    /// checks for the cases that are no table entry.
+    int32_t clusterCode(std::string_view cluster);
     /// The code of a single scalar; scalars beyond the basic plane go through the table.
     int32_t code(char32_t scalar) {
         if (scalar < 0x10000)
@@ -51,7 +55,6 @@ private:
     // The code of a known cluster, or -1 and the slot a new one takes.
     int32_t find(std::string_view cluster, uint32_t hash, size_t& freeSlot) const;
     int32_t store(std::string_view cluster, uint32_t hash, size_t freeSlot);
-    void place(uint32_t index, uint32_t hash);
     void rehash(size_t slots);
 
     // indexToCharMap: cluster i is m_arena[m_offsets[i], m_offsets[i + 1]); the arena's

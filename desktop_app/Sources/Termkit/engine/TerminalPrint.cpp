@@ -397,7 +397,8 @@ Terminal::joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint
             const size_t first = length;
             const int end = extendingMarksEnd(p, n, i, cluster, sizeof cluster, length);
             if (length > first) {
-                cells[col].code = m_tables->characters.code(std::string_view(cluster, length));
+                // The cell's cluster and at least two marks: never a single scalar.
+                cells[col].code = m_tables->characters.clusterCode(std::string_view(cluster, length));
                 i = end;
                 if (!endsInJoiner(std::string_view(cluster, length)))
                     row.plainEnd = x;

@@ -213,6 +213,41 @@ TEST(CharacterTableTest, EveryClusterKeepsItsCodeAcrossGrowth) {
     EXPECT_EQ(longer, table.lastCharIndex() - 1);
 }
 
+// The print path looks up a character and its marks with clusterCode, other paths with
+// code: whichever comes first, a cluster gets one code, and every one is counted as a
+// cluster of more than one scalar.
+TEST(CharacterTableTest, ClusterCodeAndCodeGiveAClusterTheSameCode) {
+    CharacterTable table;
+    std::unordered_map<std::string, int32_t> first;
+    size_t calls = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::string c;
+        appendUtf8(static_cast<char32_t>(i % 3 == 0 ? 'a' + i % 26 : 0x430 + i % 32), c);
+        for (int k = 0; k <= i % 9; ++k)
+            appendUtf8(static_cast<char32_t>(0x300 + (i / (k + 1) + k) % 0x70), c);
+        // Each cluster twice, through one call and then the other, in turns.
+        for (int twice = 0; twice < 2; ++twice) {
+            const bool viaCluster = (i + twice) % 2 == 0;
+            const int32_t code =
+                viaCluster ? table.clusterCode(std::string_view(c)) : table.code(std::string_view(c));
+            ++calls;
+            const auto [it, fresh] = first.emplace(c, code);
+            if (!fresh) {
+                ASSERT_EQ(code, it->second) << i;
+            }
+            ASSERT_EQ(table.character(code), c);
+        }
+    }
+    EXPECT_EQ(calls, 40000u);
+    EXPECT_GT(first.size(), 5000u); // enough to grow the index a few times
+    EXPECT_EQ(table.size(), first.size());
+    EXPECT_EQ(table.multiScalarCount(), first.size());
+    // A scalar beyond the basic plane is stored too, but is no cluster of several scalars.
+    table.code(U'\U0001F600');
+    EXPECT_EQ(table.size(), first.size() + 1);
+    EXPECT_EQ(table.multiScalarCount(), first.size());
+}
+
 } // namespace
 } // namespace termkit
 
