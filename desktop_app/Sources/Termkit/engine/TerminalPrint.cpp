@@ -351,8 +351,25 @@ size_t Terminal::cellCluster(int32_t code, char* out, size_t room) const {
 // Copies the marks that directly follow `i` in the chunk into `out` (after `length` bytes)
 // as long as each one extends any cluster and has no width, and returns where they end.
 // Stops before anything else, a sequence cut by the chunk, or when `out` would overflow.
-int Terminal::extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length) {
+// The combining diacritical marks (U+0300 to U+036F, two bytes from CC 80 to CD AF), the
+// marks met most, all extend any cluster and have no width: they are taken without being
+// decoded and looked up.
+__attribute__((always_inline)) inline int
+Terminal::extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length) {
     while (i < n) {
+        if (i + 1 < n) {
+            // One test for the block: the two bytes as a number from CC 80 to CD AF whose
+            // low byte is a continuation byte.
+            const auto pair = static_cast<uint32_t>(p[i] << 8 | p[i + 1]);
+            if ((static_cast<uint32_t>(pair - 0xCC80) < 0x130) & ((pair & 0xC0) == 0x80)) {
+                if (length + 2 > capacity)
+                    break;
+                std::memcpy(out + length, p + i, 2);
+                length += 2;
+                i += 2;
+                continue;
+            }
+        }
         int32_t c = -1;
         const int bytes = decodeShort(p, n, i, c);
         if (bytes == 0 || c < 0)

@@ -40,6 +40,17 @@ TEST(UnicodeUtilTest, WidthRules) {
     EXPECT_EQ(UnicodeUtil::computeColumnWidth(0x231A), 2);
 }
 
+// The print path takes these marks, the ones met most, without looking them up.
+TEST(UnicodeUtilTest, CombiningDiacriticalMarksExtendAnyClusterAndHaveNoWidth) {
+    for (char32_t c = 0x300; c <= 0x36F; ++c) {
+        const uint8_t info = UnicodeUtil::info(c);
+        EXPECT_EQ(info & UnicodeUtil::kWidthMask, 1) << std::hex << static_cast<uint32_t>(c);
+        EXPECT_NE(info & UnicodeUtil::kExtendsCluster, 0) << std::hex << static_cast<uint32_t>(c);
+        EXPECT_NE(c, UnicodeUtil::kTextSelector);
+        EXPECT_NE(c, UnicodeUtil::kEmojiSelector);
+    }
+}
+
 TEST(UnicodeUtilTest, PackedTableAgreesWithTheRulesForEveryScalar) {
     for (char32_t c = 0; c <= 0x10FFFF; ++c) {
         ASSERT_EQ(UnicodeUtil::width(c), UnicodeUtil::computeColumnWidth(c))
