@@ -6,7 +6,10 @@
 #include <iterator>
 #include <random>
 #include <string>
+#include <vector>
 
+#include "Termkit/buffer/CharacterTable.h"
+#include "Termkit/buffer/Utf8.h"
 #include "Termkit/engine/Terminal.h"
 
 #include "AllocationCounter.h"
@@ -218,6 +221,28 @@ void BM_Scrolling(benchmark::State& state) {
     feedBenchmark(state, scrollText());
 }
 
+// Letters with stacked marks met for the first time, as such text brings them: each one
+// misses in the index and is stored, and the index grows as it fills. A fresh table per
+// iteration, so this counts the growth too (it allocates, unlike the feed benchmarks).
+void BM_CharacterTableNewClusters(benchmark::State& state) {
+    std::vector<std::string> clusters;
+    std::mt19937 rng(11);
+    for (int i = 0; i < 65536; ++i) {
+        std::string c;
+        termkit::appendUtf8(static_cast<char32_t>('a' + rng() % 26), c);
+        const int marks = 1 + static_cast<int>(rng() % 4);
+        for (int m = 0; m < marks; ++m)
+            termkit::appendUtf8(static_cast<char32_t>(0x300 + rng() % 0x70), c);
+        clusters.push_back(std::move(c));
+    }
+    for (auto _ : state) {
+        termkit::CharacterTable table;
+        for (const std::string& c : clusters)
+            benchmark::DoNotOptimize(table.clusterCode(c));
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(clusters.size()));
+}
+
 BENCHMARK(BM_AsciiRun)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Sgr)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_SgrRepeated)->Args({80, 24})->Args({200, 50});
@@ -226,6 +251,7 @@ BENCHMARK(BM_Utf8MixedScripts)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8MarkedLetters)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8EmojiSequences)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Scrolling)->Args({80, 24})->Args({200, 50});
+BENCHMARK(BM_CharacterTableNewClusters);
 
 } // namespace
 
