@@ -304,6 +304,15 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
         return 0;
     const int right = rightLimit().value;
     const CharData proto{0, modes.curAttr, payload, 1, m_semanticContent};
+    const int start = m_x.value;
+    if (start + count <= right + 1) [[likely]] {
+        // The whole run fits on the row: one write, no wrapping to consider.
+        BufferLine& line = screenLine(m_y);
+        writeAsciiCells(line.cellsForWrite(start + count) + start, data, count, proto);
+        line.touch();
+        m_x = Col(start + count);
+        return count;
+    }
     int taken = 0;
     while (taken < count) {
         if (m_x.value > right) {
