@@ -308,7 +308,7 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
     if (start + count <= right + 1) [[likely]] {
         // The whole run fits on the row: one write, no wrapping to consider.
         BufferLine& line = screenLine(m_y);
-        writeAsciiCells(line.cellsForWrite(start + count) + start, data, count, proto);
+        writeAsciiCells(line.cellsForRangeWrite(start, start + count) + start, data, count, proto);
         line.touch();
         m_x = Col(start + count);
         return count;
@@ -331,7 +331,7 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
         BufferLine& line = screenLine(m_y);
         const int x = m_x.value;
         const int n = std::min(right - x + 1, count - taken);
-        CharData* cells = line.cellsForWrite(x + n) + x;
+        CharData* cells = line.cellsForRangeWrite(x, x + n) + x;
         writeAsciiCells(cells, data + taken, n, proto);
         line.touch();
         m_x = Col(x + n);
