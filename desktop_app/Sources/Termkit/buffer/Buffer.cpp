@@ -24,8 +24,7 @@ int cappedLength(long long length) {
 // register, are shuffled into place (each half shuffles within itself) and laid over the
 // prototype, whose codes are zero: three shuffles, three ors and three stores per eight cells.
 __attribute__((target("avx2"))) void writeAsciiCellsAvx2(CharData* dst, const uint8_t* src, int n,
-                                                         const CharData& proto) {
-    const cellfill::Words w = cellfill::wordsOf(proto);
+                                                         cellfill::Words w) {
     const int a = static_cast<int>(w.attribute);
     const int r = static_cast<int>(w.rest);
     const __m256i t0 = _mm256_setr_epi32(0, a, r, 0, a, r, 0, a);
@@ -63,7 +62,7 @@ const bool kCpuHasAvx2 = cpuHasAvx2();
 #endif
 
 // ASCII bytes as cells, with the widest writer the processor has.
-inline void writeAsciiRun(CharData* dst, const uint8_t* src, int n, const CharData& proto) {
+inline void writeAsciiRun(CharData* dst, const uint8_t* src, int n, cellfill::Words proto) {
 #ifdef TERMKIT_HAVE_AVX2_WRITER
     if (n >= 8 && kCpuHasAvx2) {
         writeAsciiCellsAvx2(dst, src, n, proto);
@@ -362,7 +361,11 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
     if (modes.insertMode)
         return 0;
     const int right = rightLimit().value;
-    const CharData proto{0, modes.curAttr, payload, 1, m_semanticContent};
+    // The cell's words made from the fields in registers: a record stored field by field and
+    // read back whole would stall on store forwarding.
+    const cellfill::Words proto{0, modes.curAttr,
+                                static_cast<uint32_t>(payload) | 1u << 16 |
+                                    static_cast<uint32_t>(m_semanticContent) << 24};
     const int start = m_x.value;
     if (start + count <= right + 1) [[likely]] {
         // The whole run fits on the row: one write, no wrapping to consider.
@@ -378,9 +381,8 @@ int Buffer::insertAsciiRun(const uint8_t* data, int count, uint16_t payload) {
             if (!modes.wraparound) {
                 // Every further byte lands on the edge; only the last one stays.
                 BufferLine& line = screenLine(m_y);
-                CharData cell = proto;
-                cell.code = data[count - 1];
-                line.cellsForWrite(right + 1)[right] = cell;
+                line.cellsForWrite(right + 1)[right] =
+                    CharData{data[count - 1], modes.curAttr, payload, 1, m_semanticContent};
                 line.touch();
                 m_x = Col(right + 1);
                 return count;
