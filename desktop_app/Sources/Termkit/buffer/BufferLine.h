@@ -137,6 +137,9 @@ public:
         return m_annotations && m_annotations->images ? &*m_annotations->images : nullptr;
     }
     bool hasImages() const { return images() != nullptr && !images()->empty(); }
+    /// Whether the line has any images, semantic marks or continuation group.
+    bool hasAnnotations() const { return m_annotations != nullptr; }
+
     /// Drops the attached images.
     void clearImages();
 
