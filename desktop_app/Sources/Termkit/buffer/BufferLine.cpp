@@ -164,14 +164,20 @@ void BufferLine::replaceCells(int start, int end, const CharData& fillData) {
     end = std::min(end, m_size);
     if (start >= end)
         return;
+    if (fillData == CharData::Null && end >= m_clean) {
+        // Everything from `start` on now reads as empty, which a lazy clear says without
+        // writing: erasing to the end of the line is what full-screen programs do on every row.
+        if (start < m_clean) {
+            m_dirty = std::max(m_dirty, m_clean);
+            m_clean = start;
+        }
+        ++m_generation;
+        return;
+    }
     settle();
     fillCells(m_data.get() + start, end - start, fillData);
-    if (!(fillData == CharData::Null)) {
+    if (!(fillData == CharData::Null))
         m_clean = std::max(m_clean, end);
-    } else if (end >= m_clean) {
-        // Everything from `start` on is now empty.
-        m_clean = std::min(m_clean, start);
-    }
     ++m_generation;
 }
 
