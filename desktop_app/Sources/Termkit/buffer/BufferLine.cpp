@@ -73,7 +73,8 @@ int BufferLine::correctIndex(int col) const {
 }
 
 void BufferLine::settleSlow() const {
-    fillCells(m_data.get() + m_clean, m_dirty - m_clean, CharData::Null);
+    if (m_dirty > m_clean)
+        fillCells(m_data.get() + m_clean, m_dirty - m_clean, CharData::Null);
     m_dirty = 0;
 }
 

@@ -73,6 +73,7 @@ public:
     }
     /// Direct cell storage for writes to cells below `end` only (the print paths).
     CharData* cellsForWrite(int end) {
+        // Settled whatever `end` is: some writers go on past it and move the mark afterwards.
         settle();
         if (end > m_clean)
             m_clean = end < m_size ? end : m_size;
@@ -81,7 +82,7 @@ public:
     /// Direct cell storage for a write of every cell in [begin, end), begin <= end <= count().
     /// Leftovers of a lazy clear that the write covers are not cleared first.
     CharData* cellsForRangeWrite(int begin, int end) {
-        if (m_dirty > m_clean) [[unlikely]] {
+        if (m_dirty != 0) [[unlikely]] {
             if (begin > m_clean)
                 settleBefore(begin);
             if (end >= m_dirty)
@@ -161,7 +162,7 @@ public:
 private:
     // Clears what a lazy clear left behind, before anyone reads it.
     void settle() const {
-        if (m_dirty > m_clean) [[unlikely]]
+        if (m_dirty != 0) [[unlikely]]
             settleSlow();
     }
     void settleSlow() const;
@@ -188,7 +189,8 @@ private:
     // Invariant: cells at m_clean and after read as exactly CharData::Null. Clearing with the
     // empty attribute is lazy: cells in [m_clean, m_dirty) may still hold what was there and
     // are cleared before any read (`settle`), or are simply overwritten by the print path.
-    // Cells from max(m_clean, m_dirty) on are Null in memory too.
+    // Cells from max(m_clean, m_dirty) on are Null in memory too. m_dirty is 0 when there are
+    // no leftovers and otherwise above m_clean.
     int m_clean = 0;
     mutable int m_dirty = 0;
     std::unique_ptr<LineAnnotations> m_annotations;
