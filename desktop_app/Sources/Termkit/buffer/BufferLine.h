@@ -183,6 +183,8 @@ private:
     uint64_t m_recycleGeneration = 0;
     uint64_t m_identity = 0;
     CharData m_fillCharacter;
+    // See m_clean; kept here, where it fills what would be padding after the 12-byte cell.
+    mutable int m_dirty = 0;
     uint64_t m_generation = 0;
     std::unique_ptr<CharData[]> m_data;
     int m_size = 0;
@@ -192,7 +194,6 @@ private:
     // Cells from max(m_clean, m_dirty) on are Null in memory too. m_dirty is 0 when there are
     // no leftovers and otherwise above m_clean.
     int m_clean = 0;
-    mutable int m_dirty = 0;
     std::unique_ptr<LineAnnotations> m_annotations;
 };
 
