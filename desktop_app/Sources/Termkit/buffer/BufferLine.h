@@ -140,7 +140,6 @@ public:
     bool hasImages() const { return images() != nullptr && !images()->empty(); }
     /// Whether the line has any images, semantic marks or continuation group.
     bool hasAnnotations() const { return m_annotations != nullptr; }
-
     /// Drops the attached images.
     void clearImages();
 
