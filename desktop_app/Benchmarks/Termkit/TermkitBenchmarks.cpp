@@ -155,6 +155,53 @@ std::string mixedScriptText() {
     return s;
 }
 
+// Latin words whose letters carry zero to three combining marks, as in text that stacks
+// diacritics: each mark run is joined to its letter as one cluster in the character table.
+std::string markedLetterText() {
+    std::string s;
+    std::mt19937 rng(7);
+    while (s.size() < (1 << 20)) {
+        for (int w = 0; w < 8; ++w) {
+            const int length = 3 + static_cast<int>(rng() % 8);
+            for (int k = 0; k < length; ++k) {
+                s += static_cast<char>('a' + rng() % 26);
+                const int marks = static_cast<int>(rng() % 6) - 2; // none half of the time
+                for (int m = 0; m < marks; ++m)
+                    appendUtf8(0x300 + rng() % 0x70, s);
+            }
+            s += ' ';
+        }
+        s += "\r\n";
+    }
+    return s;
+}
+
+// Emoji as chat and tool output use them: with the emoji selector, skin tones, joiner
+// sequences and flags, between words of plain text.
+std::string emojiSequenceText() {
+    const char* const emoji[] = {
+        "\xe2\x9c\x94\xef\xb8\x8f",                                 // check mark, VS16
+        "\xe2\x9d\xa4\xef\xb8\x8f",                                 // heart, VS16
+        "\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd",                         // thumbs up, skin tone
+        "\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x92\xbb",             // woman, ZWJ, laptop
+        "\xf0\x9f\x8f\xb3\xef\xb8\x8f\xe2\x80\x8d\xf0\x9f\x8c\x88", // rainbow flag
+        "\xf0\x9f\x87\xa9\xf0\x9f\x87\xaa",                         // flag of Germany
+        "\xf0\x9f\x98\x80",                                         // grinning face
+    };
+    std::string s;
+    std::mt19937 rng(8);
+    while (s.size() < (1 << 20)) {
+        for (int w = 0; w < 6; ++w) {
+            s += std::string(2 + rng() % 6, static_cast<char>('a' + rng() % 26));
+            s += ' ';
+            s += emoji[rng() % std::size(emoji)];
+            s += ' ';
+        }
+        s += "\r\n";
+    }
+    return s;
+}
+
 std::string scrollText() {
     std::string s = "\x1b[2;23r";
     while (s.size() < (1 << 20))
@@ -205,6 +252,12 @@ void BM_Utf8Wide(benchmark::State& state) {
 void BM_Utf8MixedScripts(benchmark::State& state) {
     feedBenchmark(state, mixedScriptText());
 }
+void BM_Utf8MarkedLetters(benchmark::State& state) {
+    feedBenchmark(state, markedLetterText());
+}
+void BM_Utf8EmojiSequences(benchmark::State& state) {
+    feedBenchmark(state, emojiSequenceText());
+}
 void BM_Scrolling(benchmark::State& state) {
     feedBenchmark(state, scrollText());
 }
@@ -216,6 +269,8 @@ BENCHMARK(BM_SgrDiff)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Redraw)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8Wide)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8MixedScripts)->Args({80, 24})->Args({200, 50});
+BENCHMARK(BM_Utf8MarkedLetters)->Args({80, 24})->Args({200, 50});
+BENCHMARK(BM_Utf8EmojiSequences)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Scrolling)->Args({80, 24})->Args({200, 50});
 
 } // namespace

@@ -9,6 +9,9 @@
 // alone: the program in control of it repaints it.
 
 #include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "Termkit/buffer/Buffer.h"
@@ -49,14 +52,15 @@ std::vector<int> newLineLengths(const std::vector<CharData>& cells, int newCols)
 
 struct GroupLayout {
     std::vector<int> rowLengths;
-    std::vector<int> rowOfLine; // new row (within the group) holding the start of each old line
+    std::vector<int> rowOfLine;  // new row (within the group) holding the start of each old line
+    std::vector<int> lineStarts; // where each old line's cells start in the group's cells
 };
 
 GroupLayout layoutGroup(const std::vector<LinePtr>& lines, int start, int end, int oldCols, int newCols,
                         std::vector<CharData>& cells) {
     GroupLayout layout;
     cells.clear();
-    std::vector<int> lineStarts;
+    std::vector<int>& lineStarts = layout.lineStarts;
     for (int i = start; i < end; ++i) {
         lineStarts.push_back(static_cast<int>(cells.size()));
         const int len = effectiveLength(lines, i, end, oldCols);
@@ -179,6 +183,20 @@ void Buffer::reflow(int newCols, int newRows) {
         for (int k = s; k < e; ++k)
             newIndexOf[k] = first + layout.rowOfLine[k - s];
         const BidiPresentationState bidi = old[s]->bidiState();
+        // Semantic marks go with the cells they were put at (each shifted by as much as its
+        // cell moved); a line's continuation group goes to the row its start lands in.
+        struct MovedMark {
+            int offset;
+            SemanticMark mark;
+        };
+        std::vector<MovedMark> marks;
+        std::vector<std::pair<int, uint64_t>> continuationGroups;
+        for (int k = s; k < e; ++k) {
+            for (const SemanticMark& m : old[k]->semanticMarks())
+                marks.push_back({layout.lineStarts[k - s] + m.column, m});
+            if (const std::optional<uint64_t> group = old[k]->semanticHardContinuationGroup())
+                continuationGroups.emplace_back(layout.rowOfLine[k - s], *group);
+        }
         int offset = 0;
         for (size_t r = 0; r < layout.rowLengths.size(); ++r) {
             LinePtr row;
@@ -194,11 +212,25 @@ void Buffer::reflow(int newCols, int newRows) {
             std::fill(row->cells() + len, row->cells() + newCols, CharData::Null);
             row->setWrapped(r > 0);
             row->setBidiState(bidi);
-            row->marksClampTo(newCols);
+            row->destroySemanticState();
             row->touch();
             offset += len;
             out.push_back(std::move(row));
         }
+        for (const MovedMark& moved : marks) {
+            size_t r = 0;
+            int rowStart = 0;
+            while (r + 1 < layout.rowLengths.size() && moved.offset >= rowStart + layout.rowLengths[r])
+                rowStart += layout.rowLengths[r++];
+            SemanticMark mark = moved.mark;
+            mark.column = moved.offset - rowStart;
+            out[static_cast<size_t>(first) + r]->setSemanticMark(mark);
+        }
+        for (const auto& [r, group] : continuationGroups)
+            if (!out[static_cast<size_t>(first + r)]->semanticHardContinuationGroup())
+                out[static_cast<size_t>(first + r)]->setSemanticHardContinuationGroup(group);
+        for (size_t r = 0; r < layout.rowLengths.size(); ++r)
+            out[static_cast<size_t>(first) + r]->marksClampTo(newCols);
         s = e;
     }
 

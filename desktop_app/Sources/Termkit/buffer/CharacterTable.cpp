@@ -33,6 +33,23 @@ int32_t singleScalar(std::string_view s) {
     return c;
 }
 
+// Up to eight bytes of `s` from `at` as a word, read without a call: clusters are short.
+inline uint64_t loadPartial(const char* s, size_t length) {
+    uint64_t v = 0;
+    if (length >= 4) {
+        uint32_t lo;
+        uint32_t hi;
+        std::memcpy(&lo, s, 4);
+        std::memcpy(&hi, s + length - 4, 4);
+        // The two halves overlap for fewer than eight bytes; the length is hashed as well.
+        v = lo | static_cast<uint64_t>(hi) << 32;
+    } else if (length > 0) {
+        v = static_cast<uint8_t>(s[0]) | static_cast<uint64_t>(static_cast<uint8_t>(s[length / 2])) << 8 |
+            static_cast<uint64_t>(static_cast<uint8_t>(s[length - 1])) << 16;
+    }
+    return v;
+}
+
 // A quick 64-bit hash for short byte strings.
 uint64_t hashBytes(std::string_view s) {
     uint64_t h = 0x9E3779B97F4A7C15ull ^ s.size();
@@ -47,6 +64,29 @@ uint64_t hashBytes(std::string_view s) {
     std::memcpy(&tail, s.data() + i, s.size() - i);
     h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
     return h ^ (h >> 29);
+}
+
+// Whether two strings of the same length are equal; short ones without a library call.
+inline bool sameBytes(const char* a, const char* b, size_t length) {
+    if (length <= 8)
+        return loadPartial(a, length) == loadPartial(b, length);
+    if (length <= 16) {
+        uint64_t a0, a1, b0, b1;
+        std::memcpy(&a0, a, 8);
+        std::memcpy(&b0, b, 8);
+        std::memcpy(&a1, a + length - 8, 8);
+        std::memcpy(&b1, b + length - 8, 8);
+        return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+    }
+    return std::memcmp(a, b, length) == 0;
+}
+
+// The control byte of a full slot: the low eight bits of the hash, any value but the empty
+// marker. Eight bits rather than seven halve the clusters compared in vain, each of them
+// reads from memory the probe has not touched yet.
+inline uint8_t tagOf(uint32_t hash) {
+    const auto tag = static_cast<uint8_t>(hash);
+    return tag == 0x80 ? 0x81 : tag;
 }
 
 // Bit i set where byte i of a group of 16 control bytes equals `value`.
@@ -67,7 +107,9 @@ uint32_t matchByte(const uint8_t* group, uint8_t value) {
 
 CharacterTable::CharacterTable()
     : m_offsets{0}, m_control(kInitialSlots, kEmpty), m_slotIndex(kInitialSlots),
-      m_astral(kAstralCacheSize, {0, 0}) {}
+      m_astral(kAstralCacheSize, {0, 0}) {
+    static_assert(kEmpty == 0x80, "tagOf keeps full slots off the empty marker");
+}
 
 std::string_view CharacterTable::stored(int32_t code) const {
     const int64_t index = static_cast<int64_t>(code) - kFirstIndex;
@@ -77,31 +119,35 @@ std::string_view CharacterTable::stored(int32_t code) const {
     return std::string_view(m_arena.data() + m_offsets[i], m_offsets[i + 1] - m_offsets[i]);
 }
 
-int32_t CharacterTable::find(std::string_view cluster, uint32_t hash) const {
+int32_t CharacterTable::find(std::string_view cluster, uint32_t hash, size_t& freeSlot) const {
     const size_t groupMask = m_control.size() / kGroupSize - 1;
-    const auto tag = static_cast<uint8_t>(hash & 0x7F);
-    for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
+    const uint8_t tag = tagOf(hash);
+    for (size_t group = (hash >> 8) & groupMask;; group = (group + 1) & groupMask) {
         const uint8_t* control = m_control.data() + group * kGroupSize;
         for (uint32_t bits = matchByte(control, tag); bits != 0; bits &= bits - 1) {
             const uint32_t index = m_slotIndex[group * kGroupSize + static_cast<size_t>(__builtin_ctz(bits))];
-            const int32_t code = kFirstIndex + static_cast<int32_t>(index);
-            if (stored(code) == cluster)
-                return code;
+            const uint32_t begin = m_offsets[index];
+            if (m_offsets[index + 1] - begin == cluster.size() &&
+                sameBytes(m_arena.data() + begin, cluster.data(), cluster.size()))
+                return kFirstIndex + static_cast<int32_t>(index);
         }
-        // A group with a free slot ends every probe that passed through it.
-        if (matchByte(control, kEmpty) != 0)
+        // A group with a free slot ends every probe that passed through it, and is where
+        // the cluster goes when it is new.
+        if (const uint32_t free = matchByte(control, kEmpty); free != 0) {
+            freeSlot = group * kGroupSize + static_cast<size_t>(__builtin_ctz(free));
             return -1;
+        }
     }
 }
 
 void CharacterTable::place(uint32_t index, uint32_t hash) {
     const size_t groupMask = m_control.size() / kGroupSize - 1;
-    for (size_t group = (hash >> 7) & groupMask;; group = (group + 1) & groupMask) {
+    for (size_t group = (hash >> 8) & groupMask;; group = (group + 1) & groupMask) {
         const uint32_t free = matchByte(m_control.data() + group * kGroupSize, kEmpty);
         if (free == 0)
             continue;
         const size_t slot = group * kGroupSize + static_cast<size_t>(__builtin_ctz(free));
-        m_control[slot] = static_cast<uint8_t>(hash & 0x7F);
+        m_control[slot] = tagOf(hash);
         m_slotIndex[slot] = index;
         return;
     }
@@ -114,7 +160,7 @@ void CharacterTable::rehash(size_t slots) {
         place(index, m_hashes[index]);
 }
 
-int32_t CharacterTable::store(std::string_view cluster, uint32_t hash) {
+int32_t CharacterTable::store(std::string_view cluster, uint32_t hash, size_t freeSlot) {
     const auto index = static_cast<uint32_t>(size());
     // The arena grows by doubling and is written with a plain copy.
     const size_t used = m_offsets.back();
@@ -128,7 +174,9 @@ int32_t CharacterTable::store(std::string_view cluster, uint32_t hash) {
     if ((size() + 1) * 8 > m_control.size() * 7) {
         rehash(m_control.size() * 2);
     } else {
-        place(index, hash);
+        // The probe that missed the cluster already found its slot.
+        m_control[freeSlot] = tagOf(hash);
+        m_slotIndex[freeSlot] = index;
     }
     return kFirstIndex + static_cast<int32_t>(index);
 }
@@ -151,8 +199,13 @@ int32_t CharacterTable::code(std::string_view cluster) {
     if (scalar >= 0 && scalar < 0x10000)
         return scalar;
     const auto hash = static_cast<uint32_t>(hashBytes(cluster) >> 32);
-    const int32_t known = find(cluster, hash);
-    return known >= 0 ? known : store(cluster, hash);
+    size_t freeSlot = 0;
+    const int32_t known = find(cluster, hash, freeSlot);
+    if (known >= 0)
+        return known;
+    if (scalar < 0)
+        ++m_multiScalarCount;
+    return store(cluster, hash, freeSlot);
 }
 
 void CharacterTable::appendCharacter(int32_t code, std::string& out) const {

@@ -13,7 +13,7 @@ namespace termkit {
 /// Maps grapheme clusters (as UTF-8) to cell codes and back. A single scalar below 0x10000
 /// is its own code and CR LF is 10; anything else gets an index above 0x400000 on first use.
 /// The tables never shrink. Clusters are kept back to back in one arena and found through
-/// an open-addressing index split like a Swiss table: one control byte per slot (7 hash
+/// an open-addressing index split like a Swiss table: one control byte per slot (8 hash
 /// bits, or empty) scanned sixteen at a time, and the cluster indexes beside it. A cluster
 /// seen for the first time, the common case with text full of combining marks, is then
 /// ruled out by reading control bytes only, which stay small enough for the CPU's cache.
@@ -40,13 +40,17 @@ public:
     std::string_view stored(int32_t code) const;
     /// Number of clusters stored.
     size_t size() const { return m_offsets.size() - 1; }
+    /// Number of stored clusters of more than one scalar (the rest are scalars beyond the
+    /// basic plane): while there are none, no cell's text holds more than one character.
+    size_t multiScalarCount() const { return m_multiScalarCount; }
     /// The code the next new cluster will get.
     int32_t lastCharIndex() const { return kFirstIndex + static_cast<int32_t>(size()); }
 
 private:
     int32_t astralCode(char32_t scalar);
-    int32_t find(std::string_view cluster, uint32_t hash) const;
-    int32_t store(std::string_view cluster, uint32_t hash);
+    // The code of a known cluster, or -1 and the slot a new one takes.
+    int32_t find(std::string_view cluster, uint32_t hash, size_t& freeSlot) const;
+    int32_t store(std::string_view cluster, uint32_t hash, size_t freeSlot);
     void place(uint32_t index, uint32_t hash);
     void rehash(size_t slots);
 
@@ -55,13 +59,15 @@ private:
     std::vector<char> m_arena;
     std::vector<uint32_t> m_offsets;
     std::vector<uint32_t> m_hashes; // each cluster's hash, so that growing never rereads the arena
-    // charToIndexMap: slots in groups of 16. A control byte is kEmpty or the low 7 bits of the
-    // hash; the probe starts at the group the other bits name and moves on group by group.
+    // charToIndexMap: slots in groups of 16. A control byte is kEmpty or the low 8 bits of the
+    // hash (0x81 standing in for kEmpty's value); the probe starts at the group the bits above
+    // them name and moves on group by group.
     static constexpr uint8_t kEmpty = 0x80;
     std::vector<uint8_t> m_control;
     std::vector<uint32_t> m_slotIndex; // the cluster index of each full slot
     // Single scalars beyond the basic plane, cached without touching the arena.
     std::vector<std::pair<char32_t, int32_t>> m_astral;
+    size_t m_multiScalarCount = 0;
 };
 
 } // namespace termkit

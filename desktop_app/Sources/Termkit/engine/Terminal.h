@@ -258,6 +258,11 @@ public:
     void setSemanticContent(uint8_t code) { m_buffer->setSemanticContent(code); }
     /// A line of the active buffer, for extensions that annotate lines (semantic marks).
     BufferLine& annotatableLine(LineIndex index) { return m_buffer->line(index); }
+    /// Whether each line feed tells the extensions (`finishSemanticLineAdvance`): set by
+    /// semantic prompts while a prompt group or a one-row input is open, so that other line
+    /// feeds pay nothing.
+    void setSemanticLineAdvanceWanted(bool wanted) { m_semanticLineAdvanceWanted = wanted; }
+    bool semanticLineAdvanceWanted() const { return m_semanticLineAdvanceWanted; }
     /// Scrolls the active buffer's region up by one line.
     void scroll(bool isWrapped = false) {
         ensureAttributes();
@@ -315,6 +320,13 @@ private:
         // The column right after the last cell this cache wrote with a single scalar of its own
         // width, which never calls for the next one to join it; -1 when unknown.
         int plainEnd = -1;
+        // Set once per print call, for the word loop: whether it may run at all (no insert
+        // mode, no character set), the last column it may write, and a cell's bytes after
+        // its code (attribute, payload, width 0, semantic class), which stay the same
+        // throughout a call.
+        bool wordLoop = false;
+        int limit = 0;
+        uint64_t cellRest = 0;
         void release() {
             if (line != nullptr)
                 line->touch();
@@ -325,7 +337,8 @@ private:
     // The cached row's line, made the cursor's line first if it was another one.
     BufferLine& cursorLine(RowCache& row);
     bool writePlainScalar(RowCache& row, char32_t scalar, int width, uint16_t payload);
-    void continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload);
+    void prepareWordLoop(RowCache& row, uint16_t payload) const;
+    void continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i);
     bool joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint8_t* p, int n, int& i);
     size_t cellCluster(int32_t code, char* out, size_t room) const;
     static int extendingMarksEnd(const uint8_t* p, int n, int i, char* out, size_t capacity, size_t& length);
@@ -558,6 +571,7 @@ private:
     std::string m_hostCurrentDirectory;
     std::string m_hostCurrentDocument;
     std::optional<ActiveHyperlink> m_activeHyperlink;
+    bool m_semanticLineAdvanceWanted = false;
     std::unordered_set<uint16_t> m_payloadCodes;
 
     // --- Colours -----------------------------------------------------------------------------------

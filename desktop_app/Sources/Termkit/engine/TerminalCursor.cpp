@@ -83,6 +83,8 @@ void Terminal::cmdLineFeedBasic() {
     // A line feed never leaves the cursor in the pending-wrap column.
     if (b.x() > b.lastCol())
         b.setX(b.lastCol());
+    if (m_semanticLineAdvanceWanted) [[unlikely]]
+        m_extensions->finishSemanticLineAdvance(*this);
     if (m_delegate)
         m_delegate->linefeed(*this);
 }

@@ -23,6 +23,8 @@ void TerminalExtensions::applyCurrentBidiStateAtParagraphStart(Terminal&, unsign
 
 void TerminalExtensions::semanticNoteAlternateScreenSwitch(Terminal&) {}
 
+void TerminalExtensions::finishSemanticLineAdvance(Terminal&) {}
+
 void TerminalExtensions::reset(Terminal&, bool) {}
 
 } // namespace termkit

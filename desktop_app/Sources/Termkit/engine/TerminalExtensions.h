@@ -28,6 +28,9 @@ public:
     virtual void applyCurrentBidiStateAtParagraphStart(Terminal& terminal, unsigned properties);
     /// The active buffer changed.
     virtual void semanticNoteAlternateScreenSwitch(Terminal& terminal);
+    /// A line feed moved the cursor to its next row; called only while the terminal's
+    /// `semanticLineAdvanceWanted` is set.
+    virtual void finishSemanticLineAdvance(Terminal& terminal);
     /// Soft or hard reset: drop any extension state.
     virtual void reset(Terminal& terminal, bool hard);
 };

@@ -1,6 +1,7 @@
 // The print path: UTF-8 decoding, widths, joining of combining sequences, cell writes.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <tuple>
 #include <utility>
@@ -53,6 +54,11 @@ inline int decodeShort(const uint8_t* p, int n, int i, int32_t& c) {
         return 3;
     }
     return 0;
+}
+
+// Whether a stored cluster ends in a zero-width joiner, and so calls for the next scalar.
+bool endsInJoiner(std::string_view cluster) {
+    return cluster.size() >= 3 && cluster.substr(cluster.size() - 3) == "\xe2\x80\x8d";
 }
 
 // Scalars of a UTF-8 cluster.
@@ -204,8 +210,7 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
         return false;
     if (before >= kCharacterTableBase) {
         // A stored cluster that ends in a joiner calls for the next scalar.
-        const std::string_view stored = m_tables->characters.stored(before);
-        if (stored.size() >= 3 && stored.substr(stored.size() - 3) == "\xe2\x80\x8d")
+        if (endsInJoiner(m_tables->characters.stored(before)))
             return false;
     }
     const int32_t code = scalar < 0x10000 ? static_cast<int32_t>(scalar) : m_tables->characters.code(scalar);
@@ -226,76 +231,123 @@ __attribute__((always_inline)) inline bool Terminal::writePlainScalar(RowCache& 
     return true;
 }
 
+// Where a cell's width sits in the word after its code.
+constexpr int kWidthShift = 8 * static_cast<int>(offsetof(CharData, width) - 4);
+static_assert(offsetof(CharData, code) == 0 && offsetof(CharData, attribute) == 4 && sizeof(CharData) == 12);
+
+// Insert mode, the character set, the margins, the attribute, the payload and the semantic
+// class stay as they are for the whole of a print call: the word loop reads them once.
+void Terminal::prepareWordLoop(RowCache& row, uint16_t payload) const {
+    row.wordLoop = !m_modes.insertMode && m_charset == nullptr;
+    row.limit = rightLimit().value;
+    const CharData spacer{0, m_modes.curAttr, payload, 0, m_buffer->semanticContent()};
+    std::memcpy(&row.cellRest, reinterpret_cast<const char*>(&spacer) + 4, 8);
+}
+
 // After a plain scalar written into the cached row, the scalars that follow it are very
 // often plain too (a word of one script): they go straight into the row in one loop, each
 // decoded, looked up and written once, until anything that needs the general path (a mark,
 // a joiner, a flag letter, an emoji, a malformed or cut sequence, a control, the edge of
-// the row, an active character set). It decodes two- and three-byte sequences itself, as
+// the row, an active character set); a mark on the scalar before is joined on the way. It
+// decodes two- and three-byte sequences itself, as
 // decodeShort does: calling decodeShort here measured a few per cent slower on wide and
-// mixed-script text, and this loop exists for that speed.
-void Terminal::continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i, uint16_t payload) {
+// mixed-script text, and this loop exists for that speed. A cell is written as its code and
+// one 8-byte word for the rest, and the width comes from the two-bit plane table.
+void Terminal::continuePlainRun(RowCache& row, const uint8_t* p, int n, int& i) {
     Buffer& b = *m_buffer;
     int x = b.x().value;
-    if (row.line == nullptr || x != row.plainEnd || m_modes.insertMode)
+    if (row.line == nullptr || x != row.plainEnd || !row.wordLoop)
         return;
-    const int limit = rightLimit().value;
+    const int limit = row.limit;
     CharData* cells = row.line->cellsForWrite(x);
-    const AttributeId attribute = m_modes.curAttr;
-    const uint8_t semantic = b.semanticContent();
-    const int start = x;
-    int32_t lastCode = 0;
-    int lastWidth = 0;
-    while (i < n && x <= limit) {
-        const uint8_t lead = p[i];
-        int32_t c;
-        int length;
+    // Where the cells written since the loop started, or since the last mark it joined, begin.
+    int segmentStart = x;
+    // What leaving the loop leaves behind: the cursor after the cells written, the row's
+    // plain end, and the last scalar written (the cell before the cursor, or the one before
+    // that when it is the right half of a wide scalar).
+    auto finishSegment = [&]() __attribute__((always_inline)) {
+        if (x == segmentStart)
+            return;
+        row.line->cellsForWrite(x);
+        b.setX(Col(x));
+        row.plainEnd = x;
+        const CharData& last = cells[x - 1].width == 0 ? cells[x - 2] : cells[x - 1];
+        m_lastCode = last.code;
+        m_lastWidth = last.width;
+        m_hasLastChar = true;
+        segmentStart = x;
+    };
+    // A cell is two stores: its code, and one word for the rest.
+    const uint64_t rest = row.cellRest;
+    const uint64_t narrow = rest | uint64_t(1) << kWidthShift;
+    const uint64_t wide = rest | uint64_t(2) << kWidthShift;
+    auto write = [](CharData * cell, int32_t code, uint64_t tail) __attribute__((always_inline)) {
+        cell->code = code;
+        std::memcpy(reinterpret_cast<char*>(cell) + 4, &tail, 8);
+    };
+    // Cells hold byte-sized fields, which may alias anything: the position is kept in a
+    // local so that each cell written does not make it be stored and read back.
+    int pos = i;
+    while (pos < n) {
+        const uint8_t lead = p[pos];
         if (lead < 0x80) {
-            if (lead < 0x20 || lead == 0x7F || m_charset != nullptr)
+            if (static_cast<uint8_t>(lead - 0x20) >= 0x5F || x > limit)
                 break;
-            cells[x] = CharData{lead, attribute, payload, 1, semantic};
-            lastCode = lead;
-            lastWidth = 1;
+            write(cells + x, lead, narrow);
             ++x;
-            ++i;
+            ++pos;
             continue;
         }
+        int32_t c;
+        int length;
         if (lead >= 0xE0 && lead < 0xF0) {
-            if (i + 2 >= n || (p[i + 1] & 0xC0) != 0x80 || (p[i + 2] & 0xC0) != 0x80)
+            if (pos + 2 >= n)
                 break;
-            c = (lead & 0x0F) << 12 | (p[i + 1] & 0x3F) << 6 | (p[i + 2] & 0x3F);
-            if (c < 0x800 || (c >= 0xD800 && c <= 0xDFFF))
+            uint16_t tail;
+            std::memcpy(&tail, p + pos + 1, 2);
+            if ((tail & 0xC0C0) != 0x8080)
+                break;
+            c = (lead & 0x0F) << 12 | (tail & 0x3F) << 6 | (tail >> 8 & 0x3F);
+            // Overlong forms go to the general path; surrogates have no plain width.
+            if (c < 0x800)
                 break;
             length = 3;
         } else if (lead >= 0xC2 && lead < 0xE0) {
-            if (i + 1 >= n || (p[i + 1] & 0xC0) != 0x80)
+            if (pos + 1 >= n || (p[pos + 1] & 0xC0) != 0x80)
                 break;
-            c = (lead & 0x1F) << 6 | (p[i + 1] & 0x3F);
+            c = (lead & 0x1F) << 6 | (p[pos + 1] & 0x3F);
             length = 2;
         } else {
             break;
         }
-        const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
-        if ((info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) != 0)
+        const int width = static_cast<int>(UnicodeUtil::plainWidth(static_cast<char32_t>(c)));
+        if (width == 0) {
+            // A scalar of no width (a mark, mostly) joins the cell before in place, as in the
+            // general path, and the word goes on after it unless its cluster calls for more.
+            const uint8_t info = UnicodeUtil::info(static_cast<char32_t>(c));
+            if ((info & UnicodeUtil::kWidthMask) != 1 || c == UnicodeUtil::kTextSelector ||
+                c == UnicodeUtil::kEmojiSelector || x == 0)
+                break;
+            finishSegment();
+            pos += length;
+            joinZeroWidth(row, static_cast<char32_t>(c), info, p, n, pos);
+            if (row.plainEnd != x)
+                break;
+            continue;
+        }
+        if (x + width - 1 > limit)
             break;
-        const int width = (info & UnicodeUtil::kWidthMask) - 1;
-        if (width <= 0 || x + width - 1 > limit)
-            break;
-        cells[x] = CharData{c, attribute, payload, static_cast<int8_t>(width), semantic};
-        if (width == 2)
-            cells[x + 1] = CharData{0, attribute, payload, 0, semantic};
-        lastCode = c;
-        lastWidth = width;
+        if (width == 2) {
+            write(cells + x, c, wide);
+            write(cells + x + 1, 0, rest);
+        } else {
+            write(cells + x, c, narrow);
+        }
         x += width;
-        i += length;
+        pos += length;
     }
-    if (x == start)
-        return;
-    row.line->cellsForWrite(x);
-    b.setX(Col(x));
-    row.plainEnd = x;
-    m_lastCode = lastCode;
-    m_lastWidth = lastWidth;
-    m_hasLastChar = true;
+    i = pos;
+    finishSegment();
 }
 
 // Writes the cluster of a cell's code into `out` as UTF-8 and returns its length, or a
@@ -362,14 +414,21 @@ Terminal::joinZeroWidth(RowCache& row, char32_t scalar, uint8_t info, const uint
             if (length > first) {
                 cells[col].code = m_tables->characters.code(std::string_view(cluster, length));
                 i = end;
+                if (!endsInJoiner(std::string_view(cluster, length)))
+                    row.plainEnd = x;
                 return true;
             }
         }
     }
     const int32_t joined = joinedCode(target, scalar);
     // Not one cluster: a zero-width scalar has nowhere to go and is dropped.
-    if (joined >= 0)
+    if (joined >= 0) {
         cells[col].code = joined;
+        // A cluster that ends in anything but a joiner calls for nothing that follows: the
+        // plain paths may write after it without looking at it again.
+        if (scalar != UnicodeUtil::kZeroWidthJoiner)
+            row.plainEnd = x;
+    }
     return true;
 }
 
@@ -441,15 +500,31 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
     if (m_carriedCount > 0 && !finishCarried(p, n, i, payload))
         return;
     RowCache row;
+    prepareWordLoop(row, payload);
     while (i < n) {
         const uint8_t byte = p[i];
         if (byte < 0x80) {
+            // After a plain cell (or a cluster that calls for nothing more) the word loop
+            // takes the ASCII and whatever plain text follows it in one go.
+            if (row.line != nullptr && row.plainEnd == m_buffer->x().value) {
+                const int from = i;
+                continuePlainRun(row, p, n, i);
+                if (i != from)
+                    continue;
+            }
             printAscii(row, p, n, i, payload);
             continue;
         }
         int32_t c = -1;
         if (const int length = decodeShort(p, n, i, c); length > 0) {
             i += length;
+            if (c < 0)
+                continue;
+        } else if (byte >= 0xF0 && byte < 0xF8 && i + 3 < n && (p[i + 1] & 0xC0) == 0x80 &&
+                   (p[i + 2] & 0xC0) == 0x80 && (p[i + 3] & 0xC0) == 0x80) {
+            // A complete four-byte sequence (emoji, mostly), decoded as decodeSlow would.
+            c = decode(p + i, 4);
+            i += 4;
             if (c < 0)
                 continue;
         } else {
@@ -467,7 +542,7 @@ void Terminal::printGeneral(const uint8_t* p, int n, uint16_t payload) {
             continue;
         if (width > 0 && (info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) == 0 &&
             writePlainScalar(row, static_cast<char32_t>(c), width, payload)) {
-            continuePlainRun(row, p, n, i, payload);
+            continuePlainRun(row, p, n, i);
             continue;
         }
         if (width == 0 && c != UnicodeUtil::kTextSelector && c != UnicodeUtil::kEmojiSelector &&

@@ -160,6 +160,16 @@ const uint8_t* UnicodeUtil::buildBlock(uint32_t block) {
         if (gcb == U_GCB_EXTEND || gcb == U_GCB_ZWJ || gcb == U_GCB_SPACING_MARK)
             v |= kExtendsCluster;
         info[k] = v;
+        if (c < 0x10000) {
+            // What the print path's word loop may write without asking more.
+            const bool surrogate = c >= 0xD800 && c <= 0xDFFF;
+            const unsigned plain = (v & (kJoins | kRegionalIndicator)) == 0 && w > 0 && !surrogate ? w : 0;
+            std::atomic_ref<uint8_t> packed(s_plainWidths[c >> 2]);
+            const unsigned shift = (c & 3) * 2;
+            packed.store(static_cast<uint8_t>((packed.load(std::memory_order_relaxed) & ~(3u << shift)) |
+                                              plain << shift),
+                         std::memory_order_relaxed);
+        }
     }
     auto& stored = unique[info];
     if (!stored)

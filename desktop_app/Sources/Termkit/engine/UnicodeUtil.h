@@ -59,6 +59,16 @@ public:
             block = buildBlock(rune >> 8);
         return block[rune & 0xFF];
     }
+    /// The width of a basic-plane scalar that is printed alone: 1 or 2 for one that joins
+    /// nothing, is no flag letter and is no surrogate; 0 for anything else, and for a scalar
+    /// whose block is not built yet (the general path then builds it through `info`). Two
+    /// bits per scalar, 16 KiB for the plane, so the text of a few scripts stays in the
+    /// first-level cache and a lookup is one load. Printable ASCII is known from the start.
+    static unsigned plainWidth(char32_t rune) {
+        const uint8_t packed =
+            std::atomic_ref<uint8_t>(s_plainWidths[(rune >> 2) & 0x3FFF]).load(std::memory_order_relaxed);
+        return (packed >> ((rune & 3) * 2)) & 3;
+    }
     /// Width from the packed properties.
     static int width(char32_t rune) { return (info(rune) & kWidthMask) - 1; }
     static bool isRegionalIndicator(char32_t rune) { return rune >= 0x1F1E6 && rune <= 0x1F1FF; }
@@ -71,6 +81,15 @@ private:
     static constexpr std::size_t kBlockCount = 0x110000 >> 8;
     static const uint8_t* buildBlock(uint32_t block);
     inline static std::array<std::atomic<const uint8_t*>, kBlockCount> s_blocks{};
+    static constexpr std::array<uint8_t, 0x4000> initialPlainWidths() {
+        std::array<uint8_t, 0x4000> out{};
+        for (unsigned c = 0x20; c < 0x7F; ++c)
+            out[c >> 2] = static_cast<uint8_t>(out[c >> 2] | 1u << ((c & 3) * 2));
+        return out;
+    }
+    // Written only under the block builder's lock, and each block owns its bytes; read with
+    // relaxed loads, since an entry carries no data beside itself.
+    alignas(64) inline static std::array<uint8_t, 0x4000> s_plainWidths = initialPlainWidths();
 };
 
 } // namespace termkit

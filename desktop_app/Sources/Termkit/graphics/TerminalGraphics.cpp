@@ -117,6 +117,11 @@ void TerminalGraphics::semanticNoteAlternateScreenSwitch(Terminal& terminal) {
         m_next->semanticNoteAlternateScreenSwitch(terminal);
 }
 
+void TerminalGraphics::finishSemanticLineAdvance(Terminal& terminal) {
+    if (m_next != nullptr)
+        m_next->finishSemanticLineAdvance(terminal);
+}
+
 uint32_t TerminalGraphics::placeImage(Terminal& terminal, std::shared_ptr<const RgbaImage> pixels,
                                       ImageSource source, double widthInCells, double heightInCells) {
     return m_kitty.placeForeignImage(terminal, std::move(pixels), source, widthInCells, heightInCells);

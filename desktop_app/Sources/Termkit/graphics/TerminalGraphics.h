@@ -52,6 +52,7 @@ public:
     void oscSemanticPrompt(Terminal& terminal, std::span<const uint8_t> data) override;
     void applyCurrentBidiStateAtParagraphStart(Terminal& terminal, unsigned properties) override;
     void semanticNoteAlternateScreenSwitch(Terminal& terminal) override;
+    void finishSemanticLineAdvance(Terminal& terminal) override;
 
     /// Places decoded pixels at the cursor, sized in cells.
     uint32_t placeImage(Terminal& terminal, std::shared_ptr<const RgbaImage> pixels, ImageSource source,

@@ -69,7 +69,9 @@ public:
 
 private:
     bool prepare(const std::string& term, const SearchOptions& options);
-    const std::vector<std::pair<int, int>>& matchesIn(SearchLineSlot& slot);
+    const std::vector<std::pair<int, int>>& matchesIn(SearchLineSlot& slot, LineIndex row);
+    void prepareCellFilter(const std::string& term, const SearchOptions& options);
+    bool mayMatch(const SearchLineSlot& slot, LineIndex row) const;
     void findInLine(SearchLineEntry& entry);
     void findPlain(std::u16string_view text, std::vector<std::pair<int, int>>& out) const;
     bool isWholeWord(std::u16string_view text, int begin, int end) const;
@@ -86,6 +88,16 @@ private:
     std::u16string m_needle;
     // The skip table of the folded needle, made once per query rather than once per line.
     std::array<int, 256> m_skip{};
+    // What a line of plain ASCII cells must hold for the query to match in it: the whole
+    // term, or the letters and digits a pattern starts with, as the cells' codes read (folded
+    // when the case does not matter); empty when nothing is known. With it, a cold search
+    // reads most lines' cells once and makes no text for them.
+    std::string m_cellLiteral;
+    std::array<uint8_t, 128> m_cellKey{};
+    std::array<int, 256> m_cellSkip{};
+    // Whether a line's cells must all be plain ASCII for the literal to decide: so for a
+    // pattern without case, whose matcher folds a few other letters to ASCII ones.
+    bool m_cellLiteralNeedsAscii = false;
     SearchOptions m_options;
     std::unique_ptr<icu::RegexPattern> m_pattern;
     std::unique_ptr<icu::RegexMatcher> m_matcher;
@@ -95,6 +107,12 @@ private:
     // leave through the top of a full ring, or all go with a clear, a reset or a resize. So
     // its matches stay true, shifted by the lines that left, and a repeated `findAll` only
     // searches the rows that were on the screen or are new.
+    // A match kept from the scrollback, its row counted from the buffer's invariant base.
+    struct KeptMatch {
+        long long row;
+        int col;
+        int size;
+    };
     struct ScrollbackMatches {
         uint64_t queryId = 0;
         const Buffer* buffer = nullptr;
@@ -102,8 +120,9 @@ private:
         int rows = 0;
         int lineCount = 0;
         long long linesTop = 0;
-        LineIndex stableEnd;
-        std::vector<SearchResult> results;
+        // The first invariant row not yet searched as scrollback.
+        long long stableEnd = 0;
+        std::vector<KeptMatch> matches;
     };
     ScrollbackMatches m_scrollbackMatches;
 };

@@ -79,7 +79,7 @@ void SearchLineCache::invalidate() {
 // Keeps the array in step with the buffer: another buffer, width or a shrunk scrollback
 // starts afresh, lines that left the top of the ring take their slots along, and new rows
 // get empty slots.
-void SearchLineCache::followBuffer() {
+void SearchLineCache::follow() {
     const Buffer& buffer = m_terminal.buffer();
     const long long top = linesTop(buffer);
     if (m_buffer != &buffer || m_cols != m_terminal.cols() || buffer.lineCount() < m_lineCount ||
@@ -94,7 +94,8 @@ void SearchLineCache::followBuffer() {
         m_baseInvariant = top;
     }
     m_lineCount = buffer.lineCount();
-    m_linesCache.resize(static_cast<size_t>(m_lineCount));
+    if (m_linesCache.size() != static_cast<size_t>(m_lineCount))
+        m_linesCache.resize(static_cast<size_t>(m_lineCount));
 }
 
 bool SearchLineCache::isCurrent(const SearchLineSlot& slot, LineIndex row) const {
@@ -108,7 +109,7 @@ bool SearchLineCache::isCurrent(const SearchLineSlot& slot, LineIndex row) const
         if (&buffer.line(row) != slot.line)
             return false;
         for (int k = 1; k < rows; ++k) {
-            if (&buffer.line(row + k) != slot.entry.laterRows[static_cast<size_t>(k) - 1].line)
+            if (&buffer.line(row + k) != slot.laterRows[static_cast<size_t>(k) - 1].line)
                 return false;
         }
         return true;
@@ -119,7 +120,7 @@ bool SearchLineCache::isCurrent(const SearchLineSlot& slot, LineIndex row) const
         return false;
     for (int k = 1; k < rows; ++k) {
         const BufferLine& line = buffer.line(row + k);
-        const SearchLineEntry::RowStamp& s = slot.entry.laterRows[static_cast<size_t>(k) - 1];
+        const SearchLineSlot::RowStamp& s = slot.laterRows[static_cast<size_t>(k) - 1];
         if (&line != s.line || line.generation() != s.generation ||
             line.recycleGeneration() != s.recycleGeneration || !line.isWrapped())
             return false;
@@ -128,46 +129,61 @@ bool SearchLineCache::isCurrent(const SearchLineSlot& slot, LineIndex row) const
     return row.value + rows >= buffer.lineCount() || !buffer.line(row + rows).isWrapped();
 }
 
-SearchLineSlot& SearchLineCache::slot(LineIndex row) {
-    followBuffer();
+SearchLineSlot& SearchLineCache::stampedAsFollowed(LineIndex row) {
     SearchLineSlot& slot = m_linesCache[static_cast<size_t>(row.value)];
     if (!isCurrent(slot, row))
-        translateBuffer(slot, row);
+        stampLine(slot, row);
     return slot;
+}
+
+SearchLineEntry& SearchLineCache::text(SearchLineSlot& slot, LineIndex row) {
+    if (!slot.hasText)
+        translateBuffer(slot, row);
+    return *slot.entry;
+}
+
+// Notes which line objects, as of which change, the logical line at `row` is made of; what
+// was known of the rows before (text, matches) no longer holds.
+void SearchLineCache::stampLine(SearchLineSlot& slot, LineIndex row) {
+    const Buffer& buffer = m_terminal.buffer();
+    slot.made = true;
+    slot.hasText = false;
+    slot.matchQuery = 0;
+    slot.matchCount = 0;
+    slot.laterRows.clear();
+    const BufferLine& first = buffer.line(row);
+    slot.line = &first;
+    slot.generation = first.generation();
+    slot.recycleGeneration = first.recycleGeneration();
+    int rows = 1;
+    for (LineIndex r = row + 1; r.value < buffer.lineCount(); ++r, ++rows) {
+        const BufferLine& line = buffer.line(r);
+        if (!line.isWrapped())
+            break;
+        slot.laterRows.push_back({&line, line.generation(), line.recycleGeneration()});
+    }
+    slot.rows = rows;
+    slot.madeInScrollback = row.value + rows < buffer.yBase().value;
 }
 
 void SearchLineCache::translateBuffer(SearchLineSlot& slot, LineIndex row) {
     const Buffer& buffer = m_terminal.buffer();
     const CharacterTable& characters = m_terminal.tables().characters;
-    slot.made = true;
-    SearchLineEntry& e = slot.entry;
-    if (e.lineAsString.get_allocator().resource() != &m_textPool) {
-        // A slot's first entry: its string is made anew on the pool (a string's resource is
-        // fixed when it is constructed).
-        std::destroy_at(&e.lineAsString);
-        std::construct_at(&e.lineAsString, &m_textPool);
+    if (!slot.entry) {
+        std::pmr::polymorphic_allocator<SearchLineEntry> allocator(&m_textPool);
+        slot.entry = {allocator.new_object<SearchLineEntry>(&m_textPool), {&m_textPool}};
     }
+    SearchLineEntry& e = *slot.entry;
     e.lineAsString.clear();
     e.offsets.clear();
     e.unitColumns.clear();
-    e.laterRows.clear();
     e.matches.clear();
-    slot.matchQuery = 0;
-    slot.matchCount = 0;
+    slot.hasText = true;
     ++m_translations;
     bool simple = true;
     std::string cluster;
-    for (LineIndex r = row; r.value < buffer.lineCount(); ++r) {
+    for (LineIndex r = row; r < row + slot.rows; ++r) {
         const BufferLine& line = buffer.line(r);
-        if (r != row && !line.isWrapped())
-            break;
-        if (r == row) {
-            slot.line = &line;
-            slot.generation = line.generation();
-            slot.recycleGeneration = line.recycleGeneration();
-        } else {
-            e.laterRows.push_back({&line, line.generation(), line.recycleGeneration()});
-        }
         e.offsets.push_back(static_cast<int>(e.lineAsString.size()));
         const CharData* cells = line.cells();
         if (simple) {
@@ -225,8 +241,6 @@ void SearchLineCache::translateBuffer(SearchLineSlot& slot, LineIndex row) {
                 e.unitColumns.insert(e.unitColumns.end(), added, col);
         }
     }
-    slot.rows = e.rowCount();
-    slot.madeInScrollback = row.value + slot.rows < buffer.yBase().value;
 }
 
 } // namespace termkit

@@ -45,9 +45,11 @@ private:
     std::vector<int> m_more;
 };
 
-/// One logical line: the rows it spans joined, each row trimmed, with what maps a position
-/// in the string back to a cell.
+/// One logical line's text: the rows it spans joined, each row trimmed, with what maps a
+/// position in the string back to a cell.
 struct SearchLineEntry {
+    explicit SearchLineEntry(std::pmr::memory_resource* pool) : lineAsString(pool) {}
+
     /// The line as UTF-16, the unit ICU's matchers work in; its memory comes from the
     /// cache's pool.
     std::pmr::u16string lineAsString;
@@ -56,14 +58,6 @@ struct SearchLineEntry {
     /// The column of each unit within its row, or empty when every unit is one column
     /// (the common case, which then costs nothing).
     std::vector<int32_t> unitColumns;
-    /// What the rows after the first were when the entry was made (the first row's stamp
-    /// is in its slot).
-    struct RowStamp {
-        const BufferLine* line;
-        uint64_t generation;
-        uint64_t recycleGeneration;
-    };
-    std::vector<RowStamp> laterRows;
     /// The matches of the engine's current query, as unit ranges.
     std::vector<std::pair<int, int>> matches;
 
@@ -76,23 +70,43 @@ struct SearchLineEntry {
     int unitOf(int rowInLine, int col) const;
 };
 
+/// Gives an entry back to the pool it came from.
+struct SearchLineEntryDeleter {
+    std::pmr::memory_resource* pool = nullptr;
+    void operator()(SearchLineEntry* entry) const {
+        std::pmr::polymorphic_allocator<SearchLineEntry>(pool).delete_object(entry);
+    }
+};
+
 /// A row's place in the cache, kept in one flat array: what a repeated search needs to
 /// know about a line (is it as it was, has it any match) without reading the line itself.
+/// The text is made only when a search needs it: a cold search looks at most lines' cells
+/// once, finds nothing there, and keeps only that.
 struct SearchLineSlot {
     const BufferLine* line = nullptr;
     uint64_t generation = 0;
     uint64_t recycleGeneration = 0;
     int32_t rows = 0;
-    /// The rows and the row after them were all scrollback when the entry was made. Lines
+    /// The rows and the row after them were all scrollback when the slot was stamped. Lines
     /// in the scrollback never change in place, so while they stay there it is enough that
     /// the same line objects are at the same rows.
     bool madeInScrollback = false;
+    /// Whether the slot describes its rows (stamped); the text may still be unmade.
+    bool made = false;
+    /// Whether `entry` holds the text of the rows as stamped.
+    bool hasText = false;
     /// Which query `matchCount` (and the entry's matches) belong to; 0 for none.
     uint64_t matchQuery = 0;
     uint32_t matchCount = 0;
-    /// Whether `entry` has been made.
-    bool made = false;
-    SearchLineEntry entry;
+    /// What the rows after the first were when the slot was stamped (the first row's stamp
+    /// is above).
+    struct RowStamp {
+        const BufferLine* line;
+        uint64_t generation;
+        uint64_t recycleGeneration;
+    };
+    std::vector<RowStamp> laterRows;
+    std::unique_ptr<SearchLineEntry, SearchLineEntryDeleter> entry;
 };
 
 /// The logical lines of a terminal's active buffer, by row. Entries live as long as the
@@ -104,19 +118,35 @@ public:
 
     /// Makes the (empty) array for the buffer as it is now.
     void initLinesCache();
-    /// The slot of the logical line that starts at `row`, its entry made or remade when stale.
-    SearchLineSlot& slot(LineIndex row);
+    /// The slot of the logical line that starts at `row`, restamped when stale, its text
+    /// not necessarily made.
+    SearchLineSlot& stamped(LineIndex row) {
+        follow();
+        return stampedAsFollowed(row);
+    }
+    /// Brings the array in step with the buffer; until the buffer changes, `stampedAsFollowed`
+    /// may then stand for `stamped` (a pass over every line follows once).
+    void follow();
+    SearchLineSlot& stampedAsFollowed(LineIndex row);
+    /// The text of a stamped slot, made when it is not yet.
+    SearchLineEntry& text(SearchLineSlot& slot, LineIndex row);
+    /// The slot of the logical line that starts at `row` with its text made.
+    SearchLineSlot& slot(LineIndex row) {
+        SearchLineSlot& s = stamped(row);
+        text(s, row);
+        return s;
+    }
     /// The entry of the logical line that starts at `row`.
-    SearchLineEntry& entry(LineIndex row) { return slot(row).entry; }
+    SearchLineEntry& entry(LineIndex row) { return *slot(row).entry; }
     /// Drops every entry.
     void invalidate();
-    /// How many entries were made since the cache was created (for tests and benchmarks).
+    /// How many lines' texts were made since the cache was created (for tests and benchmarks).
     uint64_t translations() const { return m_translations; }
 
 private:
+    void stampLine(SearchLineSlot& slot, LineIndex row);
     void translateBuffer(SearchLineSlot& slot, LineIndex row);
     bool isCurrent(const SearchLineSlot& slot, LineIndex row) const;
-    void followBuffer();
 
     const Terminal& m_terminal;
     // Where the lines' text lives: a search over the whole scrollback makes one string per

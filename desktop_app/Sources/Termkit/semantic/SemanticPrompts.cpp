@@ -140,12 +140,50 @@ bool SemanticPrompts::canReuseSemanticGroup(SemanticPromptKind kind) const {
 }
 
 void SemanticPrompts::clearEchoedEnterContinuationBeforeOutput(Terminal& terminal) {
-    // The Enter the shell echoed left the cursor on a fresh row that a continuation would have
-    // claimed; output starts there instead.
+    // The Enter the shell echoed moved the cursor to a row the line feed carried into the
+    // group; output starts there instead, so the row leaves the group, unless the shell
+    // marked it or typed input is on it (the cursor went back into the command).
     const LineIndex row = terminal.buffer().lineIndex(terminal.getCursorLocation().second);
     BufferLine& line = terminal.annotatableLine(row);
-    if (line.semanticHardContinuationGroup() == m_activeGroup && !line.hasAnyContent())
-        line.setSemanticHardContinuationGroup(std::nullopt);
+    if (line.semanticHardContinuationGroup() != m_activeGroup)
+        return;
+    const auto& marks = line.semanticMarks();
+    if (std::any_of(marks.begin(), marks.end(),
+                    [&](const SemanticMark& m) { return m.group == m_activeGroup; }) ||
+        hasCellOfCode(line, SemanticContent::kInputCode))
+        return;
+    line.setSemanticHardContinuationGroup(std::nullopt);
+}
+
+void SemanticPrompts::updateLineAdvanceWanted(Terminal& terminal) const {
+    const bool groupOpen = m_activeGroup != 0 && m_input != SemanticInputState::idle && !m_inputLineOnly;
+    const bool inputRowOpen =
+        m_inputLineOnly && terminal.buffer().semanticContent() == SemanticContent::kInputCode;
+    terminal.setSemanticLineAdvanceWanted(groupOpen || inputRowOpen);
+}
+
+void SemanticPrompts::finishSemanticLineAdvance(Terminal& terminal) {
+    if (terminal.isAlternateBufferActive())
+        return;
+    if (m_inputLineOnly) {
+        // An `I` input is its row: what comes after the line feed is the program's answer.
+        if (terminal.buffer().semanticContent() == SemanticContent::kInputCode)
+            setContent(terminal, SemanticContent::output());
+        updateLineAdvanceWanted(terminal);
+        return;
+    }
+    if (m_activeGroup == 0 || m_input == SemanticInputState::idle)
+        return;
+    // The row the cursor came to is the group's from now on (a prompt drawn over several
+    // rows, a command continued on the next), unless another group's prompt is on it.
+    const LineIndex row = terminal.buffer().lineIndex(terminal.getCursorLocation().second);
+    BufferLine& line = terminal.annotatableLine(row);
+    const auto& marks = line.semanticMarks();
+    if (std::any_of(marks.begin(), marks.end(),
+                    [&](const SemanticMark& m) { return m.group != 0 && m.group != m_activeGroup; }))
+        return;
+    if (line.semanticHardContinuationGroup() != m_activeGroup)
+        line.setSemanticHardContinuationGroup(m_activeGroup);
 }
 
 void SemanticPrompts::oscSemanticPrompt(Terminal& terminal, std::span<const uint8_t> data) {
@@ -184,6 +222,11 @@ void SemanticPrompts::oscSemanticPrompt(Terminal& terminal, std::span<const uint
                 beginSemanticPromptGroup(terminal);
                 m_clickMode = {};
                 m_specialKeys = false;
+                // A line feed may have carried the group before into this row.
+                const LineIndex row = terminal.buffer().lineIndex(terminal.getCursorLocation().second);
+                BufferLine& line = terminal.annotatableLine(row);
+                if (line.semanticHardContinuationGroup())
+                    line.setSemanticHardContinuationGroup(std::nullopt);
             }
         }
         applyOptions(options);
@@ -229,10 +272,12 @@ void SemanticPrompts::oscSemanticPrompt(Terminal& terminal, std::span<const uint
         terminal.log("Termkit: unknown semantic prompt command dropped");
         break;
     }
+    updateLineAdvanceWanted(terminal);
 }
 
-void SemanticPrompts::semanticNoteAlternateScreenSwitch(Terminal&) {
+void SemanticPrompts::semanticNoteAlternateScreenSwitch(Terminal& terminal) {
     m_input = SemanticInputState::idle;
+    updateLineAdvanceWanted(terminal);
 }
 
 void SemanticPrompts::reset(Terminal& terminal, bool) {
@@ -242,7 +287,9 @@ void SemanticPrompts::reset(Terminal& terminal, bool) {
     m_semanticPromptStartRowCache.reset();
     m_clickMode = {};
     m_specialKeys = false;
+    m_inputLineOnly = false;
     resetUserInputScanner();
+    terminal.setSemanticLineAdvanceWanted(false);
 }
 
 void SemanticPrompts::resetSemanticPromptState(Terminal& terminal, bool clearingScreenMarks) {
@@ -250,6 +297,7 @@ void SemanticPrompts::resetSemanticPromptState(Terminal& terminal, bool clearing
     m_activeGroup = 0;
     m_semanticPromptStartRowCache.reset();
     setContent(terminal, SemanticContent::none());
+    terminal.setSemanticLineAdvanceWanted(false);
     if (!clearingScreenMarks)
         return;
     const Buffer& b = terminal.buffer();
@@ -324,6 +372,22 @@ std::vector<SemanticPromptAnchor> SemanticPrompts::semanticPromptMarks(const Ter
     return out;
 }
 
+std::optional<uint64_t> SemanticPrompts::semanticRow(const Terminal& terminal, LineIndex row) {
+    const Buffer& b = terminal.buffer();
+    for (; row.value >= 0 && row.value < b.lineCount(); --row) {
+        const BufferLine& line = b.line(row);
+        // An output mark starts what the command printed, which is no part of its prompt.
+        for (const SemanticMark& mark : line.semanticMarks())
+            if (mark.group != 0 && mark.kind != SemanticContent::kOutputCode)
+                return mark.group;
+        if (line.semanticHardContinuationGroup())
+            return line.semanticHardContinuationGroup();
+        if (!line.isWrapped())
+            break;
+    }
+    return std::nullopt;
+}
+
 std::optional<SemanticPromptKind> SemanticPrompts::semanticRowKind(const Terminal& terminal, LineIndex row) {
     const Buffer& b = terminal.buffer();
     if (row.value < 0 || row.value >= b.lineCount())
@@ -341,6 +405,18 @@ bool SemanticPrompts::rowHasGroupMark(const Terminal& terminal, LineIndex row) c
     return std::any_of(line.semanticMarks().begin(), line.semanticMarks().end(),
                        [&](const SemanticMark& m) { return m.group == m_activeGroup; }) ||
            line.semanticHardContinuationGroup() == m_activeGroup;
+}
+
+bool SemanticPrompts::rowContinuesActiveGroupHard(const Terminal& terminal, LineIndex row) const {
+    // Marked for the group, carried into it, or wrapped from a row that is.
+    const Buffer& b = terminal.buffer();
+    for (; row.value >= 0 && row.value < b.lineCount(); --row) {
+        if (rowHasGroupMark(terminal, row))
+            return true;
+        if (!b.line(row).isWrapped())
+            return false;
+    }
+    return false;
 }
 
 std::optional<LineIndex> SemanticPrompts::findSemanticPromptRebindRow(const Terminal& terminal) const {
@@ -450,13 +526,17 @@ SemanticGroupGeometry SemanticPrompts::semanticGroupGeometry(const Terminal& ter
         while (last < screenEnd && last.value + 1 < b.lineCount() && b.line(last + 1).isWrapped())
             ++last;
     } else {
-        // Below the cursor, rows the input still covers (the cursor moved up into it).
+        // Below the cursor, rows the group still holds (the cursor moved up into it).
         while (last < screenEnd && last.value + 1 < b.lineCount() &&
-               (b.line(last + 1).isWrapped() || hasCellOfCode(b.line(last + 1), SemanticContent::kInputCode)))
+               rowContinuesActiveGroupHard(terminal, last + 1))
             ++last;
     }
+    // The rows the group holds: the prompt's and the input's, marked or carried by line
+    // feeds, with the rows they wrap into; other rows in between (output the cursor passed
+    // over) are not its.
     for (LineIndex r = first; r <= last; ++r)
-        geometry.rows.push_back({r, firstInputColumn(terminal, r)});
+        if (m_inputLineOnly || rowContinuesActiveGroupHard(terminal, r))
+            geometry.rows.push_back({r, firstInputColumn(terminal, r)});
     return geometry;
 }
 

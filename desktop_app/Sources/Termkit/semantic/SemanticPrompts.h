@@ -133,6 +133,9 @@ public:
     void oscSemanticPrompt(Terminal& terminal, std::span<const uint8_t> data) override;
     void semanticNoteAlternateScreenSwitch(Terminal& terminal) override;
     void reset(Terminal& terminal, bool hard) override;
+    /// At a line feed: an open prompt group takes in the row the cursor moved to (a prompt of
+    /// several rows, the input's next row), and the input of an `I` mark ends with its row.
+    void finishSemanticLineAdvance(Terminal& terminal) override;
 
     /// Bytes the person typed or pasted, on their way to the program: Enter at the top level
     /// submits the command; inside a bracketed paste it does not.
@@ -157,6 +160,9 @@ public:
     static SemanticContent semanticContent(const Terminal& terminal, LineIndex atRow, Col col);
     /// The prompt starts kept in the active buffer, oldest first.
     static std::vector<SemanticPromptAnchor> semanticPromptMarks(const Terminal& terminal);
+    /// The prompt group a row belongs to: by its prompt and input marks, by the group a line feed carried
+    /// into it, or as the wrapped continuation of the row above; none for other rows.
+    static std::optional<uint64_t> semanticRow(const Terminal& terminal, LineIndex row);
     /// The kind of the prompt that starts on a row, if one does.
     static std::optional<SemanticPromptKind> semanticRowKind(const Terminal& terminal, LineIndex row);
     /// Where the active prompt group started (its first mark), if it is still kept.
@@ -193,6 +199,8 @@ private:
     bool canReuseSemanticGroup(SemanticPromptKind kind) const;
     void clearEchoedEnterContinuationBeforeOutput(Terminal& terminal);
     bool rowHasGroupMark(const Terminal& terminal, LineIndex row) const;
+    bool rowContinuesActiveGroupHard(const Terminal& terminal, LineIndex row) const;
+    void updateLineAdvanceWanted(Terminal& terminal) const;
     std::optional<LineIndex> semanticPromptStartRow(const Terminal& terminal) const;
     std::optional<LineIndex> findSemanticPromptRebindRow(const Terminal& terminal) const;
     int firstInputColumn(const Terminal& terminal, LineIndex row) const;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <random>
+#include <set>
 #include <unordered_map>
 #include <utility>
 
@@ -148,6 +149,30 @@ TEST(CharacterTableTest, CodesForClustersAndBack) {
     EXPECT_EQ(table.character(0xD800), " ");
     EXPECT_EQ(table.character(0x300000), " ");
     EXPECT_EQ(table.character(CharacterTable::kFirstIndex + 99), " ");
+}
+
+// Clusters of every short length that differ in a single byte, wherever it is: the compare
+// of short clusters reads them in overlapping words, and no byte may be left out.
+TEST(CharacterTableTest, ClustersThatDifferInOneByteAtAnyPlaceGetTheirOwnCodes) {
+    CharacterTable table;
+    std::unordered_map<std::string, int32_t> codes;
+    for (size_t length = 2; length <= 24; ++length) {
+        const std::string base(length, 'm');
+        codes.emplace(base, table.code(std::string_view(base)));
+        for (size_t at = 0; at < length; ++at) {
+            std::string changed = base;
+            changed[at] = 'n';
+            codes.emplace(changed, table.code(std::string_view(changed)));
+        }
+    }
+    std::set<int32_t> distinct;
+    for (const auto& [cluster, code] : codes) {
+        ASSERT_EQ(table.code(std::string_view(cluster)), code) << cluster;
+        ASSERT_EQ(table.character(code), cluster);
+        distinct.insert(code);
+    }
+    EXPECT_EQ(distinct.size(), codes.size());
+    EXPECT_EQ(table.size(), codes.size());
 }
 
 // Many clusters that differ in a byte or in length, long ones beyond the short compare and

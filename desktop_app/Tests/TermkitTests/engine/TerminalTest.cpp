@@ -554,6 +554,77 @@ TEST(TerminalTest, AWordOfPlainScalarsInInsertModeShiftsWhatFollows) {
     EXPECT_EQ(t.buffer().x(), Col(4));
 }
 
+TEST(TerminalTest, TextAfterAMarkedLetterGoesOnInTheSameWord) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(12, 3));
+    // Bold: a letter with a mark, ASCII, a Cyrillic letter, an ideograph with a mark, ASCII,
+    // then REP, which repeats the last scalar written.
+    t.feed("\x1b[1ma\xcc\x81"
+           "bc\xd0\x96\xe4\xb8\x96\xcc\x82"
+           "d\x1b[b");
+    const Buffer& b = t.buffer();
+    const CharData* cells = b.screenLine(ScreenRow(0)).cells();
+    EXPECT_EQ(t.character(cells[0].code), "a\xcc\x81");
+    EXPECT_EQ(cells[1].code, 'b');
+    EXPECT_EQ(cells[2].code, 'c');
+    EXPECT_EQ(cells[3].code, 0x0416);
+    EXPECT_EQ(t.character(cells[4].code), "\xe4\xb8\x96\xcc\x82");
+    EXPECT_EQ(cells[4].width, 2);
+    EXPECT_EQ(cells[5].code, 0);
+    EXPECT_EQ(cells[5].width, 0);
+    EXPECT_EQ(cells[6].code, 'd');
+    EXPECT_EQ(cells[7].code, 'd');
+    EXPECT_EQ(b.x(), Col(8));
+    const AttributeId bold = cells[0].attribute;
+    EXPECT_NE(bold, AttributeTable::kEmpty);
+    for (int col = 0; col < 8; ++col)
+        EXPECT_EQ(cells[col].attribute, bold) << col;
+}
+
+TEST(TerminalTest, MarksInsideAWordJoinTheirLettersAndTheWordGoesOn) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(12, 3));
+    // A Cyrillic letter with a mark, an ASCII letter with two, a joiner that leaves its
+    // cluster calling for more (a letter after it still takes a cell of its own), then REP,
+    // which repeats the last scalar written: the letter, not the cluster it became.
+    t.feed("\xd0\x96\xcc\x81"
+           "a\xcc\x82\xcc\x83"
+           "b\xe2\x80\x8d"
+           "c\xd0\xb8\xcc\x81\x1b[b");
+    const CharData* cells = t.buffer().screenLine(ScreenRow(0)).cells();
+    EXPECT_EQ(t.character(cells[0].code), "\xd0\x96\xcc\x81");
+    EXPECT_EQ(t.character(cells[1].code), "a\xcc\x82\xcc\x83");
+    EXPECT_EQ(t.character(cells[2].code), "b\xe2\x80\x8d");
+    EXPECT_EQ(cells[3].code, 'c');
+    EXPECT_EQ(t.character(cells[4].code), "\xd0\xb8\xcc\x81");
+    EXPECT_EQ(cells[5].code, 0x0438);
+    EXPECT_EQ(t.buffer().x(), Col(6));
+    for (int col = 0; col < 6; ++col)
+        EXPECT_EQ(cells[col].width, 1) << col;
+}
+
+TEST(TerminalTest, RepeatAfterAWideScalarInAWordRepeatsTheWideScalar) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    t.feed("\xd0\x96\xe4\xb8\x96\x1b[b");
+    EXPECT_EQ(screenText(t)[0], "\xd0\x96\xe4\xb8\x96\xe4\xb8\x96");
+    EXPECT_EQ(t.buffer().x(), Col(5));
+}
+
+TEST(TerminalTest, FourByteSequencesOutsideUnicodeOrOverlongAreDropped) {
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(10, 2));
+    // Beyond U+10FFFF, an overlong form, a lead no sequence may start with, then an emoji.
+    t.feed("a\xf4\x90\x80\x80"
+           "b\xf0\x80\x80\x80"
+           "c\xf5\x80\x80\x80"
+           "d\xf0\x9f\x98\x80"
+           "e");
+    EXPECT_EQ(screenText(t)[0], "abcd\xf0\x9f\x98\x80"
+                                "e");
+    EXPECT_EQ(t.buffer().x(), Col(7));
+}
+
 TEST(TerminalTest, ChunkingNeverChangesTheResult) {
     const std::string input =
         "\x1b[1;31mhello \xe4\xb8\x96\xe7\x95\x8c\x1b[0m e\xcc\x81 \xf0\x9f\x87\xa9\xf0\x9f\x87\xaa\r\n"

@@ -85,6 +85,27 @@ TEST(UnicodeUtilTest, JoiningAndEmojiProperties) {
     EXPECT_EQ(UnicodeUtil::textPresentationAdjusted(0x1F600, 2), 2);
 }
 
+TEST(UnicodeUtilTest, PlainWidthAgreesWithTheFullPropertiesAcrossTheBasicPlane) {
+    // Printable ASCII is known before any block is built.
+    EXPECT_EQ(UnicodeUtil::plainWidth('~'), 1u);
+    for (char32_t c = 0; c < 0x10000; ++c) {
+        const uint8_t info = UnicodeUtil::info(c);
+        const int width = (info & UnicodeUtil::kWidthMask) - 1;
+        const bool surrogate = c >= 0xD800 && c <= 0xDFFF;
+        const bool plain =
+            width > 0 && (info & (UnicodeUtil::kJoins | UnicodeUtil::kRegionalIndicator)) == 0 && !surrogate;
+        ASSERT_EQ(UnicodeUtil::plainWidth(c), plain ? static_cast<unsigned>(width) : 0u)
+            << std::hex << static_cast<uint32_t>(c);
+    }
+    EXPECT_EQ(UnicodeUtil::plainWidth('a'), 1u);
+    EXPECT_EQ(UnicodeUtil::plainWidth(0x0416), 1u);
+    EXPECT_EQ(UnicodeUtil::plainWidth(0x4E16), 2u);
+    EXPECT_EQ(UnicodeUtil::plainWidth(0x0301), 0u);
+    EXPECT_EQ(UnicodeUtil::plainWidth(0x200D), 0u);
+    EXPECT_EQ(UnicodeUtil::plainWidth(0x7F), 0u);
+    EXPECT_EQ(UnicodeUtil::plainWidth(0xD800), 0u);
+}
+
 // Whether ICU's own grapheme iterator keeps a scalar sequence in one cluster.
 bool icuSingleCluster(const std::u32string& s) {
     UErrorCode status = U_ZERO_ERROR;

@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <random>
 
 #include "Termkit/engine/Terminal.h"
 #include "Termkit/selection/SelectionService.h"
@@ -184,6 +185,169 @@ TEST(SearchServiceTest, RepeatedFindAllSeesScrollbackBroughtBackAndChanged) {
         ++inText;
     EXPECT_LT(inText, 11u);
     EXPECT_EQ(search.findAll("gamma").size(), inText);
+}
+
+// --- Lines passed over by their cells ----------------------------------------------------------
+
+TEST(SearchServiceTest, AColdSearchMakesTextOnlyForLinesThatMayHoldAMatch) {
+    Discard host;
+    Terminal t(&host, sized(30, 5, 200));
+    for (int i = 0; i < 100; ++i)
+        t.feed(i % 25 == 7 ? "a line with latency\r\n"
+                           : "a line of other words " + std::to_string(i) + "\r\n");
+    SearchService search(t);
+    EXPECT_EQ(search.findAll("LATENCY").size(), 4u);
+    EXPECT_EQ(search.lineCache().translations(), 4u);
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_EQ(search.findAll("lat[a-z]+cy", regex).size(), 4u);
+    EXPECT_EQ(search.lineCache().translations(), 4u); // the same four lines' text, kept
+    // A term the cells hold but only as part of a word: the text decides.
+    SearchOptions whole;
+    whole.wholeWord = true;
+    EXPECT_EQ(search.findAll("ate", whole).size(), 0u);
+    EXPECT_EQ(search.findAll("ate").size(), 4u);
+}
+
+TEST(SearchServiceTest, LettersThatFoldToAsciiAreFoundWithoutTheirTextMadeFirst) {
+    Discard host;
+    Terminal t(&host, sized(40, 4));
+    // KELVIN SIGN and LONG S fold to k and s: a search for "kiss" finds "Kiſs".
+    t.feed("plain words\r\n\xe2\x84\xaai\xc5\xbfs here\r\nmore plain words");
+    SearchService search(t);
+    const auto all = search.findAll("KISS");
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].row, LineIndex(1));
+    EXPECT_EQ(all[0].col, Col(0));
+    EXPECT_EQ(all[0].size, 4);
+    SearchOptions exact;
+    exact.caseSensitive = true;
+    EXPECT_TRUE(search.findAll("kiss", exact).empty());
+    // A pattern without case goes by the matcher's folding, which knows them too.
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_EQ(search.findAll("ki[a-z]s", regex).size(), 1u);
+}
+
+TEST(SearchServiceTest, AClusterWhoseTextStartsWithTheTermIsFound) {
+    Discard host;
+    Terminal t(&host, sized(40, 4));
+    // "cafe" with a combining acute on the e: one cell holds "e\u0301", and the text holds "cafe".
+    t.feed("x\r\ncafe\xcc\x81 au lait\r\ny");
+    SearchService search(t);
+    const auto all = search.findAll("cafe");
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].row, LineIndex(1));
+    EXPECT_EQ(all[0].col, Col(0));
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_EQ(search.findAll("caf.", regex).size(), 1u);
+}
+
+TEST(SearchServiceTest, PatternsWhoseStartIsNotFixedStillFindEveryMatch) {
+    Discard host;
+    Terminal t(&host, sized(40, 6));
+    t.feed("color\r\ncolour\r\nac\r\nabbc\r\ndog\r\nCAT");
+    SearchService search(t);
+    SearchOptions regex;
+    regex.regex = true;
+    EXPECT_EQ(search.findAll("colou?r", regex).size(), 2u);
+    EXPECT_EQ(search.findAll("ab*c", regex).size(), 2u);
+    EXPECT_EQ(search.findAll("ab{0,2}c", regex).size(), 2u);
+    EXPECT_EQ(search.findAll("cat|dog", regex).size(), 2u);
+    regex.caseSensitive = true;
+    EXPECT_EQ(search.findAll("cat|dog", regex).size(), 1u);
+    EXPECT_EQ(search.findAll("CAT", regex).size(), 1u);
+}
+
+// Counts a term in the buffer's logical lines read as UTF-8 (rows trimmed and joined), with
+// ASCII letters folded when the case does not matter: what a search must find, made without
+// the search's own text or filters.
+size_t occurrencesInText(const Terminal& t, const std::string& term, bool caseSensitive) {
+    const auto fold = [&](std::string text) {
+        if (!caseSensitive)
+            for (char& c : text)
+                if (c >= 'A' && c <= 'Z')
+                    c = static_cast<char>(c - 'A' + 'a');
+        return text;
+    };
+    const std::string needle = fold(term);
+    const Buffer& b = t.buffer();
+    size_t count = 0;
+    for (int r = 0; r < b.lineCount();) {
+        std::string line;
+        int next = r;
+        do {
+            line += b.line(LineIndex(next)).translateToString(t.tables().characters);
+            ++next;
+        } while (next < b.lineCount() && b.line(LineIndex(next)).isWrapped());
+        line = fold(line);
+        for (size_t at = line.find(needle); at != std::string::npos;
+             at = line.find(needle, at + needle.size()))
+            ++count;
+        r = next;
+    }
+    return count;
+}
+
+TEST(SearchServiceTest, FindAllCountsWhatTheTextHoldsOverMixedScripts) {
+    // Words, wide characters, combining marks, emoji and long wrapped lines, in a fixed
+    // random mix; every count must be the text's, whichever lines the cells ruled out.
+    const std::vector<std::string> pieces = {"lat",
+                                             "ency",
+                                             "latency",
+                                             "LATENCY",
+                                             " ",
+                                             "  ",
+                                             "x",
+                                             "e\xcc\x81",
+                                             "caf",
+                                             "\xe4\xb8\x96",
+                                             "\xf0\x9f\x9a\x80",
+                                             "ab",
+                                             "a b",
+                                             "-",
+                                             "\t",
+                                             "\xc3\xa9",
+                                             "\xe2\x9c\x85",
+                                             "Lat",
+                                             "cy",
+                                             "1\xef\xb8\x8f\xe2\x83\xa3"};
+    // With and without clusters of several characters: without any, lines are ruled out by
+    // their cells without a look at every cell.
+    for (const bool clusters : {true, false}) {
+        std::mt19937 random(20261124);
+        Discard host;
+        Terminal t(&host, sized(17, 6, 400));
+        for (int line = 0; line < 300; ++line) {
+            const int count = static_cast<int>(random() % 14);
+            std::string text;
+            for (int k = 0; k < count; ++k) {
+                const std::string& piece = pieces[random() % pieces.size()];
+                const bool multiScalar =
+                    piece.find("\xcc") != std::string::npos || piece.find("\xe2\x83") != std::string::npos;
+                if (clusters || !multiScalar)
+                    text += piece;
+            }
+            t.feed(text + "\r\n");
+        }
+        ASSERT_EQ(t.tables().characters.multiScalarCount() != 0, clusters);
+        SearchService search(t);
+        for (const std::string term : {"latency", "lat", "a b", "cafe", "y l", "ab"}) {
+            for (const bool caseSensitive : {false, true}) {
+                SearchOptions o;
+                o.caseSensitive = caseSensitive;
+                EXPECT_EQ(search.findAll(term, o, 100000).size(), occurrencesInText(t, term, caseSensitive))
+                    << term << (caseSensitive ? " (case-sensitive)" : "");
+            }
+        }
+        // Patterns that can only match "latency" in any case, each match on its own.
+        SearchOptions regex;
+        regex.regex = true;
+        for (const std::string pattern : {"latency", "lat(ency)", "LAT[e]NCY", "l?atency"})
+            EXPECT_EQ(search.findAll(pattern, regex, 100000).size(), occurrencesInText(t, "latency", false))
+                << pattern;
+    }
 }
 
 // --- Over recorded sessions ------------------------------------------------------------------

@@ -362,6 +362,133 @@ TEST(SemanticPromptsTest, TheIMarkMakesTheInputOneRow) {
     EXPECT_EQ(click(semantic, t, 2, 0), times("\x1b[D", 3));
 }
 
+TEST(SemanticPromptsTest, LineFeedsCarryTheGroupAndTheEchoedEnterLeavesIt) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 8), nullptr, &semantic);
+    // bash: a command continued on the next row behind a continuation prompt it does not mark.
+    t.feed("\x1b]133;A;cl=m\x07$ \x1b]133;B\x07"
+           "echo a \\\r\n> b");
+    const uint64_t group = semantic.activeSemanticGroupID();
+    ASSERT_NE(group, 0u);
+    EXPECT_TRUE(t.semanticLineAdvanceWanted());
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(0)), group);
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(1)), group);
+    const SemanticGroupGeometry geometry = semantic.semanticGroupGeometry(t);
+    ASSERT_EQ(geometry.rows.size(), 2u);
+    EXPECT_EQ(geometry.rows[1].row, LineIndex(1));
+    // From after "b" back over it, and up across the break to the end of "echo a \".
+    EXPECT_EQ(click(semantic, t, 2, 1), "\x1b[D");
+    EXPECT_EQ(click(semantic, t, 9, 0), times("\x1b[D", 5));
+    // Enter: the shell echoes it, and the line feed carries the group on until output starts.
+    type(semantic, "\r");
+    t.feed("\r\n");
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(2)), group);
+    t.feed("\x1b]133;C\x07");
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(2)));
+    t.feed("a b\r\n");
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(2)));
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(3)));
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(1)), group);
+    EXPECT_FALSE(t.semanticLineAdvanceWanted());
+    // The next prompt is a group of its own, from its own row.
+    t.feed("\x1b]133;D\x07");
+    EXPECT_FALSE(t.semanticLineAdvanceWanted());
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07");
+    EXPECT_TRUE(t.semanticLineAdvanceWanted());
+    const uint64_t next = semantic.activeSemanticGroupID();
+    EXPECT_NE(next, group);
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(3)), next);
+    EXPECT_EQ(semantic.semanticGroupGeometry(t).rows.size(), 1u);
+}
+
+TEST(SemanticPromptsTest, APromptOfTwoRowsIsOneGroupWithItsInputOnTheSecond) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 6), nullptr, &semantic);
+    t.feed("\x1b]133;A;cl=m\x07user@host ~/src\r\n$ \x1b]133;B\x07ls -l");
+    const uint64_t group = semantic.activeSemanticGroupID();
+    EXPECT_EQ(SemanticPrompts::semanticRow(t, LineIndex(1)), group);
+    EXPECT_EQ(semantic.activeSemanticPromptOrigin(t), Position(Col(0), LineIndex(0)));
+    ASSERT_EQ(semantic.semanticGroupGeometry(t).rows.size(), 2u);
+    // The prompt's first row holds no input: a click there is not the input's.
+    EXPECT_EQ(click(semantic, t, 3, 0), kNotTaken);
+    EXPECT_EQ(click(semantic, t, 3, 1), times("\x1b[D", 4));
+}
+
+TEST(SemanticPromptsTest, TheInputOfAnIMarkEndsWithItsRow) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 6), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07"
+           "Continue? \x1b]133;I\x07"
+           "yes");
+    EXPECT_TRUE(t.semanticLineAdvanceWanted());
+    t.feed("\r\nfine, going on");
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, LineIndex(0), Col(10)), SemanticContent::input());
+    EXPECT_EQ(SemanticPrompts::semanticContent(t, LineIndex(1), Col(0)), SemanticContent::output());
+    EXPECT_FALSE(t.semanticLineAdvanceWanted());
+    // The row after it did not join the group.
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(1)));
+}
+
+// The marks of the row a text starts on, as (column, kind) pairs.
+std::vector<std::pair<int, uint8_t>> marksOfRowStarting(const Terminal& t, std::string_view text) {
+    const Buffer& b = t.buffer();
+    for (int r = 0; r < b.lineCount(); ++r) {
+        const BufferLine& line = b.line(LineIndex(r));
+        if (line.translateToString(t.tables().characters).starts_with(text)) {
+            std::vector<std::pair<int, uint8_t>> out;
+            for (const SemanticMark& m : line.semanticMarks())
+                out.emplace_back(m.column, m.kind);
+            return out;
+        }
+    }
+    return {{-1, 0}};
+}
+
+TEST(SemanticPromptsTest, ReflowMovesMarksWithTheirCells) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(10, 6), nullptr, &semantic);
+    // "$ 01234567" and, wrapped, "89AB", with a right-prompt mark after the "89".
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07"
+           "0123456789\x1b]133;P;k=r\x07"
+           "AB\x1b]133;C\x07\r\nout");
+    const uint8_t prompt = SemanticContent::prompt(SemanticPromptKind::initial).code();
+    const uint8_t input = SemanticContent::input().code();
+    const uint8_t right = SemanticContent::prompt(SemanticPromptKind::right).code();
+    const uint8_t output = SemanticContent::output().code();
+    ASSERT_EQ(marksOfRowStarting(t, "$ 0"), (std::vector<std::pair<int, uint8_t>>{{0, prompt}, {2, input}}));
+    // Wider: the wrapped row joins the first, and its mark moves along with its cells.
+    t.resize(20, 6);
+    EXPECT_EQ(marksOfRowStarting(t, "$ 0"),
+              (std::vector<std::pair<int, uint8_t>>{{0, prompt}, {2, input}, {12, right}, {14, output}}));
+    // Narrower: each mark lands on the row its cell went to.
+    t.resize(5, 6);
+    EXPECT_EQ(marksOfRowStarting(t, "$ 0"), (std::vector<std::pair<int, uint8_t>>{{0, prompt}, {2, input}}));
+    EXPECT_EQ(marksOfRowStarting(t, "89AB"), (std::vector<std::pair<int, uint8_t>>{{2, right}, {4, output}}));
+}
+
+TEST(SemanticPromptsTest, ErasingTheScreenDropsTheMarksOfTheRowsItEmpties) {
+    Discard host;
+    SemanticPrompts semantic;
+    Terminal t(&host, sized(30, 4), nullptr, &semantic);
+    t.feed("\x1b]133;A\x07$ \x1b]133;B\x07ls\r\n\x1b]133;A;k=c\x07> ");
+    ASSERT_EQ(SemanticPrompts::semanticPromptMarks(t).size(), 2u);
+    // Erasing below the first row empties the second: its mark goes, the first row's stays.
+    t.feed("\x1b[1;3H\x1b[J");
+    ASSERT_EQ(SemanticPrompts::semanticPromptMarks(t).size(), 1u);
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(1)));
+    t.feed("\x1b[2J");
+    EXPECT_TRUE(SemanticPrompts::semanticPromptMarks(t).empty());
+    EXPECT_FALSE(SemanticPrompts::semanticRow(t, LineIndex(0)));
+    // With its rows gone, the prompt takes no click; the next prompt starts afresh.
+    EXPECT_EQ(click(semantic, t, 2, 0), kNotTaken);
+    t.feed("\x1b[H\x1b]133;A\x07$ \x1b]133;B\x07");
+    EXPECT_EQ(SemanticPrompts::semanticPromptMarks(t).size(), 1u);
+}
+
 TEST(SemanticPromptsTest, ResettingTheStateCanClearTheScreensMarks) {
     Discard host;
     SemanticPrompts semantic;
