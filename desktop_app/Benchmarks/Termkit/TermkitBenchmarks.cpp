@@ -82,6 +82,44 @@ std::string sgrRepeatedText() {
     return s;
 }
 
+// Diff output: whole lines on a true-colour background, their words in 256-colour and
+// now and then true-colour foregrounds, so SGR sequences start from true-colour attributes.
+std::string sgrDiffText() {
+    std::string s;
+    std::mt19937 rng(7);
+    while (s.size() < (1 << 20)) {
+        s += rng() % 2 ? "\x1b[48;2;0;64;0m+" : "\x1b[48;2;64;0;0m-";
+        for (int w = 0; w < 8; ++w) {
+            if (rng() % 3 == 0) {
+                s += "\x1b[38;2;" + std::to_string(rng() % 256) + ";" + std::to_string(rng() % 256) + ";9m";
+            } else {
+                s += "\x1b[38;5;" + std::to_string(rng() % 16) + "m";
+            }
+            s += std::string(2 + rng() % 8, static_cast<char>('a' + rng() % 26));
+            s += "\x1b[39m ";
+        }
+        s += "\x1b[0m\r\n";
+    }
+    return s;
+}
+
+// A full-screen program's redraw: each row addressed, coloured and erased to its end.
+std::string redrawText() {
+    std::string s;
+    std::mt19937 rng(8);
+    while (s.size() < (1 << 20)) {
+        s += "\x1b[?25l";
+        for (int row = 1; row <= 24; ++row) {
+            s += "\x1b[" + std::to_string(row) + ";1H";
+            s += rng() % 4 == 0 ? "\x1b[30;46m" : "\x1b[1;32m";
+            s += std::string(5 + rng() % 40, static_cast<char>('a' + rng() % 26));
+            s += "\x1b[0m\x1b[K";
+        }
+        s += "\x1b[?25h";
+    }
+    return s;
+}
+
 void appendUtf8(char32_t c, std::string& s) {
     if (c < 0x80) {
         s += static_cast<char>(c);
@@ -205,6 +243,12 @@ void BM_Sgr(benchmark::State& state) {
 void BM_SgrRepeated(benchmark::State& state) {
     feedBenchmark(state, sgrRepeatedText());
 }
+void BM_SgrDiff(benchmark::State& state) {
+    feedBenchmark(state, sgrDiffText());
+}
+void BM_Redraw(benchmark::State& state) {
+    feedBenchmark(state, redrawText());
+}
 void BM_Utf8Wide(benchmark::State& state) {
     feedBenchmark(state, wideText());
 }
@@ -246,6 +290,8 @@ void BM_CharacterTableNewClusters(benchmark::State& state) {
 BENCHMARK(BM_AsciiRun)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Sgr)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_SgrRepeated)->Args({80, 24})->Args({200, 50});
+BENCHMARK(BM_SgrDiff)->Args({80, 24})->Args({200, 50});
+BENCHMARK(BM_Redraw)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8Wide)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8MixedScripts)->Args({80, 24})->Args({200, 50});
 BENCHMARK(BM_Utf8MarkedLetters)->Args({80, 24})->Args({200, 50});

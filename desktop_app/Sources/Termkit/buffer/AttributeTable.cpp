@@ -38,6 +38,10 @@ AttributeId AttributeTable::findOrInsert(const Attribute& attribute, uint64_t ha
             return id;
         slot = (slot + 1) & mask;
     }
+    return insertAt(slot, attribute);
+}
+
+AttributeId AttributeTable::insertAt(size_t slot, const Attribute& attribute) {
     AttributeId id;
     if (!m_free.empty()) {
         id = m_free.back();
@@ -68,27 +72,30 @@ AttributeId AttributeTable::intern(const Attribute& attribute) {
         m_lastId = recent.id;
         return recent.id;
     }
-    {
-        // Look first without inserting, so that a known attribute never triggers a collection.
-        const size_t mask = m_slots.size() - 1;
-        for (size_t slot = hash & mask; m_slots[slot] != 0; slot = (slot + 1) & mask) {
-            const AttributeId id = m_slots[slot] - 1;
-            if (m_entries[id] == attribute) {
-                m_lastAttribute = attribute;
-                m_lastId = id;
-                recent = {attribute, id};
-                return id;
-            }
+    // Look first without inserting, so that a known attribute never triggers a collection.
+    const size_t mask = m_slots.size() - 1;
+    size_t slot = hash & mask;
+    for (; m_slots[slot] != 0; slot = (slot + 1) & mask) {
+        const AttributeId id = m_slots[slot] - 1;
+        if (m_entries[id] == attribute) {
+            m_lastAttribute = attribute;
+            m_lastId = id;
+            recent = {attribute, id};
+            return id;
         }
     }
+    // A new attribute does not enter the recent cache yet: one-off true colours would only
+    // push out the attributes that keep coming back. Without a collection it goes into the
+    // free slot the lookup ended on; a collection rebuilds the slots, so it looks again.
+    AttributeId id;
     if (m_marker && liveCount() >= m_collectThreshold) {
         collectGarbage();
         // Collection pays for itself only if the table stays at most half full of live ids.
         m_collectThreshold = std::max(kInitialCollectThreshold, liveCount() * 2);
+        id = findOrInsert(attribute, hash);
+    } else {
+        id = insertAt(slot, attribute);
     }
-    // A new attribute does not enter the recent cache yet: one-off true colours would only
-    // push out the attributes that keep coming back.
-    const AttributeId id = findOrInsert(attribute, hash);
     m_lastAttribute = attribute;
     m_lastId = id;
     return id;

@@ -46,6 +46,8 @@ public:
 
 private:
     AttributeId findOrInsert(const Attribute& attribute, uint64_t hash);
+    // Adds a new attribute in a free slot of the hash table.
+    AttributeId insertAt(size_t slot, const Attribute& attribute);
     void rehash(size_t slotCount);
 
     std::vector<Attribute> m_entries;

@@ -40,6 +40,7 @@ BufferLine::BufferLine(const BufferLine& other)
     : m_isWrapped(other.m_isWrapped), m_bidiState(other.m_bidiState), m_renderMode(other.m_renderMode),
       m_owningBuffer(nullptr), m_recycleGeneration(0), m_identity(nextLineIdentity()),
       m_fillCharacter(other.m_fillCharacter), m_generation(0), m_size(other.m_size), m_clean(other.m_clean) {
+    other.settle();
     m_data.reset(new CharData[static_cast<size_t>(m_size)]);
     moveCells(m_data.get(), other.m_data.get(), m_size);
     if (other.m_annotations)
@@ -49,6 +50,8 @@ BufferLine::BufferLine(const BufferLine& other)
 BufferLine& BufferLine::operator=(const BufferLine& other) {
     if (this == &other)
         return *this;
+    other.settle();
+    m_dirty = 0;
     if (m_size != other.m_size) {
         m_data.reset(new CharData[static_cast<size_t>(other.m_size)]);
         m_size = other.m_size;
@@ -69,10 +72,25 @@ int BufferLine::correctIndex(int col) const {
     return col < 0 ? 0 : std::max(m_size - 1, 0);
 }
 
+void BufferLine::settleSlow() const {
+    if (m_dirty > m_clean)
+        fillCells(m_data.get() + m_clean, m_dirty - m_clean, CharData::Null);
+    m_dirty = 0;
+}
+
+void BufferLine::settleBefore(int begin) {
+    // Only the leftovers between the clean mark and a write need clearing now; those the
+    // write covers are overwritten, and those after it stay behind the new clean mark.
+    fillCells(m_data.get() + m_clean, std::min(begin, m_dirty) - m_clean, CharData::Null);
+    if (begin >= m_dirty)
+        m_dirty = 0;
+}
+
 void BufferLine::resize(int cols, const CharData& fillData) {
     cols = std::max(cols, 0);
     if (cols == m_size)
         return;
+    settle();
     std::unique_ptr<CharData[]> next(new CharData[static_cast<size_t>(cols)]);
     const int kept = std::min(cols, m_size);
     moveCells(next.get(), m_data.get(), kept);
@@ -84,6 +102,7 @@ void BufferLine::resize(int cols, const CharData& fillData) {
 }
 
 void BufferLine::fill(const CharData& fillData) {
+    m_dirty = 0;
     fillCells(m_data.get(), m_size, fillData);
     m_clean = fillData == CharData::Null ? 0 : m_size;
     ++m_generation;
@@ -93,9 +112,11 @@ void BufferLine::clear(AttributeId attribute) {
     // Cells past the clean mark are already empty: a recycled line is cleared only as far as
     // it was ever written.
     if (attribute == AttributeTable::kEmpty) {
-        fillCells(m_data.get(), m_clean, CharData::Null);
+        // Lazily: a recycled line is mostly overwritten by the next output anyway.
+        m_dirty = std::max(m_dirty, m_clean);
         m_clean = 0;
     } else {
+        m_dirty = 0;
         fillCells(m_data.get(), m_size, CharData::Null.withAttribute(attribute));
         m_clean = m_size;
     }
@@ -108,6 +129,8 @@ void BufferLine::copyFrom(const BufferLine& line, int srcCol, int dstCol, int le
     len = std::min({len, line.m_size - srcCol, m_size - dstCol});
     if (len <= 0 || srcCol < 0 || dstCol < 0)
         return;
+    line.settle();
+    settle();
     moveCells(m_data.get() + dstCol, line.m_data.get() + srcCol, len);
     m_clean = std::max(m_clean, dstCol + len);
     ++m_generation;
@@ -117,6 +140,7 @@ void BufferLine::insertCells(int pos, int n, int rightMargin, const CharData& fi
     const int end = std::min(rightMargin, m_size - 1) + 1; // one past the last moving cell
     if (pos < 0 || pos >= end || n <= 0)
         return;
+    settle();
     n = std::min(n, end - pos);
     moveCells(m_data.get() + pos + n, m_data.get() + pos, end - pos - n);
     fillCells(m_data.get() + pos, n, fillData);
@@ -128,6 +152,7 @@ void BufferLine::deleteCells(int pos, int n, int rightMargin, const CharData& fi
     const int end = std::min(rightMargin, m_size - 1) + 1;
     if (pos < 0 || pos >= end || n <= 0)
         return;
+    settle();
     n = std::min(n, end - pos);
     moveCells(m_data.get() + pos, m_data.get() + pos + n, end - pos - n);
     fillCells(m_data.get() + end - n, n, fillData);
@@ -140,13 +165,20 @@ void BufferLine::replaceCells(int start, int end, const CharData& fillData) {
     end = std::min(end, m_size);
     if (start >= end)
         return;
-    fillCells(m_data.get() + start, end - start, fillData);
-    if (!(fillData == CharData::Null)) {
-        m_clean = std::max(m_clean, end);
-    } else if (end >= m_clean) {
-        // Everything from `start` on is now empty.
-        m_clean = std::min(m_clean, start);
+    if (fillData == CharData::Null && end >= m_clean) {
+        // Everything from `start` on now reads as empty, which a lazy clear says without
+        // writing: erasing to the end of the line is what full-screen programs do on every row.
+        if (start < m_clean) {
+            m_dirty = std::max(m_dirty, m_clean);
+            m_clean = start;
+        }
+        ++m_generation;
+        return;
     }
+    settle();
+    fillCells(m_data.get() + start, end - start, fillData);
+    if (!(fillData == CharData::Null))
+        m_clean = std::max(m_clean, end);
     ++m_generation;
 }
 
@@ -161,7 +193,8 @@ int BufferLine::getTrimmedLength() const {
 }
 
 bool BufferLine::hasAnyContent() const {
-    for (int i = 0; i < m_size; ++i) {
+    // Nothing from the clean mark on has content (and may not have been cleared yet).
+    for (int i = 0; i < std::min(m_clean, m_size); ++i) {
         if (m_data[i].code != 0)
             return true;
     }
@@ -171,6 +204,7 @@ bool BufferLine::hasAnyContent() const {
 std::string BufferLine::translateToString(bool trimRight, int startCol, int endCol,
                                           bool skipNullCellsFollowingWide,
                                           const CharacterTable& characterProvider) const {
+    settle();
     startCol = std::max(startCol, 0);
     endCol = std::min(endCol, m_size);
     if (trimRight)

@@ -52,9 +52,13 @@ public:
     /// Number of cells.
     int count() const { return m_size; }
     /// Cell at a column; an out-of-range column is logged and replaced by the nearest valid one.
-    const CharData& operator[](int col) const { return m_data[checkedIndex(col)]; }
+    const CharData& operator[](int col) const {
+        settle();
+        return m_data[checkedIndex(col)];
+    }
     /// Writes a cell; an out-of-range column is logged and corrected as for reading.
     void set(int col, const CharData& cell) {
+        settle();
         const int at = checkedIndex(col);
         m_data[at] = cell;
         if (at >= m_clean)
@@ -63,16 +67,35 @@ public:
     }
     /// Direct cell storage; the caller may write any cell and calls `touch` itself.
     CharData* cells() {
+        settle();
         m_clean = m_size;
         return m_data.get();
     }
     /// Direct cell storage for writes to cells below `end` only (the print paths).
     CharData* cellsForWrite(int end) {
+        // Settled whatever `end` is: some writers go on past it and move the mark afterwards.
+        settle();
         if (end > m_clean)
             m_clean = end < m_size ? end : m_size;
         return m_data.get();
     }
-    const CharData* cells() const { return m_data.get(); }
+    /// Direct cell storage for a write of every cell in [begin, end), begin <= end <= count().
+    /// Leftovers of a lazy clear that the write covers are not cleared first.
+    CharData* cellsForRangeWrite(int begin, int end) {
+        if (m_dirty != 0) [[unlikely]] {
+            if (begin > m_clean)
+                settleBefore(begin);
+            if (end >= m_dirty)
+                m_dirty = 0;
+        }
+        if (end > m_clean)
+            m_clean = end < m_size ? end : m_size;
+        return m_data.get();
+    }
+    const CharData* cells() const {
+        settle();
+        return m_data.get();
+    }
     /// Every cell from here on is `CharData::Null`; clearing with the empty attribute only
     /// needs to touch the cells before it.
     int cleanFrom() const { return m_clean; }
@@ -96,7 +119,7 @@ public:
     /// Column after the last cell with a non-zero code, counting that cell's width.
     int getTrimmedLength() const;
     /// Whether the cell at a column holds a character.
-    bool hasContent(int col) const { return m_data[checkedIndex(col)].code != 0; }
+    bool hasContent(int col) const { return (*this)[col].code != 0; }
     /// Whether any cell holds a character.
     bool hasAnyContent() const;
     /// The text of [startCol, endCol): empty cells read as spaces; with `skipNullCellsFollowingWide`
@@ -115,6 +138,8 @@ public:
         return m_annotations && m_annotations->images ? &*m_annotations->images : nullptr;
     }
     bool hasImages() const { return images() != nullptr && !images()->empty(); }
+    /// Whether the line has any images, semantic marks or continuation group.
+    bool hasAnnotations() const { return m_annotations != nullptr; }
     /// Drops the attached images.
     void clearImages();
 
@@ -134,6 +159,13 @@ public:
     void destroySemanticState();
 
 private:
+    // Clears what a lazy clear left behind, before anyone reads it.
+    void settle() const {
+        if (m_dirty != 0) [[unlikely]]
+            settleSlow();
+    }
+    void settleSlow() const;
+    void settleBefore(int begin);
     int checkedIndex(int col) const {
         if (col >= 0 && col < m_size) [[likely]]
             return col;
@@ -150,10 +182,16 @@ private:
     uint64_t m_recycleGeneration = 0;
     uint64_t m_identity = 0;
     CharData m_fillCharacter;
+    // See m_clean; kept here, where it fills what would be padding after the 12-byte cell.
+    mutable int m_dirty = 0;
     uint64_t m_generation = 0;
     std::unique_ptr<CharData[]> m_data;
     int m_size = 0;
-    // Invariant: cells at m_clean and after are exactly CharData::Null.
+    // Invariant: cells at m_clean and after read as exactly CharData::Null. Clearing with the
+    // empty attribute is lazy: cells in [m_clean, m_dirty) may still hold what was there and
+    // are cleared before any read (`settle`), or are simply overwritten by the print path.
+    // Cells from max(m_clean, m_dirty) on are Null in memory too. m_dirty is 0 when there are
+    // no leftovers and otherwise above m_clean.
     int m_clean = 0;
     std::unique_ptr<LineAnnotations> m_annotations;
 };

@@ -82,10 +82,11 @@ inline void fillCells(CharData* dst, int n, const CharData& value) {
         cellfill::storeCell(dst + i, w.code, w.attribute, w.rest);
 }
 
-/// Writes ASCII bytes as cells that are `proto` with the byte as code. The codes go into
-/// the 16-bit lanes of the prepared blocks (their upper halves stay zero from the prototype).
-inline void writeAsciiCells(CharData* dst, const uint8_t* src, int n, const CharData& proto) {
-    const cellfill::Words w = cellfill::wordsOf(proto);
+/// Writes ASCII bytes as cells whose attribute and remaining fields are those of `w` (its code
+/// is ignored), with the byte as code. The codes go into the 16-bit lanes of the prepared
+/// blocks (their upper halves stay zero from the prototype).
+inline void writeAsciiCells(CharData* dst, const uint8_t* src, int n, cellfill::Words w) {
+    w.code = 0;
     int i = 0;
 #if defined(__SSE2__)
     if (n >= 4) {
@@ -105,6 +106,11 @@ inline void writeAsciiCells(CharData* dst, const uint8_t* src, int n, const Char
 #endif
     for (; i < n; ++i)
         cellfill::storeCell(dst + i, src[i], w.attribute, w.rest);
+}
+
+/// Writes ASCII bytes as cells that are `proto` with the byte as code.
+inline void writeAsciiCells(CharData* dst, const uint8_t* src, int n, const CharData& proto) {
+    writeAsciiCells(dst, src, n, cellfill::wordsOf(proto));
 }
 
 } // namespace termkit

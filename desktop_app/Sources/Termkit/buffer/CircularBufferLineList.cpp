@@ -79,10 +79,13 @@ BufferLine& CircularBufferLineList::recycle(AttributeId clearAttribute) {
     if (slot == nullptr)
         materialize(slot);
     BufferLine& line = *slot;
-    const bool hadImages = line.hasImages();
-    line.clearImages();
+    bool hadImages = false;
+    if (line.hasAnnotations()) [[unlikely]] {
+        hadImages = line.hasImages();
+        line.clearImages();
+        line.destroySemanticState();
+    }
     line.clear(clearAttribute);
-    line.destroySemanticState();
     line.markRecycled();
     if (onLineRecycled)
         onLineRecycled(hadImages);

@@ -286,6 +286,7 @@ private:
 
     // ParserDelegate
     void print(std::span<const uint8_t> data) override;
+    void printAscii(std::span<const uint8_t> data) override;
     void printStateReset() override;
     void dispatchExecute(uint8_t code) override;
     void dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<const uint8_t> collect) override;
@@ -310,6 +311,7 @@ private:
 
     // Printing (TerminalPrint.cpp)
     void handlePrint(std::span<const uint8_t> data);
+    void printAsciiRun(const uint8_t* p, int n, uint16_t payload);
     void printScalar(char32_t scalar, int width, uint16_t payload);
     // The line the print path is writing into, marked changed when it is let go.
     struct RowCache {
@@ -622,6 +624,7 @@ private:
         Attribute to;
         uint32_t collections = 0;
         bool hasIds = false;
+        bool rare = false; // made from a true-colour attribute
         AttributeId id = 0;
         AttributeId eraseId = 0;
     };

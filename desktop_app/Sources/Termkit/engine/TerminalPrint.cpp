@@ -124,6 +124,32 @@ void Terminal::printStateReset() {
     m_carriedCount = 0;
 }
 
+void Terminal::printAscii(std::span<const uint8_t> data) {
+    // The parser has checked every byte already.
+    if (m_charset == nullptr && m_carriedCount == 0) [[likely]] {
+        ensureAttributes();
+        const uint16_t payload = m_activeHyperlink ? resolveActiveHyperlink() : 0;
+        printAsciiRun(data.data(), static_cast<int>(data.size()), payload);
+        return;
+    }
+    handlePrint(data);
+}
+
+// Printable ASCII without a character set: one bulk write per row. The row the run starts
+// on is marked here; wrapping and scrolling mark the rows they move to.
+void Terminal::printAsciiRun(const uint8_t* p, int n, uint16_t payload) {
+    Buffer& b = *m_buffer;
+    b.markRow(b.y());
+    const int taken = b.insertAsciiRun(p, n, payload);
+    if (taken > 0) {
+        m_lastCode = p[taken - 1];
+        m_lastWidth = 1;
+        m_hasLastChar = true;
+    }
+    if (taken < n)
+        printGeneral(p + taken, n - taken, payload);
+}
+
 void Terminal::handlePrint(std::span<const uint8_t> data) {
     ensureAttributes();
     Buffer& b = *m_buffer;
@@ -132,18 +158,7 @@ void Terminal::handlePrint(std::span<const uint8_t> data) {
     const uint16_t payload = m_activeHyperlink ? resolveActiveHyperlink() : 0;
     // Plain ASCII takes one scan and one bulk write.
     if (m_charset == nullptr && m_carriedCount == 0 && allPrintableAscii(p, p + n)) {
-        b.markRow(b.y());
-        const int taken = b.insertAsciiRun(p, n, payload);
-        if (taken > 0) {
-            m_lastCode = p[taken - 1];
-            m_lastWidth = 1;
-            m_hasLastChar = true;
-        }
-        if (taken == n) {
-            b.markRow(b.y());
-            return;
-        }
-        printGeneral(p + taken, n - taken, payload);
+        printAsciiRun(p, n, payload);
         return;
     }
     b.markRow(b.y());

@@ -96,11 +96,12 @@ void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> colle
         m_attrDirty = false;
         return;
     }
-    // After a true colour, which rarely comes back, a lookup would mostly miss and its entry
-    // push out one that is used.
+    // Starting from a true colour, which may never come back, an entry could push out one that
+    // is used; such entries only take free slots and slots of their own kind. A true-colour
+    // background behind whole lines (diffs) keeps coming back, so they are still looked up.
     const bool rare = m_curAttr.fg.kind == Attribute::Color::Kind::trueColor ||
                       m_curAttr.bg.kind == Attribute::Color::Kind::trueColor;
-    const uint64_t key = rare ? 0 : sgrMemoKey(pars);
+    const uint64_t key = sgrMemoKey(pars);
     if (key == 0) {
         m_sgrMemoPending = -1;
         applySgr(pars);
@@ -130,7 +131,12 @@ void Terminal::cmdCsiM(const CsiParameters& pars, std::span<const uint8_t> colle
         m_sgrMemoPending = -1;
         return;
     }
+    if (rare && memo.parameters != 0 && !memo.rare) {
+        m_sgrMemoPending = -1;
+        return;
+    }
     memo = SgrMemo{key, from, m_curAttr};
+    memo.rare = rare;
     m_sgrMemoPending = static_cast<int>(slot);
 }
 

@@ -169,6 +169,49 @@ void EscapeSequenceParser::hookDcs(uint8_t final) {
         m_activeDcsHandler->hook(collect, m_pars, final);
 }
 
+int EscapeSequenceParser::readPlainCsi(const uint8_t* data, int i, int length) {
+    // The commonest shape by far, `ESC [ digits (; digits)* final` (SGR, cursor moves), read
+    // straight into the parameters. Anything else (a marker, a colon, an intermediate, too
+    // many parameters, the end of the chunk) returns 0 for `readSimpleCsi`, which starts over.
+    const uint8_t* p = data + i + 2;
+    const uint8_t* const end = data + length;
+    if (p >= end || data[i + 1] != '[')
+        return 0;
+    if (!m_osc.bytes.empty() || !m_apc.bytes.empty() || !m_collect.bytes.empty()) [[unlikely]]
+        return 0;
+    int32_t* values = m_pars.values.data();
+    uint8_t* separators = m_pars.separators.data();
+    int count = 0;
+    for (;;) {
+        int32_t value = 0;
+        unsigned digit;
+        // Four digits stay below the maximum; only longer numbers need saturating.
+        int digits = 0;
+        while (p < end && (digit = static_cast<unsigned>(*p) - '0') <= 9) {
+            value = value * 10 + static_cast<int32_t>(digit);
+            if (++digits > 4)
+                value = std::min(value, CsiParameters::kMaxValue);
+            ++p;
+        }
+        if (p >= end)
+            return 0;
+        values[count++] = value;
+        const uint8_t b = *p;
+        if (b == ';') {
+            if (count == CsiParameters::kMaxCount)
+                return 0;
+            separators[count - 1] = ';';
+            ++p;
+            continue;
+        }
+        if (b < 0x40 || b > 0x7E)
+            return 0;
+        m_pars.count = count;
+        m_parameterLimitExceeded = false;
+        return static_cast<int>(p - data);
+    }
+}
+
 int EscapeSequenceParser::readSimpleCsi(const uint8_t* data, int i, int length) {
     // Reads `ESC [ marker? params* intermediates* final` in one pass, collecting as it goes.
     // On anything else it gives up; the table path then starts at the ESC, whose clear
@@ -232,12 +275,19 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
     const int length = static_cast<int>(input.size());
     ParserState state = m_currentState;
     int printStart = -1;
+    // Whether the pending print run is printable ASCII only.
+    bool printIsAscii = false;
     int dcsStart = -1;
 
     auto flushPrint = [&](int end) {
         if (printStart >= 0) {
-            if (m_delegate != nullptr)
-                m_delegate->print(slice(data, printStart, end));
+            if (m_delegate != nullptr) {
+                if (printIsAscii) {
+                    m_delegate->printAscii(slice(data, printStart, end));
+                } else {
+                    m_delegate->print(slice(data, printStart, end));
+                }
+            }
             printStart = -1;
         }
     };
@@ -247,17 +297,32 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
 
         // Printable text in the ground state never touches the table: C1 and UTF-8 bytes
         // reach the print path as they are.
+        // The scan first looks for anything but printable ASCII, so that the print path need
+        // not look again when the run is plain.
         if (state == ParserState::ground && code > 0x1F) {
-            if (printStart < 0)
+            const uint8_t* const end = data + length;
+            const uint8_t* q = findNonPrintableAscii(data + i, end);
+            bool ascii = true;
+            if (q<end&& * q> 0x1F) {
+                ascii = false;
+                q = findControl(q + 1, end);
+            }
+            if (printStart < 0) {
                 printStart = i;
-            i = static_cast<int>(findControl(data + i + 1, data + length) - data) - 1;
+                printIsAscii = ascii;
+            } else {
+                printIsAscii = printIsAscii && ascii;
+            }
+            i = static_cast<int>(q - data) - 1;
             continue;
         }
         // A whole CSI sequence in the chunk is read without the table: the same clears, the same
         // parameter rules and the same dispatch as the machine would do byte by byte. Anything
         // unusual inside it (controls, DEL, a marker after a parameter) takes the table path.
         if (code == kEsc && state == ParserState::ground) {
-            const int end = readSimpleCsi(data, i, length);
+            int end = readPlainCsi(data, i, length);
+            if (end == 0)
+                end = readSimpleCsi(data, i, length);
             if (end > 0) {
                 flushPrint(i);
                 if (m_delegate != nullptr) {
@@ -297,6 +362,7 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
         case ParserAction::print:
             if (printStart < 0)
                 printStart = i;
+            printIsAscii = false;
             break;
         case ParserAction::execute:
             flushPrint(i);
@@ -382,6 +448,7 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
                 if (state == ParserState::ground) {
                     if (printStart < 0)
                         printStart = i;
+                    printIsAscii = false;
                     break;
                 }
                 if (state == ParserState::csiIgnore || state == ParserState::dcsIgnore) {

@@ -116,6 +116,7 @@ private:
     void dispatchOscString();
     void dispatchApcString();
     void appendParameterByte(uint8_t code);
+    int readPlainCsi(const uint8_t* data, int i, int length);
     int readSimpleCsi(const uint8_t* data, int i, int length);
 
     RestorableBytes m_osc;

@@ -17,6 +17,9 @@ public:
     virtual ~ParserDelegate() = default;
     /// A run of printable bytes from the ground state (may hold UTF-8, DEL and C1 bytes).
     virtual void print(std::span<const uint8_t> /*data*/) {}
+    /// A run of printable ASCII only (0x20 to 0x7E), which the parser found while looking for
+    /// its end anyway; by default the same as `print`.
+    virtual void printAscii(std::span<const uint8_t> data) { print(data); }
     /// A sequence started or the parser was reset: carried partial characters are void.
     virtual void printStateReset() {}
     /// A C0 or C1 control to execute.

@@ -337,6 +337,34 @@ TEST(BufferTest, AsciiRunsWrapLikeSingleCharacters) {
         EXPECT_EQ(viaRun.line(LineIndex(i)).isWrapped(), viaChars.line(LineIndex(i)).isWrapped());
 }
 
+TEST(BufferTest, AsciiRunsOfEveryLengthWriteExactlyTheirCells) {
+    // The bulk writers work in groups of four and eight cells, the last group overlapping;
+    // every length and start must write its own cells and leave the neighbours alone.
+    const std::string letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    for (int start = 0; start < 9; ++start) {
+        for (int length = 1; start + length <= 48; ++length) {
+            Buffer b(48, 2, 8, 0, {});
+            const std::string before(48, '.');
+            b.modes().curAttr = 3;
+            b.insertAsciiRun(reinterpret_cast<const uint8_t*>(before.data()), 48, 0);
+            b.setCursor(Col(start), ScreenRow(0));
+            b.modes().curAttr = 7;
+            b.setSemanticContent(2);
+            const std::string run = letters.substr(0, static_cast<size_t>(length));
+            ASSERT_EQ(b.insertAsciiRun(reinterpret_cast<const uint8_t*>(run.data()), length, 5), length);
+            const BufferLine& line = b.line(LineIndex(0));
+            for (int col = 0; col < 48; ++col) {
+                const bool inside = col >= start && col < start + length;
+                const CharData expected{inside ? run[col - start] : '.', inside ? 7u : 3u,
+                                        static_cast<uint16_t>(inside ? 5 : 0), 1,
+                                        static_cast<uint8_t>(inside ? 2 : 0)};
+                ASSERT_EQ(line[col], expected) << "start " << start << " length " << length << " col " << col;
+            }
+            EXPECT_EQ(b.x(), Col(start + length));
+        }
+    }
+}
+
 TEST(BufferTest, AsciiRunLeavesInsertModeToTheGeneralPath) {
     Buffer b(4, 3, 8, 10, {});
     b.modes().insertMode = true;

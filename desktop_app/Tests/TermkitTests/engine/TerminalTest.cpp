@@ -386,6 +386,33 @@ TEST(TerminalTest, ARepeatedSgrSequenceStaysRightAcrossAttributeCollections) {
     EXPECT_EQ(cellAttribute(t, 0), boldRed());
 }
 
+TEST(TerminalTest, SgrSequencesOverATrueColourBackgroundGiveTheSameOutcomeEveryTime) {
+    // Diff lines: a true-colour background under changing foregrounds, line after line, so
+    // that later lines repeat what earlier ones did from the same attributes.
+    RecordingTerminalDelegate host;
+    Terminal t(&host, sized(20, 6));
+    const std::string line =
+        "\x1b[48;2;0;64;0m+\x1b[38;5;205mab\x1b[39mc\x1b[38;2;1;2;3md\x1b[38;5;205me\x1b[0mf";
+    for (int i = 0; i < 5; ++i)
+        t.feed(line + "\r\n");
+    const auto green = Attribute::Color::trueColor(0, 64, 0);
+    Attribute plainOnGreen;
+    plainOnGreen.bg = green;
+    Attribute pinkOnGreen = plainOnGreen;
+    pinkOnGreen.fg = Attribute::Color::ansi256(205);
+    Attribute rgbOnGreen = plainOnGreen;
+    rgbOnGreen.fg = Attribute::Color::trueColor(1, 2, 3);
+    const Attribute expected[] = {plainOnGreen, pinkOnGreen, pinkOnGreen, plainOnGreen,
+                                  rgbOnGreen,   pinkOnGreen, Attribute{}};
+    for (int row = 0; row < 5; ++row) {
+        for (int col = 0; col < 7; ++col) {
+            const auto cell = t.getCharData(Col(col), ScreenRow(row));
+            ASSERT_TRUE(cell);
+            EXPECT_EQ(t.attribute(*cell), expected[col]) << "row " << row << " col " << col;
+        }
+    }
+}
+
 TEST(TerminalTest, AnUnknownSgrAttributeIsLoggedEveryTime) {
     RecordingTerminalDelegate host;
     Terminal t(&host, sized(10, 2));

@@ -53,6 +53,10 @@ public:
     CsiParameters lastPars;
 
     void print(std::span<const uint8_t> data) override { log.push_back("print(" + bytesText(data) + ")"); }
+    void printAscii(std::span<const uint8_t> data) override {
+        asciiRuns.push_back(bytesText(data));
+        print(data);
+    }
     void printStateReset() override { ++printResets; }
     void dispatchExecute(uint8_t code) override { log.push_back("exec(" + std::to_string(code) + ")"); }
     void dispatchCsi(uint8_t final, const CsiParameters& pars, std::span<const uint8_t> collect) override {
@@ -73,6 +77,8 @@ public:
     DcsHandler* decrqssDcsHandler() override { return &decrqss; }
 
     int printResets = 0;
+    /// The runs that came as printable ASCII only.
+    std::vector<std::string> asciiRuns;
 };
 
 } // namespace termkit::testing

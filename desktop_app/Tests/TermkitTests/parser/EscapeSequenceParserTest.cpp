@@ -286,6 +286,56 @@ TEST_F(ParserTest, SequenceStartsResetThePrintState) {
     EXPECT_EQ(target.printResets, before + 2);
 }
 
+TEST_F(ParserTest, RunsOfPrintableAsciiAreToldAsSuch) {
+    feed("plain text\r\nwith DEL\x7f\nand \xc3\xa9t\xc3\xa9\n\x1b[1mbold\x1b[0m");
+    EXPECT_EQ(target.log,
+              (Log{"print(plain text)", "exec(13)", "exec(10)", "print(with DEL\x7f)", "exec(10)",
+                   "print(and \xc3\xa9t\xc3\xa9)", "exec(10)", "csi(,1,m)", "print(bold)", "csi(,0,m)"}));
+    EXPECT_EQ(target.asciiRuns, (std::vector<std::string>{"plain text", "bold"}));
+}
+
+TEST_F(ParserTest, CommonCsiShapesMatchTheByteByByteMachine) {
+    // Whole sequences take the direct reading; fed one byte at a time they go through the
+    // table. Both must agree on every shape, the unusual ones included.
+    const std::vector<std::string> sequences = {
+        "\x1b[m",        "\x1b[0m",         "\x1b[1;31m",      "\x1b[;5H",          "\x1b[5;m",
+        "\x1b[;;m",      "\x1b[0001;0002H", "\x1b[123456789m", "\x1b[65535;65536m", "\x1b[38;2;1;2;3m",
+        "\x1b[4:3m",     "\x1b[?25l",       "\x1b[>0c",        "\x1b[1 q",          "\x1b[2$p",
+        "\x1b[1;2\x07m", "\x1b[1\x7fm",     "\x1b[1;2\xc3m",   "\x1b[1:2;3m",
+    };
+    std::string many = "\x1b[1";
+    for (int i = 2; i <= 24; ++i)
+        many += ";" + std::to_string(i);
+    const std::vector<std::string> extra = {many + "m", many + ";25m", many + ";25;26m"};
+    std::vector<std::string> all = sequences;
+    all.insert(all.end(), extra.begin(), extra.end());
+    for (const std::string& seq : all) {
+        const std::string input = "a" + seq + "b";
+        RecordingParserDelegate whole;
+        EscapeSequenceParser direct(&whole);
+        direct.parse(bytes(input));
+        RecordingParserDelegate split;
+        EscapeSequenceParser bytewise(&split);
+        for (char c : input)
+            bytewise.parse(bytes(std::string(1, c)));
+        // Print runs may be cut in different places (by chunks, by a swallowed sequence).
+        auto joinPrints = [](const Log& log) {
+            Log joined;
+            for (const std::string& line : log) {
+                if (line.rfind("print(", 0) == 0 && !joined.empty() &&
+                    joined.back().rfind("print(", 0) == 0) {
+                    joined.back() = joined.back().substr(0, joined.back().size() - 1) + line.substr(6);
+                } else {
+                    joined.push_back(line);
+                }
+            }
+            return joined;
+        };
+        EXPECT_EQ(joinPrints(whole.log), joinPrints(split.log)) << "sequence " << seq.substr(1);
+        EXPECT_EQ(whole.printResets, split.printResets) << "sequence " << seq.substr(1);
+    }
+}
+
 TEST(ParseDecimalTest, ReadsDigitsAndRejectsTheRest) {
     auto of = [](const std::string& s) { return parseDecimal(bytes(s)); };
     EXPECT_EQ(of("0"), 0);
