@@ -233,6 +233,27 @@ void Buffer::scrollWithMargins(bool isWrapped) {
 // lines move). Only the branches for such regions do it, so that the full-screen scroll, a
 // hot path, pays nothing for it.
 void Buffer::scroll(bool isWrapped) {
+    // The common case first: a full-screen region at the bottom of a full ring, as plain
+    // output scrolls once per line. Same steps as the full-ring branch below, fewer checks.
+    if (m_scrollTop == ScreenRow(0) && m_scrollBottom == lastRow() && m_lines.isFull() &&
+        m_yBase.value >= 0 && m_yBase.value + m_rows == m_lines.count() && !m_modes->marginMode) [[likely]] {
+        const LineIndex oldYDisp = m_yDisp;
+        const BufferLine* bottomLine = isWrapped ? m_lines.peek(m_lines.count() - 1) : nullptr;
+        const BidiPresentationState bidi = bottomLine ? bottomLine->bidiState() : defaultBidiState();
+        BufferLine& fresh = m_lines.recycle(eraseAttr());
+        fresh.setWrapped(isWrapped);
+        fresh.setBidiState(bidi);
+        ++m_linesTop;
+        if (m_observer) {
+            if (m_observer->isUserScrolling())
+                m_yDisp = std::max(m_yDisp - 1, LineIndex(0));
+            m_observer->bufferScrolledInPlace();
+        }
+        markRows(m_scrollTop, m_scrollBottom);
+        if (m_yDisp != oldYDisp && m_observer)
+            m_observer->bufferScrolled(m_yDisp);
+        return;
+    }
     if (m_modes->marginMode && (m_marginLeft != Col(0) || m_marginRight != lastCol())) {
         hardenBidiScrollBoundaries();
         scrollWithMargins(isWrapped);

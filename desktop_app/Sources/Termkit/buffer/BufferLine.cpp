@@ -108,18 +108,10 @@ void BufferLine::fill(const CharData& fillData) {
     ++m_generation;
 }
 
-void BufferLine::clear(AttributeId attribute) {
-    // Cells past the clean mark are already empty: a recycled line is cleared only as far as
-    // it was ever written.
-    if (attribute == AttributeTable::kEmpty) {
-        // Lazily: a recycled line is mostly overwritten by the next output anyway.
-        m_dirty = std::max(m_dirty, m_clean);
-        m_clean = 0;
-    } else {
-        m_dirty = 0;
-        fillCells(m_data.get(), m_size, CharData::Null.withAttribute(attribute));
-        m_clean = m_size;
-    }
+void BufferLine::clearWith(AttributeId attribute) {
+    m_dirty = 0;
+    fillCells(m_data.get(), m_size, CharData::Null.withAttribute(attribute));
+    m_clean = m_size;
     m_isWrapped = false;
     m_renderMode = RenderLineMode::single;
     ++m_generation;

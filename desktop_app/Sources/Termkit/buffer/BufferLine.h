@@ -107,7 +107,21 @@ public:
     /// Sets every cell to `fillData`.
     void fill(const CharData& fillData);
     /// Empties the line with the given attribute: every cell null, not wrapped, single width.
-    void clear(AttributeId attribute);
+    /// Inline: every scrolled line is cleared, and with the empty attribute this only moves marks.
+    void clear(AttributeId attribute) {
+        if (attribute != AttributeTable::kEmpty) [[unlikely]] {
+            clearWith(attribute);
+            return;
+        }
+        // Lazily: a recycled line is mostly overwritten by the next output anyway. Cells past
+        // the clean mark are already empty, so only as far as the line was ever written.
+        if (m_clean > m_dirty)
+            m_dirty = m_clean;
+        m_clean = 0;
+        m_isWrapped = false;
+        m_renderMode = RenderLineMode::single;
+        ++m_generation;
+    }
     /// Copies `len` cells from `line` at `srcCol` to `dstCol`; the two ranges may overlap.
     void copyFrom(const BufferLine& line, int srcCol, int dstCol, int len);
     /// Inserts `n` cells at `pos`, shifting cells up to `rightMargin` (inclusive) right.
@@ -159,6 +173,8 @@ public:
     void destroySemanticState();
 
 private:
+    // clear() with an attribute other than the empty one: every cell is written now.
+    void clearWith(AttributeId attribute);
     // Clears what a lazy clear left behind, before anyone reads it.
     void settle() const {
         if (m_dirty != 0) [[unlikely]]

@@ -72,7 +72,7 @@ CircularBufferLineList::LinePtr CircularBufferLineList::pop() {
     return line;
 }
 
-BufferLine& CircularBufferLineList::recycle(AttributeId clearAttribute) {
+BufferLine& CircularBufferLineList::recycleSlow(AttributeId clearAttribute) {
     TERMKIT_INVARIANT(m_count == maxLength(), "recycle can only be called on a full line list");
     BufferLine*& slot = m_array[m_startIndex];
     m_startIndex = physical(1);

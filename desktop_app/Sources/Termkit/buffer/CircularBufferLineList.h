@@ -57,7 +57,19 @@ public:
     LinePtr pop();
     /// Reuses the oldest line as the newest: cleared with the attribute, no semantic state,
     /// not wrapped. Only valid on a full ring.
-    BufferLine& recycle(AttributeId clearAttribute);
+    /// Inline for the common line (made, without images or semantic state): every line feed
+    /// at the bottom of a full ring comes here.
+    BufferLine& recycle(AttributeId clearAttribute) {
+        BufferLine* line = m_array[m_startIndex];
+        if (line == nullptr || line->hasAnnotations() || m_count != maxLength()) [[unlikely]]
+            return recycleSlow(clearAttribute);
+        m_startIndex = physical(1);
+        line->clear(clearAttribute);
+        line->markRecycled();
+        if (onLineRecycled)
+            onLineRecycled(false);
+        return *line;
+    }
     /// Removes `deleteCount` lines at `start` and inserts `items` there. A ring that overflows
     /// drops its oldest lines; returns how many were dropped.
     int splice(int start, int deleteCount, std::vector<LinePtr> items);
@@ -81,6 +93,7 @@ private:
         return p >= size ? p - size : p;
     }
     void materialize(BufferLine*& slot);
+    BufferLine& recycleSlow(AttributeId clearAttribute);
     void attach(BufferLine& line) {
         if (onLineAttached)
             onLineAttached(line);
