@@ -87,8 +87,8 @@ BufferLine& CircularBufferLineList::recycleSlow(AttributeId clearAttribute) {
     }
     line.clear(clearAttribute);
     line.markRecycled();
-    if (onLineRecycled)
-        onLineRecycled(hadImages);
+    if (hadImages && onLineRecycled)
+        onLineRecycled(true);
     return line;
 }
 

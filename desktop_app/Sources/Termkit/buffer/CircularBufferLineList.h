@@ -24,7 +24,8 @@ public:
 
     /// Makes the line for an empty slot.
     std::function<LinePtr()> makeEmpty;
-    /// Told when the oldest line was reused, with whether it had images.
+    /// Told when the oldest line was reused while it had images (the owner counts such lines);
+    /// a line without images is reused without a call, as every line feed of plain output does.
     std::function<void(bool hadImages)> onLineRecycled;
     /// Told when a pushed line has images.
     std::function<void(BufferLine&)> onLinePushed;
@@ -66,8 +67,6 @@ public:
         m_startIndex = physical(1);
         line->clear(clearAttribute);
         line->markRecycled();
-        if (onLineRecycled)
-            onLineRecycled(false);
         return *line;
     }
     /// Removes `deleteCount` lines at `start` and inserts `items` there. A ring that overflows
