@@ -15,6 +15,17 @@ namespace {
 
 constexpr size_t kGroupSize = 16;
 constexpr size_t kInitialSlots = 1024;
+
+// Copies `from` (between one and two words long) to `to` as its first and its last word,
+// which overlap when it is shorter than two words.
+template <class Word> void copyAsTwoWords(std::string_view from, char* to) {
+    Word head;
+    Word tail;
+    std::memcpy(&head, from.data(), sizeof(Word));
+    std::memcpy(&tail, from.data() + from.size() - sizeof(Word), sizeof(Word));
+    std::memcpy(to, &head, sizeof(Word));
+    std::memcpy(to + from.size() - sizeof(Word), &tail, sizeof(Word));
+}
 constexpr size_t kAstralCacheSize = 512;
 
 // Decodes a string that holds exactly one scalar; returns -1 otherwise.
@@ -180,19 +191,9 @@ int32_t CharacterTable::store(std::string_view cluster, uint32_t hash, size_t fr
     }
     char* to = m_arena.data() + used;
     if (cluster.size() >= 8 && cluster.size() <= 16) {
-        uint64_t head;
-        uint64_t tail;
-        std::memcpy(&head, cluster.data(), 8);
-        std::memcpy(&tail, cluster.data() + cluster.size() - 8, 8);
-        std::memcpy(to, &head, 8);
-        std::memcpy(to + cluster.size() - 8, &tail, 8);
+        copyAsTwoWords<uint64_t>(cluster, to);
     } else if (cluster.size() >= 4 && cluster.size() < 8) {
-        uint32_t head;
-        uint32_t tail;
-        std::memcpy(&head, cluster.data(), 4);
-        std::memcpy(&tail, cluster.data() + cluster.size() - 4, 4);
-        std::memcpy(to, &head, 4);
-        std::memcpy(to + cluster.size() - 4, &tail, 4);
+        copyAsTwoWords<uint32_t>(cluster, to);
     } else if (!cluster.empty() && cluster.size() < 4) {
         to[0] = cluster[0];
         to[cluster.size() / 2] = cluster[cluster.size() / 2];
