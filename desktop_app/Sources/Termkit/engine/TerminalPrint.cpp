@@ -156,11 +156,7 @@ void Terminal::handlePrint(std::span<const uint8_t> data) {
     const uint8_t* p = data.data();
     const int n = static_cast<int>(data.size());
     const uint16_t payload = m_activeHyperlink ? resolveActiveHyperlink() : 0;
-    // Plain ASCII takes one scan and one bulk write.
-    if (m_charset == nullptr && m_carriedCount == 0 && allPrintableAscii(p, p + n)) {
-        printAsciiRun(p, n, payload);
-        return;
-    }
+    // Runs of printable ASCII alone arrive through printAscii: the parser has told them apart.
     b.markRow(b.y());
     printGeneral(p, n, payload);
     b.markRow(b.y());

@@ -49,26 +49,6 @@ inline bool allAscii(const uint8_t* p, const uint8_t* end) {
 
 namespace termkit {
 
-/// True when every byte of the range is printable ASCII (0x20 to 0x7E).
-inline bool allPrintableAscii(const uint8_t* p, const uint8_t* end) {
-#if defined(__SSE2__)
-    // Adding 0x60 maps 0x20..0x7E onto the signed bytes -128..-34 and everything else above.
-    const __m128i shift = _mm_set1_epi8(0x60);
-    const __m128i limit = _mm_set1_epi8(-33);
-    while (end - p >= 16) {
-        const __m128i v = _mm_add_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), shift);
-        if (_mm_movemask_epi8(_mm_cmpgt_epi8(limit, v)) != 0xFFFF)
-            return false;
-        p += 16;
-    }
-#endif
-    for (; p < end; ++p) {
-        if (*p < 0x20 || *p > 0x7E)
-            return false;
-    }
-    return true;
-}
-
 /// First position at or after `p` whose byte is not printable ASCII, or `end`.
 inline const uint8_t* findNonPrintableAscii(const uint8_t* p, const uint8_t* end) {
 #if defined(__SSE2__)

@@ -303,7 +303,7 @@ void EscapeSequenceParser::parse(std::span<const uint8_t> input) {
             const uint8_t* const end = data + length;
             const uint8_t* q = findNonPrintableAscii(data + i, end);
             bool ascii = true;
-            if (q<end&& * q> 0x1F) {
+            if ((q < end) && *q > 0x1F) {
                 ascii = false;
                 q = findControl(q + 1, end);
             }
